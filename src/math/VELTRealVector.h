@@ -1,0 +1,149 @@
+#pragma once
+// Length-counted, contiguous, 64-byte aligned arrays of 32-bit (VELTRealVector) and 64-bit
+// (VELTRealDoubleVector) floats. Plain values: copying copies the samples. An immutable vector is
+// a const one; VELTMutableRealVector names the same class where the code mutates.
+
+#include <cstddef>
+#include <cstdint>
+#include <initializer_list>
+#include <span>
+#include <vector>
+
+#include "math/AlignedBuffer.h"
+
+namespace tavolar {
+
+class VELTComplexVector;
+class VELTMutableComplexDoubleVector;
+class VELTFFTSetup;
+class VELTFFTDoubleSetup;
+class VELTRealDoubleVector;
+
+class VELTRealVector {
+public:
+    // Creation. Every new vector is zero-filled.
+    VELTRealVector() = default;
+    explicit VELTRealVector(std::size_t length);
+    VELTRealVector(std::initializer_list<float> components);
+    explicit VELTRealVector(std::span<const float> components);
+
+    static VELTRealVector realVectorWithLength(std::size_t length);
+    static VELTRealVector realVectorWithComponents(std::span<const float> components);
+    // Packed host-order floats; a trailing partial float is ignored.
+    static VELTRealVector realVectorWithData(std::span<const std::byte> data);
+    static VELTRealVector onesWithLength(std::size_t length);
+    // The integers first, first + 1, ..., last - 1 (last excluded), so (0, n) is an index ramp of n.
+    static VELTRealVector realVectorWithIntegersRangingFrom(std::int64_t first, std::int64_t last);
+    // Bin centre frequencies k * rate / fftLength for k = 0 .. fftLength / 2, the bins of a real FFT.
+    static VELTRealVector realVectorWithFrequencyTable(std::uint64_t sampleRate, std::size_t fftLength);
+
+    // Direct-form II transposed IIR filter; a[0] is the leading coefficient (normally 1) and every
+    // coefficient is divided by it. w is the initial state (length max(|a|, |b|) - 1), zero if null.
+    // Computed in double precision, output rounded to float. Output has the length of x.
+    static VELTRealVector filteredVector(const VELTRealDoubleVector& b, const VELTRealDoubleVector& a,
+                                         const VELTRealVector& x, const VELTRealDoubleVector* w = nullptr);
+    // Component-wise over equal-length vectors (TAVOLAR_PARAMETER_ASSERT on unequal lengths).
+    // The difference is the first vector minus all the others. An empty list gives an empty vector.
+    static VELTRealVector sumOfVectors(std::span<const VELTRealVector> vectors);
+    static VELTRealVector differenceOfVectors(std::span<const VELTRealVector> vectors);
+    static VELTRealVector averageOfVectors(std::span<const VELTRealVector> vectors);
+    static VELTRealVector RMSAverageOfVectors(std::span<const VELTRealVector> vectors);
+
+    VELTRealVector mutableCopy() const { return *this; }
+
+    // Access.
+    std::size_t length() const noexcept { return data_.size(); }
+    // Truncates, or extends with 0.0.
+    void setLength(std::size_t length);
+    const float* components() const noexcept { return data_.data(); }
+    float* mutableComponents() noexcept { return data_.data(); }
+    std::span<const float> span() const noexcept { return {data_.data(), data_.size()}; }
+    std::span<float> mutableSpan() noexcept { return {data_.data(), data_.size()}; }
+    float operator[](std::size_t index) const noexcept { return data_[index]; }
+    float& operator[](std::size_t index) noexcept { return data_[index]; }
+    float componentAtIndex(std::size_t index) const;
+    void setComponent(float value, std::size_t index);
+    void appendComponent(float value);
+    void appendVector(const VELTRealVector& other);
+    void appendVector(std::span<const float> other);
+    VELTRealVector realVectorInRange(std::size_t location, std::size_t length) const;
+    std::span<const float> realVectorInRangeNoCopy(std::size_t location, std::size_t length) const;
+    void replaceComponentsInRange(std::size_t location, std::size_t length, const VELTRealVector& with);
+    bool isAllZeroes() const noexcept;
+    void swapFloatsBigToHostIfRequired() noexcept;
+    void clear() noexcept;
+
+    // Extremes; the empty vector answers 0 and location 0.
+    float max() const noexcept;
+    float min() const noexcept;
+    void getMaximum(float& value, std::size_t& location) const noexcept;
+    void getMinimum(float& value, std::size_t& location) const noexcept;
+    // Largest absolute value (returned as that absolute value) and its index; location may be null.
+    void getMaximumMagnitude(float& value, std::size_t* location) const noexcept;
+    float sumOfElements() const noexcept;
+    float RMSAverage() const noexcept;
+    float dotProductWithVector(const VELTRealVector& other) const;
+
+    // In-place arithmetic.
+    void scaleBy(float factor) noexcept;
+    void addScalar(float value) noexcept;
+    void add(const VELTRealVector& other);
+    void subtract(const VELTRealVector& other);
+    void multiplyBy(const VELTRealVector& other);
+    void square() noexcept;
+    void sqrt() noexcept;
+    void abs() noexcept;
+    void log() noexcept; // natural logarithm
+    void exp() noexcept;
+    void normalize() noexcept;         // scale so that the largest magnitude is 1.0 (all-zero: unchanged)
+    void normalizeDecibels() noexcept; // shift so that the largest value is 0.0
+    void reverse() noexcept;
+    // Rotates right by shift samples (negative: left): out[(i + shift) mod N] = in[i].
+    void circularShiftBy(std::int64_t shift) noexcept;
+
+    // Transforms. Forward is unscaled; bins 0 .. N/2 of the real transform (N/2 + 1 of them).
+    // Requires a power-of-two length (TAVOLAR_PARAMETER_ASSERT).
+    VELTComplexVector fft() const;
+    // The same into a caller's vector of at least N/2 + 1 components, with a prepared plan of length N.
+    void fftIntoComplexVector(VELTComplexVector& spectrum, const VELTFFTSetup& setup) const;
+
+    bool operator==(const VELTRealVector&) const = default;
+
+private:
+    AlignedBuffer<float> data_;
+};
+
+using VELTMutableRealVector = VELTRealVector;
+
+class VELTRealDoubleVector {
+public:
+    VELTRealDoubleVector() = default;
+    explicit VELTRealDoubleVector(std::size_t length);
+    VELTRealDoubleVector(std::initializer_list<double> components);
+    explicit VELTRealDoubleVector(std::span<const double> components);
+    static VELTRealDoubleVector realDoubleVectorWithComponents(std::initializer_list<double> components);
+    static VELTRealDoubleVector withRealVector(const VELTRealVector& floats);
+    VELTRealVector realVector() const; // narrowed to float
+
+    std::size_t length() const noexcept { return data_.size(); }
+    void setLength(std::size_t length);
+    const double* components() const noexcept { return data_.data(); }
+    double* mutableComponents() noexcept { return data_.data(); }
+    std::span<const double> span() const noexcept { return {data_.data(), data_.size()}; }
+    std::span<double> mutableSpan() noexcept { return {data_.data(), data_.size()}; }
+    double operator[](std::size_t index) const noexcept { return data_[index]; }
+    double& operator[](std::size_t index) noexcept { return data_[index]; }
+    void scaleBy(double factor) noexcept;
+    void clear() noexcept;
+
+    // Forward real transform in double precision into bins 0 .. N/2 of a caller's vector.
+    void fftIntoComplexDoubleVector(VELTMutableComplexDoubleVector& spectrum,
+                                    const VELTFFTDoubleSetup& setup) const;
+
+    bool operator==(const VELTRealDoubleVector&) const = default;
+
+private:
+    AlignedBuffer<double> data_;
+};
+
+} // namespace tavolar
