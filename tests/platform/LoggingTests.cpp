@@ -1,0 +1,116 @@
+#include "platform/Logging.h"
+#include "platform/TavolarLocalizedString.h"
+#include "platform/UUID.h"
+
+#include <gtest/gtest.h>
+#include <set>
+#include <thread>
+
+namespace tavolar {
+namespace {
+
+class LoggingTest : public ::testing::Test {
+protected:
+    void SetUp() override { setSystemLogEnabled(false); }
+    void TearDown() override {
+        setConsoleSink(nullptr);
+        setSystemLogEnabled(true);
+    }
+};
+
+TEST_F(LoggingTest, ErrorLinesNameTheSourceFileWithoutItsFolders) {
+    LogCapture capture;
+    logError("/home/builder/src/engine/VELTRZMeasurementController.cpp", "Could not start playback");
+    logError("Plain.cpp", "no folders");
+    logError("C:\\dev\\Win.cpp", "backslashes");
+    TAVOLAR_LOG_ERROR("from a macro");
+    logMessage("a plain line");
+
+    std::vector<LogLine> lines = capture.lines();
+    ASSERT_EQ(lines.size(), 5u);
+    EXPECT_EQ(lines[0].text, "(ERROR) VELTRZMeasurementController.cpp : Could not start playback");
+    EXPECT_EQ(lines[0].level, LogLevel::Error);
+    EXPECT_EQ(lines[1].text, "(ERROR) Plain.cpp : no folders");
+    EXPECT_EQ(lines[2].text, "(ERROR) Win.cpp : backslashes");
+    EXPECT_EQ(lines[3].text, "(ERROR) LoggingTests.cpp : from a macro");
+    EXPECT_EQ(lines[4], (LogLine{LogLevel::Notice, "a plain line"}));
+    EXPECT_TRUE(capture.contains("Could not start"));
+    EXPECT_FALSE(capture.contains("never logged"));
+    capture.clear();
+    EXPECT_TRUE(capture.lines().empty());
+}
+
+TEST_F(LoggingTest, CapturesNestAndStopWhenDestroyedAndConsoleSinkSeesEveryLine) {
+    std::vector<std::string> console;
+    setConsoleSink([&](const LogLine& line) { console.push_back(line.text); });
+    LogCapture outer;
+    logMessage("first");
+    {
+        LogCapture inner;
+        logMessage("second");
+        EXPECT_EQ(inner.texts(), std::vector<std::string>{"second"});
+    }
+    logMessage("third");
+    EXPECT_EQ(outer.texts(), (std::vector<std::string>{"first", "second", "third"}));
+    EXPECT_EQ(console, (std::vector<std::string>{"first", "second", "third"}));
+    setConsoleSink(nullptr);
+    logMessage("fourth");
+    EXPECT_EQ(console.size(), 3u);
+}
+
+TEST_F(LoggingTest, LinesFromManyThreadsAreAllCapturedWhole) {
+    LogCapture capture;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t)
+        threads.emplace_back([t] {
+            for (int i = 0; i < 250; ++i)
+                logError("Worker.cpp", "thread " + std::to_string(t) + " line " + std::to_string(i));
+        });
+    for (auto& thread : threads)
+        thread.join();
+    std::vector<std::string> texts = capture.texts();
+    ASSERT_EQ(texts.size(), 1000u);
+    std::set<std::string> unique(texts.begin(), texts.end());
+    EXPECT_EQ(unique.size(), 1000u);
+    EXPECT_TRUE(unique.contains("(ERROR) Worker.cpp : thread 3 line 249"));
+}
+
+TEST(LocalizedString, EnglishIsTheDefaultAndAnInstalledTableTranslates) {
+    EXPECT_EQ(TavolarLocalizedString("Could not find file", "error"), "Could not find file");
+    setLocalizationTable(std::map<std::string, std::string, std::less<>>{{"Cancel", "Abbrechen"}});
+    EXPECT_EQ(TavolarLocalizedString("Cancel", "button"), "Abbrechen");
+    EXPECT_EQ(TavolarLocalizedString("Untranslated"), "Untranslated");
+    setLocalizationTable(
+        LocalizationTable([](std::string_view text, std::string_view comment) -> std::optional<std::string> {
+            return std::string(comment) + ":" + std::string(text);
+        }));
+    EXPECT_EQ(TavolarLocalizedString("Level", "axis"), "axis:Level");
+    setLocalizationTable(LocalizationTable{});
+    EXPECT_EQ(TavolarLocalizedString("Cancel"), "Cancel");
+}
+
+TEST(UUIDStrings, AreCanonicalVersionFourAndDistinct) {
+    std::set<std::string> seen;
+    for (int i = 0; i < 2000; ++i) {
+        std::string text = newUUIDString();
+        ASSERT_EQ(text.size(), 36u);
+        ASSERT_TRUE(isUUIDString(text)) << text;
+        EXPECT_EQ(text[14], '4') << text;
+        EXPECT_NE(std::string("89AB").find(text[19]), std::string::npos) << text;
+        for (char c : text)
+            EXPECT_FALSE(c >= 'a' && c <= 'f') << text;
+        seen.insert(text);
+    }
+    EXPECT_EQ(seen.size(), 2000u);
+
+    std::array<std::uint8_t, 16> bytes{0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
+                                       0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
+    EXPECT_EQ(uuidString(bytes), "00112233-4455-6677-8899-AABBCCDDEEFF");
+    EXPECT_TRUE(isUUIDString("e621e1f8-c36c-495a-93fc-0c247a3e6e5f"));
+    EXPECT_FALSE(isUUIDString("E621E1F8C36C495A93FC0C247A3E6E5F"));
+    EXPECT_FALSE(isUUIDString("E621E1F8-C36C-495A-93FC-0C247A3E6E5G"));
+    EXPECT_FALSE(isUUIDString("E621E1F8-C36C-495A-93FC-0C247A3E6E5"));
+}
+
+} // namespace
+} // namespace tavolar
