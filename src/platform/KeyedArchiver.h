@@ -17,22 +17,21 @@
 // The oldest archives of some classes are unkeyed: values read in sequence. An object written with
 // the encodeUnkeyed... calls holds such a sequence, and the decodeNext... calls read it in order.
 
+#include "platform/TavolarError.h"
+
 #include <chrono>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include <nlohmann/json.hpp>
-
-#include "platform/TavolarError.h"
 
 namespace tavolar {
 
@@ -92,6 +91,8 @@ public:
     void encodeStringArray(std::span<const std::string> value, std::string_view key);
     void encodeStringDictionary(const std::map<std::string, std::string>& value, std::string_view key);
     void encodeNull(std::string_view key);
+    // A dictionary of plain values given as a JSON object (see KeyedUnarchiver::decodeDictionary).
+    void encodeDictionary(const nlohmann::json& value, std::string_view key);
 
     template <KeyedArchivable T> void encodeObject(const T& object, std::string_view key) {
         KeyedArchiver child(T::className);
@@ -152,17 +153,24 @@ public:
         KeyedUnarchiver unarchiver(std::move(*root));
         if (!unarchiver.checkClass(T::className, "root"))
             return std::unexpected(*unarchiver.error());
-        T object = unarchiver.decodeSafely<T>();
+        std::optional<T> object = unarchiver.decodeSafely<T>();
         if (unarchiver.error())
             return std::unexpected(*unarchiver.error());
-        return object;
+        return std::move(*object);
     }
+
+    // The archive as indented JSON, for people to read; an error when the data is not an archive.
+    static Expected<std::string> jsonDescription(std::span<const std::byte> data,
+                                                 ArchiveFormat format = ArchiveFormat::CBOR);
 
     // The class name stored for this object.
     std::string className() const;
     bool containsValueForKey(std::string_view key) const;
     // True when this object holds the unkeyed, oldest form.
     bool isUnkeyed() const;
+    // What is stored for key: the class name of an object, or "String", "Number", "Data", "FloatVector",
+    // "Date", "Color", "IndexSet", "Array", "Dictionary", "Null"; nullopt when the key is absent.
+    std::optional<std::string> classNameForKey(std::string_view key) const;
 
     bool decodeBool(std::string_view key);
     std::int32_t decodeInt32(std::string_view key);
@@ -180,6 +188,9 @@ public:
     std::optional<IndexSet> decodeIndexSet(std::string_view key);
     std::optional<std::vector<std::string>> decodeStringArray(std::string_view key);
     std::optional<std::map<std::string, std::string>> decodeStringDictionary(std::string_view key);
+    // A dictionary of plain values (numbers, booleans, strings, data, null, arrays, dictionaries) as a
+    // JSON object; raw data comes back as JSON binary values.
+    std::optional<nlohmann::json> decodeDictionary(std::string_view key);
 
     template <KeyedArchivable T> std::optional<T> decodeObjectOfClass(std::string_view key) {
         auto child = childForKey(key, T::className);
@@ -187,7 +198,8 @@ public:
             return std::nullopt;
         return decodeChild<T>(std::move(*child));
     }
-    template <KeyedArchivable T> std::optional<std::vector<T>> decodeObjectArrayOfClass(std::string_view key) {
+    template <KeyedArchivable T>
+    std::optional<std::vector<T>> decodeObjectArrayOfClass(std::string_view key) {
         auto children = childArrayForKey(key, T::className);
         if (!children)
             return std::nullopt;
@@ -238,19 +250,22 @@ private:
     static Expected<nlohmann::json> parse(std::span<const std::byte> data, ArchiveFormat format);
     bool checkClass(std::string_view expected, std::string_view key);
     std::optional<nlohmann::json> childForKey(std::string_view key, std::string_view className);
-    std::optional<std::vector<nlohmann::json>> childArrayForKey(std::string_view key, std::string_view className);
+    std::optional<std::vector<nlohmann::json>> childArrayForKey(std::string_view key,
+                                                                std::string_view className);
     std::optional<std::map<std::string, nlohmann::json>> childDictionaryForKey(std::string_view key,
-                                                                              std::string_view className);
+                                                                               std::string_view className);
     std::optional<nlohmann::json> nextUnkeyedChild(std::string_view className);
 
     // Decodes this node as a T, turning any exception the class raises into a decoding error.
-    template <KeyedArchivable T> T decodeSafely() {
+    template <KeyedArchivable T> std::optional<T> decodeSafely() {
         try {
             return T::initWithCoder(*this);
         } catch (const std::exception& exception) {
             failWithError(decodingError(exception.what()));
-            return T::initWithCoder(emptyFor(T::className));
+        } catch (...) {
+            failWithError(decodingError("the object could not be made from its values"));
         }
+        return std::nullopt;
     }
     template <KeyedArchivable T> std::optional<T> decodeChild(nlohmann::json node) {
         if (depth_ >= kMaximumDepth) {
@@ -258,12 +273,21 @@ private:
             return std::nullopt;
         }
         KeyedUnarchiver child(std::move(node), error_, depth_ + 1);
-        T object = child.decodeSafely<T>();
+        std::optional<T> object = child.decodeSafely<T>();
         if (*error_)
             return std::nullopt;
         return object;
     }
-    KeyedUnarchiver& emptyFor(std::string_view className);
+    // The stored value for key, or nullptr when it is absent or null.
+    const nlohmann::json* valueForKey(std::string_view key) const;
+    // Reports that the value for key is of the wrong kind.
+    void failWithKind(const nlohmann::json& value, std::string_view expected, std::string_view key);
+    // Reports a problem with the value for key; the key and class are added to description.
+    void failForKey(std::string description, std::string_view key);
+    const nlohmann::json* nextUnkeyedValue();
+    template <typename Number> Number decodeNumberValue(const nlohmann::json* value, std::string_view key);
+    std::optional<nlohmann::json> childOfClass(const nlohmann::json& value, std::string_view className,
+                                               std::string_view key);
     static TavolarError decodingError(std::string_view what);
 
     static constexpr int kMaximumDepth = 64;
@@ -271,7 +295,6 @@ private:
     std::shared_ptr<std::optional<TavolarError>> error_;
     int depth_ = 0;
     std::size_t unkeyedPosition_ = 0;
-    std::unique_ptr<KeyedUnarchiver> empty_;
 };
 
 } // namespace tavolar
