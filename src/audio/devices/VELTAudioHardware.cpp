@@ -1,0 +1,188 @@
+#include "audio/devices/VELTAudioHardware.h"
+
+#include "audio/VELTAudioDeviceRegistry.h"
+#include "audio/devices/AudioDeviceUID.h"
+#include "audio/devices/VELTAudioDevice.h"
+#include "audio/devices/simulated/SimulatedAudioDevice.h"
+#include "audio/devices/simulated/SimulatedDeviceConfiguration.h"
+
+#include <map>
+#include <mutex>
+
+#if defined(TAVOLAR_WITH_JACK)
+#include "audio/devices/jack/JackAudioDevice.h"
+#endif
+
+namespace tavolar {
+
+namespace {
+
+struct KnownDevice {
+    AudioDeviceID deviceID = kAudioDeviceUnknown;
+    std::shared_ptr<AudioDeviceDriver> driver;
+};
+
+// The process-wide table of drivers. Devices are keyed by the UID as given (the identity the
+// capture settings keep); a driver is shared by every UID of the same canonical form.
+class HardwareState {
+public:
+    static HardwareState& shared() {
+        static HardwareState state;
+        return state;
+    }
+
+    std::shared_ptr<AudioDeviceDriver> driverForUID(std::string_view uid, AudioDeviceID* deviceID) {
+        std::lock_guard lock(mutex_);
+        auto parsed = AudioDeviceUID::parse(uid);
+        if (!parsed)
+            return nullptr;
+        std::string canonical = parsed->canonicalString();
+        if (auto found = known_.find(canonical); found != known_.end()) {
+            if (found->second.driver->isAlive()) {
+                if (deviceID)
+                    *deviceID = found->second.deviceID;
+                return found->second.driver;
+            }
+            forget(found);
+        }
+        std::shared_ptr<AudioDeviceDriver> driver = makeDriver(*parsed, std::string(uid));
+        if (!driver)
+            return nullptr;
+        KnownDevice device{nextDeviceID_++, driver};
+        known_.emplace(canonical, device);
+        publish(std::string(uid), *driver);
+        if (canonical != uid)
+            publish(canonical, *driver);
+        if (deviceID)
+            *deviceID = device.deviceID;
+        return driver;
+    }
+
+    std::shared_ptr<AudioDeviceDriver> driverForID(AudioDeviceID deviceID) {
+        std::lock_guard lock(mutex_);
+        for (auto& [canonical, device] : known_)
+            if (device.deviceID == deviceID)
+                return device.driver->isAlive() ? device.driver : nullptr;
+        return nullptr;
+    }
+
+    void registerSimulated(const SimulatedDeviceConfiguration& configuration) {
+        std::lock_guard lock(mutex_);
+        simulated_[configuration.name] = configuration;
+        AudioDeviceUID uid{"sim", configuration.name, {}};
+        if (auto found = known_.find(uid.canonicalString()); found != known_.end())
+            forget(found);
+    }
+
+    void removeSimulated(const std::string& name) {
+        std::lock_guard lock(mutex_);
+        simulated_.erase(name);
+        AudioDeviceUID uid{"sim", name, {}};
+        if (auto found = known_.find(uid.canonicalString()); found != known_.end())
+            forget(found);
+    }
+
+    std::vector<std::string> simulatedNames() {
+        std::lock_guard lock(mutex_);
+        std::vector<std::string> names{"default"};
+        for (const auto& [name, configuration] : simulated_)
+            if (name != "default")
+                names.push_back(name);
+        return names;
+    }
+
+private:
+    std::shared_ptr<AudioDeviceDriver> makeDriver(const AudioDeviceUID& uid, const std::string& given) {
+        if (uid.scheme == "sim") {
+            SimulatedDeviceConfiguration configuration;
+            if (auto registered = simulated_.find(uid.name); registered != simulated_.end())
+                configuration = registered->second;
+            else
+                configuration = SimulatedDeviceConfiguration::defaultConfiguration();
+            configuration.name = uid.name;
+            if (!configuration.applyParameters(uid.parameters))
+                return nullptr;
+            return makeSimulatedDeviceDriver(given, configuration);
+        }
+#if defined(TAVOLAR_WITH_JACK)
+        if (uid.scheme == "jack")
+            return openJackDeviceDriver(uid, given);
+#endif
+        return nullptr;
+    }
+
+    void publish(std::string uid, const AudioDeviceDriver& driver) {
+        AudioDeviceDescription description;
+        description.uid = std::move(uid);
+        description.name = driver.name();
+        description.inputChannelCount = driver.channelCount(AudioDirection::Input);
+        description.outputChannelCount = driver.channelCount(AudioDirection::Output);
+        description.inputSampleRate = driver.sampleRate();
+        description.outputSampleRate = driver.sampleRate();
+        VELTAudioDeviceRegistry::shared().registerDevice(std::move(description));
+    }
+
+    void forget(std::map<std::string, KnownDevice>::iterator found) {
+        VELTAudioDeviceRegistry::shared().unregisterDevice(found->first);
+        VELTAudioDeviceRegistry::shared().unregisterDevice(found->second.driver->uid());
+        known_.erase(found);
+    }
+
+    std::mutex mutex_;
+    std::map<std::string, KnownDevice> known_;
+    std::map<std::string, SimulatedDeviceConfiguration> simulated_;
+    AudioDeviceID nextDeviceID_ = 1;
+};
+
+} // namespace
+
+AudioDeviceID VELTAudioHardware::deviceIDForDeviceUID(std::string_view deviceUID) {
+    AudioDeviceID deviceID = kAudioDeviceUnknown;
+    HardwareState::shared().driverForUID(deviceUID, &deviceID);
+    return deviceID;
+}
+
+std::shared_ptr<AudioDeviceDriver> VELTAudioHardware::driverForDeviceID(AudioDeviceID deviceID) {
+    return HardwareState::shared().driverForID(deviceID);
+}
+
+std::shared_ptr<AudioDeviceDriver> VELTAudioHardware::driverForDeviceUID(std::string_view deviceUID) {
+    return HardwareState::shared().driverForUID(deviceUID, nullptr);
+}
+
+VELTAudioDevice VELTAudioHardware::deviceWithUID(std::string_view deviceUID) {
+    return VELTAudioDevice(std::string(deviceUID));
+}
+
+std::vector<VELTAudioDevice> VELTAudioHardware::devices() {
+    std::vector<VELTAudioDevice> result;
+    for (const std::string& name : HardwareState::shared().simulatedNames()) {
+        VELTAudioDevice device("sim:" + name);
+        if (device.isPresent())
+            result.push_back(std::move(device));
+    }
+#if defined(TAVOLAR_WITH_JACK)
+    if (jackServerIsRunning(""))
+        if (VELTAudioDevice device("jack"); device.isPresent())
+            result.push_back(std::move(device));
+#endif
+    return result;
+}
+
+void VELTAudioHardware::registerSimulatedDevice(const SimulatedDeviceConfiguration& configuration) {
+    HardwareState::shared().registerSimulated(configuration);
+}
+
+void VELTAudioHardware::removeSimulatedDevice(const std::string& name) {
+    HardwareState::shared().removeSimulated(name);
+}
+
+bool VELTAudioHardware::hasJackBackend() noexcept {
+#if defined(TAVOLAR_WITH_JACK)
+    return true;
+#else
+    return false;
+#endif
+}
+
+} // namespace tavolar

@@ -1,0 +1,45 @@
+#pragma once
+// The audio devices present: simulated devices ("sim:NAME", always present) and JACK servers
+// ("jack", "jack:NAME"), looked up by UID. Drivers are made on first lookup and kept, so every
+// user of one UID shares one device (one simulated world, one server connection); a JACK device
+// whose server went away is dropped and looked up afresh next time. Thread-safe.
+
+#include "audio/devices/AudioDeviceDriver.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavolar {
+
+class VELTAudioDevice;
+struct SimulatedDeviceConfiguration;
+
+using AudioDeviceID = std::uint32_t;
+inline constexpr AudioDeviceID kAudioDeviceUnknown = 0;
+
+class VELTAudioHardware {
+public:
+    // The identifier of the device with this UID, kAudioDeviceUnknown when none is present.
+    // Identifiers stay the same for as long as the device is present.
+    static AudioDeviceID deviceIDForDeviceUID(std::string_view deviceUID);
+    static std::shared_ptr<AudioDeviceDriver> driverForDeviceID(AudioDeviceID deviceID);
+    static std::shared_ptr<AudioDeviceDriver> driverForDeviceUID(std::string_view deviceUID);
+
+    // The devices present now: the registered simulated devices (sim:default first) and the
+    // default JACK server when it runs.
+    static std::vector<VELTAudioDevice> devices();
+    static VELTAudioDevice deviceWithUID(std::string_view deviceUID);
+
+    // Makes (or replaces) the simulated device "sim:<configuration.name>". A replaced device keeps
+    // running for those that already hold it; later lookups get the new one.
+    static void registerSimulatedDevice(const SimulatedDeviceConfiguration& configuration);
+    static void removeSimulatedDevice(const std::string& name);
+
+    // Whether this build has the JACK backend.
+    static bool hasJackBackend() noexcept;
+};
+
+} // namespace tavolar

@@ -1,0 +1,382 @@
+#include "audio/devices/jack/JackAudioDevice.h"
+
+#include "audio/devices/RealTimeContext.h"
+
+#include <atomic>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <fmt/format.h>
+#include <jack/jack.h>
+#include <map>
+#include <mutex>
+#include <vector>
+
+namespace tavolar {
+
+namespace {
+
+// The library never prints: JACK's client-side messages are dropped.
+void ignoreJackMessage(const char*) {}
+
+void silenceJack() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        jack_set_error_function(ignoreJackMessage);
+        jack_set_info_function(ignoreJackMessage);
+    });
+}
+
+jack_client_t* openClient(const std::string& clientName, const std::string& serverName,
+                          jack_status_t& status) {
+    silenceJack();
+    if (serverName.empty() || serverName == "default")
+        return jack_client_open(clientName.c_str(), JackNoStartServer, &status);
+    return jack_client_open(clientName.c_str(), jack_options_t(JackNoStartServer | JackServerName), &status,
+                            serverName.c_str());
+}
+
+std::vector<std::string> physicalPorts(jack_client_t* client, unsigned long flags) {
+    std::vector<std::string> names;
+    const char** ports = jack_get_ports(client, nullptr, JACK_DEFAULT_AUDIO_TYPE, flags | JackPortIsPhysical);
+    if (ports) {
+        for (const char** port = ports; *port; ++port)
+            names.emplace_back(*port);
+        jack_free(ports);
+    }
+    return names;
+}
+
+// Extends the server's 32-bit frame counter to 64 bits, relative to the latest frame time seen.
+// Lock-free; correct while the times compared lie within 2^31 frames of each other.
+class FrameCounter {
+public:
+    void seed(jack_nframes_t now) noexcept { latest_.store(now, std::memory_order_relaxed); }
+    std::int64_t unwrap(jack_nframes_t frames, jack_nframes_t now) noexcept {
+        std::int64_t previous = latest_.load(std::memory_order_relaxed);
+        std::int64_t current = previous + std::int32_t(now - jack_nframes_t(previous));
+        latest_.store(current, std::memory_order_relaxed);
+        return current + std::int32_t(frames - now);
+    }
+
+private:
+    std::atomic<std::int64_t> latest_{0};
+};
+
+class JackDeviceDriver;
+
+class JackEndpoint final : public AudioEndpoint {
+public:
+    JackEndpoint(std::shared_ptr<JackDeviceDriver> driver, AudioEndpointConfiguration configuration)
+        : driver_(std::move(driver)), configuration_(std::move(configuration)) {}
+    ~JackEndpoint() override {
+        if (client_) {
+            jack_deactivate(client_);
+            jack_client_close(client_);
+        }
+    }
+
+    AudioStatus open(const std::string& serverName, const std::vector<std::string>& targets);
+    AudioStatus start() override;
+    AudioStatus stop() override;
+    std::uint64_t xrunCount() const noexcept override { return xruns_.load(std::memory_order_relaxed); }
+    bool isDisconnected() const noexcept override { return shutDown_.load(std::memory_order_acquire); }
+
+private:
+    static int process(jack_nframes_t frames, void* argument) noexcept;
+    static int xrun(void* argument) noexcept;
+    static void shutdown(jack_status_t, const char*, void* argument) noexcept;
+
+    std::shared_ptr<JackDeviceDriver> driver_;
+    AudioEndpointConfiguration configuration_;
+    jack_client_t* client_ = nullptr;
+    std::vector<jack_port_t*> ports_;
+    std::vector<std::string> targets_;
+    std::vector<float*> buffers_;
+    double sampleRate_ = 0.0;
+    FrameCounter frames_;
+    std::atomic<bool> running_{false};
+    std::atomic<bool> connected_{false};
+    bool flowing_ = false; // audio thread only: all ports have been seen connected
+    std::atomic<std::uint64_t> xruns_{0};
+    std::atomic<bool> shutDown_{false};
+};
+
+class JackDeviceDriver final : public AudioDeviceDriver,
+                               public std::enable_shared_from_this<JackDeviceDriver> {
+public:
+    JackDeviceDriver(std::string uid, std::string serverName, jack_client_t* client,
+                     std::map<std::uint32_t, std::string> inputRoutes,
+                     std::map<std::uint32_t, std::string> outputRoutes)
+        : uid_(std::move(uid)), serverName_(std::move(serverName)), client_(client) {
+        jack_on_info_shutdown(client_, &JackDeviceDriver::shutdown, this);
+        jack_activate(client_); // an active client keeps the server's clock readable
+        frames_.seed(jack_frame_time(client_));
+        inputPorts_ = physicalPorts(client_, JackPortIsOutput);
+        outputPorts_ = physicalPorts(client_, JackPortIsInput);
+        for (auto& [channel, port] : inputRoutes) {
+            if (channel >= inputPorts_.size())
+                inputPorts_.resize(channel + 1);
+            inputPorts_[channel] = port;
+        }
+        for (auto& [channel, port] : outputRoutes) {
+            if (channel >= outputPorts_.size())
+                outputPorts_.resize(channel + 1);
+            outputPorts_[channel] = port;
+        }
+        sampleRate_ = jack_get_sample_rate(client_);
+    }
+    ~JackDeviceDriver() override {
+        jack_deactivate(client_);
+        jack_client_close(client_);
+    }
+
+    std::string uid() const override { return uid_; }
+    std::string name() const override {
+        return fmt::format("JACK server {}", serverName_.empty() ? std::string("default") : serverName_);
+    }
+    bool isAlive() const noexcept override { return alive_.load(std::memory_order_acquire); }
+    std::uint32_t channelCount(AudioDirection direction) const override {
+        return static_cast<std::uint32_t>(ports(direction).size());
+    }
+    std::string channelName(AudioDirection direction, std::uint32_t channel) const override {
+        const auto& names = ports(direction);
+        return channel < names.size() ? names[channel] : std::string();
+    }
+    double sampleRate() const override { return sampleRate_; }
+    std::uint32_t bufferSizeInFrames() const override {
+        return isAlive() ? jack_get_buffer_size(client_) : 0;
+    }
+    std::uint32_t latencyForChannel(AudioDirection direction, std::uint32_t channel) const override {
+        if (!isAlive() || channel >= ports(direction).size() || ports(direction)[channel].empty())
+            return 0;
+        jack_port_t* port = jack_port_by_name(client_, ports(direction)[channel].c_str());
+        if (!port)
+            return 0;
+        jack_latency_range_t range{0, 0};
+        jack_port_get_latency_range(
+            port, direction == AudioDirection::Input ? JackCaptureLatency : JackPlaybackLatency, &range);
+        return range.max;
+    }
+
+    AudioStatus sampleTimeToHostTime(double sampleTime, std::uint64_t& hostTime,
+                                     double& rateScalar) const override {
+        if (!isAlive())
+            return kAudioStatusDeviceNotFound;
+        if (!std::isfinite(sampleTime))
+            return kAudioStatusInvalidParameter;
+        double whole = std::floor(sampleTime);
+        jack_time_t microseconds = jack_frames_to_time(client_, jack_nframes_t(std::int64_t(whole)));
+        if (microseconds == 0)
+            return kAudioStatusServerFailure;
+        hostTime = std::uint64_t(microseconds) * 1000u +
+                   std::uint64_t(std::llround((sampleTime - whole) / sampleRate_ * 1e9));
+        rateScalar = 1.0;
+        return kAudioStatusNoError;
+    }
+    AudioStatus hostTimeToSampleTime(std::uint64_t hostTime, double& sampleTime,
+                                     double& rateScalar) const override {
+        if (!isAlive())
+            return kAudioStatusDeviceNotFound;
+        jack_nframes_t frames = jack_time_to_frames(client_, hostTime / 1000u);
+        std::int64_t extended = frames_.unwrap(frames, jack_frame_time(client_));
+        sampleTime = double(extended) + double(hostTime % 1000u) * 1e-9 * sampleRate_;
+        rateScalar = 1.0;
+        return kAudioStatusNoError;
+    }
+
+    AudioStatus makeEndpoint(const AudioEndpointConfiguration& configuration,
+                             std::unique_ptr<AudioEndpoint>& endpoint) override {
+        if (!isAlive())
+            return kAudioStatusDeviceNotFound;
+        if (!configuration.callback)
+            return kAudioStatusInvalidParameter;
+        std::vector<std::string> targets;
+        for (std::uint32_t channel : configuration.channels) {
+            const auto& names = ports(configuration.direction);
+            if (channel >= names.size() || names[channel].empty())
+                return kAudioStatusInvalidChannel;
+            targets.push_back(names[channel]);
+        }
+        auto made = std::make_unique<JackEndpoint>(shared_from_this(), configuration);
+        if (AudioStatus status = made->open(serverName_, targets))
+            return status;
+        endpoint = std::move(made);
+        return kAudioStatusNoError;
+    }
+
+    // Shares the driver's counter so that every endpoint extends frame times the same way.
+    std::int64_t unwrapFrames(jack_nframes_t frames, jack_nframes_t now) const noexcept {
+        return frames_.unwrap(frames, now);
+    }
+
+private:
+    const std::vector<std::string>& ports(AudioDirection direction) const {
+        return direction == AudioDirection::Input ? inputPorts_ : outputPorts_;
+    }
+    static void shutdown(jack_status_t, const char*, void* argument) {
+        static_cast<JackDeviceDriver*>(argument)->alive_.store(false, std::memory_order_release);
+    }
+
+    std::string uid_;
+    std::string serverName_;
+    jack_client_t* client_;
+    std::vector<std::string> inputPorts_, outputPorts_;
+    double sampleRate_ = 0.0;
+    mutable FrameCounter frames_;
+    std::atomic<bool> alive_{true};
+};
+
+AudioStatus JackEndpoint::open(const std::string& serverName, const std::vector<std::string>& targets) {
+    jack_status_t status{};
+    bool output = configuration_.direction == AudioDirection::Output;
+    client_ = openClient(output ? "tavolar-playback" : "tavolar-capture", serverName, status);
+    if (!client_)
+        return status ? AudioStatus(status) : kAudioStatusServerFailure;
+    targets_ = targets;
+    sampleRate_ = jack_get_sample_rate(client_);
+    for (std::size_t index = 0; index < targets.size(); ++index) {
+        std::string name = fmt::format("{}_{}", output ? "out" : "in", index + 1);
+        jack_port_t* port = jack_port_register(client_, name.c_str(), JACK_DEFAULT_AUDIO_TYPE,
+                                               output ? JackPortIsOutput : JackPortIsInput, 0);
+        if (!port)
+            return kAudioStatusServerFailure;
+        ports_.push_back(port);
+    }
+    buffers_.assign(ports_.size(), nullptr);
+    jack_set_process_callback(client_, &JackEndpoint::process, this);
+    jack_set_xrun_callback(client_, &JackEndpoint::xrun, this);
+    jack_on_info_shutdown(client_, &JackEndpoint::shutdown, this);
+    return kAudioStatusNoError;
+}
+
+AudioStatus JackEndpoint::start() {
+    if (running_.load())
+        return kAudioStatusNoError;
+    if (isDisconnected())
+        return kAudioStatusServerFailure;
+    flowing_ = false;
+    connected_.store(false, std::memory_order_release);
+    running_.store(true, std::memory_order_release);
+    if (int result = jack_activate(client_)) {
+        running_.store(false);
+        return AudioStatus(result);
+    }
+    bool output = configuration_.direction == AudioDirection::Output;
+    for (std::size_t index = 0; index < ports_.size(); ++index) {
+        const char* own = jack_port_name(ports_[index]);
+        int result = output ? jack_connect(client_, own, targets_[index].c_str())
+                            : jack_connect(client_, targets_[index].c_str(), own);
+        if (result != 0 && result != EEXIST) {
+            running_.store(false);
+            jack_deactivate(client_);
+            return kAudioStatusNoConnection;
+        }
+    }
+    connected_.store(true, std::memory_order_release);
+    return kAudioStatusNoError;
+}
+
+AudioStatus JackEndpoint::stop() {
+    if (!running_.exchange(false))
+        return kAudioStatusNoError;
+    connected_.store(false, std::memory_order_release);
+    // Deactivation waits for a cycle in progress to end, and disconnects the ports.
+    if (!isDisconnected())
+        if (int result = jack_deactivate(client_))
+            return AudioStatus(result);
+    return kAudioStatusNoError;
+}
+
+int JackEndpoint::process(jack_nframes_t frames, void* argument) noexcept {
+    RealTimeCallbackScope scope;
+    auto* self = static_cast<JackEndpoint*>(argument);
+    const std::size_t count = self->ports_.size();
+    bool output = self->configuration_.direction == AudioDirection::Output;
+    for (std::size_t index = 0; index < count; ++index) {
+        self->buffers_[index] = static_cast<float*>(jack_port_get_buffer(self->ports_[index], frames));
+        if (output)
+            std::fill_n(self->buffers_[index], frames, 0.0f);
+    }
+    if (!self->running_.load(std::memory_order_acquire) || !self->connected_.load(std::memory_order_acquire))
+        return 0;
+    // Until every port is connected in the graph this cycle runs on, nothing flows: a stimulus
+    // rendered now would go nowhere, and the first time stamp would not be the first heard.
+    if (!self->flowing_) {
+        for (jack_port_t* port : self->ports_)
+            if (jack_port_connected(port) <= 0)
+                return 0;
+        self->flowing_ = true;
+    }
+    jack_nframes_t currentFrames = 0;
+    jack_time_t currentMicroseconds = 0, nextMicroseconds = 0;
+    float periodMicroseconds = 0;
+    AudioTimeStamp timeStamp;
+    if (jack_get_cycle_times(self->client_, &currentFrames, &currentMicroseconds, &nextMicroseconds,
+                             &periodMicroseconds) == 0) {
+        double nominal = frames / self->sampleRate_ * 1e6;
+        timeStamp.rateScalar = nextMicroseconds > currentMicroseconds
+                                   ? nominal / double(nextMicroseconds - currentMicroseconds)
+                                   : 1.0;
+    } else {
+        currentFrames = jack_last_frame_time(self->client_);
+        currentMicroseconds = jack_frames_to_time(self->client_, currentFrames);
+        timeStamp.rateScalar = 1.0;
+    }
+    timeStamp.sampleTime = double(self->driver_->unwrapFrames(currentFrames, currentFrames));
+    timeStamp.hostTime = std::uint64_t(currentMicroseconds) * 1000u;
+    timeStamp.flags =
+        kAudioTimeStampSampleTimeValid | kAudioTimeStampHostTimeValid | kAudioTimeStampRateScalarValid;
+    self->configuration_.callback(self->configuration_.context, timeStamp, frames, self->buffers_.data(),
+                                  static_cast<std::uint32_t>(count));
+    return 0;
+}
+
+int JackEndpoint::xrun(void* argument) noexcept {
+    static_cast<JackEndpoint*>(argument)->xruns_.fetch_add(1, std::memory_order_relaxed);
+    return 0;
+}
+
+void JackEndpoint::shutdown(jack_status_t, const char*, void* argument) noexcept {
+    auto* self = static_cast<JackEndpoint*>(argument);
+    self->shutDown_.store(true, std::memory_order_release);
+    self->running_.store(false, std::memory_order_release);
+}
+
+bool parseChannel(const std::string& text, std::uint32_t& channel) {
+    auto [pointer, error] = std::from_chars(text.data(), text.data() + text.size(), channel);
+    return error == std::errc() && pointer == text.data() + text.size() && channel < 4096;
+}
+
+} // namespace
+
+std::shared_ptr<AudioDeviceDriver> openJackDeviceDriver(const AudioDeviceUID& uid,
+                                                        const std::string& givenUID) {
+    std::map<std::uint32_t, std::string> inputRoutes, outputRoutes;
+    for (const auto& [key, value] : uid.parameters) {
+        std::uint32_t channel = 0;
+        if (key.starts_with("in") && parseChannel(key.substr(2), channel))
+            inputRoutes[channel] = value;
+        else if (key.starts_with("out") && parseChannel(key.substr(3), channel))
+            outputRoutes[channel] = value;
+        else
+            return nullptr;
+    }
+    jack_status_t status{};
+    jack_client_t* client = openClient("tavolar-device", uid.name, status);
+    if (!client)
+        return nullptr;
+    return std::make_shared<JackDeviceDriver>(givenUID, uid.name == "default" ? std::string() : uid.name,
+                                              client, std::move(inputRoutes), std::move(outputRoutes));
+}
+
+bool jackServerIsRunning(const std::string& serverName) {
+    jack_status_t status{};
+    jack_client_t* client = openClient("tavolar-probe", serverName, status);
+    if (!client)
+        return false;
+    jack_client_close(client);
+    return true;
+}
+
+} // namespace tavolar

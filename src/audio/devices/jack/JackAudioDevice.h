@@ -1,0 +1,24 @@
+#pragma once
+// The JACK backend. A device is one JACK server ("jack" for the default server, "jack:NAME" for a
+// named one). Its channels are the server's physical capture and playback ports in the server's
+// order; the UID parameters "inN=PORT" and "outN=PORT" route channel N to any port instead, so a
+// measurement can run through other JACK clients. Each endpoint is a JACK client of its own whose
+// ports are connected to the channels' ports while it runs. The device's clock is the server's frame
+// counter, extended to 64 bits; host time is the server's microsecond clock (the monotonic clock).
+
+#include "audio/devices/AudioDeviceDriver.h"
+#include "audio/devices/AudioDeviceUID.h"
+
+#include <memory>
+#include <string>
+
+namespace tavolar {
+
+// A driver for the server the UID names, or null when no such server runs or the UID is malformed.
+std::shared_ptr<AudioDeviceDriver> openJackDeviceDriver(const AudioDeviceUID& uid,
+                                                        const std::string& givenUID);
+
+// Whether a JACK server of this name runs ("" or "default" for the default server).
+bool jackServerIsRunning(const std::string& serverName);
+
+} // namespace tavolar

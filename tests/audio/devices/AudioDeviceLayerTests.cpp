@@ -1,0 +1,317 @@
+// The device layer's building blocks: lock-free ring buffer, device UIDs, stream descriptions,
+// buffer lists, the matrix mixer, and the simulated device's signal path against plain references.
+
+#include "audio/devices/AudioDeviceUID.h"
+#include "audio/devices/AudioStreamDescription.h"
+#include "audio/devices/LockFreeRingBuffer.h"
+#include "audio/devices/VELTAudioBufferList.h"
+#include "audio/devices/VELTAudioGraph.h"
+#include "audio/devices/simulated/SimulatedDeviceConfiguration.h"
+#include "audio/devices/simulated/SimulatedSignalPath.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <numeric>
+#include <random>
+#include <thread>
+#include <vector>
+
+namespace tavolar {
+namespace {
+
+TEST(LockFreeRingBuffer, RegionsSplitAtTheWrapAndAConcurrentStreamArrivesIntact) {
+    LockFreeRingBuffer<int> ring(6); // rounded up to 8
+    EXPECT_EQ(ring.capacity(), 8u);
+    std::vector<int> five{1, 2, 3, 4, 5};
+    EXPECT_EQ(ring.write(five), 5u);
+    std::vector<int> out(3);
+    EXPECT_EQ(ring.read(out), 3u);
+    EXPECT_EQ(out, (std::vector<int>{1, 2, 3}));
+    // Write index 5, read index 3: six free slots, split 3 before the wrap and 3 after.
+    auto regions = ring.writeRegions(100);
+    EXPECT_EQ(regions.first.size(), 3u);
+    EXPECT_EQ(regions.second.size(), 3u);
+    std::vector<int> seven{6, 7, 8, 9, 10, 11, 12};
+    EXPECT_EQ(ring.write(seven), 6u) << "only what fits is written";
+    std::vector<int> all(16);
+    EXPECT_EQ(ring.read(all), 8u);
+    EXPECT_EQ(std::vector<int>(all.begin(), all.begin() + 8), (std::vector<int>{4, 5, 6, 7, 8, 9, 10, 11}));
+
+    // One producer and one consumer thread pass a long numbered sequence through a small ring.
+    LockFreeRingBuffer<std::uint32_t> stream(64);
+    constexpr std::uint32_t total = 200000;
+    std::thread producer([&] {
+        std::uint32_t next = 0;
+        std::vector<std::uint32_t> chunk(13);
+        while (next < total) {
+            std::size_t count = std::min<std::size_t>(chunk.size(), total - next);
+            for (std::size_t i = 0; i < count; ++i)
+                chunk[i] = next + std::uint32_t(i);
+            next += std::uint32_t(stream.write(std::span<const std::uint32_t>(chunk.data(), count)));
+        }
+    });
+    std::uint32_t expected = 0;
+    bool inOrder = true;
+    std::vector<std::uint32_t> received(17);
+    while (expected < total) {
+        std::size_t count = stream.read(received);
+        for (std::size_t i = 0; i < count; ++i)
+            inOrder &= received[i] == expected++;
+    }
+    producer.join();
+    EXPECT_TRUE(inOrder);
+}
+
+TEST(AudioDeviceUID, ParsesSchemesNamesAndRoutingAndRejectsMalformedText) {
+    auto plain = AudioDeviceUID::parse("jack");
+    ASSERT_TRUE(plain);
+    EXPECT_EQ(plain->scheme, "jack");
+    EXPECT_EQ(plain->name, "default");
+    EXPECT_EQ(plain->canonicalString(), "jack:default");
+
+    auto routed = AudioDeviceUID::parse("jack:studio?out0=jconv:In-1&in3=jconv:Out%261");
+    ASSERT_TRUE(routed);
+    EXPECT_EQ(routed->name, "studio");
+    EXPECT_EQ(routed->parameter("out0"), "jconv:In-1");
+    EXPECT_EQ(routed->parameter("in3"), "jconv:Out&1");
+    EXPECT_FALSE(routed->parameter("in0"));
+    // The canonical text orders parameters and re-encodes, so it parses back to the same identity.
+    EXPECT_EQ(routed->canonicalString(), "jack:studio?in3=jconv:Out%261&out0=jconv:In-1");
+    EXPECT_EQ(AudioDeviceUID::parse(routed->canonicalString()), routed);
+
+    EXPECT_FALSE(AudioDeviceUID::parse(""));
+    EXPECT_FALSE(AudioDeviceUID::parse(":name"));
+    EXPECT_FALSE(AudioDeviceUID::parse("sim:"));
+    EXPECT_FALSE(AudioDeviceUID::parse("sim:a?delay"));
+    EXPECT_FALSE(AudioDeviceUID::parse("sim:a?delay=%4"));
+    EXPECT_FALSE(AudioDeviceUID::parse("sim:a?de lay=4"));
+}
+
+TEST(AudioStreamDescription, FormatInfoCompletesFloatLayoutsAndRefusesOthers) {
+    // Non-interleaved base with deliberately stale byte counts of 4N: completed to 4 per buffer.
+    AudioStreamDescription base = floatStreamDescription(48000, kAudioFormatFlagsFloatNonInterleaved, 3, 12);
+    EXPECT_EQ(base.formatFlags, 41u);
+    EXPECT_EQ(audioFormatInfo(base), kAudioStatusNoError);
+    EXPECT_EQ(base.bytesPerFrame, 4u);
+    EXPECT_EQ(base.bytesPerPacket, 4u);
+    AudioStreamDescription interleaved =
+        floatStreamDescription(48000, kAudioFormatFlagsFloatInterleaved, 3, 0);
+    EXPECT_EQ(interleaved.formatFlags, 9u);
+    EXPECT_EQ(audioFormatInfo(interleaved), kAudioStatusNoError);
+    EXPECT_EQ(interleaved.bytesPerFrame, 12u);
+
+    AudioStreamDescription integer = base;
+    integer.formatFlags = kAudioFormatFlagIsSignedInteger | kAudioFormatFlagIsPacked;
+    AudioStreamDescription noChannels = base;
+    noChannels.channelsPerFrame = 0;
+    AudioStreamDescription noRate = base;
+    noRate.sampleRate = 0;
+    for (AudioStreamDescription bad : {integer, noChannels, noRate}) {
+        AudioStreamDescription before = bad;
+        EXPECT_EQ(audioFormatInfo(bad), kAudioStatusFormatNotSupported);
+        EXPECT_EQ(bad, before);
+    }
+
+    AudioStreamDescription mixerOutput = base;
+    mixerOutput.normalizeBytesForChannels(8);
+    EXPECT_EQ(mixerOutput.channelsPerFrame, 8u);
+    EXPECT_EQ(mixerOutput.bytesPerFrame, 4u) << "one channel per buffer";
+}
+
+TEST(VELTAudioBufferList, BuffersAreSeparateAlignedAndSilenceable) {
+    VELTAudioBufferList list(3, 100, 4);
+    ASSERT_EQ(list.numberBuffers(), 3u);
+    for (std::uint32_t b = 0; b < 3; ++b) {
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(list[b].data) % 64, 0u);
+        EXPECT_EQ(list[b].byteSize, 400u);
+        std::fill_n(list[b].data, 100, float(b + 1));
+    }
+    EXPECT_EQ(list[0].data[99], 1.0f);
+    EXPECT_EQ(list[1].data[0], 2.0f) << "buffers do not overlap";
+    list.silence(60);
+    EXPECT_EQ(list[2].data[59], 3.0f);
+    EXPECT_EQ(list[2].data[60], 0.0f);
+    list.setFrameCount(10);
+    EXPECT_EQ(list[1].frameCount(), 10u);
+    list.setFrameCount(1000);
+    EXPECT_EQ(list[1].frameCount(), 100u) << "never beyond the capacity";
+}
+
+TEST(VELTMatrixMixer, OnlyExplicitlySetCrosspointsCarrySignal) {
+    struct Source {
+        static AudioStatus render(void*, const AudioTimeStamp&, std::uint32_t, std::uint32_t frames,
+                                  VELTAudioBufferList& io) noexcept {
+            for (std::uint32_t c = 0; c < io.numberBuffers(); ++c)
+                for (std::uint32_t n = 0; n < frames; ++n)
+                    io[c].data[n] = float(c + 1) * 0.1f;
+            return kAudioStatusNoError;
+        }
+    };
+    VELTMatrixMixer mixer;
+    ASSERT_EQ(mixer.setStreamFormat(AudioUnitScope::Input, 0, floatStreamDescription(48000, 41, 2, 4)), 0);
+    ASSERT_EQ(mixer.setStreamFormat(AudioUnitScope::Output, 0, floatStreamDescription(48000, 41, 4, 4)), 0);
+    ASSERT_EQ(mixer.setRenderCallback(0, &Source::render, nullptr), 0);
+    ASSERT_EQ(mixer.initialize(64), 0);
+    VELTAudioBufferList out(4, 64, 4);
+    AudioTimeStamp stamp;
+    ASSERT_EQ(mixer.render(stamp, 16, out), 0);
+    for (std::uint32_t c = 0; c < 4; ++c)
+        EXPECT_EQ(out[c].data[5], 0.0f) << "every gain starts at zero";
+
+    for (std::uint32_t i = 0; i < 2; ++i)
+        ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Input, i, 1.0f), 0);
+    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterEnable, AudioUnitScope::Input, 0, 1.0f), 0);
+    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterEnable, AudioUnitScope::Output, 0, 1.0f), 0);
+    for (std::uint32_t o : {1u, 3u})
+        ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Output, o, 1.0f), 0);
+    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Global,
+                                 matrixMixerCrosspoint(0, 1), 1.0f),
+              0);
+    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Global,
+                                 matrixMixerCrosspoint(1, 3), 0.5f),
+              0);
+    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Global,
+                                 matrixMixerCrosspoint(0, 3), 1.0f),
+              0);
+    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Global,
+                                 kMatrixMixerMasterElement, 1.0f),
+              0);
+    ASSERT_EQ(mixer.render(stamp, 16, out), 0);
+    EXPECT_FLOAT_EQ(out[0].data[3], 0.0f);
+    EXPECT_FLOAT_EQ(out[1].data[3], 0.1f);
+    EXPECT_FLOAT_EQ(out[2].data[3], 0.0f);
+    EXPECT_FLOAT_EQ(out[3].data[3], 0.1f + 0.5f * 0.2f);
+
+    EXPECT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Global,
+                                 matrixMixerCrosspoint(2, 0), 1.0f),
+              kAudioStatusInvalidElement);
+    EXPECT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Output, 4, 1.0f),
+              kAudioStatusInvalidElement);
+    EXPECT_EQ(mixer.setParameter(kMatrixMixerParameterEnable, AudioUnitScope::Input, 1, 1.0f),
+              kAudioStatusInvalidElement);
+}
+
+// Linear convolution in double precision, the reference for the partitioned convolver.
+std::vector<double> convolve(const std::vector<float>& signal, const std::vector<float>& response) {
+    std::vector<double> result(signal.size(), 0.0);
+    for (std::size_t n = 0; n < signal.size(); ++n)
+        for (std::size_t k = 0; k < response.size() && k <= n; ++k)
+            result[n] += double(response[k]) * signal[n - k];
+    return result;
+}
+
+TEST(PartitionedConvolver, MatchesDirectConvolutionForAwkwardLengths) {
+    std::mt19937 random(7);
+    std::normal_distribution<float> normal(0.0f, 0.3f);
+    const std::uint32_t block = 64;
+    std::vector<float> signal(block * 40);
+    for (float& x : signal)
+        x = normal(random);
+    for (std::size_t length : {1u, 2u, 3u, 63u, 64u, 65u, 999u}) {
+        std::vector<float> response(length);
+        for (float& h : response)
+            h = normal(random);
+        PartitionedConvolver convolver;
+        convolver.prepare(response, block);
+        std::vector<float> output(signal.size());
+        for (std::size_t start = 0; start < signal.size(); start += block)
+            convolver.process(signal.data() + start, output.data() + start);
+        std::vector<double> expected = convolve(signal, response);
+        double error = 0, energy = 0;
+        for (std::size_t n = 0; n < signal.size(); ++n) {
+            error += (output[n] - expected[n]) * (output[n] - expected[n]);
+            energy += expected[n] * expected[n];
+        }
+        EXPECT_LT(10 * std::log10(error / energy), -100.0) << "impulse response length " << length;
+    }
+}
+
+TEST(SimulatedSignalPath, DeviceUnderTestLoopBackLatencyGainAndDistortionAsConfigured) {
+    SimulatedDeviceConfiguration configuration;
+    configuration.bufferSize = 32;
+    configuration.inputChannels = 3;
+    configuration.outputChannels = 2;
+    configuration.impulseResponse = {0.5f, 0.0f, -0.25f};
+    configuration.delay = 5;
+    configuration.inputGain = 2.0;
+    configuration.secondHarmonic = 0.1;
+    configuration.thirdHarmonic = 0.01;
+    configuration.inputLatencies = {7, 3, 0};
+    configuration.loopbackOutput = 1;
+    configuration.loopbackInput = 1;
+    ASSERT_TRUE(configuration.validate());
+    SimulatedSignalPath path;
+    path.prepare(configuration);
+
+    const std::size_t total = 32 * 8;
+    std::vector<float> speaker(total, 0.0f), reference(total, 0.0f);
+    for (std::size_t n = 0; n < total; ++n) {
+        speaker[n] = float(0.8 * std::sin(0.05 * double(n)));
+        reference[n] = float(0.3 * std::cos(0.11 * double(n)));
+    }
+    std::vector<std::vector<float>> captured(3, std::vector<float>(total));
+    for (std::size_t start = 0; start < total; start += 32) {
+        const float* outputs[2] = {speaker.data() + start, reference.data() + start};
+        float* inputs[3] = {captured[0].data() + start, captured[1].data() + start,
+                            captured[2].data() + start};
+        path.process(outputs, inputs);
+    }
+    auto at = [](const std::vector<float>& v, std::ptrdiff_t n) { return n < 0 ? 0.0 : double(v[n]); };
+    for (std::ptrdiff_t n = 0; n < std::ptrdiff_t(total); ++n) {
+        // Microphone: gain 2 of the distorted, delayed (5) signal through {0.5, 0, -0.25}, then 7 frames of
+        // latency.
+        auto distorted = [&](std::ptrdiff_t m) {
+            double x = at(speaker, m);
+            return m < 0 ? 0.0 : x + 0.1 * x * x + 0.01 * x * x * x;
+        };
+        double microphone = 2.0 * (0.5 * distorted(n - 7 - 5) - 0.25 * distorted(n - 7 - 5 - 2));
+        EXPECT_NEAR(captured[0][n], microphone, 1e-5) << n;
+        EXPECT_NEAR(captured[1][n], at(reference, n - 3), 1e-6) << "loop-back, latency 3, frame " << n;
+        EXPECT_EQ(captured[2][n], 0.0f) << "an unconnected input without noise is silent";
+    }
+}
+
+TEST(SimulatedDeviceConfiguration, BuiltInDeviceAndParametersAreChecked) {
+    SimulatedDeviceConfiguration builtIn = SimulatedDeviceConfiguration::defaultConfiguration();
+    ASSERT_TRUE(builtIn.validate());
+    EXPECT_EQ(builtIn.impulseResponse.size(), 6000u);
+    // Largest magnitude response 0 dB: check at the crossover region with a direct DFT.
+    double largest = 0;
+    for (double frequency : {100.0, 500.0, 1000.0, 2200.0, 5000.0, 10000.0}) {
+        double re = 0, im = 0;
+        for (std::size_t n = 0; n < builtIn.impulseResponse.size(); ++n) {
+            re += builtIn.impulseResponse[n] * std::cos(2 * M_PI * frequency * n / 48000.0);
+            im -= builtIn.impulseResponse[n] * std::sin(2 * M_PI * frequency * n / 48000.0);
+        }
+        largest = std::max(largest, std::hypot(re, im));
+    }
+    EXPECT_LE(largest, 1.0 + 1e-5);
+    EXPECT_GT(largest, 0.3) << "a loudspeaker passes its midrange";
+
+    SimulatedDeviceConfiguration configured;
+    ASSERT_TRUE(configured.applyParameters({{"delay", "120"},
+                                            {"latency", "4,0,9"},
+                                            {"inputs", "3"},
+                                            {"pace", "fast"},
+                                            {"gain", "-6"},
+                                            {"loopback", "0-2"},
+                                            {"clockOffset", "-17"}}));
+    EXPECT_EQ(configured.delay, 120u);
+    EXPECT_EQ(configured.inputLatencies, (std::vector<std::uint32_t>{4, 0, 9}));
+    EXPECT_FALSE(configured.realTime);
+    EXPECT_NEAR(configured.inputGain, 0.501187, 1e-6);
+    EXPECT_EQ(configured.loopbackInput, 2u);
+    EXPECT_EQ(configured.clockOffset, -17);
+
+    SimulatedDeviceConfiguration broken;
+    EXPECT_FALSE(broken.applyParameters({{"buffer", "100"}})) << "not a power of two";
+    EXPECT_FALSE(SimulatedDeviceConfiguration{}.applyParameters({{"colour", "red"}}));
+    EXPECT_FALSE(SimulatedDeviceConfiguration{}.applyParameters({{"delay", "12x"}}));
+    EXPECT_FALSE(SimulatedDeviceConfiguration{}.applyParameters({{"loopback", "0-5"}}));
+    auto missing = SimulatedDeviceConfiguration{}.applyParameters({{"ir", "no-such-file.wav"}});
+    ASSERT_FALSE(missing);
+    EXPECT_NE(missing.error().localizedDescription.find("no-such-file.wav"), std::string::npos);
+}
+
+} // namespace
+} // namespace tavolar
