@@ -1,0 +1,267 @@
+// Decibels, SPL, phase unwrapping and wrapping, threshold searches, zero crossings, line fitting,
+// index sets and the logarithmic axis mapping.
+
+#include "dsp/Decibels.h"
+#include "dsp/Fitting.h"
+#include "dsp/Indexing.h"
+#include "dsp/LogMapping.h"
+#include "dsp/Phase.h"
+#include "dsp/SPL.h"
+#include "dsp/Search.h"
+#include "dsp/ZeroCrossing.h"
+#include "platform/Assertions.h"
+
+#include <cmath>
+#include <cstdint>
+#include <gtest/gtest.h>
+#include <limits>
+#include <random>
+#include <vector>
+
+namespace tavolar {
+namespace {
+
+constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
+constexpr float kInfinity = std::numeric_limits<float>::infinity();
+
+TEST(Decibels, LinearValuesToDecibelsAndBack) {
+    VELTRealVector magnitudes{1.0f, 0.0f, 10.0f, 0.5f, 1e-3f, -1.0f};
+    auto powers = magnitudes;
+    convertAbsToMagnitude(magnitudes);
+    convertAbsToPower(powers);
+    EXPECT_EQ(magnitudes[0], 0.0f);
+    EXPECT_EQ(powers[0], 0.0f);
+    // Zero reads as the smallest normal float: 20 log10(2^-126) and 10 log10(2^-126), not minus infinity.
+    EXPECT_NEAR(magnitudes[1], -126.0 * 20.0 * std::log10(2.0), 1e-3);
+    EXPECT_NEAR(magnitudes[1], -758.6, 0.01);
+    EXPECT_NEAR(powers[1], -379.3, 0.01);
+    EXPECT_NEAR(magnitudes[2], 20.0, 1e-5);
+    EXPECT_NEAR(powers[2], 10.0, 1e-5);
+    EXPECT_NEAR(magnitudes[3], 20.0 * std::log10(0.5), 1e-5);
+    EXPECT_NEAR(magnitudes[4], -60.0, 1e-4);
+    EXPECT_TRUE(std::isnan(magnitudes[5]));
+
+    VELTRealVector levels{0.0f, 20.0f, -6.0206f, -60.0f};
+    auto powerLevels = levels;
+    convertMagnitudeToAbs(levels);
+    convertPowerToAbs(powerLevels);
+    EXPECT_NEAR(levels[0], 1.0, 1e-7);
+    EXPECT_NEAR(levels[1], 10.0, 1e-5);
+    EXPECT_NEAR(levels[2], 0.5, 1e-5);
+    EXPECT_NEAR(levels[3], 1e-3, 1e-9);
+    EXPECT_NEAR(powerLevels[1], 100.0, 1e-4);
+    EXPECT_NEAR(powerLevels[3], 1e-6, 1e-11);
+}
+
+TEST(Decibels, SoundPressureLevelShiftsToTheCalibratorLevel) {
+    VELTRealVector linear{1.0f, 0.1f, 0.0f};
+    auto withoutReference = linear;
+    convertAbsToMagnitudeWithReference(withoutReference, 0.0f);
+    EXPECT_EQ(withoutReference[0], 94.0f);
+    EXPECT_NEAR(withoutReference[1], 74.0, 1e-4);
+    EXPECT_NEAR(withoutReference[2], 94.0 - 758.6, 0.01);
+    // A signal at the reference level reads 94 dB.
+    VELTRealVector atReference{std::pow(10.0f, -12.0f / 20.0f)};
+    convertAbsToMagnitudeWithReference(atReference, -12.0f);
+    EXPECT_NEAR(atReference[0], 94.0, 1e-4);
+}
+
+TEST(Phase, UnwrappingJudgesEachStepAgainstThePreviousUnwrappedValue) {
+    auto unwrapped = unwrappedPhaseRadians(VELTRealVector{3.0f, -3.0f});
+    ASSERT_EQ(unwrapped.length(), 2u);
+    EXPECT_EQ(unwrapped[0], 3.0f);
+    EXPECT_FLOAT_EQ(unwrapped[1], 3.2831855f);
+
+    // Linear phases of a pure delay, wrapped by atan2, come back as the straight lines they were,
+    // across many turns in either direction.
+    for (double slope : {-0.7, 0.31, -2.9}) {
+        const std::size_t length = 500;
+        VELTRealVector wrapped(length);
+        for (std::size_t i = 0; i < length; ++i) {
+            const double phase = slope * static_cast<double>(i) + 0.2;
+            wrapped[i] = static_cast<float>(std::atan2(std::sin(phase), std::cos(phase)));
+        }
+        unwrapped = unwrappedPhaseRadians(wrapped);
+        // Float rounding of the accumulated turns grows with the value; a missed turn would be 2 pi.
+        for (std::size_t i = 0; i < length; ++i) {
+            const double expected = slope * static_cast<double>(i) + 0.2;
+            ASSERT_NEAR(unwrapped[i], expected, 2e-3 + 2e-5 * std::fabs(expected)) << slope << " at " << i;
+        }
+    }
+
+    EXPECT_EQ(unwrappedPhaseRadians(VELTRealVector()).length(), 0u);
+    EXPECT_EQ(unwrappedPhaseRadians(VELTRealVector{-2.5f}), VELTRealVector{-2.5f});
+    // Values that are no phases at all finish in bounded time and spoil nothing before them.
+    unwrapped = unwrappedPhaseRadians(VELTRealVector{0.5f, 1e30f, kInfinity, kNaN, 0.25f});
+    EXPECT_EQ(unwrapped[0], 0.5f);
+    EXPECT_EQ(unwrapped.length(), 5u);
+}
+
+TEST(Phase, WrappingDegreesLeavesTheFirstComponentAndTheLimits) {
+    VELTRealVector degrees{400.0f, 400.0f, -190.0f, 180.0f, -180.0f, 540.0f, -900.0f, 1000.5f, 179.0f};
+    wrapPhaseDegrees(degrees);
+    const VELTRealVector expected{400.0f, 40.0f, 170.0f, 180.0f, -180.0f, 180.0f, -180.0f, -79.5f, 179.0f};
+    EXPECT_EQ(degrees, expected);
+
+    VELTRealVector extreme{0.0f, 3.6e9f + 90.0f, -1e30f, kInfinity, kNaN};
+    wrapPhaseDegrees(extreme);
+    EXPECT_GE(extreme[1], -180.0f);
+    EXPECT_LE(extreme[1], 180.0f);
+    EXPECT_GE(extreme[2], -180.0f);
+    EXPECT_LE(extreme[2], 180.0f);
+    EXPECT_EQ(extreme[3], kInfinity);
+    EXPECT_TRUE(std::isnan(extreme[4]));
+}
+
+TEST(Search, ThresholdSearchesInBothDirections) {
+    EXPECT_EQ(kNotFound, 9223372036854775807ull);
+    const VELTRealVector falling{2.0f, 1.0f, 0.0f};
+    // "Less than" is deliberately inclusive.
+    EXPECT_EQ(indexOfFirstComponentLessThan(falling, 1.0f), 1u);
+    EXPECT_EQ(indexOfFirstComponentLessThanOrEqualTo(falling, 1.0f), 1u);
+    EXPECT_EQ(indexOfFirstComponentLessThan(falling, -1.0f), kNotFound);
+
+    const VELTRealVector values{kNaN, 0.0f, 1.0f, 2.0f, 1.0f, kNaN};
+    EXPECT_EQ(indexOfFirstComponentGreaterThan(values, 1.0f), 3u);
+    EXPECT_EQ(indexOfFirstComponentGreaterThanOrEqualTo(values, 1.0f), 2u);
+    EXPECT_EQ(indexOfFirstComponentGreaterThan(values, 2.0f), kNotFound);
+    EXPECT_EQ(indexOfFirstComponentLessThanOrEqualTo(values, 5.0f), 1u);
+    EXPECT_EQ(indexOfLastComponentLessThan(values, 1.0f), 1u);
+    EXPECT_EQ(indexOfLastComponentLessThanOrEqualTo(values, 1.0f), 4u);
+    EXPECT_EQ(indexOfLastComponentGreaterThan(values, 1.0f), 3u);
+    EXPECT_EQ(indexOfLastComponentGreaterThanOrEqualTo(values, 1.0f), 4u);
+    EXPECT_EQ(indexOfLastComponentLessThan(values, 0.0f), kNotFound);
+
+    const VELTRealVector empty;
+    for (auto search : {indexOfFirstComponentLessThan, indexOfFirstComponentLessThanOrEqualTo,
+                        indexOfFirstComponentGreaterThan, indexOfFirstComponentGreaterThanOrEqualTo,
+                        indexOfLastComponentLessThan, indexOfLastComponentLessThanOrEqualTo,
+                        indexOfLastComponentGreaterThan, indexOfLastComponentGreaterThanOrEqualTo})
+        EXPECT_EQ(search(empty, 0.0f), kNotFound);
+}
+
+TEST(ZeroCrossing, FirstChangeOfSideFromTheFirstComponent) {
+    auto crossing = [](std::initializer_list<float> components) {
+        std::int64_t index = 42;
+        getZeroCrossingIndex(VELTRealVector(components), &index);
+        return index;
+    };
+    EXPECT_EQ(crossing({0.0f, 0.0f, -1.0f}), 2);
+    EXPECT_EQ(crossing({-1.0f, -2.0f}), -1);
+    EXPECT_EQ(crossing({-1.0f, 0.0f}), 1); // zero is on the non-negative side
+    EXPECT_EQ(crossing({1.0f, 2.0f, -0.0f, -3.0f}), 3);
+    EXPECT_EQ(crossing({-1.0f, -2.0f, 3.0f}), 2);
+    EXPECT_EQ(crossing({5.0f}), -1);
+    EXPECT_EQ(crossing({}), -1);
+
+    try {
+        getZeroCrossingIndex(VELTRealVector{1.0f, -1.0f}, nullptr);
+        ADD_FAILURE() << "no exception for a null index";
+    } catch (const NamedException& exception) {
+        EXPECT_EQ(exception.name(), "NullArguments");
+        EXPECT_EQ(exception.reason(), "NULL argument given when getting zero crossing");
+    }
+}
+
+TEST(Fitting, LeastSquaresLineAgainstADoublePrecisionFit) {
+    float m = 0, b = 0, r = 0;
+    getSlope(&m, &b, &r, VELTRealVector{0, 1, 2, 3, 4}, VELTRealVector{1, 3, 5, 7, 9});
+    EXPECT_FLOAT_EQ(m, 2.0f);
+    EXPECT_FLOAT_EQ(b, 1.0f);
+    EXPECT_FLOAT_EQ(r, 1.0f);
+    // A falling line still has a non-negative r.
+    getSlope(&m, &b, &r, VELTRealVector{0, 1, 2, 3}, VELTRealVector{4, 1, -2, -5});
+    EXPECT_FLOAT_EQ(m, -3.0f);
+    EXPECT_FLOAT_EQ(b, 4.0f);
+    EXPECT_FLOAT_EQ(r, 1.0f);
+
+    // Noisy data: slope, intercept and |Pearson r| worked out in double.
+    std::mt19937 generator(3);
+    std::normal_distribution<double> noise(0.0, 2.0);
+    const std::size_t n = 200;
+    VELTRealVector x(n), y(n);
+    double sx = 0, sy = 0, sxx = 0, sxy = 0, syy = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        x[i] = static_cast<float>(i) * 0.1f;
+        y[i] = static_cast<float>(-0.75 * x[i] + 3.0 + noise(generator));
+        sx += x[i], sy += y[i], sxx += double(x[i]) * x[i], sxy += double(x[i]) * y[i],
+            syy += double(y[i]) * y[i];
+    }
+    const double slope = (n * sxy - sx * sy) / (n * sxx - sx * sx);
+    const double intercept = (sy - slope * sx) / n;
+    const double pearson = (n * sxy - sx * sy) / std::sqrt((n * sxx - sx * sx) * (n * syy - sy * sy));
+    float rOnly = 0;
+    getSlope(&m, &b, &rOnly, x, y);
+    EXPECT_NEAR(m, slope, 1e-4);
+    EXPECT_NEAR(b, intercept, 1e-3);
+    EXPECT_NEAR(rOnly, std::fabs(pearson), 1e-4);
+    // r is optional.
+    getSlope(&m, &b, nullptr, x, y);
+    EXPECT_NEAR(m, slope, 1e-4);
+    // A flat line divides zero by zero for r.
+    getSlope(&m, &b, &r, VELTRealVector{1, 2, 3}, VELTRealVector{5, 5, 5});
+    EXPECT_EQ(m, 0.0f);
+    EXPECT_EQ(b, 5.0f);
+    EXPECT_TRUE(std::isnan(r));
+}
+
+TEST(Fitting, PreconditionsAreParameterAssertions) {
+    float m = 0, b = 0;
+    auto expectAssertion = [](auto call, const char* condition) {
+        try {
+            call();
+            ADD_FAILURE() << "no assertion for " << condition;
+        } catch (const ParameterAssertion& assertion) {
+            EXPECT_EQ(assertion.condition(), condition);
+            EXPECT_EQ(std::string(assertion.what()),
+                      std::string("Invalid parameter not satisfying: ") + condition);
+        }
+    };
+    const VELTRealVector two{1, 2}, three{1, 2, 3};
+    expectAssertion([&] { getSlope(&m, &b, nullptr, two, three); }, "xVec.length == yVec.length");
+    expectAssertion([&] { getSlope(nullptr, &b, nullptr, two, two); }, "m != NULL");
+    expectAssertion([&] { getSlope(&m, nullptr, nullptr, two, two); }, "b != NULL");
+}
+
+TEST(Indexing, PositionInAnIndexSet) {
+    const IndexSet set{9, 3, 7};
+    EXPECT_EQ(indexAtIndex(set, 0), 3u);
+    EXPECT_EQ(indexAtIndex(set, 1), 7u);
+    EXPECT_EQ(indexAtIndex(set, 2), 9u);
+    EXPECT_EQ(indexAtIndex(set, 3), kNotFound);
+    EXPECT_EQ(indexAtIndex(set, UINT64_MAX), kNotFound);
+    EXPECT_EQ(indexAtIndex(IndexSet{}, 0), kNotFound);
+}
+
+TEST(LogMapping, FrequenciesOntoAxisPoints) {
+    SLogMapping* mapping = SLogMappingCreate();
+    ASSERT_NE(mapping, nullptr);
+    EXPECT_EQ(mapping->minValue, 0.0);
+    EXPECT_EQ(mapping->scale, 0.0);
+    // Points before values: the scale is recomputed by every setter.
+    SLogMappingSetMinPoint(mapping, 0.0);
+    SLogMappingSetMaxPoint(mapping, 300.0);
+    SLogMappingSetMinValue(mapping, 20.0);
+    SLogMappingSetMaxValue(mapping, 20000.0);
+    EXPECT_NEAR(mapping->scale, 100.0, 1e-9);
+    EXPECT_NEAR(mapping->logMinValue, std::log10(20.0), 1e-15);
+    EXPECT_NEAR(SLogMappingPointForValue(mapping, 200.0), 100.0, 1e-9);
+    EXPECT_NEAR(SLogMappingPointForValue(mapping, 20000.0), 300.0, 1e-9);
+    EXPECT_NEAR(SLogMappingValueForPoint(mapping, 200.0), 2000.0, 1e-9);
+    EXPECT_NEAR(SLogMappingValueForPoint(mapping, SLogMappingPointForValue(mapping, 1234.5)), 1234.5, 1e-9);
+
+    // A shifted, reversed axis (points growing downward on screen).
+    SLogMappingSetMinPoint(mapping, 500.0);
+    SLogMappingSetMaxPoint(mapping, 200.0);
+    EXPECT_NEAR(mapping->scale, -100.0, 1e-9);
+    EXPECT_NEAR(SLogMappingPointForValue(mapping, 2000.0), 300.0, 1e-9);
+
+    // Equal logarithms give a scale of exactly 0.
+    SLogMappingSetMaxValue(mapping, 20.0);
+    EXPECT_EQ(mapping->scale, 0.0);
+    SLogMappingDestroy(mapping);
+    SLogMappingDestroy(nullptr);
+}
+
+} // namespace
+} // namespace tavolar
