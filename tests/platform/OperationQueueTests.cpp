@@ -1,0 +1,175 @@
+#include "platform/Assertions.h"
+#include "platform/OperationQueue.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <thread>
+
+namespace tavolar {
+namespace {
+
+using namespace std::chrono_literals;
+
+// Records how many operations run at once.
+struct Overlap {
+    std::atomic<int> inside{0};
+    std::atomic<int> most{0};
+    void enter() {
+        int now = ++inside;
+        int seen = most.load();
+        while (now > seen && !most.compare_exchange_weak(seen, now)) {
+        }
+    }
+    void leave() { --inside; }
+};
+
+TEST(OperationQueue, NeverRunsMoreOperationsThanItsWidth) {
+    for (int width : {1, 2, 3}) {
+        OperationQueue queue("GraphCalculationControllerQueue");
+        EXPECT_EQ(queue.maxConcurrentOperationCount(), OperationQueue::kDefaultMaxConcurrentOperationCount);
+        queue.setMaxConcurrentOperationCount(width);
+        Overlap overlap;
+        std::atomic<int> done{0};
+        for (int i = 0; i < 12; ++i)
+            queue.addOperation([&] {
+                overlap.enter();
+                std::this_thread::sleep_for(2ms);
+                overlap.leave();
+                ++done;
+            });
+        queue.waitUntilAllOperationsAreFinished();
+        EXPECT_EQ(done.load(), 12);
+        EXPECT_LE(overlap.most.load(), width);
+        EXPECT_EQ(queue.operationCount(), 0u);
+        if (width > 1) {
+            EXPECT_GT(overlap.most.load(), 1) << "width " << width;
+        }
+    }
+    OperationQueue queue;
+    EXPECT_THROW(queue.setMaxConcurrentOperationCount(0), ParameterAssertion);
+    EXPECT_GE(OperationQueue::processorCount(), 1);
+}
+
+TEST(OperationQueue, AWidthOfOneRunsOperationsInTheOrderAdded) {
+    OperationQueue queue("serial");
+    queue.setMaxConcurrentOperationCount(1);
+    std::vector<int> order;
+    std::vector<std::shared_ptr<Operation>> operations;
+    for (int i = 0; i < 20; ++i)
+        operations.push_back(std::make_shared<BlockOperation>([&order, i] { order.push_back(i); }));
+    queue.addOperations(operations, true);
+    std::vector<int> expected(20);
+    for (int i = 0; i < 20; ++i)
+        expected[i] = i;
+    EXPECT_EQ(order, expected);
+    for (const auto& operation : operations)
+        EXPECT_TRUE(operation->isFinished());
+}
+
+TEST(OperationQueue, DependenciesHoldOperationsBackWithinAndAcrossQueues) {
+    OperationQueue first("first"), second("second");
+    std::mutex mutex;
+    std::vector<std::string> order;
+    auto record = [&](std::string name) {
+        return std::make_shared<BlockOperation>([&, name] {
+            std::this_thread::sleep_for(1ms);
+            std::lock_guard lock(mutex);
+            order.push_back(name);
+        });
+    };
+    auto a = record("a"), b = record("b"), c = record("c"), d = record("d");
+    // d after b and c; b after a (on another queue); c after a.
+    d->addDependency(b);
+    d->addDependency(c);
+    b->addDependency(a);
+    c->addDependency(a);
+    EXPECT_FALSE(d->isReady());
+    EXPECT_EQ(d->dependencies().size(), 2u);
+    first.setSuspended(true);
+    first.addOperation(d);
+    first.addOperation(c);
+    second.addOperation(b);
+    first.addOperation(a);
+    std::this_thread::sleep_for(5ms);
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_TRUE(order.empty()); // b waits for a, which waits for the suspended queue
+    }
+    first.setSuspended(false);
+    d->waitUntilFinished();
+    ASSERT_EQ(order.size(), 4u);
+    EXPECT_EQ(order.front(), "a");
+    EXPECT_EQ(order.back(), "d");
+    EXPECT_TRUE(a->isFinished() && b->isFinished() && c->isFinished());
+
+    auto lone = record("lone");
+    auto other = record("other");
+    lone->addDependency(other);
+    lone->removeDependency(other);
+    EXPECT_TRUE(lone->isReady());
+    lone->start();
+    EXPECT_EQ(order.back(), "lone");
+    EXPECT_THROW(lone->start(), AssertionFailure);
+}
+
+TEST(OperationQueue, CancelledOperationsFinishWithoutRunningAndReleaseTheirDependents) {
+    OperationQueue queue("cancelling");
+    queue.setSuspended(true);
+    std::atomic<int> ran{0};
+    std::atomic<int> completions{0};
+    auto cancelled = std::make_shared<BlockOperation>([&] { ran += 100; });
+    auto blocked = std::make_shared<BlockOperation>([&] { ++ran; });
+    auto neverFinishing = std::make_shared<BlockOperation>([] {});
+    cancelled->setCompletionBlock([&] { ++completions; });
+    blocked->setCompletionBlock([&] { ++completions; });
+    blocked->addDependency(cancelled);
+    auto waiting = std::make_shared<BlockOperation>([&] { ran += 1000; });
+    waiting->addDependency(neverFinishing); // not in any queue: only cancelling makes it ready
+    queue.addOperation(cancelled);
+    queue.addOperation(blocked);
+    queue.addOperation(waiting);
+    EXPECT_EQ(queue.operationCount(), 3u);
+    cancelled->cancel();
+    waiting->cancel();
+    EXPECT_TRUE(cancelled->isCancelled());
+    queue.setSuspended(false);
+    queue.waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(ran.load(), 1);
+    EXPECT_EQ(completions.load(), 2);
+    EXPECT_TRUE(cancelled->isFinished() && waiting->isFinished());
+
+    // A running operation sees its cancellation and stops early.
+    std::atomic<bool> started{false};
+    std::atomic<bool> sawCancel{false};
+    auto longRunning = std::make_shared<BlockOperation>([&](const Operation& self) {
+        started = true;
+        for (int i = 0; i < 10000 && !self.isCancelled(); ++i)
+            std::this_thread::sleep_for(1ms);
+        sawCancel = self.isCancelled();
+    });
+    queue.addOperation(longRunning);
+    while (!started)
+        std::this_thread::yield();
+    EXPECT_TRUE(longRunning->isExecuting());
+    queue.cancelAllOperations();
+    longRunning->waitUntilFinished();
+    EXPECT_TRUE(sawCancel.load());
+    EXPECT_THROW(queue.addOperation(longRunning), ParameterAssertion);
+}
+
+TEST(OperationQueue, DestroyingAQueueCancelsWhatHasNotStarted) {
+    std::atomic<int> ran{0};
+    std::shared_ptr<Operation> pending;
+    {
+        OperationQueue queue("short-lived");
+        queue.setSuspended(true);
+        pending = queue.addOperation([&] { ++ran; });
+    }
+    EXPECT_TRUE(pending->isCancelled());
+    EXPECT_TRUE(pending->isFinished());
+    EXPECT_EQ(ran.load(), 0);
+}
+
+} // namespace
+} // namespace tavolar
