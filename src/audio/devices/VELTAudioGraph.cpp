@@ -115,7 +115,10 @@ AudioStatus VELTMatrixMixer::render(const AudioTimeStamp& timeStamp, std::uint32
         std::memset(buffer.data, 0, std::size_t(frames) * sizeof(float));
     if (!callback_ || frames > inputBuffers_.capacityFrames())
         return kAudioStatusNoError;
+    // A source that renders nothing (a finished stimulus) is heard as silence, not as its last buffer.
     inputBuffers_.setFrameCount(frames);
+    for (AudioBuffer& buffer : inputBuffers_.buffers())
+        std::memset(buffer.data, 0, std::size_t(frames) * sizeof(float));
     AudioStatus status = callback_(context_, timeStamp, 0, frames, inputBuffers_);
     if (status != kAudioStatusNoError)
         return status;

@@ -162,7 +162,7 @@ AudioStatus configureInput(VELTAudioIOUnit& unit, AudioDeviceID device, Capture&
 
 TEST(SimulatedDevice, ImpulsesTravelThroughTheDeviceUnderTestWithTheReportedLatencyAndClockOffset) {
     AudioDeviceID device = VELTAudioHardware::deviceIDForDeviceUID(
-        "sim:impulse?pace=fast&buffer=64&delay=10&latency=0,3&clockOffset=40&noise=-400");
+        "sim:impulse?pace=fast&buffer=64&delay=10&latency=0,3&clockOffset=40&noise=off");
     ASSERT_NE(device, kAudioDeviceUnknown);
     Capture capture;
     VELTAudioIOUnit input;

@@ -182,8 +182,8 @@ SimulatedDeviceConfiguration::applyParameters(const std::map<std::string, std::s
             ok = parseNumber(value, delay);
         } else if (key == "noise") {
             double decibels = 0;
-            ok = parseNumber(value, decibels);
-            noiseLevel = std::pow(10.0, decibels / 20.0);
+            ok = value == "off" || parseNumber(value, decibels);
+            noiseLevel = value == "off" ? 0.0 : std::pow(10.0, decibels / 20.0);
         } else if (key == "h2") {
             ok = parseNumber(value, secondHarmonic);
         } else if (key == "h3") {

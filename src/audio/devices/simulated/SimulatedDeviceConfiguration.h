@@ -56,7 +56,7 @@ struct SimulatedDeviceConfiguration {
     // the device's.
     Expected<void> loadImpulseResponseFromFile(const std::filesystem::path& path);
 
-    // Applies device-UID parameters: ir (sound file), delay, noise (dBFS RMS), h2, h3, gain (dB),
+    // Applies device-UID parameters: ir (sound file), delay, noise (dBFS RMS or "off"), h2, h3, gain (dB),
     // clockOffset, latency (comma-separated frames per input), pace ("realtime" or "fast"), rate,
     // buffer, inputs, outputs, mic, speaker, loopback ("OUT-IN" or "none").
     Expected<void> applyParameters(const std::map<std::string, std::string>& parameters);

@@ -1,0 +1,315 @@
+// The output and input controllers on simulated devices in fast mode: mixer routing, stimulus and
+// recording files, time stamps, the end-of-buffer notification, channel mapping, retained files and
+// the errors of set-up steps.
+
+#include "audio/VELTAudioCaptureSettings.h"
+#include "audio/VELTAudioInputController.h"
+#include "audio/VELTAudioOutputController.h"
+#include "platform/Logging.h"
+#include "platform/NotificationCenter.h"
+#include "platform/RunLoop.h"
+#include "platform/UUID.h"
+#include "platform/UserDefaults.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+namespace tavolar {
+namespace {
+
+// Keeps these tests' defaults out of the user's own file.
+const bool defaultsIsolated = [] {
+    if (!std::getenv("TAVOLAR_DEFAULTS_FILE"))
+        setenv("TAVOLAR_DEFAULTS_FILE",
+               (std::filesystem::temp_directory_path() / ("tavolar-audio-tests-" + newUUIDString() + ".json"))
+                   .c_str(),
+               1);
+    return true;
+}();
+
+std::shared_ptr<VELTAudioCaptureSettings> settingsFor(const std::string& uid, IndexSet playback,
+                                                      std::vector<std::int64_t> record) {
+    auto settings = std::make_shared<VELTAudioCaptureSettings>();
+    settings->setPlaybackDeviceUID(uid);
+    settings->setRecordDeviceUID(uid);
+    settings->setPlaybackChannels(playback);
+    std::vector<RecordChannelEntry> entries;
+    for (std::int64_t channel : record)
+        entries.emplace_back(channel, nullptr, std::nullopt);
+    settings->setRecordChannelEntries(entries);
+    return settings;
+}
+
+VELTRealVector ramp(std::size_t length, float scale) {
+    VELTRealVector vector(length);
+    for (std::size_t n = 0; n < length; ++n)
+        vector[n] = scale * float((n * 7919) % 1000) / 1000.0f - 0.5f * scale;
+    return vector;
+}
+
+TEST(VELTAudioOutputController, MixerRoutesTheStimulusToPlaybackAndCorrectionChannelsOnly) {
+    auto settings = settingsFor("sim:routing?outputs=4&pace=fast", {0}, {0});
+    settings->setCorrectionEnabled(true);
+    settings->setCorrectionPlaybackChannel(1);
+    VELTAudioOutputController controller(settings);
+    EXPECT_EQ(controller.allPlaybackChannels(), (IndexSet{0, 1}));
+    EXPECT_EQ(controller.crosspointVolume(0, 0), 1.0f);
+    EXPECT_EQ(controller.crosspointVolume(0, 1), 1.0f);
+    EXPECT_EQ(controller.crosspointVolume(0, 2), 0.0f);
+    EXPECT_EQ(controller.crosspointVolume(0, 3), 0.0f);
+    EXPECT_EQ(controller.playbackClientStreamDescription().formatFlags, 41u);
+    EXPECT_EQ(controller.playbackFileStreamDescription().formatFlags, 9u);
+    EXPECT_EQ(controller.playbackClientStreamDescription().sampleRate, 48000.0);
+
+    // Settings naming a missing device: the set-up step says which step failed and with what status.
+    auto missing = settingsFor("sim:routing?bogus=1", {0}, {0});
+    LogCapture log;
+    controller.setAudioCaptureSettings(missing);
+    auto result = controller.configureAudioOutput();
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().localizedDescription,
+              fmt::format("Could not set current device {}", kAudioStatusDeviceNotFound));
+    EXPECT_EQ(result.error().code, kAudioStatusDeviceNotFound);
+    EXPECT_EQ(result.error().domain, kTavolarErrorDomain);
+    EXPECT_TRUE(log.contains("(ERROR) VELTAudioOutputController.cpp : Could not configure audio output. "
+                             "Could not set current device"));
+    EXPECT_EQ(controller.crosspointVolume(0, 0), 0.0f) << "no graph";
+    controller.teardownWorkerThread();
+}
+
+TEST(VELTAudioOutputController, StimulusFilesHoldTheVectorExactlyAndAreDeletedUnlessRetained) {
+    auto settings = settingsFor("sim:files?pace=fast&rate=44100", {0}, {0});
+    std::filesystem::path first, retained;
+    {
+        VELTAudioOutputController controller(settings);
+        controller.setPlaybackVector(ramp(20000, 0.9f)); // crosses two 8192-frame chunks
+        first = controller.playbackFileURL();
+        EXPECT_EQ(first.extension(), ".caf");
+        EXPECT_TRUE(isUUIDString(first.stem().string()));
+        SF_INFO info{};
+        SNDFILE* file = sf_open(first.c_str(), SFM_READ, &info);
+        ASSERT_TRUE(file);
+        EXPECT_EQ(info.format, SF_FORMAT_CAF | SF_FORMAT_FLOAT);
+        EXPECT_EQ(info.samplerate, 44100);
+        EXPECT_EQ(info.channels, 1);
+        std::vector<float> samples(info.frames);
+        sf_readf_float(file, samples.data(), info.frames);
+        sf_close(file);
+        ASSERT_EQ(samples.size(), 20000u);
+        EXPECT_EQ(
+            std::memcmp(samples.data(), controller.playbackVector().components(), 20000 * sizeof(float)), 0);
+
+        controller.setPlaybackVector(VELTRealVector());
+        EXPECT_FALSE(std::filesystem::exists(first)) << "a new vector replaces the old file";
+        SF_INFO emptyInfo{};
+        SNDFILE* empty = sf_open(controller.playbackFileURL().c_str(), SFM_READ, &emptyInfo);
+        ASSERT_TRUE(empty) << "an empty vector gives an empty, valid file";
+        EXPECT_EQ(emptyInfo.frames, 0);
+        sf_close(empty);
+        first = controller.playbackFileURL();
+        controller.teardownWorkerThread();
+    }
+    EXPECT_FALSE(std::filesystem::exists(first));
+
+    UserDefaults::standard().setBool(true, "RZRetainStimulusAfterMeasurement");
+    {
+        LogCapture log;
+        {
+            VELTAudioOutputController controller(settings);
+            controller.setPlaybackVector(ramp(100, 0.5f));
+            retained = controller.playbackFileURL();
+            // Not torn down: the controller says so and tears the worker down itself.
+        }
+        EXPECT_TRUE(log.contains("Retained stimulus at path: " + retained.string()));
+        EXPECT_TRUE(log.contains("(ERROR) VELTAudioOutputController.cpp : ERROR: Did not tear down "
+                                 "mAudioNotificationQueueWorker thread"));
+    }
+    UserDefaults::standard().removeObjectForKey("RZRetainStimulusAfterMeasurement");
+    EXPECT_TRUE(std::filesystem::exists(retained));
+    std::filesystem::remove(retained);
+}
+
+TEST(AudioControllers, PlaybackAndRecordingMeetOnTheDeviceClock) {
+    // Loop-back from output 1 to input 1 with 5 frames of input latency; the stimulus also drives
+    // the device under test on output 0 (delay 30) into input 0.
+    const std::string uid = "sim:clock?pace=fast&buffer=128&latency=0,5&delay=30&noise=off";
+    auto settings = settingsFor(uid, {0, 1}, {0, 1});
+    VELTAudioOutputController output(settings);
+    VELTAudioInputController input(settings);
+    ASSERT_TRUE(input.isConfigured());
+    EXPECT_EQ(input.startTimeStamp().flags, 0u);
+    const VELTRealVector stimulus = ramp(30000, 0.8f);
+    output.setPlaybackVector(stimulus);
+
+    int notifications = 0;
+    const void* sender = nullptr;
+    auto token = NotificationCenter::defaultCenter().addObserver(
+        std::string(VELTAudioOutputControllerEndOfBufferNotification), &output,
+        [&](const Notification& notification) {
+            ++notifications;
+            sender = notification.sender;
+        });
+    input.startRecording();
+    output.startPlayback();
+    ASSERT_TRUE(RunLoop::runUntil([&] { return notifications > 0; }, std::chrono::seconds(20)));
+    // Play on for a while: no second notification, and what renders after the end is silence.
+    RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(100));
+    output.stopPlayback();
+    input.stopRecording();
+    NotificationCenter::defaultCenter().removeObserver(token);
+    EXPECT_EQ(notifications, 1);
+    EXPECT_EQ(sender, &output);
+    EXPECT_EQ(output.underruns(), 0u);
+    EXPECT_EQ(input.droppedFrames(), 0u);
+
+    AudioTimeStamp played = output.startTimeStamp(), recorded = input.startTimeStamp();
+    ASSERT_TRUE(played.flags & kAudioTimeStampSampleTimeValid);
+    ASSERT_TRUE(recorded.flags & kAudioTimeStampSampleTimeValid);
+    ASSERT_GE(played.sampleTime, recorded.sampleTime) << "recording starts first";
+    const std::size_t offset = std::size_t(played.sampleTime - recorded.sampleTime);
+
+    auto vectors = input.recordChannelVectors();
+    ASSERT_EQ(vectors.size(), 2u);
+    ASSERT_TRUE(vectors[0] && vectors[1]);
+    const VELTRealVector& loopback = *vectors[1];
+    ASSERT_GT(loopback.length(), offset + 5 + stimulus.length() + 1000);
+    for (std::size_t n = 0; n < offset + 5; ++n)
+        ASSERT_EQ(loopback[n], 0.0f) << n;
+    for (std::size_t n = 0; n < stimulus.length(); ++n)
+        ASSERT_EQ(loopback[offset + 5 + n], stimulus[n]) << "unity gain, aligned by the stamps, frame " << n;
+    for (std::size_t n = offset + 5 + stimulus.length(); n < loopback.length(); ++n)
+        ASSERT_EQ(loopback[n], 0.0f) << "silence after the end, frame " << n;
+    EXPECT_FALSE(input.correctionChannelVector()) << "correction off";
+
+    std::filesystem::path recording = input.recordedFileURL();
+    EXPECT_TRUE(std::filesystem::exists(recording));
+    input.clearRecording();
+    EXPECT_FALSE(std::filesystem::exists(recording));
+    output.teardownWorkerThread();
+}
+
+TEST(VELTAudioInputController, ChannelsAreMappedInAscendingOrderWithTheCorrectionChannel) {
+    // Input 2 hears the device under test, input 5 the loop-back of output 0, input 0 nothing.
+    const std::string uid = "sim:mapping?pace=fast&inputs=6&mic=2&loopback=0-5&noise=off";
+    auto settings = settingsFor(uid, {0}, {2, 0});
+    settings->setCorrectionEnabled(true);
+    settings->setCorrectionRecordChannel(5);
+    VELTAudioInputController input(settings);
+    EXPECT_EQ(input.allRecordChannels(), (IndexSet{0, 2, 5}));
+    EXPECT_EQ(input.recordingClientStreamDescription().channelsPerFrame, 3u);
+    EXPECT_EQ(input.recordingClientStreamDescription().bytesPerFrame, 4u);
+    EXPECT_EQ(input.baseStreamDescription().bytesPerFrame, 12u) << "4N, deliberately";
+    EXPECT_EQ(input.recordingFileStreamDescription().bytesPerFrame, 12u);
+
+    std::vector<std::uint8_t> layout = input.audioChannelLayoutData();
+    ASSERT_EQ(layout.size(), 12u + 60u);
+    auto word = [&](std::size_t offset) {
+        std::uint32_t value;
+        std::memcpy(&value, layout.data() + offset, 4);
+        return value;
+    };
+    EXPECT_EQ(word(8), 3u);
+    EXPECT_EQ(word(12), 0x10000u);
+    EXPECT_EQ(word(32), 0x10002u);
+    EXPECT_EQ(word(52), 0x10005u);
+
+    VELTAudioOutputController output(settings);
+    output.setPlaybackVector(ramp(5000, 0.5f));
+    bool ended = false;
+    auto token = NotificationCenter::defaultCenter().addObserver(
+        std::string(VELTAudioOutputControllerEndOfBufferNotification), &output,
+        [&](const Notification&) { ended = true; });
+    input.startRecording();
+    output.startPlayback();
+    ASSERT_TRUE(RunLoop::runUntil([&] { return ended; }, std::chrono::seconds(20)));
+    output.stopPlayback();
+    input.stopRecording();
+    NotificationCenter::defaultCenter().removeObserver(token);
+
+    SF_INFO info{};
+    SNDFILE* file = sf_open(input.recordedFileURL().c_str(), SFM_READ, &info);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(info.channels, 3);
+    sf_close(file);
+    auto all = input.allRecordChannelVectors();
+    ASSERT_TRUE(all);
+    ASSERT_EQ(all->size(), 3u);
+    float silentPeak = 0, microphonePeak = 0, loopbackPeak = 0;
+    all->at(0).getMaximumMagnitude(silentPeak, nullptr);
+    all->at(2).getMaximumMagnitude(microphonePeak, nullptr);
+    all->at(5).getMaximumMagnitude(loopbackPeak, nullptr);
+    EXPECT_LT(silentPeak, 1e-6f);
+    EXPECT_GT(microphonePeak, 0.01f);
+    EXPECT_FLOAT_EQ(loopbackPeak, 0.25f);
+    auto ordered = input.recordChannelVectors();
+    ASSERT_EQ(ordered.size(), 2u);
+    EXPECT_EQ(*ordered[0], all->at(2)) << "entry order: channel 2 first";
+    EXPECT_EQ(*ordered[1], all->at(0));
+    ASSERT_TRUE(input.correctionChannelVector());
+    EXPECT_EQ(*input.correctionChannelVector(), all->at(5));
+
+    // Retained responses survive clearing, and the path is logged.
+    UserDefaults::standard().setBool(true, "RZRetainResponsesAfterMeasurement");
+    {
+        LogCapture log;
+        input.clearRecording();
+        EXPECT_TRUE(log.contains("Retained response at path: " + input.recordedFileURL().string()));
+    }
+    UserDefaults::standard().removeObjectForKey("RZRetainResponsesAfterMeasurement");
+    EXPECT_TRUE(std::filesystem::exists(input.recordedFileURL()));
+    input.clearRecording();
+    EXPECT_FALSE(std::filesystem::exists(input.recordedFileURL()));
+    output.teardownWorkerThread();
+}
+
+TEST(VELTAudioInputController, ReadingBackHandlesEmptyMissingAndMismatchedFiles) {
+    auto settings = settingsFor("sim:readback?pace=fast", {0}, {0, 1});
+    VELTAudioInputController input(settings);
+    const auto path = std::filesystem::temp_directory_path() / (newUUIDString() + ".caf");
+    ASSERT_TRUE(input.createAudioFileAtURL(path));
+    input.stopRecording(); // closes the empty file
+    auto empty = input.vectorsForAudioFile(path);
+    ASSERT_TRUE(empty);
+    ASSERT_EQ(empty->size(), 2u);
+    EXPECT_EQ((*empty)[0].length(), 0u);
+
+    // A file of another channel count than the settings record cannot be mapped.
+    auto single = settingsFor("sim:readback?pace=fast", {0}, {0});
+    VELTAudioInputController other(single);
+    auto mismatched = other.vectorsForAudioFile(path);
+    ASSERT_FALSE(mismatched);
+    EXPECT_EQ(mismatched.error().localizedDescription,
+              fmt::format("Could not set client data format, err={}", kAudioStatusFormatNotSupported));
+    std::filesystem::remove(path);
+
+    auto missing = input.vectorsForAudioFile(path);
+    ASSERT_FALSE(missing);
+    EXPECT_TRUE(missing.error().localizedDescription.starts_with("Could not open audio file " +
+                                                                 path.string() + ", err="));
+    input.setRecordedFileURL(path);
+    LogCapture log;
+    EXPECT_FALSE(input.allRecordChannelVectors());
+    auto vectors = input.recordChannelVectors();
+    ASSERT_EQ(vectors.size(), 2u);
+    EXPECT_FALSE(vectors[0]);
+    EXPECT_TRUE(log.contains(
+        "(ERROR) VELTAudioInputController.cpp : Could not get recorded channels. Could not open audio file"));
+
+    // A record device that is not present fails at the device step, and recording does nothing.
+    auto absent = settingsFor("nothing:here", {0}, {0});
+    VELTAudioInputController unconfigured(absent);
+    EXPECT_FALSE(unconfigured.isConfigured());
+    auto configured = unconfigured.configureAudioInput();
+    ASSERT_FALSE(configured);
+    EXPECT_EQ(configured.error().localizedDescription,
+              fmt::format("Could not set property {}", kAudioStatusDeviceNotFound));
+    unconfigured.startRecording();
+    EXPECT_TRUE(unconfigured.recordedFileURL().empty());
+}
+
+} // namespace
+} // namespace tavolar
