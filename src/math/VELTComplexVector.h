@@ -1,12 +1,18 @@
 #pragma once
 // Split-complex vectors: two equal-length, aligned arrays of real and imaginary parts, in float
 // (VELTComplexVector) and double (VELTMutableComplexDoubleVector). Plain values.
-
-#include <cstddef>
-#include <span>
+//
+// Numeric contract. Component-wise operations take a vector of the receiver's length (parameter
+// assertion otherwise) and may be given the receiver itself. Division and magnitude of float
+// vectors are computed in double precision, so neither overflows nor underflows where the result
+// is representable; dividing by 0 gives NaN or infinity, which is passed on. A real spectrum holds
+// bins 0 .. N/2 of an N-point transform (see VELTFFTSetup for scaling and threads).
 
 #include "math/AlignedBuffer.h"
 #include "math/VELTRealVector.h"
+
+#include <cstddef>
+#include <span>
 
 namespace tavolar {
 
@@ -30,6 +36,8 @@ public:
     void complexMultiplyBy(const VELTComplexVector& other);
     void complexDivideBy(const VELTComplexVector& other);
     void multiplyBy(const VELTRealVector& factors); // both parts scaled
+    void add(const VELTRealVector& values);         // added to the real parts
+    void scaleBy(float factor) noexcept;
     void conjugate() noexcept;
     void exp() noexcept; // complex exponential of each component
     VELTRealVector abs() const;
@@ -38,7 +46,11 @@ public:
 
     // Inverse of VELTRealVector::fft: a spectrum of M = N/2 + 1 bins gives N = 2 (M - 1) real samples,
     // scaled by 1/N. The imaginary parts of bins 0 and N/2 are ignored.
+    // A single bin is the transform of a single sample.
     VELTRealVector ifft() const;
+    // The same into the first N components of a caller's vector (at least N long) with a plan of
+    // length N, reading bins 0 .. N/2; takes no lock and no memory of its own (see VELTFFTSetup).
+    void ifftIntoRealVector(VELTRealVector& signal, const VELTFFTSetup& setup) const;
     // Full complex transforms of a power-of-two length; forward unscaled, inverse scaled by 1/N.
     VELTComplexVector complexFFT() const;
     VELTComplexVector complexIFFT() const;
@@ -65,11 +77,25 @@ public:
     double* mutableRealComponents() noexcept { return real_.data(); }
     double* mutableImaginaryComponents() noexcept { return imag_.data(); }
 
+    VELTRealDoubleVector real() const;
+    VELTRealDoubleVector imag() const;
+
     void complexMultiplyBy(const VELTMutableComplexDoubleVector& other);
     void complexDivideBy(const VELTMutableComplexDoubleVector& other);
+    void multiplyBy(const VELTRealDoubleVector& factors); // both parts scaled
+    void add(const VELTRealDoubleVector& values);         // added to the real parts
+    void scaleBy(double factor) noexcept;
     void conjugate() noexcept;
-    // Inverse real transform of N/2 + 1 bins into N samples, scaled by 1/N, with a plan of length N.
+    VELTRealDoubleVector abs() const;
+
+    // Inverse real transform of M = N/2 + 1 bins into N = 2 (M - 1) samples (one bin: one sample),
+    // scaled by 1/N; the imaginary parts of bins 0 and N/2 are ignored.
+    VELTRealDoubleVector ifft() const;
+    // The same into the first N components of a caller's vector (at least N long) with a plan of
+    // length N; takes no lock and no memory of its own (see VELTFFTSetup).
     void ifftIntoRealDoubleVector(VELTRealDoubleVector& signal, const VELTFFTDoubleSetup& setup) const;
+
+    bool operator==(const VELTMutableComplexDoubleVector&) const = default;
 
 private:
     AlignedBuffer<double> real_;

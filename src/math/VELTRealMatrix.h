@@ -1,9 +1,9 @@
 #pragma once
 // Rows by columns of floats over one real vector, row by row.
 
-#include <cstddef>
-
 #include "math/VELTRealVector.h"
+
+#include <cstddef>
 
 namespace tavolar {
 
@@ -17,9 +17,14 @@ public:
     std::size_t rows() const noexcept { return rows_; }
     std::size_t columns() const noexcept { return columns_; }
     const VELTRealVector& vector() const noexcept { return vector_; }
+    // The underlying vector, for operations on all values at once (its length must not change).
+    VELTRealVector& mutableVector() noexcept { return vector_; }
     std::span<const float> rowAtIndex(std::size_t row) const;
     std::span<float> mutableRowAtIndex(std::size_t row);
     float valueAt(std::size_t row, std::size_t column) const { return vector_[row * columns_ + column]; }
+    void setValue(float value, std::size_t row, std::size_t column) {
+        vector_[row * columns_ + column] = value;
+    }
 
 private:
     VELTRealVector vector_;

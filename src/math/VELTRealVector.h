@@ -2,14 +2,20 @@
 // Length-counted, contiguous, 64-byte aligned arrays of 32-bit (VELTRealVector) and 64-bit
 // (VELTRealDoubleVector) floats. Plain values: copying copies the samples. An immutable vector is
 // a const one; VELTMutableRealVector names the same class where the code mutates.
+//
+// Numeric contract. In-place operations take another vector of the same length (parameter
+// assertion otherwise) and may be given the receiver itself. Sums, RMS values and dot products
+// accumulate in double precision. Extremes skip NaN components. Transforms: see VELTFFTSetup.
+// Threads: a const vector may be read from any number of threads; nothing here has shared state
+// except the FFT plan cache, which is thread-safe.
+
+#include "math/AlignedBuffer.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
 #include <span>
 #include <vector>
-
-#include "math/AlignedBuffer.h"
 
 namespace tavolar {
 
@@ -29,6 +35,7 @@ public:
 
     static VELTRealVector realVectorWithLength(std::size_t length);
     static VELTRealVector realVectorWithComponents(std::span<const float> components);
+    static VELTRealVector realVectorWithComponents(std::initializer_list<float> components);
     // Packed host-order floats; a trailing partial float is ignored.
     static VELTRealVector realVectorWithData(std::span<const std::byte> data);
     static VELTRealVector onesWithLength(std::size_t length);
@@ -69,11 +76,14 @@ public:
     VELTRealVector realVectorInRange(std::size_t location, std::size_t length) const;
     std::span<const float> realVectorInRangeNoCopy(std::size_t location, std::size_t length) const;
     void replaceComponentsInRange(std::size_t location, std::size_t length, const VELTRealVector& with);
-    bool isAllZeroes() const noexcept;
+    bool isAllZeroes() const noexcept; // -0.0 counts as zero, NaN does not
+    bool isNAN() const noexcept;       // some component is NaN
+    bool isFinite() const noexcept;    // every component is finite (the empty vector is)
     void swapFloatsBigToHostIfRequired() noexcept;
     void clear() noexcept;
 
-    // Extremes; the empty vector answers 0 and location 0.
+    // Extremes, first location on ties; NaN components are skipped. The empty vector answers 0
+    // and location 0; a vector of nothing but NaNs answers NaN and location 0.
     float max() const noexcept;
     float min() const noexcept;
     void getMaximum(float& value, std::size_t& location) const noexcept;
@@ -95,16 +105,25 @@ public:
     void abs() noexcept;
     void log() noexcept; // natural logarithm
     void exp() noexcept;
-    void normalize() noexcept;         // scale so that the largest magnitude is 1.0 (all-zero: unchanged)
-    void normalizeDecibels() noexcept; // shift so that the largest value is 0.0
+    // Divides by the largest magnitude, so that it becomes exactly 1.0; a vector whose largest
+    // magnitude is 0, infinite or NaN is left unchanged.
+    void normalize() noexcept;
+    void normalizeDecibels() noexcept; // shift so that the largest value is 0.0 (if it is finite)
     void reverse() noexcept;
-    // Rotates right by shift samples (negative: left): out[(i + shift) mod N] = in[i].
+    // Rotates right by shift samples (negative: left): out[(i + shift) mod N] = in[i]. Any shift,
+    // however large, is taken modulo N.
     void circularShiftBy(std::int64_t shift) noexcept;
+    // Keeps components offset, offset + factor, offset + 2 factor, ... (factor >= 1).
+    void downsampleBy(std::size_t factor, std::size_t offset);
+    // Puts factor - 1 zeros after every component (factor >= 1); the length grows factor times.
+    void upsampleBy(std::size_t factor);
 
     // Transforms. Forward is unscaled; bins 0 .. N/2 of the real transform (N/2 + 1 of them).
-    // Requires a power-of-two length (TAVOLAR_PARAMETER_ASSERT).
+    // Requires a power-of-two length (TAVOLAR_PARAMETER_ASSERT). fft allocates the spectrum and
+    // looks the plan up in the cache.
     VELTComplexVector fft() const;
-    // The same into a caller's vector of at least N/2 + 1 components, with a prepared plan of length N.
+    // The same into a caller's vector of at least N/2 + 1 components, with a prepared plan of length
+    // N; components beyond N/2 are left alone. Takes no lock and no memory of its own (see VELTFFTSetup).
     void fftIntoComplexVector(VELTComplexVector& spectrum, const VELTFFTSetup& setup) const;
 
     bool operator==(const VELTRealVector&) const = default;
@@ -122,8 +141,10 @@ public:
     VELTRealDoubleVector(std::initializer_list<double> components);
     explicit VELTRealDoubleVector(std::span<const double> components);
     static VELTRealDoubleVector realDoubleVectorWithComponents(std::initializer_list<double> components);
+    static VELTRealDoubleVector realDoubleVectorWithComponents(std::span<const double> components);
     static VELTRealDoubleVector withRealVector(const VELTRealVector& floats);
     VELTRealVector realVector() const; // narrowed to float
+    VELTRealDoubleVector mutableCopy() const { return *this; }
 
     std::size_t length() const noexcept { return data_.size(); }
     void setLength(std::size_t length);
@@ -135,8 +156,19 @@ public:
     double& operator[](std::size_t index) noexcept { return data_[index]; }
     void scaleBy(double factor) noexcept;
     void clear() noexcept;
+    bool isAllZeroes() const noexcept;
+    bool isNAN() const noexcept;
+    bool isFinite() const noexcept;
+    void getMaximumMagnitude(double& value, std::size_t* location) const noexcept;
+    void add(const VELTRealDoubleVector& other);
+    void subtract(const VELTRealDoubleVector& other);
+    void multiplyBy(const VELTRealDoubleVector& other);
+    void circularShiftBy(std::int64_t shift) noexcept;
 
-    // Forward real transform in double precision into bins 0 .. N/2 of a caller's vector.
+    // Forward real transform in double precision: bins 0 .. N/2, unscaled, of a power-of-two length.
+    VELTMutableComplexDoubleVector fft() const;
+    // The same into bins 0 .. N/2 of a caller's vector (at least N/2 + 1 long) with a plan of length
+    // N; takes no lock and no memory of its own (see VELTFFTSetup).
     void fftIntoComplexDoubleVector(VELTMutableComplexDoubleVector& spectrum,
                                     const VELTFFTDoubleSetup& setup) const;
 
