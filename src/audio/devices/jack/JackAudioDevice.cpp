@@ -159,6 +159,8 @@ public:
         return range.max;
     }
 
+    // The server converts whole frames and whole microseconds only; the fraction in between is
+    // interpolated between neighbouring frames, so a round trip lands on the frame it started from.
     AudioStatus sampleTimeToHostTime(double sampleTime, std::uint64_t& hostTime,
                                      double& rateScalar) const override {
         if (!isAlive())
@@ -166,11 +168,14 @@ public:
         if (!std::isfinite(sampleTime))
             return kAudioStatusInvalidParameter;
         double whole = std::floor(sampleTime);
-        jack_time_t microseconds = jack_frames_to_time(client_, jack_nframes_t(std::int64_t(whole)));
-        if (microseconds == 0)
+        jack_nframes_t frame = jack_nframes_t(std::int64_t(whole));
+        jack_time_t start = jack_frames_to_time(client_, frame),
+                    next = jack_frames_to_time(client_, frame + 1);
+        if (start == 0)
             return kAudioStatusServerFailure;
-        hostTime = std::uint64_t(microseconds) * 1000u +
-                   std::uint64_t(std::llround((sampleTime - whole) / sampleRate_ * 1e9));
+        double frameNanoseconds = next > start ? double(next - start) * 1000.0 : 1e9 / sampleRate_;
+        hostTime = std::uint64_t(start) * 1000u +
+                   std::uint64_t(std::llround((sampleTime - whole) * frameNanoseconds));
         rateScalar = 1.0;
         return kAudioStatusNoError;
     }
@@ -178,9 +183,16 @@ public:
                                      double& rateScalar) const override {
         if (!isAlive())
             return kAudioStatusDeviceNotFound;
-        jack_nframes_t frames = jack_time_to_frames(client_, hostTime / 1000u);
-        std::int64_t extended = frames_.unwrap(frames, jack_frame_time(client_));
-        sampleTime = double(extended) + double(hostTime % 1000u) * 1e-9 * sampleRate_;
+        jack_nframes_t frame = jack_time_to_frames(client_, hostTime / 1000u);
+        jack_time_t start = jack_frames_to_time(client_, frame),
+                    next = jack_frames_to_time(client_, frame + 1);
+        if (start == 0)
+            return kAudioStatusServerFailure;
+        double fraction = next > start
+                              ? (double(hostTime) - double(start) * 1000.0) / (double(next - start) * 1000.0)
+                              : 0.0;
+        std::int64_t extended = frames_.unwrap(frame, jack_frame_time(client_));
+        sampleTime = double(extended) + fraction;
         rateScalar = 1.0;
         return kAudioStatusNoError;
     }

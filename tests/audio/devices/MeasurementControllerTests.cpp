@@ -1,0 +1,328 @@
+// Whole measurements on simulated devices in fast mode: the delegate's stages, synchronous
+// averaging, alignment through time stamps and latencies, the loop-back reference, level checks and
+// aborting. Measured responses are compared with the device under test's own impulse response.
+
+#include "audio/devices/VELTAudioHardware.h"
+#include "audio/devices/simulated/SimulatedDeviceConfiguration.h"
+#include "engine/VELTRZMeasurementController.h"
+#include "platform/Logging.h"
+#include "platform/RunLoop.h"
+#include "platform/UUID.h"
+#include "platform/UserDefaults.h"
+
+#include <cmath>
+#include <complex>
+#include <cstdlib>
+#include <filesystem>
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+#include <mutex>
+#include <numbers>
+
+namespace tavolar {
+namespace {
+
+const bool defaultsIsolated = [] {
+    if (!std::getenv("TAVOLAR_DEFAULTS_FILE"))
+        setenv("TAVOLAR_DEFAULTS_FILE",
+               (std::filesystem::temp_directory_path() / ("tavolar-audio-tests-" + newUUIDString() + ".json"))
+                   .c_str(),
+               1);
+    return true;
+}();
+
+// Records the delegate's calls in order, with the thread each ran on.
+class RecordingDelegate : public VELTRZMeasurementControllerDelegate {
+public:
+    void measurementControllerDidBeginPlayback(VELTRZMeasurementController&) override {
+        note("beginPlayback");
+    }
+    void measurementControllerDidEndPlayback(VELTRZMeasurementController&) override { note("endPlayback"); }
+    void measurementControllerDidBeginConvolution(VELTRZMeasurementController&) override {
+        note("beginConvolution");
+    }
+    void measurementController(VELTRZMeasurementController&,
+                               const std::map<std::string, std::int64_t>& progress) override {
+        note(fmt::format("progress {}/{}", progress.at("current"), progress.at("total")));
+    }
+    void measurementControllerDidEndConvolution(VELTRZMeasurementController& controller) override {
+        note("endConvolution");
+        std::lock_guard lock(mutex);
+        resultsAtEnd = controller.measurementArray().size();
+        ended = true;
+    }
+    void measurementControllerDidAbort(VELTRZMeasurementController&) override {
+        note("abort");
+        std::lock_guard lock(mutex);
+        aborted = true;
+    }
+
+    std::vector<std::string> calls() {
+        std::lock_guard lock(mutex);
+        return calls_;
+    }
+    bool offMainThread() {
+        std::lock_guard lock(mutex);
+        return offMain_;
+    }
+
+    std::mutex mutex;
+    bool ended = false, aborted = false;
+    std::size_t resultsAtEnd = 0;
+
+private:
+    void note(std::string call) {
+        std::lock_guard lock(mutex);
+        // Every stage but the end of playback reaches the delegate on the main thread.
+        if (!isMainThread() && call != "endPlayback")
+            offMain_ = true;
+        calls_.push_back(std::move(call));
+    }
+    std::vector<std::string> calls_;
+    bool offMain_ = false;
+};
+
+VELTLogSweepSettings shortSweep() {
+    VELTLogSweepSettings sweep;
+    sweep.setFullRangeSweep(false);
+    sweep.setStartFreq(20.0f);
+    sweep.setEndFreq(20000.0f);
+    sweep.setDuration(500.0f);
+    sweep.setDefaultSilence(false);
+    sweep.setBeginSilence(50.0f);
+    sweep.setEndSilence(300.0f);
+    sweep.setAmplitude(0.5f);
+    return sweep;
+}
+
+std::shared_ptr<VELTAudioCaptureSettings> captureSettings(const std::string& uid,
+                                                          std::vector<std::int64_t> record, bool correction) {
+    auto settings = std::make_shared<VELTAudioCaptureSettings>();
+    settings->setPlaybackDeviceUID(uid);
+    settings->setRecordDeviceUID(uid);
+    settings->setPlaybackChannels(IndexSet{0});
+    std::vector<RecordChannelEntry> entries;
+    for (std::int64_t channel : record)
+        entries.emplace_back(channel, nullptr, std::nullopt);
+    settings->setRecordChannelEntries(entries);
+    settings->setCorrectionEnabled(correction);
+    settings->setCorrectionPlaybackChannel(1);
+    settings->setCorrectionRecordChannel(1);
+    return settings;
+}
+
+// Magnitude in dB of a response at a frequency, by a direct transform in double precision.
+double magnitudeDecibels(std::span<const float> response, double frequency, double rate) {
+    std::complex<double> sum = 0.0;
+    for (std::size_t n = 0; n < response.size(); ++n)
+        sum += double(response[n]) * std::polar(1.0, -2.0 * std::numbers::pi * frequency * double(n) / rate);
+    return 20.0 * std::log10(std::abs(sum));
+}
+
+struct MeasurementRun {
+    std::shared_ptr<VELTRZMeasurementController> controller = VELTRZMeasurementController::make();
+    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
+
+    MeasurementRun(const std::string& uid, std::vector<std::int64_t> record, bool correction,
+                   std::int64_t averages = 1) {
+        controller->setDelegate(delegate);
+        controller->setLogSweepSettings(shortSweep());
+        controller->setAudioCaptureSettings(captureSettings(uid, std::move(record), correction));
+        controller->setSynchronousAverages(averages);
+    }
+    bool measureToEnd() {
+        {
+            std::lock_guard lock(delegate->mutex);
+            delegate->ended = false;
+        }
+        controller->measure();
+        return RunLoop::runUntil(
+            [&] {
+                std::lock_guard lock(delegate->mutex);
+                return delegate->ended;
+            },
+            std::chrono::seconds(60));
+    }
+};
+
+TEST(VELTRZMeasurementController, AveragedMeasurementReproducesTheDeviceUnderTest) {
+    SimulatedDeviceConfiguration device;
+    device.name = "controller-dut";
+    device.realTime = false;
+    device.bufferSize = 128;
+    device.inputChannels = 3;
+    device.delay = 240;
+    device.inputLatencies = {64, 0, 17};
+    device.microphoneInput = 0;
+    device.noiseLevel = 1e-5;
+    // A small resonant system: direct sound, a reflection and a decaying ring.
+    device.impulseResponse.assign(600, 0.0f);
+    device.impulseResponse[0] = 0.6f;
+    device.impulseResponse[37] = -0.25f;
+    for (std::size_t n = 60; n < 600; ++n)
+        device.impulseResponse[n] = float(0.1 * std::exp(-double(n - 60) / 80.0) * std::sin(0.3 * double(n)));
+    VELTAudioHardware::registerSimulatedDevice(device);
+
+    MeasurementRun run("sim:controller-dut", {0, 2}, false, 3);
+    ASSERT_TRUE(run.measureToEnd());
+    RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(50)); // let queued progress arrive
+    EXPECT_FALSE(run.controller->error()) << run.controller->error()->localizedDescription;
+    const std::vector<std::string> expected{"beginPlayback", "beginPlayback",    "beginPlayback",
+                                            "endPlayback",   "beginConvolution", "progress 0/2",
+                                            "progress 1/2",  "progress 2/2",     "endConvolution"};
+    EXPECT_EQ(run.delegate->calls(), expected);
+    EXPECT_FALSE(run.delegate->offMainThread());
+    EXPECT_EQ(run.delegate->resultsAtEnd, 2u) << "results are stored before the end is told";
+    EXPECT_EQ(run.controller->averagingArray()->size(), 3u);
+
+    auto results = run.controller->measurementArray();
+    ASSERT_EQ(results.size(), 2u);
+    const VELTRZMeasurement& measured = *results[0];
+    EXPECT_EQ(measured.sampleRate(), 48000);
+    EXPECT_EQ(measured.synchronousAverages(), 3);
+    EXPECT_EQ(measured.recordChannelEntry().channel(), 0);
+    ASSERT_TRUE(measured.recordDevice());
+    EXPECT_EQ(measured.recordDevice()->uid, "sim:controller-dut");
+
+    // Channel 0's latency of 64 frames is removed, so the response starts after the pure delay.
+    const VELTRealVector& response = measured.impulseResponse();
+    float peak = 0;
+    std::size_t peakIndex = 0;
+    response.getMaximumMagnitude(peak, &peakIndex);
+    EXPECT_EQ(peakIndex, 240u);
+    EXPECT_NEAR(peak, 0.6f, 0.01f);
+    std::span<const float> measuredPart = response.span().subspan(240, 2048);
+    for (double frequency : {100.0, 315.0, 1000.0, 3150.0, 10000.0})
+        EXPECT_NEAR(magnitudeDecibels(measuredPart, frequency, 48000.0),
+                    magnitudeDecibels(device.impulseResponse, frequency, 48000.0), 0.1)
+            << frequency << " Hz";
+    // Channel 2 hears only noise: its response carries no trace of the device under test.
+    float noisePeak = 0;
+    results[1]->impulseResponse().getMaximumMagnitude(noisePeak, nullptr);
+    EXPECT_LT(noisePeak, 0.01f);
+    VELTAudioHardware::removeSimulatedDevice("controller-dut");
+}
+
+TEST(VELTRZMeasurementController, LoopBackReferenceCancelsTheClockOffsetBetweenStreams) {
+    // Input stamps read 100 frames behind the output's: aligned by stamps alone, 100 frames too
+    // many are cut and the response arrives 100 frames early; divided by the loop-back reference it
+    // arrives on time.
+    const std::string uid = "sim:offset?pace=fast&clockOffset=-100&delay=200&noise=off";
+    MeasurementRun plain(uid, {0}, false);
+    ASSERT_TRUE(plain.measureToEnd());
+    MeasurementRun referenced(uid, {0}, true);
+    ASSERT_TRUE(referenced.measureToEnd());
+    ASSERT_EQ(plain.controller->measurementArray().size(), 1u);
+    ASSERT_EQ(referenced.controller->measurementArray().size(), 1u);
+    const std::vector<float> builtIn = SimulatedDeviceConfiguration::defaultConfiguration().impulseResponse;
+    float builtInPeak = 0;
+    std::size_t builtInPeakIndex = 0;
+    VELTRealVector(builtIn).getMaximumMagnitude(builtInPeak, &builtInPeakIndex);
+    float peak = 0;
+    std::size_t plainIndex = 0, referencedIndex = 0;
+    plain.controller->measurementArray()[0]->impulseResponse().getMaximumMagnitude(peak, &plainIndex);
+    referenced.controller->measurementArray()[0]->impulseResponse().getMaximumMagnitude(peak,
+                                                                                        &referencedIndex);
+    EXPECT_EQ(plainIndex, 200 + builtInPeakIndex - 100);
+    EXPECT_EQ(referencedIndex, 200 + builtInPeakIndex);
+}
+
+TEST(VELTRZMeasurementController, LevelChecksStopProcessingUnlessBypassed) {
+    UserDefaults::standard().setBool(true, "ChecksRecordingLevel");
+    {
+        MeasurementRun quiet("sim:quiet?pace=fast&gain=-40", {0}, false);
+        ASSERT_TRUE(quiet.measureToEnd());
+        ASSERT_TRUE(quiet.controller->error());
+        EXPECT_EQ(quiet.controller->error()->localizedDescription, "The Recording is Too Quiet");
+        EXPECT_EQ(quiet.controller->error()->code, -1);
+        EXPECT_TRUE(quiet.controller->measurementArray().empty());
+        auto calls = quiet.delegate->calls();
+        EXPECT_EQ(std::count(calls.begin(), calls.end(), "beginConvolution"), 0);
+
+        // Holding Shift skips the check.
+        VELTRZMeasurementController::setModifierFlagsProvider([] { return std::uint64_t(1) << 17; });
+        ASSERT_TRUE(quiet.measureToEnd());
+        VELTRZMeasurementController::setModifierFlagsProvider(nullptr);
+        EXPECT_TRUE(quiet.controller->bypassLevelCheck());
+        EXPECT_FALSE(quiet.controller->error());
+        EXPECT_EQ(quiet.controller->measurementArray().size(), 1u);
+    }
+    {
+        // Too quiet on one channel (input 1 hears nothing) and clipped on the other: clipping wins.
+        MeasurementRun loud("sim:loud?pace=fast&gain=20&loopback=none", {0, 1}, false);
+        ASSERT_TRUE(loud.measureToEnd());
+        ASSERT_TRUE(loud.controller->error());
+        EXPECT_EQ(loud.controller->error()->localizedDescription, "The Recording Clipped!");
+        EXPECT_EQ(loud.controller->error()->localizedRecoverySuggestion,
+                  "Please adjust the input and/or output levels to ensure the recording does not "
+                  "clip.\n\nYou can hold "
+                  "the shift key while clicking \"Measure\" to bypass this check.");
+    }
+    UserDefaults::standard().removeObjectForKey("ChecksRecordingLevel");
+
+    auto recording = [](float level) {
+        std::vector<VELTRealVector> channels{VELTRealVector{0.0f, level, -0.5f * level}};
+        return VELTRZSweptSineRecording(std::move(channels), std::nullopt);
+    };
+    std::vector<VELTRZSweptSineRecording> none;
+    EXPECT_FALSE(VELTRZMeasurementController::hasSufficientRecordingLevelInMeasurements(none));
+    EXPECT_TRUE(VELTRZMeasurementController::measurementsDidClip(none)) << "an empty array counts as clipped";
+    std::vector<VELTRZSweptSineRecording> fine;
+    fine.push_back(recording(0.1f));
+    fine.push_back(recording(-0.99f));
+    EXPECT_TRUE(VELTRZMeasurementController::hasSufficientRecordingLevelInMeasurements(fine))
+        << "-20 dB passes";
+    EXPECT_FALSE(VELTRZMeasurementController::measurementsDidClip(fine));
+    std::vector<VELTRZSweptSineRecording> edges;
+    edges.push_back(recording(0.0999f));
+    edges.push_back(recording(1.0f));
+    EXPECT_FALSE(VELTRZMeasurementController::hasSufficientRecordingLevelInMeasurements(edges));
+    EXPECT_TRUE(VELTRZMeasurementController::measurementsDidClip(edges)) << "1.0 is clipped";
+    int visited = 0;
+    EXPECT_FALSE(VELTRZMeasurementController::measurements(edges, [&](const VELTRealVector&, bool&) {
+        ++visited;
+        return false;
+    }));
+    EXPECT_EQ(visited, 1) << "the walk stops at the first failure";
+    EXPECT_FALSE(VELTRZMeasurementController::measurements(fine, nullptr));
+}
+
+TEST(VELTRZMeasurementController, AbortStopsWithoutProcessing) {
+    MeasurementRun run("sim:abort?pace=realtime", {0}, false);
+    auto sweep = shortSweep();
+    sweep.setDuration(5000.0f);
+    run.controller->setLogSweepSettings(sweep);
+    run.controller->measure();
+    RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(200));
+    run.controller->abortMeasurement();
+    EXPECT_TRUE(RunLoop::runUntil(
+        [&] {
+            std::lock_guard lock(run.delegate->mutex);
+            return run.delegate->aborted;
+        },
+        std::chrono::seconds(5)));
+    ASSERT_TRUE(run.controller->error());
+    EXPECT_EQ(run.controller->error()->localizedDescription, "Measurement Aborted");
+    EXPECT_EQ(run.controller->error()->localizedRecoverySuggestion,
+              "The measurement process was safely aborted. Please try again when you are ready.");
+    RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(300));
+    auto calls = run.delegate->calls();
+    EXPECT_EQ(calls, (std::vector<std::string>{"beginPlayback", "abort"}));
+}
+
+TEST(VELTRZMeasurementController, RunMeasurementChecksItsQueueLabelAndMissingDevicesReportErrors) {
+    auto controller = VELTRZMeasurementController::make();
+    EXPECT_EQ(controller->recordingQueue().label(), "com_velt_rz_impulse_recording");
+    EXPECT_EQ(controller->synchronousAverages(), 1);
+    EXPECT_TRUE(controller->averagingArray()->empty());
+    EXPECT_FALSE(controller->audioCaptureSettings()->recordDeviceUID());
+
+    // No devices chosen: set-up fails and is logged; nothing plays, so no notification follows.
+    LogCapture log;
+    controller->measure();
+    EXPECT_TRUE(log.contains("Could not configure audio output. Could not set current device"));
+    EXPECT_TRUE(log.contains("Could not configure audio input Could not set property"));
+}
+
+} // namespace
+} // namespace tavolar
