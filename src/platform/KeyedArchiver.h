@@ -13,6 +13,9 @@
 // Decoding rules: a missing key decodes as zero, false, an empty string or nullopt. A value of the
 // wrong kind, or a 32-bit decode of a value outside the 32-bit range, is a decoding error: the
 // decoder returns zero and the unarchiver keeps the first error, which the top-level call returns.
+// Numbers convert between kinds as boxed numbers do: booleans count as 0 and 1, and a fraction read
+// as an integer is truncated toward zero. Keys beginning with "$" belong to the archive's own
+// structure (class names, unkeyed values, the format marker) and may not be used by classes.
 //
 // The oldest archives of some classes are unkeyed: values read in sequence. An object written with
 // the encodeUnkeyed... calls holds such a sequence, and the decodeNext... calls read it in order.

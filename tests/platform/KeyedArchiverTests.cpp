@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <limits>
@@ -667,6 +668,89 @@ TEST(KeyedArchiver, TruncatedAndMutatedArchivesGiveAnObjectOrAnError) {
         EXPECT_GT(decoded, 0u);
         EXPECT_LT(decoded, static_cast<std::size_t>(mutations));
     }
+}
+
+// Replaces values deep inside a valid archive with values of every other kind, so that each typed
+// decoder meets each wrong kind. Every outcome must be an object or an error that the archive code
+// wrote itself, never an exception of the JSON library passed through.
+TEST(KeyedArchiver, StructurallyMutatedArchivesGiveAnObjectOrAClearError) {
+    auto archive = KeyedArchiver::archivedDataWithRootObject(fullyPopulated());
+    std::vector<std::uint8_t> raw(archive.size());
+    std::memcpy(raw.data(), archive.data(), archive.size());
+    const json original = json::from_cbor(raw);
+
+    const std::vector<json> replacements = {
+        nullptr,
+        true,
+        -1,
+        std::numeric_limits<std::uint64_t>::max(),
+        std::numeric_limits<std::int64_t>::min(),
+        1e300,
+        std::nan(""),
+        -std::numeric_limits<double>::infinity(),
+        "text",
+        json::binary({1, 2, 3}),
+        json::array(),
+        json::array({1, "x", nullptr}),
+        json::object(),
+        {{"$class", "Span"}},
+        {{"$class", 7}},
+        {{"$class", "Date"}},
+        {{"$class", "Date"}, {"$time", "noon"}},
+        {{"$class", "Color"}, {"$rgba", {1, 2, 3, "4"}}},
+        {{"$class", "IndexSet"}, {"$indexes", {1.5}}},
+        {{"$class", "FloatVector"}, {"$floats", json::binary({1, 2, 3, 4, 5})}},
+        {{"$class", "FloatVector"}, {"$floats", "AAAA"}},
+        {{"$class", "Dictionary"}, {"$entries", json::array()}},
+        {{"$class", "Dictionary"}, {"$entries", {{"k", {{"$class", "Span"}}}}}},
+        {{"$class", "Span"}, {"$values", "not a list"}},
+    };
+
+    // Every location in the tree, as a JSON pointer.
+    std::vector<json::json_pointer> locations;
+    std::function<void(const json&, const json::json_pointer&)> collect = [&](const json& node,
+                                                                              const json::json_pointer& at) {
+        locations.push_back(at);
+        if (node.is_object()) {
+            for (const auto& [key, child] : node.items())
+                collect(child, at / key);
+        } else if (node.is_array()) {
+            for (std::size_t i = 0; i < node.size(); ++i)
+                collect(node[i], at / i);
+        }
+    };
+    collect(original, json::json_pointer());
+    ASSERT_GT(locations.size(), 60u);
+
+    std::mt19937 random(77);
+    std::size_t decoded = 0, refused = 0;
+    for (int round = 0; round < 3000; ++round) {
+        json mutated = original;
+        int edits = 1 + static_cast<int>(random() % 3);
+        for (int edit = 0; edit < edits; ++edit) {
+            const auto& at = locations[random() % locations.size()];
+            if (!mutated.contains(at))
+                continue;
+            if (random() % 5 == 0 && !at.empty() && mutated[at.parent_pointer()].is_object())
+                mutated[at.parent_pointer()].erase(at.back());
+            else
+                mutated[at] = replacements[random() % replacements.size()];
+        }
+        auto bytes = bytesOf(json::to_cbor(mutated));
+        auto result = KeyedUnarchiver::unarchivedObjectOfClass<Everything>(bytes);
+        if (result) {
+            ++decoded;
+            continue;
+        }
+        ++refused;
+        const std::string& description = result.error().localizedDescription;
+        EXPECT_EQ(description.find("json.exception"), std::string::npos) << description;
+        EXPECT_TRUE(description.starts_with("The archive ") || description.starts_with("The data is not"))
+            << description;
+        EXPECT_TRUE(description.ends_with(".")) << description;
+    }
+    EXPECT_GT(decoded, 0u);
+    EXPECT_GT(refused, 1000u);
 }
 
 } // namespace
