@@ -44,8 +44,9 @@ std::mutex& plannerMutex() {
 
 std::atomic<VELTFFTPlanning> planningPolicy{VELTFFTPlanning::automatic};
 
-// Lengths up to this are measured under the automatic policy: planning them takes milliseconds.
-constexpr std::size_t kLongestAutomaticallyMeasuredLength = 1024;
+// Lengths up to this are measured under the automatic policy: planning them takes tens of
+// milliseconds, while measuring 1024 points already took half a second on a busy machine.
+constexpr std::size_t kLongestAutomaticallyMeasuredLength = 256;
 
 // One name for the float and double entry points of FFTW, so that the plans are written once.
 template <typename T> struct Fftw;

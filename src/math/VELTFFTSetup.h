@@ -23,7 +23,7 @@ namespace tavolar {
 
 // How hard the planner works for plans made from now on. Measuring times candidate algorithms
 // on the machine (seconds for lengths of 2^16 and more) and gives plans up to twice as fast;
-// estimating is instant. Automatic measures lengths up to 1024 and estimates longer ones, except
+// estimating is instant. Automatic measures lengths up to 256 and estimates longer ones, except
 // that any length whose measured plan is already known from imported wisdom is measured.
 enum class VELTFFTPlanning { automatic, estimate, measure };
 
