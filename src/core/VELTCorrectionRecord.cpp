@@ -1,0 +1,50 @@
+#include "core/VELTCorrectionRecord.h"
+
+namespace tavolar {
+
+namespace {
+// The version entry is keyed by the class name itself; it is written but not interpreted.
+constexpr std::string_view kVersionKey = "VELTCorrectionRecord";
+constexpr std::string_view kVersion = "1.0";
+constexpr std::string_view kNameKey = "Name";
+constexpr std::string_view kMagnitudeSplineKey = "MagnitudeSpline";
+constexpr std::string_view kPhaseSplineKey = "PhaseSpline";
+
+void encodeSpline(KeyedArchiver& coder, const std::shared_ptr<const VELTSpline>& spline,
+                  std::string_view key) {
+    if (spline)
+        coder.encodeObject(*spline, key);
+    else
+        coder.encodeNull(key);
+}
+
+std::shared_ptr<const VELTSpline> decodeSpline(KeyedUnarchiver& coder, std::string_view key) {
+    auto spline = coder.decodeObjectOfClass<VELTSpline>(key);
+    if (!spline)
+        return nullptr;
+    return std::make_shared<const VELTSpline>(std::move(*spline));
+}
+} // namespace
+
+VELTCorrectionRecord::VELTCorrectionRecord(std::string name,
+                                           std::shared_ptr<const VELTSpline> magnitudeSpline,
+                                           std::shared_ptr<const VELTSpline> phaseSpline)
+    : name_(std::move(name)), magnitudeSpline_(std::move(magnitudeSpline)),
+      phaseSpline_(std::move(phaseSpline)) {}
+
+void VELTCorrectionRecord::encodeWithCoder(KeyedArchiver& coder) const {
+    coder.encodeString(kVersion, kVersionKey);
+    coder.encodeString(name_, kNameKey);
+    encodeSpline(coder, magnitudeSpline_, kMagnitudeSplineKey);
+    encodeSpline(coder, phaseSpline_, kPhaseSplineKey);
+}
+
+VELTCorrectionRecord VELTCorrectionRecord::initWithCoder(KeyedUnarchiver& coder) {
+    VELTCorrectionRecord record;
+    record.name_ = coder.decodeString(kNameKey).value_or(std::string());
+    record.magnitudeSpline_ = decodeSpline(coder, kMagnitudeSplineKey);
+    record.phaseSpline_ = decodeSpline(coder, kPhaseSplineKey);
+    return record;
+}
+
+} // namespace tavolar
