@@ -1,0 +1,266 @@
+#include "audio/MicrophoneCalibrationFileParser.h"
+
+#include "audio/NumberScanner.h"
+#include "audio/TextEncodingDetection.h"
+#include "platform/Logging.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <random>
+
+namespace tavolar {
+namespace {
+
+std::vector<std::byte> bytes(std::string_view text) {
+    std::vector<std::byte> result(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i)
+        result[i] = static_cast<std::byte>(text[i]);
+    return result;
+}
+
+// ASCII text as UTF-16 or UTF-32 code units, with a byte-order mark when asked.
+std::vector<std::byte> wide(std::string_view text, int unitSize, bool bigEndian, bool mark) {
+    std::vector<std::byte> result;
+    auto append = [&](std::uint32_t unit) {
+        for (int i = 0; i < unitSize; ++i) {
+            const int shift = 8 * (bigEndian ? unitSize - 1 - i : i);
+            result.push_back(static_cast<std::byte>((unit >> shift) & 0xFF));
+        }
+    };
+    if (mark)
+        append(0xFEFF);
+    for (unsigned char c : text)
+        append(c);
+    return result;
+}
+
+std::vector<std::byte> testFile(std::string_view name) {
+    const char* root = std::getenv("TAVOLAR_TEST_DATA");
+    EXPECT_NE(root, nullptr) << "TAVOLAR_TEST_DATA is not set";
+    const std::filesystem::path path = std::filesystem::path(root ? root : ".") / "calibration" / name;
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file.good()) << path;
+    std::vector<char> chars((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::vector<std::byte> result(chars.size());
+    for (std::size_t i = 0; i < chars.size(); ++i)
+        result[i] = static_cast<std::byte>(chars[i]);
+    return result;
+}
+
+std::vector<float> components(const VELTRealVector& vector) {
+    return std::vector<float>(vector.components(), vector.components() + vector.length());
+}
+
+struct Parsed {
+    bool success;
+    std::vector<float> frequency, magnitude, phase;
+};
+
+Parsed parse(std::span<const std::byte> data) {
+    MicrophoneCalibrationFileParser parser(data);
+    const bool success = parser.parse();
+    EXPECT_EQ(success, parser.success());
+    return {success, components(parser.frequency()), components(parser.magnitude()),
+            components(parser.phase())};
+}
+
+TEST(MicrophoneCalibrationFileParser, ReadsColumnsAndSkipsTextLines) {
+    // A quoted sensitivity statement, then space- and comma-separated lines, all ended by lone CRs.
+    const Parsed quoted = parse(bytes("\"Sens Factor =-1.5dB, SERNO: 1234\"\r20 -1.5 0\r25,-1.2\r"));
+    ASSERT_TRUE(quoted.success);
+    EXPECT_EQ(quoted.frequency, (std::vector<float>{20.0f, 25.0f}));
+    EXPECT_EQ(quoted.magnitude, (std::vector<float>{-1.5f, -1.2f}));
+    EXPECT_EQ(quoted.phase, (std::vector<float>{0.0f, 0.0f}));
+
+    // Headings, comments and blank lines are skipped; runs of separators, signs, exponents and
+    // trailing text are handled; the same data with LF, CRLF and CR ends alike.
+    const std::string body = "* Freq(Hz) Mag(dBFS) Phase(deg)\n"
+                             "\n"
+                             "# measured 2021\n"
+                             "  20.0 ,\t -1.50,, +3.25   extra words 7 8\n"
+                             "1.0e3\t0\t-4.5E-1\n"
+                             ".5e4 , 2., -.5\n";
+    for (std::string_view ending : {"\n", "\r\n", "\r"}) {
+        std::string text;
+        for (char c : body)
+            text += c == '\n' ? std::string(ending) : std::string(1, c);
+        const Parsed parsed = parse(bytes(text));
+        ASSERT_TRUE(parsed.success);
+        EXPECT_EQ(parsed.frequency, (std::vector<float>{20.0f, 1000.0f, 5000.0f}));
+        EXPECT_EQ(parsed.magnitude, (std::vector<float>{-1.5f, 0.0f, 2.0f}));
+        EXPECT_EQ(parsed.phase, (std::vector<float>{3.25f, -0.45f, -0.5f}));
+    }
+
+    // Numbers are not sorted or checked; duplicates are kept.
+    const Parsed unsorted = parse(bytes("100 1\n50 2\n50 3\n"));
+    EXPECT_EQ(unsorted.frequency, (std::vector<float>{100.0f, 50.0f, 50.0f}));
+}
+
+TEST(MicrophoneCalibrationFileParser, FrequencyWithoutMagnitudeEndsTheFile) {
+    const Parsed stopped = parse(bytes("20 -1\n30 -2\n1000\n40 -3\n50 -4\n"));
+    ASSERT_TRUE(stopped.success);
+    EXPECT_EQ(stopped.frequency, (std::vector<float>{20.0f, 30.0f}));
+    // A semicolon is no separator: such a line also ends the data.
+    EXPECT_EQ(parse(bytes("20 -1\n30;-2\n40 -3\n")).frequency, (std::vector<float>{20.0f}));
+
+    setSystemLogEnabled(false);
+    LogCapture capture;
+    MicrophoneCalibrationFileParser parser(bytes("Calibration\n1000\n20 -1.5 0\n"));
+    EXPECT_FALSE(parser.parse());
+    EXPECT_FALSE(parser.success());
+    EXPECT_EQ(parser.frequency().length(), 0u);
+    EXPECT_EQ(capture.texts(), (std::vector<std::string>{"ERROR: No calibration data read"}));
+    ASSERT_TRUE(parser.error().has_value());
+    EXPECT_EQ(parser.error()->domain, "TavolarCalibrationParsing");
+    EXPECT_EQ(parser.error()->code, -1);
+    EXPECT_EQ(parser.error()->localizedDescription, "Failed to parse calibration file");
+    EXPECT_FALSE(parser.error()->localizedRecoverySuggestion.empty());
+
+    for (std::string_view noData : {"", "\n\n", "Frequency Magnitude\n", "nan 1\ninf 2\n"})
+        EXPECT_FALSE(parse(bytes(noData)).success) << noData;
+}
+
+TEST(MicrophoneCalibrationFileParser, UnicodeEncodingsParseLikeTheirASCIITwin) {
+    const std::string text = "Freq,dB,deg\r\n20,-1.5,0.5\r\n1000,0,-2\r\n";
+    const Parsed ascii = parse(bytes(text));
+    ASSERT_TRUE(ascii.success);
+    for (int unitSize : {2, 4})
+        for (bool bigEndian : {false, true}) {
+            const Parsed parsed = parse(wide(text, unitSize, bigEndian, true));
+            ASSERT_TRUE(parsed.success) << unitSize << bigEndian;
+            EXPECT_EQ(parsed.frequency, ascii.frequency);
+            EXPECT_EQ(parsed.magnitude, ascii.magnitude);
+            EXPECT_EQ(parsed.phase, ascii.phase);
+        }
+    // UTF-16 without a mark is recognised in its unambiguous form.
+    EXPECT_EQ(parse(wide(text, 2, false, false)).frequency, ascii.frequency);
+    EXPECT_EQ(parse(wide(text, 2, true, false)).frequency, ascii.frequency);
+    // UTF-8 with a mark.
+    EXPECT_EQ(parse(bytes("\xEF\xBB\xBF" + text)).frequency, ascii.frequency);
+}
+
+TEST(MicrophoneCalibrationFileParser, BinaryDataIsRefused) {
+    std::mt19937 generator(7);
+    std::vector<std::byte> noise(4096);
+    for (auto& b : noise)
+        b = static_cast<std::byte>(generator() & 0xFF);
+    std::vector<std::byte> noiseWithoutNul = noise;
+    for (auto& b : noiseWithoutNul)
+        if (b == std::byte{0})
+            b = std::byte{0x41};
+    const std::vector<std::byte> png = bytes(std::string("\x89PNG\r\n\x1A\n\0\0\0\rIHDR", 16));
+    // A numeric file with one NUL byte in it, as a damaged copy would have.
+    std::string withNul = "20 -1.5 0\n25 -1.2 0\n";
+    withNul[9] = '\0';
+    // Control characters in otherwise valid text, and a byte-order mark over bytes that are not UTF-16.
+    const std::vector<std::byte> controls = bytes("20 -1.5 0\x01\x02\x03\n25 -1.2 0\n");
+    std::vector<std::byte> oddUTF16 = wide("20 -1.5\n", 2, false, true);
+    oddUTF16.push_back(std::byte{0x41});
+
+    setSystemLogEnabled(false);
+    for (const auto& data : {noise, noiseWithoutNul, png, bytes(withNul), controls, oddUTF16}) {
+        LogCapture capture;
+        MicrophoneCalibrationFileParser parser(data);
+        EXPECT_FALSE(parser.parse());
+        EXPECT_EQ(capture.texts(),
+                  (std::vector<std::string>{"ERROR: Could not detect encoding for calibration data."}));
+        ASSERT_TRUE(parser.error().has_value());
+        EXPECT_EQ(parser.error()->domain, "TavolarCalibrationParsing");
+        EXPECT_EQ(parser.error()->localizedDescription, "Failed to parse calibration file");
+    }
+}
+
+TEST(MicrophoneCalibrationFileParser, RealFilesOfTheUsualShapes) {
+    // A lab certificate: quoted sensitivity, heading, tabs, CRLF, 31 third-octave points.
+    const Parsed lab = parse(testFile("lab-tab-crlf.txt"));
+    ASSERT_TRUE(lab.success);
+    ASSERT_EQ(lab.frequency.size(), 31u);
+    EXPECT_EQ(lab.frequency.front(), 20.0f);
+    EXPECT_EQ(lab.frequency[2], 31.5f);
+    EXPECT_EQ(lab.frequency.back(), 20000.0f);
+    EXPECT_EQ(lab.magnitude.front(), -0.55f);
+    EXPECT_EQ(lab.phase.front(), 1.8f);
+
+    // Latin-1 with degree signs and a trailing German comment line, space-aligned columns.
+    const Parsed latin1 = parse(testFile("latin1-degrees.txt"));
+    ASSERT_TRUE(latin1.success);
+    EXPECT_EQ(latin1.frequency,
+              (std::vector<float>{20, 40, 80, 160, 315, 630, 1250, 2500, 5000, 10000, 20000}));
+    EXPECT_EQ(latin1.magnitude[9], 1.53f);
+    EXPECT_EQ(latin1.phase.back(), -131.5f);
+    auto detected = stringWithDetectedEncoding(testFile("latin1-degrees.txt"));
+    ASSERT_TRUE(detected.has_value());
+    EXPECT_NE(detected->text.find("Phase [\u00B0]"), std::string::npos);
+
+    // UTF-16 with a mark, commas, magnitude only.
+    const Parsed utf16 = parse(testFile("utf16-comma.txt"));
+    ASSERT_TRUE(utf16.success);
+    EXPECT_EQ(utf16.frequency, (std::vector<float>{20, 63, 200, 630, 2000, 6300, 20000}));
+    EXPECT_EQ(utf16.phase, std::vector<float>(7, 0.0f));
+
+    // Lone CRs, exponents, and a lone number that ends the data before the last line.
+    const Parsed old = parse(testFile("cr-exponents.txt"));
+    ASSERT_TRUE(old.success);
+    EXPECT_EQ(old.frequency, (std::vector<float>{20.0f, 25.0f, 1000.0f}));
+    EXPECT_EQ(old.phase, (std::vector<float>{0.0f, 0.0f, -0.5f}));
+}
+
+TEST(TextEncodingDetection, ValidatesUTF8Strictly) {
+    EXPECT_TRUE(isValidUTF8(bytes("plain ASCII")));
+    EXPECT_TRUE(isValidUTF8(bytes("\xC2\xB0 \xE2\x80\x93 \xF0\x9F\x8E\xA4")));
+    EXPECT_FALSE(isValidUTF8(bytes("\xB0")));             // Latin-1 degree sign
+    EXPECT_FALSE(isValidUTF8(bytes("\xC0\xAF")));         // overlong
+    EXPECT_FALSE(isValidUTF8(bytes("\xE0\x80\xAF")));     // overlong
+    EXPECT_FALSE(isValidUTF8(bytes("\xED\xA0\x80")));     // surrogate
+    EXPECT_FALSE(isValidUTF8(bytes("\xF4\x90\x80\x80"))); // past U+10FFFF
+    EXPECT_FALSE(isValidUTF8(bytes("\xE2\x80")));         // truncated
+
+    auto windows1252 = stringWithDetectedEncoding(bytes("Temperatur 23 \xB0"
+                                                        "C, Luftdruck 1013 hPa, Feuchte 45 %\n20 -1.5\n"));
+    ASSERT_TRUE(windows1252.has_value());
+    EXPECT_NE(windows1252->text.find("23 \u00B0C"), std::string::npos);
+    // A DOS end-of-file mark is not binary.
+    EXPECT_TRUE(stringWithDetectedEncoding(bytes("20 -1.5\r\n\x1A")).has_value());
+    EXPECT_EQ(stringWithDetectedEncoding({})->text, "");
+}
+
+TEST(NumberScanner, ScansLikeThePlatformScanner) {
+    auto scanAll = [](std::string_view text) {
+        NumberScanner scanner(text, ", \t");
+        std::vector<double> values;
+        while (auto value = scanner.scanDouble())
+            values.push_back(*value);
+        return values;
+    };
+    EXPECT_EQ(scanAll("1 -2 +3 4.5 .5 6. -.25 1e3 1E-2 2.5e+1"),
+              (std::vector<double>{1, -2, 3, 4.5, 0.5, 6, -0.25, 1000, 0.01, 25}));
+    EXPECT_EQ(scanAll(",,\t 7,8"), (std::vector<double>{7, 8}));
+    // An exponent without digits is not part of the number.
+    NumberScanner exponent("1e 2", " ");
+    EXPECT_EQ(exponent.scanDouble(), 1.0);
+    EXPECT_EQ(exponent.scanLocation(), 1u);
+    EXPECT_EQ(exponent.scanDouble(), std::nullopt);
+    EXPECT_EQ(exponent.scanLocation(), 1u);
+    for (std::string_view notNumbers : {".", "-", "+.", "e5", "inf", "nan",
+                                        "\xC2\xA0"
+                                        "5"})
+        EXPECT_EQ(NumberScanner(notNumbers, " ").scanDouble(), std::nullopt) << notNumbers;
+    // 0x10 is read as 0 followed by "x10", as a decimal scanner does.
+    EXPECT_EQ(scanAll("0x10"), (std::vector<double>{0}));
+    EXPECT_EQ(NumberScanner("1e999").scanDouble(), INFINITY);
+    EXPECT_EQ(NumberScanner("-1e999").scanDouble(), -INFINITY);
+    EXPECT_EQ(NumberScanner("1e-999").scanDouble(), 0.0);
+    EXPECT_EQ(NumberScanner("1e39").scanFloat(), INFINITY);
+    EXPECT_EQ(NumberScanner("0.1").scanFloat(), 0.1f);
+    NumberScanner end("5 , ", ", ");
+    EXPECT_FALSE(end.isAtEnd());
+    end.scanFloat();
+    EXPECT_TRUE(end.isAtEnd());
+}
+
+} // namespace
+} // namespace tavolar

@@ -1,0 +1,211 @@
+#include "audio/MicrophoneCalibrationRecord.h"
+
+#include "audio/MicrophoneCalibrationFileParser.h"
+#include "platform/Logging.h"
+#include "platform/UUID.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <unordered_set>
+
+namespace tavolar {
+namespace {
+
+std::vector<std::byte> bytes(std::string_view text) {
+    std::vector<std::byte> result(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i)
+        result[i] = static_cast<std::byte>(text[i]);
+    return result;
+}
+
+const std::string kCalibrationText = "\"Sens Factor =-36.2dB\"\n20 -0.5 1\n1000 0 0\n20000 2.5 -40\n";
+
+// A scratch folder of this test process, removed afterwards.
+class ScratchFolder {
+public:
+    ScratchFolder()
+        : path_(std::filesystem::temp_directory_path() / ("tavolar-calibration-" + newUUIDString())) {
+        std::filesystem::create_directories(path_);
+    }
+    ~ScratchFolder() { std::filesystem::remove_all(path_); }
+    std::filesystem::path write(const std::string& name, std::string_view contents) const {
+        const auto file = path_ / name;
+        std::ofstream(file, std::ios::binary) << contents;
+        return file;
+    }
+    const std::filesystem::path& path() const { return path_; }
+
+private:
+    std::filesystem::path path_;
+};
+
+TEST(MicrophoneCalibrationRecord, MadeFromFileData) {
+    auto record =
+        MicrophoneCalibrationRecord::initWithCalibrationFileData(bytes(kCalibrationText), "ECM8000");
+    ASSERT_TRUE(record.has_value());
+    EXPECT_EQ(record->name(), "ECM8000");
+    EXPECT_FALSE(record->serialNumber().has_value());
+    ASSERT_TRUE(record->magnitudeSpline() && record->phaseSpline());
+    EXPECT_EQ(record->magnitudeSpline()->x(), (VELTRealVector{20, 1000, 20000}));
+    EXPECT_EQ(record->magnitudeSpline()->y(), (VELTRealVector{-0.5f, 0, 2.5f}));
+    EXPECT_EQ(record->phaseSpline()->x(), (VELTRealVector{20, 1000, 20000}));
+    EXPECT_EQ(record->phaseSpline()->y(), (VELTRealVector{1, 0, -40}));
+    EXPECT_FLOAT_EQ(record->magnitudeSpline()->valueForX(20000), 2.5f);
+    EXPECT_EQ(record->sensitivity(), MicrophoneCalibrationRecord::kDefaultSensitivity);
+    EXPECT_EQ(record->sensitivityUnits(), MicrophoneCalibrationRecord::kDefaultSensitivityUnits);
+    EXPECT_TRUE(isUUIDString(record->uuidString()));
+    EXPECT_EQ(record->description(), "Microphone Record: ECM8000, S/N: (n/a)");
+
+    setSystemLogEnabled(false);
+    LogCapture capture;
+    auto failed =
+        MicrophoneCalibrationRecord::initWithCalibrationFileData(bytes("no numbers here\n"), "Empty");
+    ASSERT_FALSE(failed.has_value());
+    EXPECT_EQ(failed.error().domain, "TavolarCalibrationParsing");
+    EXPECT_EQ(failed.error().code, -1);
+    EXPECT_EQ(failed.error().localizedDescription, "Failed to parse calibration file");
+    auto binary =
+        MicrophoneCalibrationRecord::initWithCalibrationFileData(bytes(std::string("\0\1\2\3", 4)), "Bin");
+    ASSERT_FALSE(binary.has_value());
+    EXPECT_EQ(binary.error().localizedDescription, "Failed to parse calibration file");
+}
+
+TEST(MicrophoneCalibrationRecord, MadeFromFileOnDisk) {
+    const ScratchFolder folder;
+    auto record = MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(
+        folder.write("MyMic.txt", kCalibrationText));
+    ASSERT_TRUE(record.has_value());
+    EXPECT_EQ(record->name(), "MyMic");
+    auto dotted = MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(
+        folder.write("UMIK-1 7104393.cal.txt", kCalibrationText));
+    ASSERT_TRUE(dotted.has_value());
+    EXPECT_EQ(dotted->name(), "UMIK-1 7104393.cal");
+
+    auto missing =
+        MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(folder.path() / "absent.txt");
+    ASSERT_FALSE(missing.has_value());
+    EXPECT_EQ(missing.error().code, ENOENT);
+    EXPECT_NE(missing.error().localizedDescription.find("absent.txt"), std::string::npos);
+    // A folder is no file either.
+    EXPECT_FALSE(
+        MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(folder.path()).has_value());
+
+    const char* root = std::getenv("TAVOLAR_TEST_DATA");
+    ASSERT_NE(root, nullptr);
+    auto lab = MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(
+        std::filesystem::path(root) / "calibration" / "lab-tab-crlf.txt");
+    ASSERT_TRUE(lab.has_value());
+    EXPECT_EQ(lab->name(), "lab-tab-crlf");
+    EXPECT_EQ(lab->magnitudeSpline()->x().length(), 31u);
+}
+
+TEST(MicrophoneCalibrationRecord, IdentityIsTheUUIDAlone) {
+    auto first = MicrophoneCalibrationRecord::initWithCalibrationFileData(bytes(kCalibrationText), "Mic");
+    auto second = MicrophoneCalibrationRecord::initWithCalibrationFileData(bytes(kCalibrationText), "Mic");
+    ASSERT_TRUE(first && second);
+    EXPECT_NE(first->uuidString(), second->uuidString());
+    EXPECT_FALSE(*first == *second);
+
+    MicrophoneCalibrationRecord copy = *first;
+    EXPECT_TRUE(copy == *first);
+    EXPECT_EQ(copy.magnitudeSpline().get(), first->magnitudeSpline().get());
+    copy.setName("Renamed");
+    copy.setSensitivity(12.5);
+    EXPECT_TRUE(copy.isEqualToMicrophoneCalibrationRecord(*first));
+    EXPECT_EQ(copy.hash(), first->hash());
+
+    second->setUUIDString(first->uuidString());
+    EXPECT_TRUE(*second == *first);
+    std::unordered_set<MicrophoneCalibrationRecord> set{*first, copy, *second};
+    EXPECT_EQ(set.size(), 1u);
+
+    MicrophoneCalibrationRecord named("Reference", std::string("SN 4411"), nullptr, nullptr);
+    EXPECT_EQ(named.description(), "Microphone Record: Reference, S/N: SN 4411");
+}
+
+TEST(MicrophoneCalibrationRecord, SensitivityLabel) {
+    MicrophoneCalibrationRecord record("Mic", std::nullopt, nullptr, nullptr);
+    record.setSensitivity(12.5);
+    record.setSensitivityUnits(MicrophoneSensitivityUnit::millivoltsPerPascal);
+    EXPECT_EQ(record.sensitivityLabel(), "12.5 mV/Pa");
+    record.setSensitivity(-60.125);
+    record.setSensitivityUnits(MicrophoneSensitivityUnit::dBVPerMicrobar);
+    EXPECT_EQ(record.sensitivityLabel(), "-60.12 dBV/\u00B5Bar");
+    record.setSensitivity(120);
+    record.setSensitivityUnits(MicrophoneSensitivityUnit::dBFS);
+    EXPECT_EQ(record.sensitivityLabel(), "120 dBFS");
+}
+
+// Writes a calibration-record archive with only the keys a test gives.
+struct HandWrittenCalibrationRecord {
+    static constexpr std::string_view className = "MicrophoneCalibrationRecord";
+    std::optional<std::string> name, uuid;
+    std::optional<double> sensitivity;
+    std::optional<std::int64_t> units;
+    void encodeWithCoder(KeyedArchiver& coder) const {
+        if (name)
+            coder.encodeString(*name, "Name");
+        if (uuid)
+            coder.encodeString(*uuid, "UUID");
+        if (sensitivity)
+            coder.encodeDouble(*sensitivity, "Sensitivity");
+        if (units)
+            coder.encodeInt64(*units, "SensitivityUnits");
+    }
+    static HandWrittenCalibrationRecord initWithCoder(KeyedUnarchiver&) { return {}; }
+};
+
+MicrophoneCalibrationRecord decode(const HandWrittenCalibrationRecord& written) {
+    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<MicrophoneCalibrationRecord>(
+        KeyedArchiver::archivedDataWithRootObject(written));
+    EXPECT_TRUE(decoded.has_value());
+    return decoded.value_or(MicrophoneCalibrationRecord("failed", std::nullopt, nullptr, nullptr));
+}
+
+TEST(MicrophoneCalibrationRecord, ArchiveRoundTripAndDecodingRules) {
+    auto record =
+        MicrophoneCalibrationRecord::initWithCalibrationFileData(bytes(kCalibrationText), "Lab mic");
+    ASSERT_TRUE(record.has_value());
+    record->setSerialNumber("7104393");
+    record->setSensitivity(-36.2);
+    record->setSensitivityUnits(MicrophoneSensitivityUnit::dBVPerMicrobar);
+    for (ArchiveFormat format : {ArchiveFormat::CBOR, ArchiveFormat::JSON}) {
+        auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<MicrophoneCalibrationRecord>(
+            KeyedArchiver::archivedDataWithRootObject(*record, format), format);
+        ASSERT_TRUE(decoded.has_value()) << decoded.error().localizedDescription;
+        EXPECT_TRUE(*decoded == *record);
+        EXPECT_EQ(decoded->uuidString(), record->uuidString());
+        EXPECT_EQ(decoded->name(), "Lab mic");
+        EXPECT_EQ(decoded->serialNumber(), "7104393");
+        EXPECT_EQ(decoded->sensitivity(), -36.2);
+        EXPECT_EQ(decoded->sensitivityUnits(), MicrophoneSensitivityUnit::dBVPerMicrobar);
+        ASSERT_TRUE(decoded->magnitudeSpline() && decoded->phaseSpline());
+        EXPECT_EQ(decoded->magnitudeSpline()->y(), record->magnitudeSpline()->y());
+        EXPECT_EQ(decoded->phaseSpline()->y(), record->phaseSpline()->y());
+    }
+
+    // Absent values: empty name, no serial number, no splines, the default sensitivity, and a fresh identity.
+    const MicrophoneCalibrationRecord bare = decode({});
+    EXPECT_EQ(bare.name(), "");
+    EXPECT_FALSE(bare.serialNumber().has_value());
+    EXPECT_FALSE(bare.magnitudeSpline());
+    EXPECT_FALSE(bare.phaseSpline());
+    EXPECT_EQ(bare.sensitivity(), MicrophoneCalibrationRecord::kDefaultSensitivity);
+    EXPECT_EQ(bare.sensitivityUnits(), MicrophoneCalibrationRecord::kDefaultSensitivityUnits);
+    EXPECT_TRUE(isUUIDString(bare.uuidString()));
+    EXPECT_FALSE(decode({}) == bare);
+
+    // Every known unit is kept; an unknown one falls back to the default.
+    EXPECT_EQ(decode({"m", "u", 12.5, 0}).sensitivityUnits(), MicrophoneSensitivityUnit::millivoltsPerPascal);
+    EXPECT_EQ(decode({"m", "u", 12.5, 1}).sensitivityUnits(), MicrophoneSensitivityUnit::dBVPerMicrobar);
+    EXPECT_EQ(decode({"m", "u", 12.5, 2}).sensitivityUnits(), MicrophoneSensitivityUnit::dBFS);
+    EXPECT_EQ(decode({"m", "u", 12.5, 9}).sensitivityUnits(),
+              MicrophoneCalibrationRecord::kDefaultSensitivityUnits);
+    EXPECT_EQ(decode({"m", "u", 12.5, 0}).uuidString(), "u");
+}
+
+} // namespace
+} // namespace tavolar
