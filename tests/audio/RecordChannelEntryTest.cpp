@@ -1,0 +1,116 @@
+#include "audio/RecordChannelEntry.h"
+
+#include "platform/KeyedArchiver.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+
+namespace tavolar {
+namespace {
+
+std::shared_ptr<const MicrophoneCalibrationRecord> microphone(double sensitivity,
+                                                              MicrophoneSensitivityUnit unit) {
+    auto record = std::make_shared<MicrophoneCalibrationRecord>(
+        "Mic", std::nullopt,
+        std::make_shared<const VELTSpline>(VELTRealVector{20, 20000}, VELTRealVector{0, 1}), nullptr);
+    record->setSensitivity(sensitivity);
+    record->setSensitivityUnits(unit);
+    return record;
+}
+
+TEST(RecordChannelEntry, SPLOffsetFromMicrophoneAndChannelSensitivity) {
+    const auto mVPerPa = microphone(12.5, MicrophoneSensitivityUnit::millivoltsPerPascal);
+    // 12.5 mV/Pa into a channel whose full scale is 0 dBV: 20 log10(0.0125 / 1).
+    EXPECT_NEAR(RecordChannelEntry(0, mVPerPa, AudioChannelSensitivity(0.0)).dBSPLOffsetValue(), -38.0618,
+                1e-4);
+    // Full scale at +4 dBu is 1.7364 V peak.
+    const double fullScale = std::pow(10.0, 4.0 / 20.0) * 0.774596669 * std::sqrt(2.0);
+    EXPECT_NEAR(RecordChannelEntry(0, mVPerPa, AudioChannelSensitivity(4.0, AudioChannelSensitivityUnit::dBu))
+                    .dBSPLOffsetValue(),
+                20.0 * std::log10(0.0125 / fullScale), 1e-12);
+    // -10 dBV full scale.
+    EXPECT_NEAR(RecordChannelEntry(0, mVPerPa, AudioChannelSensitivity(-10.0)).dBSPLOffsetValue(),
+                20.0 * std::log10(0.0125) + 10.0, 1e-12);
+    // Without the channel's sensitivity the voltage is unknown: no offset.
+    EXPECT_EQ(RecordChannelEntry(0, mVPerPa, std::nullopt).dBSPLOffsetValue(), 0.0);
+
+    const auto dBFS = microphone(120.0, MicrophoneSensitivityUnit::dBFS);
+    EXPECT_EQ(RecordChannelEntry(0, dBFS, std::nullopt).dBSPLOffsetValue(), 120.0);
+    EXPECT_EQ(RecordChannelEntry(0, dBFS, AudioChannelSensitivity(-10.0)).dBSPLOffsetValue(), 120.0);
+    const auto dBVPerMicrobar = microphone(-60.0, MicrophoneSensitivityUnit::dBVPerMicrobar);
+    EXPECT_EQ(RecordChannelEntry(0, dBVPerMicrobar, AudioChannelSensitivity(-10.0)).dBSPLOffsetValue(), 0.0);
+
+    // A channel sensitivity in dBFS is the offset itself, with or without a microphone.
+    const AudioChannelSensitivity channelDBFS(97.5, AudioChannelSensitivityUnit::dBFS);
+    EXPECT_EQ(RecordChannelEntry(0, mVPerPa, channelDBFS).dBSPLOffsetValue(), 97.5);
+    EXPECT_EQ(RecordChannelEntry(0, nullptr, channelDBFS).dBSPLOffsetValue(), 97.5);
+    EXPECT_EQ(RecordChannelEntry(0, nullptr, AudioChannelSensitivity(-10.0)).dBSPLOffsetValue(), 0.0);
+    EXPECT_EQ(RecordChannelEntry(0, nullptr, std::nullopt).dBSPLOffsetValue(), 0.0);
+}
+
+TEST(RecordChannelEntry, CopiesShareTheCalibrationRecord) {
+    const auto mic = microphone(12.5, MicrophoneSensitivityUnit::millivoltsPerPascal);
+    const RecordChannelEntry entry(3, mic, AudioChannelSensitivity(-10.0));
+    const RecordChannelEntry copy = entry;
+    EXPECT_EQ(copy.channel(), 3);
+    EXPECT_EQ(copy.calibrationRecord().get(), mic.get());
+    EXPECT_EQ(copy.sensitivity(), AudioChannelSensitivity(-10.0));
+    EXPECT_EQ(copy, entry);
+}
+
+struct HandWrittenEntry {
+    static constexpr std::string_view className = "RecordChannelEntry";
+    std::optional<double> channel;
+    void encodeWithCoder(KeyedArchiver& coder) const {
+        if (channel)
+            coder.encodeNumber(*channel, "channel");
+    }
+    static HandWrittenEntry initWithCoder(KeyedUnarchiver&) { return {}; }
+};
+
+struct EntryWithForeignCalibration {
+    static constexpr std::string_view className = "RecordChannelEntry";
+    void encodeWithCoder(KeyedArchiver& coder) const {
+        coder.encodeInt64(1, "channel");
+        coder.encodeObject(AudioChannelSensitivity(-10.0), "calibrationRecord");
+    }
+    static EntryWithForeignCalibration initWithCoder(KeyedUnarchiver&) { return {}; }
+};
+
+TEST(RecordChannelEntry, ArchiveRoundTripAndDecodingRules) {
+    const auto mic = microphone(12.5, MicrophoneSensitivityUnit::millivoltsPerPascal);
+    const RecordChannelEntry entry(5, mic, AudioChannelSensitivity(4.0, AudioChannelSensitivityUnit::dBu));
+    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<RecordChannelEntry>(
+        KeyedArchiver::archivedDataWithRootObject(entry));
+    ASSERT_TRUE(decoded.has_value()) << decoded.error().localizedDescription;
+    EXPECT_EQ(decoded->channel(), 5);
+    ASSERT_TRUE(decoded->calibrationRecord());
+    EXPECT_EQ(*decoded->calibrationRecord(), *mic);
+    EXPECT_EQ(decoded->calibrationRecord()->sensitivity(), 12.5);
+    EXPECT_EQ(decoded->sensitivity(), entry.sensitivity());
+    EXPECT_EQ(decoded->dBSPLOffsetValue(), entry.dBSPLOffsetValue());
+
+    auto bare = KeyedUnarchiver::unarchivedObjectOfClass<RecordChannelEntry>(
+        KeyedArchiver::archivedDataWithRootObject(RecordChannelEntry(2, nullptr, std::nullopt)));
+    ASSERT_TRUE(bare.has_value());
+    EXPECT_EQ(bare->channel(), 2);
+    EXPECT_FALSE(bare->calibrationRecord());
+    EXPECT_FALSE(bare->sensitivity());
+
+    auto noChannel = KeyedUnarchiver::unarchivedObjectOfClass<RecordChannelEntry>(
+        KeyedArchiver::archivedDataWithRootObject(HandWrittenEntry{}));
+    ASSERT_TRUE(noChannel.has_value());
+    EXPECT_EQ(noChannel->channel(), 0);
+    auto boxed = KeyedUnarchiver::unarchivedObjectOfClass<RecordChannelEntry>(
+        KeyedArchiver::archivedDataWithRootObject(HandWrittenEntry{7.0}));
+    ASSERT_TRUE(boxed.has_value());
+    EXPECT_EQ(boxed->channel(), 7);
+
+    // Secure decoding: a sensitivity where a calibration record belongs is refused.
+    EXPECT_FALSE(KeyedUnarchiver::unarchivedObjectOfClass<RecordChannelEntry>(
+                     KeyedArchiver::archivedDataWithRootObject(EntryWithForeignCalibration{}))
+                     .has_value());
+}
+
+} // namespace
+} // namespace tavolar

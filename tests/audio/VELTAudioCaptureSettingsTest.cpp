@@ -1,0 +1,313 @@
+#include "audio/VELTAudioCaptureSettings.h"
+
+#include "audio/VELTAudioDeviceRegistry.h"
+#include "dsp/Search.h"
+#include "platform/KeyedArchiver.h"
+
+#include <gtest/gtest.h>
+
+namespace tavolar {
+namespace {
+
+std::shared_ptr<const MicrophoneCalibrationRecord> microphone(std::string name) {
+    return std::make_shared<const MicrophoneCalibrationRecord>(std::move(name), std::nullopt, nullptr,
+                                                               nullptr);
+}
+
+TEST(VELTAudioCaptureSettings, FreshSettingsRecordAndPlayOnChannelZero) {
+    const VELTAudioCaptureSettings settings;
+    EXPECT_EQ(settings.recordChannelArray(), (std::vector<std::int64_t>{0}));
+    ASSERT_EQ(settings.recordChannelEntries().size(), 1u);
+    EXPECT_FALSE(settings.recordChannelEntries()[0].calibrationRecord());
+    EXPECT_FALSE(settings.recordChannelEntries()[0].sensitivity());
+    EXPECT_EQ(settings.playbackChannels(), (IndexSet{0}));
+    EXPECT_EQ(settings.playbackChannelArray(), (std::vector<std::uint64_t>{0}));
+    EXPECT_FALSE(settings.correctionEnabled());
+    EXPECT_EQ(settings.correctionRecordChannel(), 0);
+    EXPECT_EQ(settings.correctionPlaybackChannel(), 0);
+    EXPECT_FALSE(settings.recordDeviceUID() || settings.playbackDeviceUID() ||
+                 settings.correctionPlaybackDeviceUID());
+    ASSERT_TRUE(settings.referenceLevels().has_value());
+    EXPECT_TRUE(settings.referenceLevels()->empty());
+    EXPECT_EQ(settings.referenceLevelForChannel(3), 1.0f);
+}
+
+TEST(VELTAudioCaptureSettings, ChangingRecordDeviceResetsChannels) {
+    VELTAudioCaptureSettings settings;
+    settings.setRecordDeviceUID("sim:interface");
+    settings.setRecordChannelEntries({RecordChannelEntry(2, microphone("A"), std::nullopt),
+                                      RecordChannelEntry(5, nullptr, AudioChannelSensitivity(-10.0))});
+    settings.setPlaybackChannels(IndexSet{1, 2});
+
+    // The same device again keeps the channels; another device resets them.
+    settings.setRecordDeviceUID(std::string("sim:") + "interface");
+    EXPECT_EQ(settings.recordChannelArray(), (std::vector<std::int64_t>{2, 5}));
+    settings.setRecordDeviceUID("jack");
+    EXPECT_EQ(settings.recordChannelArray(), (std::vector<std::int64_t>{0}));
+    EXPECT_FALSE(settings.recordChannelEntries()[0].calibrationRecord());
+    settings.setRecordChannelEntries({RecordChannelEntry(4, nullptr, std::nullopt)});
+    settings.setRecordDeviceUID(std::nullopt);
+    EXPECT_EQ(settings.recordChannelArray(), (std::vector<std::int64_t>{0}));
+
+    // The playback side has no such rule.
+    settings.setPlaybackDeviceUID("jack");
+    EXPECT_EQ(settings.playbackChannels(), (IndexSet{1, 2}));
+}
+
+TEST(VELTAudioCaptureSettings, ChannelQueries) {
+    VELTAudioCaptureSettings settings;
+    const auto first = microphone("first");
+    const auto second = microphone("second");
+    settings.setRecordChannelEntries({RecordChannelEntry(3, first, std::nullopt),
+                                      RecordChannelEntry(1, nullptr, std::nullopt),
+                                      RecordChannelEntry(3, second, std::nullopt)});
+    EXPECT_EQ(settings.recordChannelArray(), (std::vector<std::int64_t>{3, 1, 3}));
+    EXPECT_EQ(settings.recordChannels(), (IndexSet{1, 3}));
+    EXPECT_EQ(settings.recordChannelAtIndex(0), 1u);
+    EXPECT_EQ(settings.recordChannelAtIndex(1), 3u);
+    EXPECT_EQ(settings.recordChannelAtIndex(2), kNotFound);
+    // The first entry on a channel answers, even when a later one has a record.
+    EXPECT_EQ(settings.calibrationRecordForChannel(3).get(), first.get());
+    EXPECT_FALSE(settings.calibrationRecordForChannel(1));
+    EXPECT_FALSE(settings.calibrationRecordForChannel(7));
+    settings.setRecordChannelEntries(
+        {RecordChannelEntry(3, nullptr, std::nullopt), RecordChannelEntry(3, second, std::nullopt)});
+    EXPECT_FALSE(settings.calibrationRecordForChannel(3));
+
+    EXPECT_EQ(VELTAudioCaptureSettings::recordChannelEntriesFromIndexSet({4, 0, 2}),
+              (std::vector<RecordChannelEntry>{RecordChannelEntry(0, nullptr, std::nullopt),
+                                               RecordChannelEntry(2, nullptr, std::nullopt),
+                                               RecordChannelEntry(4, nullptr, std::nullopt)}));
+    settings.setPlaybackChannels(IndexSet{6, 1});
+    EXPECT_EQ(settings.playbackChannelArray(), (std::vector<std::uint64_t>{1, 6}));
+
+    settings.setReferenceLevel(0.5f, 2);
+    EXPECT_EQ(settings.referenceLevelForChannel(2), 0.5f);
+    EXPECT_EQ(settings.referenceLevelForChannel(1), 1.0f);
+}
+
+TEST(VELTAudioCaptureSettings, CopyKeepsConfigurationButNotReferenceLevels) {
+    VELTAudioCaptureSettings settings;
+    settings.setRecordDeviceUID("sim:a");
+    settings.setPlaybackDeviceUID("sim:b");
+    settings.setCorrectionPlaybackDeviceUID("sim:c");
+    const auto mic = microphone("M");
+    settings.setRecordChannelEntries({RecordChannelEntry(1, mic, AudioChannelSensitivity(-6.0))});
+    settings.setPlaybackChannels(IndexSet{0, 1});
+    settings.setCorrectionEnabled(true);
+    settings.setCorrectionRecordChannel(7);
+    settings.setCorrectionPlaybackChannel(8);
+    settings.setReferenceLevel(0.25f, 1);
+
+    int notifications = 0;
+    settings.addObserver("recordDeviceUID", [&](std::string_view) { ++notifications; });
+    const VELTAudioCaptureSettings copy = settings.copy();
+    EXPECT_EQ(copy.recordDeviceUID(), "sim:a");
+    EXPECT_EQ(copy.playbackDeviceUID(), "sim:b");
+    EXPECT_EQ(copy.correctionPlaybackDeviceUID(), "sim:c");
+    ASSERT_EQ(copy.recordChannelEntries().size(), 1u);
+    EXPECT_EQ(copy.recordChannelEntries()[0].calibrationRecord().get(), mic.get());
+    EXPECT_EQ(copy.recordChannelEntries()[0].sensitivity(), AudioChannelSensitivity(-6.0));
+    EXPECT_EQ(copy.playbackChannels(), (IndexSet{0, 1}));
+    EXPECT_TRUE(copy.correctionEnabled());
+    EXPECT_EQ(copy.correctionRecordChannel(), 7);
+    EXPECT_EQ(copy.correctionPlaybackChannel(), 8);
+    ASSERT_TRUE(copy.referenceLevels().has_value());
+    EXPECT_TRUE(copy.referenceLevels()->empty());
+    EXPECT_EQ(copy.referenceLevelForChannel(1), 1.0f);
+    EXPECT_EQ(settings.referenceLevelForChannel(1), 0.25f);
+
+    // Assignment follows the same rule, and observers of the target hear of it.
+    VELTAudioCaptureSettings assigned;
+    int assignedNotifications = 0;
+    assigned.addObserver("recordChannels", [&](std::string_view) { ++assignedNotifications; });
+    assigned = settings;
+    EXPECT_EQ(assigned.recordChannels(), (IndexSet{1}));
+    EXPECT_TRUE(assigned.referenceLevels()->empty());
+    EXPECT_GT(assignedNotifications, 0);
+    EXPECT_EQ(notifications, 0);
+}
+
+TEST(VELTAudioCaptureSettings, DependentKeysAreAnnounced) {
+    VELTAudioCaptureSettings settings;
+    std::vector<std::string> heard;
+    for (const char* key :
+         {"recordDeviceSampleRate", "recordChannels", "recordChannelArray", "playbackChannelArray",
+          "playbackDeviceSampleRate", "measurementSampleRate", "availableSampleRates"})
+        settings.addObserver(key, [&](std::string_view keyPath) { heard.emplace_back(keyPath); });
+
+    settings.setRecordDeviceUID("sim:a");
+    // The sample rates of both sides depend on the measurement rate, which depends on both devices.
+    EXPECT_EQ(heard,
+              (std::vector<std::string>{"recordDeviceSampleRate", "recordChannels", "recordChannelArray",
+                                        "playbackDeviceSampleRate", "measurementSampleRate",
+                                        "availableSampleRates", "recordChannels", "recordChannelArray"}));
+    heard.clear();
+    settings.setPlaybackChannels(IndexSet{3});
+    EXPECT_EQ(heard, (std::vector<std::string>{"playbackChannelArray"}));
+    heard.clear();
+    settings.setPlaybackDeviceUID("sim:b");
+    EXPECT_EQ(heard, (std::vector<std::string>{"recordDeviceSampleRate", "playbackChannelArray",
+                                               "playbackDeviceSampleRate", "measurementSampleRate",
+                                               "availableSampleRates"}));
+}
+
+TEST(VELTAudioCaptureSettings, DevicesAndSampleRatesComeFromTheRegistry) {
+    auto& registry = VELTAudioDeviceRegistry::shared();
+    registry.registerDevice({"test:capture-in", "Capture in", 8, 0, 48000.9, 0.0});
+    registry.registerDevice({"test:capture-out", "Capture out", 0, 2, 0.0, 44100.0});
+
+    VELTAudioCaptureSettings settings;
+    EXPECT_FALSE(settings.recordDevice());
+    EXPECT_EQ(settings.recordDeviceSampleRate(), 0u);
+    settings.setRecordDeviceUID("test:capture-in");
+    settings.setPlaybackDeviceUID("test:capture-out");
+    ASSERT_TRUE(settings.recordDevice());
+    EXPECT_EQ(settings.recordDevice()->name, "Capture in");
+    EXPECT_EQ(settings.recordDeviceSampleRate(), 48000u);
+    EXPECT_EQ(settings.playbackDeviceSampleRate(), 44100u);
+
+    // Every read asks afresh.
+    registry.registerDevice({"test:capture-in", "Capture in", 8, 0, 96000.0, 0.0});
+    EXPECT_EQ(settings.recordDeviceSampleRate(), 96000u);
+    registry.unregisterDevice("test:capture-in");
+    EXPECT_FALSE(settings.recordDevice());
+    EXPECT_EQ(settings.recordDeviceSampleRate(), 0u);
+    registry.unregisterDevice("test:capture-out");
+}
+
+// Writes a capture-settings archive with whatever keys a test gives, in either generation's layout.
+struct HandWrittenCaptureSettings {
+    static constexpr std::string_view className = "VELTAudioCaptureSettings";
+    std::function<void(KeyedArchiver&)> write;
+    void encodeWithCoder(KeyedArchiver& coder) const { write(coder); }
+    static HandWrittenCaptureSettings initWithCoder(KeyedUnarchiver&) { return {}; }
+};
+
+VELTAudioCaptureSettings decode(std::function<void(KeyedArchiver&)> write) {
+    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<VELTAudioCaptureSettings>(
+        KeyedArchiver::archivedDataWithRootObject(HandWrittenCaptureSettings{std::move(write)}));
+    EXPECT_TRUE(decoded.has_value()) << decoded.error().localizedDescription;
+    return decoded ? std::move(*decoded) : VELTAudioCaptureSettings();
+}
+
+TEST(VELTAudioCaptureSettings, ArchiveRoundTrip) {
+    VELTAudioCaptureSettings settings;
+    settings.setRecordDeviceUID("jack");
+    settings.setPlaybackDeviceUID("jack:studio");
+    const auto mic = microphone("Lab");
+    settings.setRecordChannelEntries(
+        {RecordChannelEntry(2, mic, AudioChannelSensitivity(4.0, AudioChannelSensitivityUnit::dBu)),
+         RecordChannelEntry(0, nullptr, std::nullopt)});
+    settings.setPlaybackChannels(IndexSet{0, 3});
+    settings.setCorrectionEnabled(true);
+    settings.setCorrectionRecordChannel(1);
+    settings.setCorrectionPlaybackChannel(-1);
+    settings.setReferenceLevel(0.5f, 2);
+
+    for (ArchiveFormat format : {ArchiveFormat::CBOR, ArchiveFormat::JSON}) {
+        auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<VELTAudioCaptureSettings>(
+            KeyedArchiver::archivedDataWithRootObject(settings, format), format);
+        ASSERT_TRUE(decoded.has_value()) << decoded.error().localizedDescription;
+        EXPECT_EQ(decoded->recordDeviceUID(), "jack");
+        EXPECT_EQ(decoded->playbackDeviceUID(), "jack:studio");
+        EXPECT_FALSE(decoded->correctionPlaybackDeviceUID());
+        EXPECT_EQ(decoded->recordChannelArray(), (std::vector<std::int64_t>{2, 0}));
+        ASSERT_TRUE(decoded->recordChannelEntries()[0].calibrationRecord());
+        EXPECT_EQ(*decoded->recordChannelEntries()[0].calibrationRecord(), *mic);
+        EXPECT_EQ(decoded->recordChannelEntries()[0].dBSPLOffsetValue(),
+                  settings.recordChannelEntries()[0].dBSPLOffsetValue());
+        EXPECT_EQ(decoded->playbackChannels(), (IndexSet{0, 3}));
+        EXPECT_TRUE(decoded->correctionEnabled());
+        EXPECT_EQ(decoded->correctionRecordChannel(), 1);
+        EXPECT_EQ(decoded->correctionPlaybackChannel(), -1);
+        // Reference levels are not archived, and a decoded object has no place to keep them.
+        EXPECT_FALSE(decoded->referenceLevels().has_value());
+        decoded->setReferenceLevel(0.5f, 2);
+        EXPECT_EQ(decoded->referenceLevelForChannel(2), 1.0f);
+        // Its copy has one again.
+        VELTAudioCaptureSettings copy = decoded->copy();
+        copy.setReferenceLevel(0.5f, 2);
+        EXPECT_EQ(copy.referenceLevelForChannel(2), 0.5f);
+    }
+}
+
+TEST(VELTAudioCaptureSettings, CurrentLayoutDecodingRules) {
+    // Nothing is defaulted: no playback channels, no entries, correction off.
+    const VELTAudioCaptureSettings empty =
+        decode([](KeyedArchiver& coder) { coder.encodeString("2.0", "VELTAudioCaptureSettingsVersion"); });
+    EXPECT_FALSE(empty.playbackChannels().has_value());
+    EXPECT_TRUE(empty.playbackChannelArray().empty());
+    EXPECT_TRUE(empty.recordChannelEntries().empty());
+    EXPECT_FALSE(empty.recordDeviceUID());
+    EXPECT_FALSE(empty.correctionEnabled());
+
+    // A record device without entries falls back to channel 0 through the setter; the older index-set
+    // form is read; entries, when present, win over it. A missing version reads as the current layout.
+    const VELTAudioCaptureSettings deviceOnly = decode([](KeyedArchiver& coder) {
+        coder.encodeString("2.0", "VELTAudioCaptureSettingsVersion");
+        coder.encodeString("jack", "recordDeviceUID");
+    });
+    EXPECT_EQ(deviceOnly.recordChannelArray(), (std::vector<std::int64_t>{0}));
+    const VELTAudioCaptureSettings indexSetForm = decode([](KeyedArchiver& coder) {
+        coder.encodeString("jack", "recordDeviceUID");
+        coder.encodeIndexSet({1, 4}, "recordChannels");
+        coder.encodeNumber(1, "correctionEnabled");
+        coder.encodeNumber(3, "correctionRecordChannel");
+    });
+    EXPECT_EQ(indexSetForm.recordChannelArray(), (std::vector<std::int64_t>{1, 4}));
+    EXPECT_TRUE(indexSetForm.correctionEnabled());
+    EXPECT_EQ(indexSetForm.correctionRecordChannel(), 3);
+    EXPECT_EQ(indexSetForm.correctionPlaybackChannel(), 0);
+    const VELTAudioCaptureSettings both = decode([](KeyedArchiver& coder) {
+        coder.encodeString("3.0", "VELTAudioCaptureSettingsVersion");
+        coder.encodeIndexSet({1, 4}, "recordChannels");
+        const std::vector<RecordChannelEntry> entries{RecordChannelEntry(6, nullptr, std::nullopt)};
+        coder.encodeObjectArray(std::span<const RecordChannelEntry>(entries), "recordChannelEntries");
+    });
+    EXPECT_EQ(both.recordChannelArray(), (std::vector<std::int64_t>{6}));
+    // A version that is not a string is simply not "1.0".
+    const VELTAudioCaptureSettings numericVersion = decode([](KeyedArchiver& coder) {
+        coder.encodeNumber(1.0, "VELTAudioCaptureSettingsVersion");
+        coder.encodeIndexSet({2}, "playbackChannels");
+    });
+    EXPECT_EQ(numericVersion.playbackChannels(), (IndexSet{2}));
+}
+
+TEST(VELTAudioCaptureSettings, FirstGenerationLayout) {
+    const VELTAudioCaptureSettings old = decode([](KeyedArchiver& coder) {
+        coder.encodeString("1.0", "VELTAudioCaptureSettingsVersion");
+        coder.encodeString("old-device", "RecordDeviceUID");
+        coder.encodeString("old-output", "PlaybackDeviceUID");
+        coder.encodeString("old-loop", "CorrectionPlaybackDeviceUID");
+        coder.encodeIndexSet({0, 2, 3}, "RecordChannels");
+        coder.encodeInt32(2, "PlaybackChannel");
+        coder.encodeBool(true, "CorrectionEnabled");
+        coder.encodeInt32(5, "CorrectionRecordChannel");
+        coder.encodeInt32(-1, "CorrectionPlaybackChannel");
+        // Current-layout keys are ignored in an old archive.
+        coder.encodeIndexSet({9}, "playbackChannels");
+    });
+    EXPECT_EQ(old.recordDeviceUID(), "old-device");
+    EXPECT_EQ(old.playbackDeviceUID(), "old-output");
+    EXPECT_EQ(old.correctionPlaybackDeviceUID(), "old-loop");
+    EXPECT_EQ(old.recordChannelArray(), (std::vector<std::int64_t>{0, 2, 3}));
+    EXPECT_EQ(old.playbackChannels(), (IndexSet{2}));
+    EXPECT_TRUE(old.correctionEnabled());
+    EXPECT_EQ(old.correctionRecordChannel(), 5);
+    // The correction channels were stored as 32-bit values and are read zero-extended.
+    EXPECT_EQ(old.correctionPlaybackChannel(), 4294967295);
+    EXPECT_FALSE(old.referenceLevels().has_value());
+
+    // Without "RecordChannels" there are no entries, even with a record device; missing scalars are 0.
+    const VELTAudioCaptureSettings sparse = decode([](KeyedArchiver& coder) {
+        coder.encodeString("1.0", "VELTAudioCaptureSettingsVersion");
+        coder.encodeString("old-device", "RecordDeviceUID");
+    });
+    EXPECT_TRUE(sparse.recordChannelEntries().empty());
+    EXPECT_EQ(sparse.playbackChannels(), (IndexSet{0}));
+    EXPECT_FALSE(sparse.correctionEnabled());
+}
+
+} // namespace
+} // namespace tavolar
