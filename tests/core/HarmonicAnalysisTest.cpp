@@ -1,0 +1,237 @@
+// The accurate harmonic analysis against distortion worked out analytically: a memoryless polynomial
+// y = x + a2 x^2 + a3 x^3 driven by the engine's default sweep (1 s from 1 Hz to 24 kHz at full
+// scale, 48 kHz) gives, per unit of excitation amplitude A, a second harmonic of a2 A / 2, a third of
+// a3 A^2 / 4 and a fundamental of 1 + 3 a3 A^2 / 4, at every excitation frequency.
+
+#include "core/HarmonicAnalysis.h"
+
+#include "SweepMeasurementSimulation.h"
+#include "core/VELTMeasurementRecord.h"
+#include "platform/Assertions.h"
+
+#include <algorithm>
+#include <cmath>
+#include <gtest/gtest.h>
+#include <vector>
+
+namespace tavolar {
+namespace {
+
+using namespace simulation;
+
+constexpr double a2 = 0.02;
+constexpr double a3 = 0.01;
+
+double polynomial(double x) {
+    return x + a2 * x * x + a3 * x * x * x;
+}
+
+std::shared_ptr<VELTMeasurementRecord>
+measuredRecord(const std::function<std::vector<double>(std::vector<double>)>& device) {
+    VELTRealVector stimulus = defaultSweep().stimulusSignalWithSampleRate(kSampleRate);
+    auto record = VELTMeasurementRecord::record();
+    record->setSampleRate(kSampleRate);
+    record->setLogSweepSettings(defaultSweep());
+    record->setImpulseResponse(deconvolved(device(toDouble(stimulus)), stimulus));
+    return record;
+}
+
+// Expected level of an order relative to the fundamental (dB) at an excitation frequency.
+using Expectation = std::function<double(std::int64_t order, double frequency)>;
+
+struct Comparison {
+    double worst = 0;      // largest deviation from the expectation, dB
+    std::size_t count = 0; // bins compared
+};
+
+// Compares orders 2 and 3 from 50 Hz up to a fifth of the sample rate divided by the order.
+Comparison compare(const HarmonicAnalysis& analysis, const Expectation& expected) {
+    const std::size_t n = 16384;
+    Comparison comparison;
+    for (std::int64_t order : {2, 3}) {
+        HarmonicDistortion distortion = analysis.distortionOfOrder(order, n);
+        double top = double(kSampleRate) / 5.0 / double(order);
+        for (std::size_t k = 0; k < distortion.levels.length(); ++k) {
+            double f = distortion.frequencies[k];
+            if (f < 50.0 || f > top)
+                continue;
+            double deviation = distortion.levels[k] - expected(order, f);
+            comparison.worst = std::max(comparison.worst, std::fabs(deviation));
+            ++comparison.count;
+            EXPECT_LT(std::fabs(deviation), 0.5) << "order " << order << " at " << f << " Hz";
+        }
+    }
+    return comparison;
+}
+
+TEST(HarmonicAnalysis, SweepIsAtFullScaleAndHarmonicsLieWhereTheSweepPutsThem) {
+    VELTRealVector stimulus = defaultSweep().stimulusSignalWithSampleRate(kSampleRate);
+    float peak = 0;
+    stimulus.getMaximumMagnitude(peak, nullptr);
+    EXPECT_GT(peak, 0.99999f); // A = 1: the polynomial's coefficients apply as they stand
+    EXPECT_LE(peak, 1.0f);
+
+    auto record = measuredRecord([](std::vector<double> x) { return shaped(std::move(x), polynomial); });
+    HarmonicAnalysis analysis(*record);
+    // 1 s from 1 Hz to 24 kHz: order n sits 48000 ln(n) / ln(24000) samples before the linear impulse.
+    for (std::int64_t order : {2, 3, 5}) {
+        double delay = 48000.0 * std::log(double(order)) / std::log(24000.0);
+        EXPECT_NEAR(analysis.delayOfOrder(order), delay, 1e-9);
+        EXPECT_NEAR(analysis.timeOffsetToHarmonic(order), record->timeOffsetToHarmonic(order), 1e-9);
+        EXPECT_NEAR(analysis.windowOfOrder(order).position, -delay, 1e-9);
+    }
+    // The second harmonic is 3298.80 samples early: the whole-sample cut starts 0.8 samples late.
+    EXPECT_NEAR(analysis.delayOfOrder(2), 3298.80, 0.005);
+    EXPECT_EQ(record->sampleOffsetToHarmonic(2), -3298);
+    EXPECT_EQ(record->impulsePeak(), 0);
+    EXPECT_EQ(analysis.minimumFFTLength(), 4096u);
+    EXPECT_GT(analysis.maximumOrder(), 100);
+}
+
+TEST(HarmonicAnalysis, MeasuresPolynomialDistortionWithAndWithoutFilters) {
+    const double fs = kSampleRate;
+    const double fundamental = 1.0 + 3.0 * a3 / 4.0;
+    auto coefficient = [](std::int64_t order) { return order == 2 ? a2 / 2.0 : a3 / 4.0; };
+
+    {
+        SCOPED_TRACE("memoryless");
+        auto record = measuredRecord([](std::vector<double> x) { return shaped(std::move(x), polynomial); });
+        Comparison result = compare(HarmonicAnalysis(*record), [&](std::int64_t order, double) {
+            return decibels(coefficient(order) / fundamental);
+        });
+        EXPECT_GT(result.count, 2000u);
+        EXPECT_LT(result.worst, 0.1); // measured: 0.04 dB
+    }
+    {
+        // A low-pass after the nonlinearity weights each order at its own output frequency n f.
+        SCOPED_TRACE("low-pass after");
+        Biquad after = lowPass(6000, std::sqrt(0.5), fs);
+        auto record = measuredRecord(
+            [&](std::vector<double> x) { return after.filter(shaped(std::move(x), polynomial)); });
+        Comparison result = compare(HarmonicAnalysis(*record), [&](std::int64_t order, double f) {
+            double weight = std::abs(after.response(double(order) * f, fs)) / std::abs(after.response(f, fs));
+            return decibels(coefficient(order) * weight / fundamental);
+        });
+        EXPECT_LT(result.worst, 0.1); // measured: 0.05 dB
+    }
+    {
+        // A low-pass before it changes the level B = |H(f)| that reaches the polynomial: the orders
+        // become a2 B / 2 and a3 B^2 / 4 against a fundamental of 1 + 3 a3 B^2 / 4.
+        SCOPED_TRACE("low-pass before");
+        Biquad before = lowPass(2000, std::sqrt(0.5), fs);
+        auto record = measuredRecord(
+            [&](std::vector<double> x) { return shaped(before.filter(std::move(x)), polynomial); });
+        Comparison result = compare(HarmonicAnalysis(*record), [&](std::int64_t order, double f) {
+            double level = std::abs(before.response(f, fs));
+            double harmonic = order == 2 ? a2 * level / 2.0 : a3 * level * level / 4.0;
+            return decibels(harmonic / (1.0 + 3.0 * a3 * level * level / 4.0));
+        });
+        EXPECT_LT(result.worst, 0.1); // measured: 0.04 dB
+    }
+}
+
+// How far the whole-sample peak cut reads on the same device: it starts at the truncated position,
+// 0.8 samples after the second harmonic's true one, and keeps nothing of what the rotated harmonic
+// impulse spreads before it. Measured: the second harmonic reads 3.7 dB low (median from 200 Hz to
+// 2 kHz, single bins from -0.3 to 5.5 dB low); the third scatters from 3.1 dB high to 1.6 dB low
+// about a median 0.2 dB low. The accurate analysis stays within 0.05 dB of the same figures.
+TEST(HarmonicAnalysis, PeakCutReadsLowWhereTheAccurateAnalysisDoesNot) {
+    auto record = measuredRecord([](std::vector<double> x) { return shaped(std::move(x), polynomial); });
+    record->setStartFrequency(20);
+    record->setEndFrequency(20000);
+    record->setImpulseResponseWindow(VELTWindow(0, 1024));
+    const std::uint32_t n = 16384;
+    const double fundamental = 1.0 + 3.0 * a3 / 4.0;
+    VELTRealVector fundamentalMagnitude = record->fftAbsResponseWithFFTLength(n);
+    HarmonicAnalysis analysis(*record);
+    for (std::int64_t order : {2, 3}) {
+        SCOPED_TRACE(order);
+        double expected = decibels((order == 2 ? a2 / 2.0 : a3 / 4.0) / fundamental);
+        auto percent = record->frequencyResponseOfHarmonic(order, fundamentalMagnitude, n);
+        auto table = record->frequencyTableOfHarmonic(order, n);
+        ASSERT_TRUE(percent && table);
+        std::vector<double> deficits;
+        for (std::size_t i = 0; i < percent->length(); ++i) {
+            if ((*table)[i] >= 200.0f && (*table)[i] <= 2000.0f)
+                deficits.push_back(expected - decibels((*percent)[i] / 100.0));
+        }
+        ASSERT_GT(deficits.size(), 100u);
+        std::sort(deficits.begin(), deficits.end());
+        double median = deficits[deficits.size() / 2];
+        double worst = std::max(-deficits.front(), deficits.back());
+        if (order == 2) {
+            EXPECT_NEAR(median, 3.7, 0.3);
+            EXPECT_GT(deficits.back(), 5.0);
+        } else {
+            EXPECT_NEAR(median, 0.2, 0.3);
+            EXPECT_GT(worst, 3.0);
+        }
+
+        HarmonicDistortion accurate = analysis.distortionOfOrder(order, n);
+        for (std::size_t k = 0; k < accurate.levels.length(); ++k) {
+            if (accurate.frequencies[k] >= 200.0f && accurate.frequencies[k] <= 2000.0f)
+                ASSERT_NEAR(accurate.levels[k], expected, 0.05) << accurate.frequencies[k];
+        }
+    }
+}
+
+// A harmonic impulse at a fractional position whose phase is rotated spreads to both sides of its
+// position: built here from a band-limited impulse and its Hilbert transform, with known amplitude
+// and phase, the analysis must return both.
+TEST(HarmonicAnalysis, RecoversAmplitudeAndPhaseOfRotatedImpulsesAtFractionalPositions) {
+    const std::size_t length = 65536;
+    const double samplesPerLog = 48000.0 / std::log(24000.0);
+    const double amplitudes[] = {0, 1.0, 0.03, 0.008, 0.004};
+    const double phases[] = {0, 0, 1.1, -2.3, 2.9}; // radians
+    std::vector<double> impulse(length, 0.0);
+    for (int order = 1; order <= 4; ++order) {
+        double position = -samplesPerLog * std::log(double(order));
+        double c = std::cos(phases[order]), s = std::sin(phases[order]);
+        // x = a (cos(theta) sinc(t) - sin(theta) H{sinc}(t)), H{sinc}(t) = (1 - cos(pi t)) / (pi t).
+        auto first = std::int64_t(std::floor(position)) - 3000;
+        for (std::int64_t m = first; m <= first + 6000; ++m) {
+            double t = double(m) - position;
+            double sinc = std::fabs(t) < 1e-12 ? 1.0 : std::sin(kPi * t) / (kPi * t);
+            double hilbert = std::fabs(t) < 1e-12 ? 0.0 : (1.0 - std::cos(kPi * t)) / (kPi * t);
+            impulse[std::size_t((m % std::int64_t(length) + std::int64_t(length)) % std::int64_t(length))] +=
+                amplitudes[order] * (c * sinc - s * hilbert);
+        }
+    }
+    HarmonicAnalysis analysis(std::make_shared<const VELTRealVector>(toFloat(impulse)), kSampleRate, 1000.0f,
+                              1.0f, 24000.0f, 0.0);
+    double worstLevel = 0, worstPhase = 0;
+    for (std::int64_t order = 2; order <= 4; ++order) {
+        HarmonicResponse response = analysis.responseOfOrder(order, 8192);
+        for (std::size_t k = 0; k < response.magnitude.length(); ++k) {
+            double f = response.frequencies[k];
+            if (f < 50.0 || f > 9600.0 / double(order))
+                continue;
+            double level = decibels(response.magnitude[k] / amplitudes[order]);
+            double phase = wrappedDegrees((response.phase[k] - phases[order]) * 180.0 / kPi);
+            worstLevel = std::max(worstLevel, std::fabs(level));
+            worstPhase = std::max(worstPhase, std::fabs(phase));
+        }
+    }
+    // Measured: 0.13 dB and 0.7 degrees, both at the lowest frequencies of order 4, where the slowly
+    // decaying spread of its larger neighbour leaks in.
+    EXPECT_LT(worstLevel, 0.2);
+    EXPECT_LT(worstPhase, 1.0);
+}
+
+TEST(HarmonicAnalysis, RefusesWhatItCannotAnalyse) {
+    auto impulse = std::make_shared<const VELTRealVector>(VELTRealVector(4096));
+    EXPECT_THROW(HarmonicAnalysis(nullptr, 48000, 1000, 1, 24000, 0), ParameterAssertion);
+    EXPECT_THROW(HarmonicAnalysis(impulse, 48000, 1000, 100, 100, 0), ParameterAssertion);
+    EXPECT_THROW(HarmonicAnalysis(impulse, 48000, 0, 1, 24000, 0), ParameterAssertion);
+    HarmonicAnalysis analysis(impulse, 48000, 1000, 1, 24000, 0);
+    EXPECT_THROW(analysis.responseOfOrder(0, 4096), ParameterAssertion);
+    EXPECT_THROW(analysis.responseOfOrder(1, 2048), ParameterAssertion); // too short for the window
+    EXPECT_THROW(analysis.responseOfOrder(2, 3000), ParameterAssertion); // not a power of two
+    // 4096 samples hold the fundamental's window (3298.8 samples) and no harmonic beyond the first
+    // that keeps clear of it round the circle.
+    EXPECT_EQ(analysis.maximumOrder(), 1);
+    EXPECT_THROW(analysis.responseOfOrder(2, 4096), ParameterAssertion);
+}
+
+} // namespace
+} // namespace tavolar
