@@ -1,0 +1,118 @@
+#pragma once
+// Deconvolution of a recorded sweep response by its stimulus into an impulse response, by spectral
+// division: plain, or regularised with a constant lambda, optionally dividing out a loop-back
+// reference recorded at the same time.
+//
+// Transform length: L is the smallest power of two not below lenR + lenS - 1, formed in 32-bit
+// unsigned arithmetic (see deconvolutionTransformLength). Response, stimulus and reference are
+// zero-padded (or cut) to L; spectra hold the L/2 + 1 bins 0 .. L/2 of the real transform, DC and
+// Nyquist included in every division. The result has L samples and is circular: the response sits
+// at its delay relative to the stimulus and whatever precedes it (the harmonic products of a sweep)
+// wraps round to the end. No window and no normalisation; forward unscaled, inverse scaled by 1/L.
+//
+// Precision: transforms are single precision. The per-bin quotient 1 / S (plain) or
+// conj(S) / (|S|^2 + lambda) (regularised) is formed in double precision and rounded once, so bins
+// where |S|^2 underflows single precision still divide; a stimulus bin that is exactly zero gives
+// not-a-number under plain division. Nothing here fails: NaN and infinity are passed on for the
+// caller (the synchronous averaging) to report.
+
+#include <cstddef>
+#include <optional>
+#include <span>
+
+#include "math/VELTComplexVector.h"
+#include "math/VELTFFTSetup.h"
+#include "math/VELTRealVector.h"
+
+namespace tavolar {
+
+// User-defaults keys read at every deconvolution.
+inline constexpr const char* kUseRegularizationDuringDeconvolutionKey = "RZUseRegularizationDuringDeconvolution";
+inline constexpr const char* kRegularizationDuringDeconvolutionLambdaKey =
+    "RZRegularizationDuringDeconvolutionLambda";
+// The lambda used when regularisation is on and no positive lambda is set: the single-precision
+// 1e-9 widened to double.
+inline constexpr double kDefaultDeconvolutionRegularizationLambda = static_cast<double>(1e-9f);
+
+// The smallest power of two >= responseLength + stimulusLength - 1, computed in 32-bit unsigned
+// arithmetic by filling the bits right of the highest set bit of (lenR + lenS - 2) and adding one.
+// (10, 7) gives 16; a sum of 1025 gives 2048. Sums below 2 wrap round to 0, meaning there is
+// nothing to transform; sums above 2^31 + 1 are refused (parameter assertion).
+std::size_t deconvolutionTransformLength(std::size_t responseLength, std::size_t stimulusLength);
+
+// The regularisation the user defaults ask for: nullopt for plain division, otherwise lambda
+// ("RZRegularizationDuringDeconvolutionLambda" when greater than zero, a NaN passing too,
+// else kDefaultDeconvolutionRegularizationLambda).
+std::optional<double> deconvolutionRegularizationFromUserDefaults();
+
+// Reads the user defaults and forwards to one of the two variants below. correction is the
+// loop-back reference recorded with the response, or null to divide by the stimulus alone.
+VELTRealVector realVectorByDeconvolvingResponse(const VELTRealVector& response, const VELTRealVector& stimulus,
+                                                const VELTRealVector* correction);
+
+// R / S. With a reference C, the stimulus spectrum is first replaced by S x (C / S), so that the
+// chain from the output to the reference input is divided out too.
+VELTRealVector realVectorByDeconvolvingResponseWithoutRegularization(const VELTRealVector& response,
+                                                                     const VELTRealVector& stimulus,
+                                                                     const VELTRealVector* correction);
+
+// R conj(S) / (|S|^2 + lambda), lambda narrowed to float. With a reference C, S is first replaced by
+// S x C conj(S) / (|S|^2 + lambda): the reference spectrum where the stimulus has energy, falling to
+// zero outside the swept band.
+VELTRealVector realVectorByDeconvolvingResponseWithRegularization(const VELTRealVector& response,
+                                                                  const VELTRealVector& stimulus,
+                                                                  const VELTRealVector* correction, double lambda);
+
+// The plain division (reference substitution included) carried out entirely in double precision.
+// Reads no user defaults and has no regularised form.
+VELTRealDoubleVector realDoubleVectorByDeconvolvingResponse(const VELTRealDoubleVector& response,
+                                                            const VELTRealDoubleVector& stimulus,
+                                                            const VELTRealDoubleVector* correction);
+
+// The deconvolution prepared for one stimulus, for many responses: the stimulus spectrum is
+// transformed once per transform length and the per-bin quotient formed once per reference and
+// regularisation, so each further response costs one forward and one inverse transform and one
+// complex multiplication. The single-precision operations above are this class used once.
+//
+// Memory: two spectra (the quotient and the response's), and a third, the stimulus spectrum, once a
+// reference has been prepared; the caller's output doubles as the zero-padded input of the
+// transforms. The stimulus and any reference are viewed, not copied: the stimulus must outlive the
+// deconvolver and a reference must live until the next deconvolve. prepare allocates; deconvolve
+// neither allocates nor locks. One deconvolver serves one thread at a time.
+class SweptSineDeconvolver {
+public:
+    explicit SweptSineDeconvolver(std::span<const float> stimulus) : stimulus_(stimulus) {}
+
+    std::span<const float> stimulus() const noexcept { return stimulus_; }
+    std::size_t transformLength() const noexcept { return transformLength_; }
+
+    // Makes ready for responses of the given transform length (a power of two of at least 1, as
+    // deconvolutionTransformLength gives) recorded with the given reference (null: none), divided
+    // plainly (lambda nullopt) or regularised. The quotient is formed by the next deconvolve, again
+    // only when a reference is given or the length or lambda changed; so a caller prepares once per
+    // recording, not once per channel.
+    void prepare(std::size_t transformLength, const VELTRealVector* correction, std::optional<double> lambda);
+
+    // Deconvolves response (cut to the transform length if longer) into the first L samples of
+    // impulseResponse, which must hold at least L and must not overlap response (parameter
+    // assertions, as is a call before prepare).
+    void deconvolve(std::span<const float> response, std::span<float> impulseResponse);
+
+private:
+    void formPendingQuotient(std::span<float> padded) noexcept;
+
+    std::span<const float> stimulus_;
+    std::size_t transformLength_ = 0;
+    std::optional<VELTFFTSetup> setup_;
+    VELTComplexVector stimulusSpectrum_; // S, L/2 + 1 bins, kept once a reference is seen
+    VELTComplexVector responseSpectrum_; // R, and a reference's spectrum while the quotient is formed
+    VELTComplexVector quotient_;         // Q, so that the impulse response is ifft(R x Q)
+    bool stimulusSpectrumValid_ = false;
+    bool quotientReusable_ = false; // Q was made for this length without a reference
+    std::optional<float> quotientLambda_;
+    bool quotientPending_ = false;
+    const VELTRealVector* pendingCorrection_ = nullptr;
+    std::optional<float> pendingLambda_;
+};
+
+} // namespace tavolar

@@ -1,0 +1,43 @@
+#pragma once
+// Synchronous averaging of repeated sweeps: every repetition of one input channel is deconvolved
+// by the stimulus (with that repetition's loop-back reference, if any), the impulse responses are
+// aligned circularly on their peaks and their mean is the channel's impulse response.
+//
+// Memory does not grow with the number of repetitions: each impulse response is added to the
+// running sum as soon as it is made. The regularisation is read from the user defaults once per
+// repetition (see realVectorByDeconvolvingResponse).
+
+#include <cstddef>
+#include <span>
+#include <vector>
+
+#include "engine/VELTRZSweptSineRecording.h"
+#include "math/VELTRealVector.h"
+#include "platform/TavolarError.h"
+
+namespace tavolar {
+
+// The averaged impulse response of channel channelIndex over the recordings, in order:
+//  - a recorded channel that is all zero, holds a NaN or is not finite fails with
+//    "Error while recording response.";
+//  - an impulse response that is all zero, holds a NaN or is not finite fails with
+//    "Error while deconvolving response.";
+// both with the recovery suggestion "Check that all your cables are connected properly, and
+// inputs are not muted.", domain kTavolarErrorDomain, code -1; later recordings are not examined.
+// Otherwise every impulse response is zero-padded to the longest among them, the first one's peak
+// (greatest magnitude, first index on ties) is found, every later one is rotated so that its peak
+// lands there and added, and the sum is scaled by 1 / count in single precision.
+// recordings must not be empty and each one reached must hold the channel (parameter assertions).
+Expected<VELTRealVector> impulseResponseFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
+                                                           std::size_t channelIndex,
+                                                           const VELTRealVector& stimulusSignal);
+
+// The same for every channel at once: element c is what impulseResponseFromAveragingArray answers
+// for channel c, sample for sample. Each recording's reference and the stimulus are transformed
+// once for all channels. All recordings must hold the same number of channels (parameter assertion);
+// an empty array gives no results.
+std::vector<Expected<VELTRealVector>>
+impulseResponsesFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
+                                   const VELTRealVector& stimulusSignal);
+
+} // namespace tavolar

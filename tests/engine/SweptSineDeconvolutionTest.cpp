@@ -1,0 +1,328 @@
+#include "engine/SweptSineDeconvolution.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <limits>
+#include <random>
+#include <vector>
+
+#include "dsp/SweptSine.h"
+#include "engine/SweptSineDeconvolutionTestSupport.h"
+#include "engine/VELTLogSweepSettings.h"
+#include "platform/Assertions.h"
+#include "platform/UserDefaults.h"
+
+namespace tavolar {
+namespace {
+
+using testing::Biquad;
+
+constexpr double kSampleRate = 48000.0;
+
+std::size_t peakIndex(const VELTRealVector& vector) {
+    std::size_t index = 0;
+    for (std::size_t i = 1; i < vector.length(); ++i)
+        if (std::fabs(vector[i]) > std::fabs(vector[index]))
+            index = i;
+    return index;
+}
+
+bool hasNaN(const VELTRealVector& vector) {
+    return std::any_of(vector.span().begin(), vector.span().end(), [](float x) { return std::isnan(x); });
+}
+
+// Checks the measured response against the analytic one over 20 Hz .. 20 kHz after removing the
+// delay: magnitude within 0.05 dB, phase within 1 degree.
+void expectMatchesAnalyticResponse(const VELTRealVector& impulse, const Biquad& filter, std::size_t delay) {
+    for (double frequency : testing::audioBandFrequencies()) {
+        const std::complex<double> measured =
+            testing::frequencyResponse(impulse.span(), frequency, kSampleRate, static_cast<double>(delay));
+        const std::complex<double> expected = filter.response(frequency, kSampleRate);
+        EXPECT_NEAR(testing::decibels(std::abs(measured)), testing::decibels(std::abs(expected)), 0.05)
+            << frequency << " Hz";
+        EXPECT_NEAR(testing::phaseDifferenceDegrees(measured, expected), 0.0, 1.0) << frequency << " Hz";
+    }
+}
+
+TEST(SweptSineDeconvolution, TransformLengthIsTheNextPowerOfTwoIn32BitArithmetic) {
+    EXPECT_EQ(deconvolutionTransformLength(10, 7), 16u);
+    EXPECT_EQ(deconvolutionTransformLength(1000, 26), 2048u); // lenR + lenS - 1 = 1025
+    EXPECT_EQ(deconvolutionTransformLength(1000, 25), 1024u); // = 1024
+    EXPECT_EQ(deconvolutionTransformLength(513, 512), 1024u);
+    EXPECT_EQ(deconvolutionTransformLength(1, 1), 1u);
+    EXPECT_EQ(deconvolutionTransformLength(2, 1), 2u);
+    EXPECT_EQ(deconvolutionTransformLength(168000, 168000), 524288u);
+    EXPECT_EQ(deconvolutionTransformLength(std::size_t{1} << 30, (std::size_t{1} << 30) + 1), std::size_t{1} << 31);
+    // Sums below two wrap round to nothing to transform, and an empty result.
+    EXPECT_EQ(deconvolutionTransformLength(0, 0), 0u);
+    EXPECT_EQ(deconvolutionTransformLength(1, 0), 0u);
+    EXPECT_EQ(realVectorByDeconvolvingResponseWithoutRegularization(VELTRealVector{1.0f}, VELTRealVector{}, nullptr)
+                  .length(),
+              0u);
+    EXPECT_THROW(deconvolutionTransformLength(std::size_t{1} << 31, 2), ParameterAssertion);
+}
+
+// A known filter measured with the default sweep: the deconvolved impulse response carries the
+// filter's analytic response, and its peak sits at the delay.
+TEST(SweptSineDeconvolution, RecoversAKnownFilterAndItsDelayFromTheDefaultSweep) {
+    const VELTRealVector stimulus = VELTLogSweepSettings().stimulusSignalWithSampleRate(48000);
+    ASSERT_EQ(stimulus.length(), 168000u);
+    const Biquad filter = Biquad::peaking(kSampleRate, 1000.0, 6.0, 1.0);
+    constexpr std::size_t kDelay = 300;
+    const std::vector<double> filtered = filter.filter(testing::toDouble(stimulus));
+    const VELTRealVector response = testing::toFloat(testing::delayed(filtered, kDelay, stimulus.length()));
+
+    const VELTRealVector impulse = realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
+    ASSERT_EQ(impulse.length(), 524288u);
+    EXPECT_EQ(peakIndex(impulse), kDelay);
+    EXPECT_NEAR(impulse[kDelay], filter.b0, 1e-3);
+    expectMatchesAnalyticResponse(impulse, filter, kDelay);
+
+    // The same with a tiny lambda: regularisation changes nothing where the sweep has energy.
+    const VELTRealVector regularised =
+        realVectorByDeconvolvingResponseWithRegularization(response, stimulus, nullptr, 1e-9);
+    EXPECT_EQ(peakIndex(regularised), kDelay);
+    expectMatchesAnalyticResponse(regularised, filter, kDelay);
+
+    // And in double precision throughout, which must agree far more closely still.
+    VELTRealDoubleVector doubleResponse(testing::delayed(filtered, kDelay, stimulus.length()));
+    VELTRealDoubleVector doubleStimulus(testing::toDouble(stimulus));
+    const VELTRealDoubleVector doubleImpulse =
+        realDoubleVectorByDeconvolvingResponse(doubleResponse, doubleStimulus, nullptr);
+    ASSERT_EQ(doubleImpulse.length(), 524288u);
+    for (double frequency : {20.0, 1000.0, 20000.0}) {
+        std::complex<double> measured = 0.0;
+        for (std::size_t n = 0; n < 4096; ++n) // the filter has decayed far below double precision by then
+            measured += doubleImpulse[kDelay + n] * std::polar(1.0, -2.0 * std::numbers::pi * frequency / kSampleRate *
+                                                                        static_cast<double>(n));
+        const std::complex<double> expected = filter.response(frequency, kSampleRate);
+        EXPECT_NEAR(std::abs(measured / expected), 1.0, 1e-6) << frequency << " Hz";
+        EXPECT_NEAR(std::arg(measured / expected), 0.0, 1e-6) << frequency << " Hz";
+    }
+}
+
+// The loop-back reference carries the interface's own filter and delay; the response carries them
+// and the device under test. Dividing by the reference leaves the device under test alone.
+TEST(SweptSineDeconvolution, ReferenceChannelDividesOutTheInterface) {
+    const VELTRealVector stimulus = VELTLogSweepSettings().stimulusSignalWithSampleRate(48000);
+    const Biquad interface = Biquad::highShelf(kSampleRate, 8000.0, -3.0);
+    const Biquad deviceUnderTest = Biquad::peaking(kSampleRate, 2500.0, -9.0, 2.0);
+    constexpr std::size_t kInterfaceDelay = 50;
+    constexpr std::size_t kDeviceDelay = 200;
+    const std::vector<double> throughInterface = interface.filter(testing::toDouble(stimulus));
+    const VELTRealVector reference =
+        testing::toFloat(testing::delayed(throughInterface, kInterfaceDelay, stimulus.length()));
+    const VELTRealVector response = testing::toFloat(testing::delayed(
+        deviceUnderTest.filter(throughInterface), kInterfaceDelay + kDeviceDelay, stimulus.length()));
+
+    const VELTRealVector impulse = realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, &reference);
+    EXPECT_EQ(peakIndex(impulse), kDeviceDelay);
+    expectMatchesAnalyticResponse(impulse, deviceUnderTest, kDeviceDelay);
+
+    const VELTRealVector regularised =
+        realVectorByDeconvolvingResponseWithRegularization(response, stimulus, &reference, 1e-9);
+    EXPECT_EQ(peakIndex(regularised), kDeviceDelay);
+    expectMatchesAnalyticResponse(regularised, deviceUnderTest, kDeviceDelay);
+
+    // Without the reference the interface stays in the result.
+    const VELTRealVector uncorrected = realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
+    const double frequency = 16000.0;
+    const double measured = std::abs(testing::frequencyResponse(uncorrected.span(), frequency, kSampleRate));
+    EXPECT_NEAR(testing::decibels(measured),
+                testing::decibels(std::abs(interface.response(frequency, kSampleRate) *
+                                           deviceUnderTest.response(frequency, kSampleRate))),
+                0.05);
+
+    VELTRealDoubleVector doubleReference(testing::toDouble(reference));
+    const VELTRealDoubleVector doubleImpulse = realDoubleVectorByDeconvolvingResponse(
+        VELTRealDoubleVector(testing::toDouble(response)), VELTRealDoubleVector(testing::toDouble(stimulus)),
+        &doubleReference);
+    for (std::size_t n = 0; n < impulse.length(); n += 97)
+        ASSERT_NEAR(doubleImpulse[n], impulse[n], 2e-5) << n;
+}
+
+// The regularised division against its formula evaluated bin by bin in double precision, on a short
+// band-limited sweep whose spectrum spans many decades so that lambda matters in some bins and not
+// in others. The result's spectrum is compared in every bin.
+TEST(SweptSineDeconvolution, RegularisedDivisionFollowsItsFormulaInEveryBin) {
+    const VELTRealVector stimulus = realVectorWithLogSweepFrom(2000.0f, 8000.0f, 8.0f, 0.5f, 1.0f, 1.0f, 0, 0, 48000.0f);
+    const std::vector<double> stimulusSamples = testing::toDouble(stimulus);
+    const Biquad interface = Biquad::highShelf(kSampleRate, 6000.0, 4.0);
+    const Biquad device = Biquad::peaking(kSampleRate, 4000.0, 8.0, 3.0);
+    const std::vector<double> referenceSamples = testing::delayed(interface.filter(stimulusSamples), 3, 480);
+    const std::vector<double> responseSamples = testing::delayed(device.filter(referenceSamples), 11, 480);
+    const VELTRealVector reference = testing::toFloat(referenceSamples);
+    const VELTRealVector response = testing::toFloat(responseSamples);
+    const std::size_t length = deconvolutionTransformLength(response.length(), stimulus.length());
+    ASSERT_EQ(length, 1024u);
+
+    std::vector<std::complex<double>> responseSpectrum, stimulusSpectrum, referenceSpectrum;
+    double largestPower = 0;
+    for (std::size_t k = 0; k <= length / 2; ++k) {
+        responseSpectrum.push_back(testing::dftBin(testing::toDouble(response), length, k));
+        stimulusSpectrum.push_back(testing::dftBin(stimulusSamples, length, k));
+        referenceSpectrum.push_back(testing::dftBin(testing::toDouble(reference), length, k));
+        largestPower = std::max(largestPower, std::norm(stimulusSpectrum.back()));
+    }
+
+    for (const double lambda : {1e-9, 1e-3 * largestPower, largestPower}) {
+        for (const bool withReference : {false, true}) {
+            const VELTRealVector impulse = realVectorByDeconvolvingResponseWithRegularization(
+                response, stimulus, withReference ? &reference : nullptr, lambda);
+            ASSERT_EQ(impulse.length(), length);
+            const std::vector<double> impulseSamples = testing::toDouble(impulse);
+            const double lambdaUsed = static_cast<float>(lambda);
+            double largestExpected = 0;
+            std::vector<std::complex<double>> expected;
+            for (std::size_t k = 0; k <= length / 2; ++k) {
+                std::complex<double> s = stimulusSpectrum[k];
+                if (withReference)
+                    s *= referenceSpectrum[k] * std::conj(s) / (std::norm(s) + lambdaUsed);
+                expected.push_back(responseSpectrum[k] * std::conj(s) / (std::norm(s) + lambdaUsed));
+                largestExpected = std::max(largestExpected, std::abs(expected.back()));
+            }
+            for (std::size_t k = 0; k <= length / 2; ++k)
+                ASSERT_NEAR(std::abs(testing::dftBin(impulseSamples, length, k) - expected[k]), 0.0,
+                            1e-4 * largestExpected)
+                    << "bin " << k << " lambda " << lambda << (withReference ? " with reference" : "");
+        }
+    }
+
+    // A large lambda shrinks the response where the sweep has little energy: outside its band the
+    // regularised result falls far below the plain division's.
+    const VELTRealVector plain = realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
+    const VELTRealVector shrunk =
+        realVectorByDeconvolvingResponseWithRegularization(response, stimulus, nullptr, 1e-3 * largestPower);
+    const double outside = 20000.0;
+    EXPECT_LT(std::abs(testing::frequencyResponse(shrunk.span(), outside, kSampleRate)),
+              0.1 * std::abs(testing::frequencyResponse(plain.span(), outside, kSampleRate)));
+}
+
+// The plain division leaves NaN and infinity to its caller; the regularised one divides a silent
+// stimulus into silence.
+TEST(SweptSineDeconvolution, DegenerateStimulusPassesNaNOnUnderPlainDivision) {
+    const VELTRealVector silence(64);
+    VELTRealVector response(64);
+    response[3] = 0.5f;
+    EXPECT_TRUE(hasNaN(realVectorByDeconvolvingResponseWithoutRegularization(response, silence, nullptr)));
+    EXPECT_TRUE(hasNaN(realVectorByDeconvolvingResponseWithoutRegularization(response, response, &silence)));
+    EXPECT_TRUE(realVectorByDeconvolvingResponseWithRegularization(response, silence, nullptr, 1e-9).isAllZeroes());
+    EXPECT_TRUE(hasNaN(realVectorByDeconvolvingResponseWithRegularization(
+        response, response, nullptr, std::numeric_limits<double>::quiet_NaN())));
+
+    VELTRealDoubleVector doubleSilence(64);
+    VELTRealDoubleVector doubleResponse(64);
+    doubleResponse[3] = 0.5;
+    const VELTRealDoubleVector doubleImpulse =
+        realDoubleVectorByDeconvolvingResponse(doubleResponse, doubleSilence, nullptr);
+    EXPECT_TRUE(std::any_of(doubleImpulse.span().begin(), doubleImpulse.span().end(),
+                            [](double x) { return std::isnan(x); }));
+}
+
+// The user defaults choose the variant at every call: off or absent divides plainly; on, lambda is
+// the stored value when it is greater than zero (a NaN passing too) and 1e-9 otherwise.
+TEST(SweptSineDeconvolution, UserDefaultsChooseTheVariantAndLambda) {
+    UserDefaults& defaults = UserDefaults::standard();
+    auto clear = [&defaults] {
+        defaults.removeObjectForKey(kUseRegularizationDuringDeconvolutionKey);
+        defaults.removeObjectForKey(kRegularizationDuringDeconvolutionLambdaKey);
+    };
+    struct ClearAtEnd {
+        decltype(clear)& action;
+        ~ClearAtEnd() { action(); }
+    } clearAtEnd{clear};
+    clear();
+    EXPECT_EQ(kDefaultDeconvolutionRegularizationLambda, static_cast<double>(1e-9f));
+
+    // A faint stimulus, so that lambdas of 1e-9 and 1e-6 both change the result.
+    const VELTRealVector stimulus = realVectorWithLogSweepFrom(500.0f, 5000.0f, 5.0f, 1e-4f, 1.0f, 1.0f, 0, 0, 48000.0f);
+    const VELTRealVector response =
+        testing::toFloat(Biquad::peaking(kSampleRate, 2000.0, 3.0, 1.0).filter(testing::toDouble(stimulus)));
+    const VELTRealVector plain = realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
+    const VELTRealVector byDefault = realVectorByDeconvolvingResponseWithRegularization(
+        response, stimulus, nullptr, kDefaultDeconvolutionRegularizationLambda);
+    const VELTRealVector strong = realVectorByDeconvolvingResponseWithRegularization(response, stimulus, nullptr, 1e-6);
+    ASSERT_NE(plain, byDefault);
+    ASSERT_NE(byDefault, strong);
+
+    EXPECT_EQ(deconvolutionRegularizationFromUserDefaults(), std::nullopt);
+    EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), plain);
+    defaults.setDouble(1e-6, kRegularizationDuringDeconvolutionLambdaKey); // a lambda alone does nothing
+    EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), plain);
+
+    defaults.setBool(true, kUseRegularizationDuringDeconvolutionKey);
+    EXPECT_EQ(deconvolutionRegularizationFromUserDefaults(), 1e-6);
+    EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), strong);
+    for (const double notPositive : {0.0, -1.0}) {
+        defaults.setDouble(notPositive, kRegularizationDuringDeconvolutionLambdaKey);
+        EXPECT_EQ(deconvolutionRegularizationFromUserDefaults(), kDefaultDeconvolutionRegularizationLambda);
+        EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), byDefault);
+    }
+    defaults.removeObjectForKey(kRegularizationDuringDeconvolutionLambdaKey);
+    EXPECT_EQ(deconvolutionRegularizationFromUserDefaults(), kDefaultDeconvolutionRegularizationLambda);
+    EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), byDefault);
+    defaults.setDouble(std::numeric_limits<double>::quiet_NaN(), kRegularizationDuringDeconvolutionLambdaKey);
+    ASSERT_TRUE(deconvolutionRegularizationFromUserDefaults().has_value());
+    EXPECT_TRUE(std::isnan(*deconvolutionRegularizationFromUserDefaults()));
+    EXPECT_TRUE(hasNaN(realVectorByDeconvolvingResponse(response, stimulus, nullptr)));
+
+    defaults.setBool(false, kUseRegularizationDuringDeconvolutionKey);
+    EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), plain);
+}
+
+// One deconvolver serving responses of several lengths, references and regularisations in turn
+// gives exactly what the one-shot operations give: nothing stale is reused.
+TEST(SweptSineDeconvolution, PreparedDeconvolverMatchesTheOneShotOperationsExactly) {
+    std::mt19937 generator(7);
+    std::normal_distribution<float> noise(0.0f, 0.3f);
+    const VELTRealVector stimulus = realVectorWithLogSweepFrom(20.0f, 20000.0f, 50.0f, 0.7f, 5.0f, 20.0f, 0, 0, 48000.0f);
+    auto randomVector = [&](std::size_t length) {
+        VELTRealVector vector(length);
+        for (float& x : vector.mutableSpan())
+            x = noise(generator);
+        return vector;
+    };
+    const VELTRealVector referenceA = randomVector(stimulus.length());
+    const VELTRealVector referenceB = randomVector(stimulus.length() + 5000);
+    struct Case {
+        std::size_t length;
+        const VELTRealVector* reference;
+        std::optional<double> lambda;
+    };
+    const Case cases[] = {{stimulus.length(), nullptr, std::nullopt},    {stimulus.length(), nullptr, std::nullopt},
+                          {stimulus.length(), &referenceA, std::nullopt}, {stimulus.length(), &referenceB, std::nullopt},
+                          {stimulus.length(), nullptr, std::nullopt},    {stimulus.length(), nullptr, 1e-2},
+                          {stimulus.length(), nullptr, 1e-1},            {stimulus.length(), &referenceA, 1e-1},
+                          {stimulus.length() / 3, nullptr, 1e-1},        {stimulus.length() * 2, &referenceB, std::nullopt},
+                          {stimulus.length() / 3, nullptr, std::nullopt}};
+
+    SweptSineDeconvolver deconvolver(stimulus.span());
+    for (const Case& testCase : cases) {
+        const VELTRealVector response = randomVector(testCase.length);
+        const VELTRealVector expected =
+            testCase.lambda
+                ? realVectorByDeconvolvingResponseWithRegularization(response, stimulus, testCase.reference,
+                                                                     *testCase.lambda)
+                : realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, testCase.reference);
+        const std::size_t length = deconvolutionTransformLength(response.length(), stimulus.length());
+        deconvolver.prepare(length, testCase.reference, testCase.lambda);
+        VELTRealVector impulse(length + 3);
+        impulse[length] = 42.0f; // beyond the transform length nothing is written
+        deconvolver.deconvolve(response.span(), impulse.mutableSpan());
+        EXPECT_EQ(impulse[length], 42.0f);
+        impulse.setLength(length);
+        EXPECT_EQ(impulse, expected) << "response of " << testCase.length;
+    }
+
+    VELTRealVector tooShort(8);
+    EXPECT_THROW(deconvolver.deconvolve(stimulus.span(), tooShort.mutableSpan()), ParameterAssertion);
+    EXPECT_THROW(deconvolver.prepare(1000, nullptr, std::nullopt), ParameterAssertion);
+    SweptSineDeconvolver unprepared(stimulus.span());
+    EXPECT_THROW(unprepared.deconvolve(stimulus.span(), tooShort.mutableSpan()), ParameterAssertion);
+}
+
+} // namespace
+} // namespace tavolar
