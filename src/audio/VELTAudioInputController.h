@@ -66,6 +66,8 @@ public:
     bool isConfigured() const noexcept { return inputUnit_ != nullptr; }
     // Captured frames that the writer could not take, and device cycles reported late or lost.
     std::uint64_t droppedFrames() const noexcept { return droppedFrames_; }
+    // Frames of the device's time line that the server skipped and that were bridged.
+    std::uint64_t skippedFrames() const noexcept { return inputUnit_ ? inputUnit_->gapFrames() : 0; }
     std::uint64_t xruns() const noexcept { return inputUnit_ ? inputUnit_->xrunCount() : 0; }
 
 private:

@@ -64,6 +64,8 @@ public:
     float crosspointVolume(std::uint32_t input, std::uint32_t output) const;
     // Renders that ran out of read-ahead data, and device cycles reported late or lost.
     std::uint64_t underruns() const noexcept { return fileReader_ ? fileReader_->underruns() : 0; }
+    // Frames of the device's time line that the server skipped and that were bridged.
+    std::uint64_t skippedFrames() const noexcept { return outputUnit_ ? outputUnit_->gapFrames() : 0; }
     std::uint64_t xruns() const noexcept;
 
 private:

@@ -26,9 +26,10 @@ struct KnownDevice {
 // capture settings keep); a driver is shared by every UID of the same canonical form.
 class HardwareState {
 public:
+    // Never destroyed: at exit, the backends' own libraries may already be torn down.
     static HardwareState& shared() {
-        static HardwareState state;
-        return state;
+        static HardwareState* state = new HardwareState;
+        return *state;
     }
 
     std::shared_ptr<AudioDeviceDriver> driverForUID(std::string_view uid, AudioDeviceID* deviceID) {

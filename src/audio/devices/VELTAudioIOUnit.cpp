@@ -160,6 +160,8 @@ AudioStatus VELTAudioIOUnit::initialize() {
                 configuration.channels.push_back(channel);
         if (configuration.channels.size() != inputClientFormat_.channelsPerFrame)
             return kAudioStatusInvalidChannel;
+        silence_.assign(kGapChunkFrames, 0.0f);
+        silentPointers_.assign(configuration.channels.size(), silence_.data());
     } else {
         if (!renderCallback_)
             return kAudioStatusUninitialized;
@@ -194,6 +196,7 @@ AudioStatus VELTAudioIOUnit::start() {
     if (!endpoint_)
         return kAudioStatusUninitialized;
     firstCycle_ = true;
+    haveExpectedSampleTime_ = false;
     return endpoint_->start();
 }
 
@@ -219,12 +222,10 @@ void VELTAudioIOUnit::endpointCallback(void* context, const AudioTimeStamp& time
                                        float* const* channelBuffers, std::uint32_t channelCount) noexcept {
     auto* unit = static_cast<VELTAudioIOUnit*>(context);
     AudioTimeStamp stamp = unit->adjustedTimeStamp(timeStamp);
+    unit->bridgeGap(stamp, channelCount);
+    unit->expectedSampleTime_ = stamp.sampleTime + frames;
     if (unit->inputEnabled_) {
-        unit->capturedBuffers_ = channelBuffers;
-        unit->capturedChannels_ = channelCount;
-        unit->capturedFrames_ = frames;
-        unit->inputCallback_(unit->inputContext_, stamp, kAudioUnitInputElement, frames);
-        unit->capturedBuffers_ = nullptr;
+        unit->deliverInput(stamp, frames, channelBuffers, channelCount);
         return;
     }
     VELTAudioBufferList& buffers = unit->renderBuffers_;
@@ -239,6 +240,52 @@ void VELTAudioIOUnit::endpointCallback(void* context, const AudioTimeStamp& time
     const std::uint32_t count = std::min(channelCount, buffers.numberBuffers());
     for (std::uint32_t channel = 0; channel < count; ++channel)
         std::memcpy(channelBuffers[channel], buffers[channel].data, frames * sizeof(float));
+}
+
+void VELTAudioIOUnit::deliverInput(const AudioTimeStamp& stamp, std::uint32_t frames,
+                                   float* const* channelBuffers, std::uint32_t channelCount) noexcept {
+    capturedBuffers_ = channelBuffers;
+    capturedChannels_ = channelCount;
+    capturedFrames_ = frames;
+    inputCallback_(inputContext_, stamp, kAudioUnitInputElement, frames);
+    capturedBuffers_ = nullptr;
+}
+
+// A backend that skips cycles (a server's overload) leaves a hole in the device's time line. The
+// client sees a continuous stream instead: silence for the frames never captured, and a stimulus
+// moved on by the frames never played, so that everything after the hole stays where its time stamps
+// say it is.
+void VELTAudioIOUnit::bridgeGap(const AudioTimeStamp& stamp, std::uint32_t channelCount) noexcept {
+    if (!haveExpectedSampleTime_) {
+        haveExpectedSampleTime_ = true;
+        return;
+    }
+    double missing = stamp.sampleTime - expectedSampleTime_;
+    if (!(missing >= 1.0))
+        return;
+    const double rate = driver_ ? driver_->sampleRate() : 0.0;
+    if (rate <= 0.0 || missing > 10.0 * rate)
+        return; // not a skipped cycle but a new time line: nothing to bridge
+    std::uint64_t remaining = static_cast<std::uint64_t>(missing);
+    gapFrames_.fetch_add(remaining, std::memory_order_relaxed);
+    double sampleTime = expectedSampleTime_;
+    while (remaining > 0) {
+        const std::uint32_t chunk =
+            static_cast<std::uint32_t>(std::min<std::uint64_t>(remaining, kGapChunkFrames));
+        AudioTimeStamp filler = stamp;
+        filler.sampleTime = sampleTime;
+        filler.hostTime =
+            stamp.hostTime - static_cast<std::uint64_t>((stamp.sampleTime - sampleTime) / rate * 1e9);
+        if (inputEnabled_) {
+            deliverInput(filler, chunk, silentPointers_.data(),
+                         std::min<std::uint32_t>(channelCount, std::uint32_t(silentPointers_.size())));
+        } else if (chunk <= renderBuffers_.capacityFrames()) {
+            renderBuffers_.setFrameCount(chunk);
+            renderCallback_(renderContext_, filler, kAudioUnitOutputElement, chunk, renderBuffers_);
+        }
+        remaining -= chunk;
+        sampleTime += chunk;
+    }
 }
 
 AudioStatus VELTAudioIOUnit::render(std::uint32_t bus, std::uint32_t frames,

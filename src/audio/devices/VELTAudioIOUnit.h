@@ -79,11 +79,19 @@ public:
     std::uint64_t oversizedCycles() const noexcept {
         return oversizedCycles_.load(std::memory_order_relaxed);
     }
+    // Frames of the device's time line that the backend skipped, bridged with silence (input) or by
+    // moving the rendered stream on (output).
+    std::uint64_t gapFrames() const noexcept { return gapFrames_.load(std::memory_order_relaxed); }
 
 private:
     static void endpointCallback(void* context, const AudioTimeStamp& timeStamp, std::uint32_t frames,
                                  float* const* channelBuffers, std::uint32_t channelCount) noexcept;
     AudioTimeStamp adjustedTimeStamp(const AudioTimeStamp& timeStamp) noexcept;
+    void bridgeGap(const AudioTimeStamp& stamp, std::uint32_t channelCount) noexcept;
+    void deliverInput(const AudioTimeStamp& stamp, std::uint32_t frames, float* const* channelBuffers,
+                      std::uint32_t channelCount) noexcept;
+
+    static constexpr std::uint32_t kGapChunkFrames = 4096;
 
     bool inputEnabled_ = false;
     bool outputEnabled_ = true;
@@ -108,6 +116,11 @@ private:
     bool firstCycle_ = true;
     double firstSampleTime_ = 0.0;
     std::atomic<std::uint64_t> oversizedCycles_{0};
+    std::atomic<std::uint64_t> gapFrames_{0};
+    bool haveExpectedSampleTime_ = false;
+    double expectedSampleTime_ = 0.0;
+    std::vector<float> silence_;
+    std::vector<float*> silentPointers_;
 };
 
 } // namespace tavolar

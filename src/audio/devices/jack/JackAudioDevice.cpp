@@ -63,18 +63,84 @@ private:
     std::atomic<std::int64_t> latest_{0};
 };
 
+// The server's own clock model (a delay-locked loop) is re-estimated every cycle, so converting a
+// frame seconds in the past through the current model drifts by the change of its slope. Instead,
+// the device's own client notes when every cycle began; a time in the history is converted within
+// the cycle it fell in, exactly the way the time stamps of that cycle were made. One writer (the
+// device client's process thread); readers scan backwards from the newest published cycle and stay
+// clear of the slots the writer may be reusing.
+class CycleHistory {
+public:
+    static constexpr std::size_t kCapacity = 1 << 16;
+    static constexpr std::size_t kMargin = 64;
+
+    // Runs on the audio thread.
+    void note(std::int64_t frame, std::uint32_t frames, jack_time_t start, jack_time_t next) noexcept {
+        std::uint64_t index = written_.load(std::memory_order_relaxed);
+        Cycle& cycle = cycles_[index % kCapacity];
+        cycle.frame.store(frame, std::memory_order_relaxed);
+        cycle.frames.store(frames, std::memory_order_relaxed);
+        cycle.start.store(start, std::memory_order_relaxed);
+        cycle.next.store(next, std::memory_order_relaxed);
+        written_.store(index + 1, std::memory_order_release);
+    }
+
+    bool sampleToHost(double sampleTime, std::uint64_t& hostNanoseconds) const noexcept {
+        return find([&](std::int64_t frame, std::uint32_t frames, jack_time_t start, jack_time_t next) {
+            if (sampleTime < double(frame) || sampleTime >= double(frame) + frames)
+                return false;
+            double fraction = (sampleTime - double(frame)) / frames;
+            hostNanoseconds =
+                std::uint64_t(std::llround((double(start) + fraction * double(next - start)) * 1000.0));
+            return true;
+        });
+    }
+
+    bool hostToSample(std::uint64_t hostNanoseconds, double& sampleTime) const noexcept {
+        const double microseconds = double(hostNanoseconds) / 1000.0;
+        return find([&](std::int64_t frame, std::uint32_t frames, jack_time_t start, jack_time_t next) {
+            if (microseconds < double(start) || microseconds >= double(next))
+                return false;
+            sampleTime = double(frame) + (microseconds - double(start)) / double(next - start) * frames;
+            return true;
+        });
+    }
+
+private:
+    struct Cycle {
+        std::atomic<std::int64_t> frame{0};
+        std::atomic<std::uint32_t> frames{0};
+        std::atomic<jack_time_t> start{0};
+        std::atomic<jack_time_t> next{0};
+    };
+
+    template <typename Match> bool find(Match match) const noexcept {
+        const std::uint64_t written = written_.load(std::memory_order_acquire);
+        const std::uint64_t oldest = written > kCapacity - kMargin ? written - (kCapacity - kMargin) : 0;
+        for (std::uint64_t index = written; index > oldest; --index) {
+            const Cycle& cycle = cycles_[(index - 1) % kCapacity];
+            jack_time_t start = cycle.start.load(std::memory_order_relaxed);
+            jack_time_t next = cycle.next.load(std::memory_order_relaxed);
+            std::uint32_t frames = cycle.frames.load(std::memory_order_relaxed);
+            if (frames == 0 || next <= start)
+                continue;
+            if (match(cycle.frame.load(std::memory_order_relaxed), frames, start, next))
+                return true;
+        }
+        return false;
+    }
+
+    std::unique_ptr<Cycle[]> cycles_ = std::make_unique<Cycle[]>(kCapacity);
+    std::atomic<std::uint64_t> written_{0};
+};
+
 class JackDeviceDriver;
 
 class JackEndpoint final : public AudioEndpoint {
 public:
     JackEndpoint(std::shared_ptr<JackDeviceDriver> driver, AudioEndpointConfiguration configuration)
         : driver_(std::move(driver)), configuration_(std::move(configuration)) {}
-    ~JackEndpoint() override {
-        if (client_) {
-            jack_deactivate(client_);
-            jack_client_close(client_);
-        }
-    }
+    ~JackEndpoint() override;
 
     AudioStatus open(const std::string& serverName, const std::vector<std::string>& targets);
     AudioStatus start() override;
@@ -110,8 +176,9 @@ public:
                      std::map<std::uint32_t, std::string> outputRoutes)
         : uid_(std::move(uid)), serverName_(std::move(serverName)), client_(client) {
         jack_on_info_shutdown(client_, &JackDeviceDriver::shutdown, this);
-        jack_activate(client_); // an active client keeps the server's clock readable
         frames_.seed(jack_frame_time(client_));
+        jack_set_process_callback(client_, &JackDeviceDriver::process, this);
+        jack_activate(client_);
         inputPorts_ = physicalPorts(client_, JackPortIsOutput);
         outputPorts_ = physicalPorts(client_, JackPortIsInput);
         for (auto& [channel, port] : inputRoutes) {
@@ -126,7 +193,10 @@ public:
         }
         sampleRate_ = jack_get_sample_rate(client_);
     }
+    // A client whose server has gone is left alone: the library cannot talk to the server any more.
     ~JackDeviceDriver() override {
+        if (!isAlive())
+            return;
         jack_deactivate(client_);
         jack_client_close(client_);
     }
@@ -167,6 +237,9 @@ public:
             return kAudioStatusDeviceNotFound;
         if (!std::isfinite(sampleTime))
             return kAudioStatusInvalidParameter;
+        rateScalar = 1.0;
+        if (history_.sampleToHost(sampleTime, hostTime))
+            return kAudioStatusNoError;
         double whole = std::floor(sampleTime);
         jack_nframes_t frame = jack_nframes_t(std::int64_t(whole));
         jack_time_t start = jack_frames_to_time(client_, frame),
@@ -183,6 +256,9 @@ public:
                                      double& rateScalar) const override {
         if (!isAlive())
             return kAudioStatusDeviceNotFound;
+        rateScalar = 1.0;
+        if (history_.hostToSample(hostTime, sampleTime))
+            return kAudioStatusNoError;
         jack_nframes_t frame = jack_time_to_frames(client_, hostTime / 1000u);
         jack_time_t start = jack_frames_to_time(client_, frame),
                     next = jack_frames_to_time(client_, frame + 1);
@@ -229,6 +305,18 @@ private:
     static void shutdown(jack_status_t, const char*, void* argument) {
         static_cast<JackDeviceDriver*>(argument)->alive_.store(false, std::memory_order_release);
     }
+    static int process(jack_nframes_t frames, void* argument) noexcept {
+        RealTimeCallbackScope scope;
+        auto* self = static_cast<JackDeviceDriver*>(argument);
+        jack_nframes_t currentFrames = 0;
+        jack_time_t currentMicroseconds = 0, nextMicroseconds = 0;
+        float periodMicroseconds = 0;
+        if (jack_get_cycle_times(self->client_, &currentFrames, &currentMicroseconds, &nextMicroseconds,
+                                 &periodMicroseconds) == 0)
+            self->history_.note(self->frames_.unwrap(currentFrames, currentFrames), frames,
+                                currentMicroseconds, nextMicroseconds);
+        return 0;
+    }
 
     std::string uid_;
     std::string serverName_;
@@ -236,6 +324,7 @@ private:
     std::vector<std::string> inputPorts_, outputPorts_;
     double sampleRate_ = 0.0;
     mutable FrameCounter frames_;
+    CycleHistory history_;
     std::atomic<bool> alive_{true};
 };
 
@@ -289,12 +378,20 @@ AudioStatus JackEndpoint::start() {
     return kAudioStatusNoError;
 }
 
+// A client whose server has gone is left alone: the library cannot talk to the server any more.
+JackEndpoint::~JackEndpoint() {
+    if (client_ && !isDisconnected() && driver_->isAlive()) {
+        jack_deactivate(client_);
+        jack_client_close(client_);
+    }
+}
+
 AudioStatus JackEndpoint::stop() {
     if (!running_.exchange(false))
         return kAudioStatusNoError;
     connected_.store(false, std::memory_order_release);
     // Deactivation waits for a cycle in progress to end, and disconnects the ports.
-    if (!isDisconnected())
+    if (!isDisconnected() && driver_->isAlive())
         if (int result = jack_deactivate(client_))
             return AudioStatus(result);
     return kAudioStatusNoError;
