@@ -192,6 +192,50 @@ TEST(AudioControllers, PlaybackAndRecordingMeetOnTheDeviceClock) {
     output.teardownWorkerThread();
 }
 
+TEST(AudioControllers, CyclesTheDeviceSkipsAreBridgedSoTheRecordingStaysOnTheTimeLine) {
+    // The capture of every fifth cycle of 128 frames is skipped while playback goes on: those frames
+    // are never captured, and everything after them must still sit exactly where the stamps say.
+    const std::string uid = "sim:skipping?pace=fast&buffer=128&skip=5&noise=off";
+    auto settings = settingsFor(uid, {0, 1}, {0, 1});
+    VELTAudioOutputController output(settings);
+    VELTAudioInputController input(settings);
+    VELTRealVector stimulus(20000);
+    for (std::size_t n = 0; n < stimulus.length(); ++n)
+        stimulus[n] = 0.25f + 0.5f * float(n % 97) / 97.0f; // never zero
+    output.setPlaybackVector(stimulus);
+    bool ended = false;
+    auto token = NotificationCenter::defaultCenter().addObserver(
+        std::string(VELTAudioOutputControllerEndOfBufferNotification), &output,
+        [&](const Notification&) { ended = true; });
+    input.startRecording();
+    output.startPlayback();
+    ASSERT_TRUE(RunLoop::runUntil([&] { return ended; }, std::chrono::seconds(20)));
+    output.stopPlayback();
+    input.stopRecording();
+    NotificationCenter::defaultCenter().removeObserver(token);
+    EXPECT_GT(input.skippedFrames(), 0u);
+    EXPECT_EQ(output.skippedFrames(), 0u);
+    EXPECT_EQ(input.skippedFrames() % 128, 0u);
+
+    const std::size_t offset =
+        std::size_t(output.startTimeStamp().sampleTime - input.startTimeStamp().sampleTime);
+    auto vectors = input.recordChannelVectors();
+    ASSERT_TRUE(vectors[1]);
+    const VELTRealVector& loopback = *vectors[1];
+    ASSERT_GE(loopback.length(), offset + stimulus.length());
+    std::size_t silent = 0;
+    for (std::size_t n = 0; n < stimulus.length(); ++n) {
+        if (loopback[offset + n] == 0.0f) {
+            ++silent;
+            continue;
+        }
+        ASSERT_EQ(loopback[offset + n], stimulus[n]) << "frame " << n << " moved off its time";
+    }
+    // One cycle in five is lost, give or take the cycles at either end.
+    EXPECT_NEAR(double(silent), stimulus.length() / 5.0, 2 * 128.0);
+    output.teardownWorkerThread();
+}
+
 TEST(VELTAudioInputController, ChannelsAreMappedInAscendingOrderWithTheCorrectionChannel) {
     // Input 2 hears the device under test, input 5 the loop-back of output 0, input 0 nothing.
     const std::string uid = "sim:mapping?pace=fast&inputs=6&mic=2&loopback=0-5&noise=off";

@@ -240,6 +240,10 @@ private:
             }
         }
         path_.process(outputPointers_.data(), inputPointers_.data());
+        if (configuration_.skipCycles > 0 && ++cycleIndex_ % configuration_.skipCycles == 0) {
+            nextSampleTime_ += frames; // the capture of this cycle is lost
+            return;
+        }
         for (auto& slot : slots_) {
             SimulatedEndpoint* endpoint = slot.load(std::memory_order_acquire);
             if (!endpoint || !endpoint->active.load(std::memory_order_acquire) ||
@@ -270,6 +274,7 @@ private:
     std::atomic<bool> clockRunning_{false};
     std::atomic<std::uint64_t> cyclesCompleted_{0};
     std::int64_t nextSampleTime_ = 0; // touched by the clock thread, and by startClock while it is stopped
+    std::uint64_t cycleIndex_ = 0;    // clock thread only
 };
 
 SimulatedEndpoint::~SimulatedEndpoint() {

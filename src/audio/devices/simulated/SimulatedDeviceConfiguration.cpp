@@ -209,6 +209,8 @@ SimulatedDeviceConfiguration::applyParameters(const std::map<std::string, std::s
         } else if (key == "pace") {
             ok = value == "realtime" || value == "fast";
             realTime = value == "realtime";
+        } else if (key == "skip") {
+            ok = parseNumber(value, skipCycles);
         } else if (key == "rate") {
             ok = parseNumber(value, sampleRate);
         } else if (key == "buffer") {

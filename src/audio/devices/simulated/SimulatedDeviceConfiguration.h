@@ -46,6 +46,10 @@ struct SimulatedDeviceConfiguration {
     // frames ahead of the output stream's for the same moment.
     std::int64_t clockOffset = 0;
 
+    // Every skipCycles-th cycle the device plays but its input endpoints are not called, as when an
+    // overloaded server skips the clients after a late one; 0 never skips.
+    std::uint32_t skipCycles = 0;
+
     bool realTime = true; // false: fast mode
 
     // The built-in "sim:default": a two-way loudspeaker in a small room, microphone on input 0,
@@ -57,7 +61,7 @@ struct SimulatedDeviceConfiguration {
     Expected<void> loadImpulseResponseFromFile(const std::filesystem::path& path);
 
     // Applies device-UID parameters: ir (sound file), delay, noise (dBFS RMS or "off"), h2, h3, gain (dB),
-    // clockOffset, latency (comma-separated frames per input), pace ("realtime" or "fast"), rate,
+    // clockOffset, latency (comma-separated frames per input), pace ("realtime" or "fast"), skip, rate,
     // buffer, inputs, outputs, mic, speaker, loopback ("OUT-IN" or "none").
     Expected<void> applyParameters(const std::map<std::string, std::string>& parameters);
 
