@@ -8,11 +8,14 @@
 #include "audio/devices/VELTAudioGraph.h"
 #include "audio/devices/simulated/SimulatedDeviceConfiguration.h"
 #include "audio/devices/simulated/SimulatedSignalPath.h"
+#include "platform/UUID.h"
 
 #include <cmath>
+#include <filesystem>
 #include <gtest/gtest.h>
 #include <numeric>
 #include <random>
+#include <sndfile.h>
 #include <thread>
 #include <vector>
 
@@ -311,6 +314,34 @@ TEST(SimulatedDeviceConfiguration, BuiltInDeviceAndParametersAreChecked) {
     auto missing = SimulatedDeviceConfiguration{}.applyParameters({{"ir", "no-such-file.wav"}});
     ASSERT_FALSE(missing);
     EXPECT_NE(missing.error().localizedDescription.find("no-such-file.wav"), std::string::npos);
+}
+
+TEST(SimulatedDeviceConfiguration, ImpulseResponsesComeFromSoundFilesAtTheDeviceRate) {
+    auto write = [](const std::filesystem::path& path, int rate, int channels,
+                    const std::vector<float>& frames) {
+        SF_INFO info{};
+        info.samplerate = rate;
+        info.channels = channels;
+        info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+        SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+        ASSERT_TRUE(file);
+        sf_writef_float(file, frames.data(), sf_count_t(frames.size() / channels));
+        sf_close(file);
+    };
+    const auto stereo = std::filesystem::temp_directory_path() / (newUUIDString() + ".wav");
+    const auto other = std::filesystem::temp_directory_path() / (newUUIDString() + ".wav");
+    // Two channels interleaved: the first one is the response.
+    write(stereo, 48000, 2, {0.5f, 9.0f, -0.25f, 9.0f, 0.125f, 9.0f});
+    write(other, 44100, 1, {1.0f});
+    SimulatedDeviceConfiguration configuration;
+    ASSERT_TRUE(configuration.applyParameters({{"ir", stereo.string()}}));
+    EXPECT_EQ(configuration.impulseResponse, (std::vector<float>{0.5f, -0.25f, 0.125f}));
+    auto mismatched = configuration.loadImpulseResponseFromFile(other);
+    ASSERT_FALSE(mismatched);
+    EXPECT_NE(mismatched.error().localizedDescription.find("44100 Hz"), std::string::npos);
+    EXPECT_EQ(configuration.impulseResponse.size(), 3u) << "a refused file leaves the response as it was";
+    std::filesystem::remove(stereo);
+    std::filesystem::remove(other);
 }
 
 } // namespace
