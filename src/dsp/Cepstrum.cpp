@@ -1,12 +1,12 @@
 #include "dsp/Cepstrum.h"
 
-#include <cmath>
-#include <span>
-
 #include "dsp/Hilbert.h"
 #include "math/VELTComplexVector.h"
 #include "math/VELTFFTSetup.h"
 #include "platform/Assertions.h"
+
+#include <cmath>
+#include <span>
 
 namespace tavolar {
 
@@ -63,10 +63,12 @@ VELTRealVector minimumPhaseReconstruction(const VELTRealVector& signal) {
 
     const std::size_t bins = half + 1;
     VELTComplexVector spectrum(bins);
-    setup.forwardReal(folded.components(), spectrum.mutableRealComponents(), spectrum.mutableImaginaryComponents());
+    setup.forwardReal(folded.components(), spectrum.mutableRealComponents(),
+                      spectrum.mutableImaginaryComponents());
     spectrum.exp();
     VELTRealVector minimumPhase(length);
-    setup.inverseReal(spectrum.realComponents(), spectrum.imaginaryComponents(), minimumPhase.mutableComponents());
+    setup.inverseReal(spectrum.realComponents(), spectrum.imaginaryComponents(),
+                      minimumPhase.mutableComponents());
     return minimumPhase;
 }
 

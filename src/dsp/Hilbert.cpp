@@ -1,11 +1,11 @@
 #include "dsp/Hilbert.h"
 
+#include "math/VELTFFTSetup.h"
+#include "platform/Assertions.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
-
-#include "math/VELTFFTSetup.h"
-#include "platform/Assertions.h"
 
 namespace tavolar {
 
@@ -42,11 +42,14 @@ VELTComplexVector hilbertTransformedVector(const VELTRealVector& signal) {
     }
 
     VELTComplexVector analytic(length);
-    setup.inverseComplex(real, imaginary, analytic.mutableRealComponents(), analytic.mutableImaginaryComponents());
+    setup.inverseComplex(real, imaginary, analytic.mutableRealComponents(),
+                         analytic.mutableImaginaryComponents());
     return analytic;
 }
 
-VELTRealVector doublet(const VELTRealVector& signal) { return hilbertTransformedVector(signal).imag(); }
+VELTRealVector doublet(const VELTRealVector& signal) {
+    return hilbertTransformedVector(signal).imag();
+}
 
 VELTRealVector energyTimeCurve(const VELTRealVector& signal) {
     const VELTComplexVector analytic = hilbertTransformedVector(signal);

@@ -6,10 +6,10 @@
 // stays as it is; see hilbertTransformLength), zero-padding the receiver. Transforms are single
 // precision, forward unscaled and inverse scaled by 1/N. An empty receiver gives empty results.
 
-#include <cstddef>
-
 #include "math/VELTComplexVector.h"
 #include "math/VELTRealVector.h"
+
+#include <cstddef>
 
 namespace tavolar {
 

@@ -1,12 +1,12 @@
 #include "engine/SweptSineDeconvolution.h"
 
+#include "platform/Assertions.h"
+#include "platform/UserDefaults.h"
+
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
-
-#include "platform/Assertions.h"
-#include "platform/UserDefaults.h"
 
 namespace tavolar {
 
@@ -16,7 +16,9 @@ namespace {
 // level.
 constexpr std::size_t kLanes = 8;
 
-bool isPowerOfTwo(std::size_t value) noexcept { return value != 0 && (value & (value - 1)) == 0; }
+bool isPowerOfTwo(std::size_t value) noexcept {
+    return value != 0 && (value & (value - 1)) == 0;
+}
 
 // Copies source into the first samples of destination and zeroes the rest, cutting a longer source.
 void padInto(std::span<const float> source, std::span<float> destination) noexcept {
@@ -70,7 +72,8 @@ void formQuotient(std::size_t bins, const float* stimulusReal, const float* stim
 
 // R = R x Q, in single precision.
 void multiplyByQuotient(std::size_t bins, float* __restrict spectrumReal, float* __restrict spectrumImaginary,
-                        const float* __restrict quotientReal, const float* __restrict quotientImaginary) noexcept {
+                        const float* __restrict quotientReal,
+                        const float* __restrict quotientImaginary) noexcept {
     auto bin = [&](std::size_t k) {
         const float x = spectrumReal[k];
         const float y = spectrumImaginary[k];
@@ -128,7 +131,8 @@ std::optional<double> deconvolutionRegularizationFromUserDefaults() {
     return kDefaultDeconvolutionRegularizationLambda;
 }
 
-VELTRealVector realVectorByDeconvolvingResponse(const VELTRealVector& response, const VELTRealVector& stimulus,
+VELTRealVector realVectorByDeconvolvingResponse(const VELTRealVector& response,
+                                                const VELTRealVector& stimulus,
                                                 const VELTRealVector* correction) {
     return deconvolveOnce(response, stimulus, correction, deconvolutionRegularizationFromUserDefaults());
 }
@@ -141,7 +145,8 @@ VELTRealVector realVectorByDeconvolvingResponseWithoutRegularization(const VELTR
 
 VELTRealVector realVectorByDeconvolvingResponseWithRegularization(const VELTRealVector& response,
                                                                   const VELTRealVector& stimulus,
-                                                                  const VELTRealVector* correction, double lambda) {
+                                                                  const VELTRealVector* correction,
+                                                                  double lambda) {
     return deconvolveOnce(response, stimulus, correction, lambda);
 }
 
@@ -224,8 +229,8 @@ void SweptSineDeconvolver::formPendingQuotient(std::span<float> padded) noexcept
             referenceReal = responseSpectrum_.realComponents();
             referenceImaginary = responseSpectrum_.imaginaryComponents();
         }
-        formQuotient(bins, stimulusSpectrum_.realComponents(), stimulusSpectrum_.imaginaryComponents(), referenceReal,
-                     referenceImaginary, pendingLambda_, quotientReal, quotientImaginary);
+        formQuotient(bins, stimulusSpectrum_.realComponents(), stimulusSpectrum_.imaginaryComponents(),
+                     referenceReal, referenceImaginary, pendingLambda_, quotientReal, quotientImaginary);
     }
     quotientReusable_ = pendingCorrection_ == nullptr;
     quotientLambda_ = pendingLambda_;
@@ -237,7 +242,8 @@ void SweptSineDeconvolver::deconvolve(std::span<const float> response, std::span
     TAVOLAR_PARAMETER_ASSERT(transformLength_ != 0);
     TAVOLAR_PARAMETER_ASSERT(impulseResponse.size() >= transformLength_);
     TAVOLAR_PARAMETER_ASSERT(response.data() + response.size() <= impulseResponse.data() ||
-                             impulseResponse.data() + impulseResponse.size() <= response.data() || response.empty());
+                             impulseResponse.data() + impulseResponse.size() <= response.data() ||
+                             response.empty());
     const std::span<float> padded = impulseResponse.first(transformLength_);
     if (quotientPending_)
         formPendingQuotient(padded);

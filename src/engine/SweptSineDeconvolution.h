@@ -16,18 +16,19 @@
 // not-a-number under plain division. Nothing here fails: NaN and infinity are passed on for the
 // caller (the synchronous averaging) to report.
 
-#include <cstddef>
-#include <optional>
-#include <span>
-
 #include "math/VELTComplexVector.h"
 #include "math/VELTFFTSetup.h"
 #include "math/VELTRealVector.h"
 
+#include <cstddef>
+#include <optional>
+#include <span>
+
 namespace tavolar {
 
 // User-defaults keys read at every deconvolution.
-inline constexpr const char* kUseRegularizationDuringDeconvolutionKey = "RZUseRegularizationDuringDeconvolution";
+inline constexpr const char* kUseRegularizationDuringDeconvolutionKey =
+    "RZUseRegularizationDuringDeconvolution";
 inline constexpr const char* kRegularizationDuringDeconvolutionLambdaKey =
     "RZRegularizationDuringDeconvolutionLambda";
 // The lambda used when regularisation is on and no positive lambda is set: the single-precision
@@ -47,7 +48,8 @@ std::optional<double> deconvolutionRegularizationFromUserDefaults();
 
 // Reads the user defaults and forwards to one of the two variants below. correction is the
 // loop-back reference recorded with the response, or null to divide by the stimulus alone.
-VELTRealVector realVectorByDeconvolvingResponse(const VELTRealVector& response, const VELTRealVector& stimulus,
+VELTRealVector realVectorByDeconvolvingResponse(const VELTRealVector& response,
+                                                const VELTRealVector& stimulus,
                                                 const VELTRealVector* correction);
 
 // R / S. With a reference C, the stimulus spectrum is first replaced by S x (C / S), so that the
@@ -61,7 +63,8 @@ VELTRealVector realVectorByDeconvolvingResponseWithoutRegularization(const VELTR
 // zero outside the swept band.
 VELTRealVector realVectorByDeconvolvingResponseWithRegularization(const VELTRealVector& response,
                                                                   const VELTRealVector& stimulus,
-                                                                  const VELTRealVector* correction, double lambda);
+                                                                  const VELTRealVector* correction,
+                                                                  double lambda);
 
 // The plain division (reference substitution included) carried out entirely in double precision.
 // Reads no user defaults and has no regularised form.

@@ -1,13 +1,13 @@
 #include "engine/SynchronousAveraging.h"
 
+#include "engine/SweptSineDeconvolution.h"
+#include "platform/Assertions.h"
+#include "platform/TavolarLocalizedString.h"
+
 #include <algorithm>
 #include <bit>
 #include <cstdint>
 #include <optional>
-
-#include "engine/SweptSineDeconvolution.h"
-#include "platform/Assertions.h"
-#include "platform/TavolarLocalizedString.h"
 
 namespace tavolar {
 
@@ -25,7 +25,9 @@ constexpr std::int32_t kInfinityBits = 0x7f800000;
 // Loops run in blocks of this many samples, a form the compiler vectorises at every optimisation level.
 constexpr std::size_t kLanes = 8;
 
-std::int32_t magnitudeBits(float x) noexcept { return std::bit_cast<std::int32_t>(x) & kMagnitudeBits; }
+std::int32_t magnitudeBits(float x) noexcept {
+    return std::bit_cast<std::int32_t>(x) & kMagnitudeBits;
+}
 
 // The bits of a float without its sign order like its magnitude, and every NaN and infinity orders
 // at or above those of infinity, so the largest of them gives both the peak and whether the signal
@@ -34,7 +36,9 @@ struct SignalScan {
     std::int32_t largestMagnitudeBits = 0;
     std::size_t peakIndex = 0; // first index of the greatest magnitude
 
-    bool isUsable() const noexcept { return largestMagnitudeBits != 0 && largestMagnitudeBits < kInfinityBits; }
+    bool isUsable() const noexcept {
+        return largestMagnitudeBits != 0 && largestMagnitudeBits < kInfinityBits;
+    }
 };
 
 SignalScan scanSignal(std::span<const float> samples) noexcept {
@@ -99,10 +103,10 @@ std::vector<Expected<VELTRealVector>> averageChannels(std::span<const VELTRZSwep
         // an earlier recording ends the averaging before them.
         for (const VELTRZSweptSineRecording& recording : recordings)
             if (channel.channelIndex < recording.recordChannels().size())
-                channel.averagedLength =
-                    std::max(channel.averagedLength,
-                             deconvolutionTransformLength(recording.recordChannels()[channel.channelIndex].length(),
-                                                          stimulusSignal.length()));
+                channel.averagedLength = std::max(
+                    channel.averagedLength,
+                    deconvolutionTransformLength(recording.recordChannels()[channel.channelIndex].length(),
+                                                 stimulusSignal.length()));
         longestAveragedLength = std::max(longestAveragedLength, channel.averagedLength);
     }
 
@@ -111,7 +115,8 @@ std::vector<Expected<VELTRealVector>> averageChannels(std::span<const VELTRZSwep
     std::size_t scratchLength = 0; // leading samples of scratch that may be non-zero
 
     for (const VELTRZSweptSineRecording& recording : recordings) {
-        if (std::none_of(channels.begin(), channels.end(), [](const ChannelAverage& c) { return c.isLive(); }))
+        if (std::none_of(channels.begin(), channels.end(),
+                         [](const ChannelAverage& c) { return c.isLive(); }))
             break;
         const std::optional<double> lambda = deconvolutionRegularizationFromUserDefaults();
         std::size_t preparedLength = 0; // for this recording's reference; 0 until prepared
@@ -146,8 +151,8 @@ std::vector<Expected<VELTRealVector>> averageChannels(std::span<const VELTRZSwep
                 if (scratch.length() < longestAveragedLength)
                     scratch = VELTRealVector(longestAveragedLength);
                 if (scratchLength > transformLength)
-                    std::fill(scratch.mutableComponents() + transformLength, scratch.mutableComponents() + scratchLength,
-                              0.0f);
+                    std::fill(scratch.mutableComponents() + transformLength,
+                              scratch.mutableComponents() + scratchLength, 0.0f);
                 scratchLength = transformLength;
                 impulseResponse = scratch.mutableSpan().first(transformLength);
             }
@@ -163,10 +168,10 @@ std::vector<Expected<VELTRealVector>> averageChannels(std::span<const VELTRZSwep
                 channel.firstPeak = scan.peakIndex;
             } else {
                 // The shift is a 32-bit signed count, as the rotation of the stored responses was.
-                const auto shift =
-                    static_cast<std::int32_t>(static_cast<std::int64_t>(channel.firstPeak) -
-                                              static_cast<std::int64_t>(scan.peakIndex));
-                addRotated(channel.accumulator.mutableSpan(), scratch.span().first(channel.averagedLength), shift);
+                const auto shift = static_cast<std::int32_t>(static_cast<std::int64_t>(channel.firstPeak) -
+                                                             static_cast<std::int64_t>(scan.peakIndex));
+                addRotated(channel.accumulator.mutableSpan(), scratch.span().first(channel.averagedLength),
+                           shift);
             }
             ++channel.count;
         }
@@ -187,9 +192,9 @@ std::vector<Expected<VELTRealVector>> averageChannels(std::span<const VELTRZSwep
 
 } // namespace
 
-Expected<VELTRealVector> impulseResponseFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
-                                                           std::size_t channelIndex,
-                                                           const VELTRealVector& stimulusSignal) {
+Expected<VELTRealVector>
+impulseResponseFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
+                                  std::size_t channelIndex, const VELTRealVector& stimulusSignal) {
     TAVOLAR_PARAMETER_ASSERT(!recordings.empty());
     const std::size_t channelIndices[] = {channelIndex};
     return std::move(averageChannels(recordings, channelIndices, stimulusSignal).front());

@@ -7,13 +7,13 @@
 // running sum as soon as it is made. The regularisation is read from the user defaults once per
 // repetition (see realVectorByDeconvolvingResponse).
 
-#include <cstddef>
-#include <span>
-#include <vector>
-
 #include "engine/VELTRZSweptSineRecording.h"
 #include "math/VELTRealVector.h"
 #include "platform/TavolarError.h"
+
+#include <cstddef>
+#include <span>
+#include <vector>
 
 namespace tavolar {
 
@@ -28,9 +28,9 @@ namespace tavolar {
 // (greatest magnitude, first index on ties) is found, every later one is rotated so that its peak
 // lands there and added, and the sum is scaled by 1 / count in single precision.
 // recordings must not be empty and each one reached must hold the channel (parameter assertions).
-Expected<VELTRealVector> impulseResponseFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
-                                                           std::size_t channelIndex,
-                                                           const VELTRealVector& stimulusSignal);
+Expected<VELTRealVector>
+impulseResponseFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
+                                  std::size_t channelIndex, const VELTRealVector& stimulusSignal);
 
 // The same for every channel at once: element c is what impulseResponseFromAveragingArray answers
 // for channel c, sample for sample. Each recording's reference and the stimulus are transformed

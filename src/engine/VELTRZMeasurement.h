@@ -2,14 +2,14 @@
 // The finished result of a measurement for one input channel: its averaged impulse response with
 // the sweep, device, channel and averaging it was made with. The host builds its records from it.
 
-#include <cstdint>
-#include <optional>
-
 #include "audio/RecordChannelEntry.h"
 #include "audio/VELTAudioDeviceRegistry.h"
 #include "engine/VELTLogSweepSettings.h"
 #include "math/VELTRealVector.h"
 #include "platform/KeyedArchiver.h"
+
+#include <cstdint>
+#include <optional>
 
 namespace tavolar {
 

@@ -2,11 +2,11 @@
 // What one played sweep produced: the recording of every input channel, aligned to the start of
 // playback, and the loop-back reference recorded during the same sweep when one is configured.
 
+#include "math/VELTRealVector.h"
+
 #include <optional>
 #include <utility>
 #include <vector>
-
-#include "math/VELTRealVector.h"
 
 namespace tavolar {
 

@@ -1,19 +1,18 @@
 #include "engine/SweptSineDeconvolution.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cmath>
-#include <complex>
-#include <limits>
-#include <random>
-#include <vector>
-
 #include "dsp/SweptSine.h"
 #include "engine/SweptSineDeconvolutionTestSupport.h"
 #include "engine/VELTLogSweepSettings.h"
 #include "platform/Assertions.h"
 #include "platform/UserDefaults.h"
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <gtest/gtest.h>
+#include <limits>
+#include <random>
+#include <vector>
 
 namespace tavolar {
 namespace {
@@ -55,13 +54,15 @@ TEST(SweptSineDeconvolution, TransformLengthIsTheNextPowerOfTwoIn32BitArithmetic
     EXPECT_EQ(deconvolutionTransformLength(1, 1), 1u);
     EXPECT_EQ(deconvolutionTransformLength(2, 1), 2u);
     EXPECT_EQ(deconvolutionTransformLength(168000, 168000), 524288u);
-    EXPECT_EQ(deconvolutionTransformLength(std::size_t{1} << 30, (std::size_t{1} << 30) + 1), std::size_t{1} << 31);
+    EXPECT_EQ(deconvolutionTransformLength(std::size_t{1} << 30, (std::size_t{1} << 30) + 1),
+              std::size_t{1} << 31);
     // Sums below two wrap round to nothing to transform, and an empty result.
     EXPECT_EQ(deconvolutionTransformLength(0, 0), 0u);
     EXPECT_EQ(deconvolutionTransformLength(1, 0), 0u);
-    EXPECT_EQ(realVectorByDeconvolvingResponseWithoutRegularization(VELTRealVector{1.0f}, VELTRealVector{}, nullptr)
-                  .length(),
-              0u);
+    EXPECT_EQ(
+        realVectorByDeconvolvingResponseWithoutRegularization(VELTRealVector{1.0f}, VELTRealVector{}, nullptr)
+            .length(),
+        0u);
     EXPECT_THROW(deconvolutionTransformLength(std::size_t{1} << 31, 2), ParameterAssertion);
 }
 
@@ -75,7 +76,8 @@ TEST(SweptSineDeconvolution, RecoversAKnownFilterAndItsDelayFromTheDefaultSweep)
     const std::vector<double> filtered = filter.filter(testing::toDouble(stimulus));
     const VELTRealVector response = testing::toFloat(testing::delayed(filtered, kDelay, stimulus.length()));
 
-    const VELTRealVector impulse = realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
+    const VELTRealVector impulse =
+        realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
     ASSERT_EQ(impulse.length(), 524288u);
     EXPECT_EQ(peakIndex(impulse), kDelay);
     EXPECT_NEAR(impulse[kDelay], filter.b0, 1e-3);
@@ -96,8 +98,8 @@ TEST(SweptSineDeconvolution, RecoversAKnownFilterAndItsDelayFromTheDefaultSweep)
     for (double frequency : {20.0, 1000.0, 20000.0}) {
         std::complex<double> measured = 0.0;
         for (std::size_t n = 0; n < 4096; ++n) // the filter has decayed far below double precision by then
-            measured += doubleImpulse[kDelay + n] * std::polar(1.0, -2.0 * std::numbers::pi * frequency / kSampleRate *
-                                                                        static_cast<double>(n));
+            measured += doubleImpulse[kDelay + n] * std::polar(1.0, -2.0 * std::numbers::pi * frequency /
+                                                                        kSampleRate * static_cast<double>(n));
         const std::complex<double> expected = filter.response(frequency, kSampleRate);
         EXPECT_NEAR(std::abs(measured / expected), 1.0, 1e-6) << frequency << " Hz";
         EXPECT_NEAR(std::arg(measured / expected), 0.0, 1e-6) << frequency << " Hz";
@@ -118,7 +120,8 @@ TEST(SweptSineDeconvolution, ReferenceChannelDividesOutTheInterface) {
     const VELTRealVector response = testing::toFloat(testing::delayed(
         deviceUnderTest.filter(throughInterface), kInterfaceDelay + kDeviceDelay, stimulus.length()));
 
-    const VELTRealVector impulse = realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, &reference);
+    const VELTRealVector impulse =
+        realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, &reference);
     EXPECT_EQ(peakIndex(impulse), kDeviceDelay);
     expectMatchesAnalyticResponse(impulse, deviceUnderTest, kDeviceDelay);
 
@@ -128,7 +131,8 @@ TEST(SweptSineDeconvolution, ReferenceChannelDividesOutTheInterface) {
     expectMatchesAnalyticResponse(regularised, deviceUnderTest, kDeviceDelay);
 
     // Without the reference the interface stays in the result.
-    const VELTRealVector uncorrected = realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
+    const VELTRealVector uncorrected =
+        realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
     const double frequency = 16000.0;
     const double measured = std::abs(testing::frequencyResponse(uncorrected.span(), frequency, kSampleRate));
     EXPECT_NEAR(testing::decibels(measured),
@@ -148,7 +152,8 @@ TEST(SweptSineDeconvolution, ReferenceChannelDividesOutTheInterface) {
 // band-limited sweep whose spectrum spans many decades so that lambda matters in some bins and not
 // in others. The result's spectrum is compared in every bin.
 TEST(SweptSineDeconvolution, RegularisedDivisionFollowsItsFormulaInEveryBin) {
-    const VELTRealVector stimulus = realVectorWithLogSweepFrom(2000.0f, 8000.0f, 8.0f, 0.5f, 1.0f, 1.0f, 0, 0, 48000.0f);
+    const VELTRealVector stimulus =
+        realVectorWithLogSweepFrom(2000.0f, 8000.0f, 8.0f, 0.5f, 1.0f, 1.0f, 0, 0, 48000.0f);
     const std::vector<double> stimulusSamples = testing::toDouble(stimulus);
     const Biquad interface = Biquad::highShelf(kSampleRate, 6000.0, 4.0);
     const Biquad device = Biquad::peaking(kSampleRate, 4000.0, 8.0, 3.0);
@@ -193,7 +198,8 @@ TEST(SweptSineDeconvolution, RegularisedDivisionFollowsItsFormulaInEveryBin) {
 
     // A large lambda shrinks the response where the sweep has little energy: outside its band the
     // regularised result falls far below the plain division's.
-    const VELTRealVector plain = realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
+    const VELTRealVector plain =
+        realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
     const VELTRealVector shrunk =
         realVectorByDeconvolvingResponseWithRegularization(response, stimulus, nullptr, 1e-3 * largestPower);
     const double outside = 20000.0;
@@ -209,7 +215,8 @@ TEST(SweptSineDeconvolution, DegenerateStimulusPassesNaNOnUnderPlainDivision) {
     response[3] = 0.5f;
     EXPECT_TRUE(hasNaN(realVectorByDeconvolvingResponseWithoutRegularization(response, silence, nullptr)));
     EXPECT_TRUE(hasNaN(realVectorByDeconvolvingResponseWithoutRegularization(response, response, &silence)));
-    EXPECT_TRUE(realVectorByDeconvolvingResponseWithRegularization(response, silence, nullptr, 1e-9).isAllZeroes());
+    EXPECT_TRUE(
+        realVectorByDeconvolvingResponseWithRegularization(response, silence, nullptr, 1e-9).isAllZeroes());
     EXPECT_TRUE(hasNaN(realVectorByDeconvolvingResponseWithRegularization(
         response, response, nullptr, std::numeric_limits<double>::quiet_NaN())));
 
@@ -238,13 +245,16 @@ TEST(SweptSineDeconvolution, UserDefaultsChooseTheVariantAndLambda) {
     EXPECT_EQ(kDefaultDeconvolutionRegularizationLambda, static_cast<double>(1e-9f));
 
     // A faint stimulus, so that lambdas of 1e-9 and 1e-6 both change the result.
-    const VELTRealVector stimulus = realVectorWithLogSweepFrom(500.0f, 5000.0f, 5.0f, 1e-4f, 1.0f, 1.0f, 0, 0, 48000.0f);
+    const VELTRealVector stimulus =
+        realVectorWithLogSweepFrom(500.0f, 5000.0f, 5.0f, 1e-4f, 1.0f, 1.0f, 0, 0, 48000.0f);
     const VELTRealVector response =
         testing::toFloat(Biquad::peaking(kSampleRate, 2000.0, 3.0, 1.0).filter(testing::toDouble(stimulus)));
-    const VELTRealVector plain = realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
+    const VELTRealVector plain =
+        realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
     const VELTRealVector byDefault = realVectorByDeconvolvingResponseWithRegularization(
         response, stimulus, nullptr, kDefaultDeconvolutionRegularizationLambda);
-    const VELTRealVector strong = realVectorByDeconvolvingResponseWithRegularization(response, stimulus, nullptr, 1e-6);
+    const VELTRealVector strong =
+        realVectorByDeconvolvingResponseWithRegularization(response, stimulus, nullptr, 1e-6);
     ASSERT_NE(plain, byDefault);
     ASSERT_NE(byDefault, strong);
 
@@ -278,7 +288,8 @@ TEST(SweptSineDeconvolution, UserDefaultsChooseTheVariantAndLambda) {
 TEST(SweptSineDeconvolution, PreparedDeconvolverMatchesTheOneShotOperationsExactly) {
     std::mt19937 generator(7);
     std::normal_distribution<float> noise(0.0f, 0.3f);
-    const VELTRealVector stimulus = realVectorWithLogSweepFrom(20.0f, 20000.0f, 50.0f, 0.7f, 5.0f, 20.0f, 0, 0, 48000.0f);
+    const VELTRealVector stimulus =
+        realVectorWithLogSweepFrom(20.0f, 20000.0f, 50.0f, 0.7f, 5.0f, 20.0f, 0, 0, 48000.0f);
     auto randomVector = [&](std::size_t length) {
         VELTRealVector vector(length);
         for (float& x : vector.mutableSpan())
@@ -292,21 +303,26 @@ TEST(SweptSineDeconvolution, PreparedDeconvolverMatchesTheOneShotOperationsExact
         const VELTRealVector* reference;
         std::optional<double> lambda;
     };
-    const Case cases[] = {{stimulus.length(), nullptr, std::nullopt},    {stimulus.length(), nullptr, std::nullopt},
-                          {stimulus.length(), &referenceA, std::nullopt}, {stimulus.length(), &referenceB, std::nullopt},
-                          {stimulus.length(), nullptr, std::nullopt},    {stimulus.length(), nullptr, 1e-2},
-                          {stimulus.length(), nullptr, 1e-1},            {stimulus.length(), &referenceA, 1e-1},
-                          {stimulus.length() / 3, nullptr, 1e-1},        {stimulus.length() * 2, &referenceB, std::nullopt},
+    const Case cases[] = {{stimulus.length(), nullptr, std::nullopt},
+                          {stimulus.length(), nullptr, std::nullopt},
+                          {stimulus.length(), &referenceA, std::nullopt},
+                          {stimulus.length(), &referenceB, std::nullopt},
+                          {stimulus.length(), nullptr, std::nullopt},
+                          {stimulus.length(), nullptr, 1e-2},
+                          {stimulus.length(), nullptr, 1e-1},
+                          {stimulus.length(), &referenceA, 1e-1},
+                          {stimulus.length() / 3, nullptr, 1e-1},
+                          {stimulus.length() * 2, &referenceB, std::nullopt},
                           {stimulus.length() / 3, nullptr, std::nullopt}};
 
     SweptSineDeconvolver deconvolver(stimulus.span());
     for (const Case& testCase : cases) {
         const VELTRealVector response = randomVector(testCase.length);
         const VELTRealVector expected =
-            testCase.lambda
-                ? realVectorByDeconvolvingResponseWithRegularization(response, stimulus, testCase.reference,
-                                                                     *testCase.lambda)
-                : realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, testCase.reference);
+            testCase.lambda ? realVectorByDeconvolvingResponseWithRegularization(
+                                  response, stimulus, testCase.reference, *testCase.lambda)
+                            : realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus,
+                                                                                    testCase.reference);
         const std::size_t length = deconvolutionTransformLength(response.length(), stimulus.length());
         deconvolver.prepare(length, testCase.reference, testCase.lambda);
         VELTRealVector impulse(length + 3);

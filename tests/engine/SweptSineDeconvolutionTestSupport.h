@@ -3,7 +3,7 @@
 // their analytic design formulas, filtering and delay, and the frequency response of an impulse
 // response by direct summation of its discrete-time Fourier transform.
 
-#include <unistd.h>
+#include "math/VELTRealVector.h"
 
 #include <cmath>
 #include <complex>
@@ -13,9 +13,8 @@
 #include <numbers>
 #include <span>
 #include <string>
+#include <unistd.h>
 #include <vector>
-
-#include "math/VELTRealVector.h"
 
 namespace tavolar::testing {
 
@@ -107,8 +106,8 @@ inline std::vector<double> delayed(std::span<const double> x, std::size_t delay,
 
 // The discrete-time Fourier transform of a circular impulse response at frequency (Hz), taken about
 // sample `origin`: samples from L/2 on stand for negative times.
-inline std::complex<double> frequencyResponse(std::span<const float> impulse, double frequency, double sampleRate,
-                                              double origin = 0.0) {
+inline std::complex<double> frequencyResponse(std::span<const float> impulse, double frequency,
+                                              double sampleRate, double origin = 0.0) {
     const double omega = 2.0 * std::numbers::pi * frequency / sampleRate;
     const auto length = static_cast<std::ptrdiff_t>(impulse.size());
     const std::complex<double> step = std::polar(1.0, -omega);
@@ -144,7 +143,9 @@ inline std::vector<double> audioBandFrequencies() {
     return frequencies;
 }
 
-inline double decibels(double magnitude) { return 20.0 * std::log10(magnitude); }
+inline double decibels(double magnitude) {
+    return 20.0 * std::log10(magnitude);
+}
 
 // The phase difference a - b in degrees, wrapped to -180 .. 180.
 inline double phaseDifferenceDegrees(std::complex<double> a, std::complex<double> b) {

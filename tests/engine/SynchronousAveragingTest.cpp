@@ -1,16 +1,15 @@
 #include "engine/SynchronousAveraging.h"
 
-#include <gtest/gtest.h>
-
-#include <cmath>
-#include <limits>
-#include <random>
-#include <vector>
-
 #include "dsp/SweptSine.h"
 #include "engine/SweptSineDeconvolution.h"
 #include "engine/SweptSineDeconvolutionTestSupport.h"
 #include "platform/Assertions.h"
+
+#include <cmath>
+#include <gtest/gtest.h>
+#include <limits>
+#include <random>
+#include <vector>
 
 namespace tavolar {
 namespace {
@@ -30,7 +29,8 @@ VELTRealVector testStimulus() {
 VELTRealVector measuredResponse(const VELTRealVector& stimulus, std::size_t delay, std::size_t length,
                                 unsigned noiseSeed, double gainDecibels = 6.0) {
     const Biquad filter = Biquad::peaking(kSampleRate, 1000.0, gainDecibels, 1.0);
-    std::vector<double> response = testing::delayed(filter.filter(testing::toDouble(stimulus)), delay, length);
+    std::vector<double> response =
+        testing::delayed(filter.filter(testing::toDouble(stimulus)), delay, length);
     std::mt19937 generator(noiseSeed);
     std::normal_distribution<double> noise(0.0, 1e-4);
     for (double& x : response)
@@ -38,7 +38,8 @@ VELTRealVector measuredResponse(const VELTRealVector& stimulus, std::size_t dela
     return testing::toFloat(response);
 }
 
-std::vector<VELTRZSweptSineRecording> recordingsOf(std::vector<std::vector<VELTRealVector>> channelsPerRecording) {
+std::vector<VELTRZSweptSineRecording>
+recordingsOf(std::vector<std::vector<VELTRealVector>> channelsPerRecording) {
     std::vector<VELTRZSweptSineRecording> recordings;
     for (auto& channels : channelsPerRecording)
         recordings.emplace_back(std::move(channels), std::nullopt);
@@ -47,11 +48,13 @@ std::vector<VELTRZSweptSineRecording> recordingsOf(std::vector<std::vector<VELTR
 
 // Independent average: each impulse response made by the one-shot deconvolution, padded to the
 // longest, rotated onto the first one's peak and averaged in double precision.
-std::vector<double> referenceAverage(const std::vector<VELTRealVector>& responses, const VELTRealVector& stimulus) {
+std::vector<double> referenceAverage(const std::vector<VELTRealVector>& responses,
+                                     const VELTRealVector& stimulus) {
     std::vector<VELTRealVector> impulses;
     std::size_t longest = 0;
     for (const VELTRealVector& response : responses) {
-        impulses.push_back(realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr));
+        impulses.push_back(
+            realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr));
         longest = std::max(longest, impulses.back().length());
     }
     auto peakOf = [](const VELTRealVector& v) {
@@ -67,7 +70,8 @@ std::vector<double> referenceAverage(const std::vector<VELTRealVector>& response
         const std::ptrdiff_t shift = firstPeak - peakOf(impulse);
         const auto length = static_cast<std::ptrdiff_t>(longest);
         for (std::ptrdiff_t i = 0; i < static_cast<std::ptrdiff_t>(impulse.length()); ++i)
-            sum[static_cast<std::size_t>(((i + shift) % length + length) % length)] += impulse[static_cast<std::size_t>(i)];
+            sum[static_cast<std::size_t>(((i + shift) % length + length) % length)] +=
+                impulse[static_cast<std::size_t>(i)];
     }
     for (double& x : sum)
         x /= static_cast<double>(impulses.size());
@@ -91,7 +95,8 @@ TEST(SynchronousAveraging, AlignsShiftedRepeatsOnTheFirstPeakAndAverages) {
     const std::vector<VELTRealVector> repeats = {measuredResponse(stimulus, 120, length, 1),
                                                  measuredResponse(stimulus, 123, length, 2),
                                                  measuredResponse(stimulus, 118, length, 3)};
-    std::vector<VELTRZSweptSineRecording> recordings = recordingsOf({{repeats[0]}, {repeats[1]}, {repeats[2]}});
+    std::vector<VELTRZSweptSineRecording> recordings =
+        recordingsOf({{repeats[0]}, {repeats[1]}, {repeats[2]}});
     const Expected<VELTRealVector> average = impulseResponseFromAveragingArray(recordings, 0, stimulus);
     ASSERT_TRUE(average.has_value());
     expectClose(*average, referenceAverage(repeats, stimulus));
@@ -113,7 +118,8 @@ TEST(SynchronousAveraging, AlignsShiftedRepeatsOnTheFirstPeakAndAverages) {
     ASSERT_EQ(deconvolutionTransformLength(3800, 4320), 8192u);
     ASSERT_EQ(deconvolutionTransformLength(4320, 4320), 16384u);
     recordings = recordingsOf({{uneven[0]}, {uneven[1]}, {uneven[2]}});
-    const Expected<VELTRealVector> unevenAverage = impulseResponseFromAveragingArray(recordings, 0, shortStimulus);
+    const Expected<VELTRealVector> unevenAverage =
+        impulseResponseFromAveragingArray(recordings, 0, shortStimulus);
     ASSERT_TRUE(unevenAverage.has_value());
     EXPECT_EQ(unevenAverage->length(), 16384u);
     expectClose(*unevenAverage, referenceAverage(uneven, shortStimulus));
@@ -131,9 +137,10 @@ TEST(SynchronousAveraging, AllChannelsAtOnceMatchChannelByChannel) {
     const std::size_t length = stimulus.length();
     std::vector<VELTRZSweptSineRecording> recordings;
     for (unsigned repeat = 0; repeat < 3; ++repeat) {
-        std::vector<VELTRealVector> channels = {measuredResponse(stimulus, 60 + repeat, length, 10 + repeat, 6.0),
-                                                measuredResponse(stimulus, 90 - repeat, length, 20 + repeat, -4.0),
-                                                measuredResponse(stimulus, 70, length, 30 + repeat, 2.0)};
+        std::vector<VELTRealVector> channels = {
+            measuredResponse(stimulus, 60 + repeat, length, 10 + repeat, 6.0),
+            measuredResponse(stimulus, 90 - repeat, length, 20 + repeat, -4.0),
+            measuredResponse(stimulus, 70, length, 30 + repeat, 2.0)};
         if (repeat == 1)
             channels[2] = VELTRealVector(length); // this channel fell silent in the second sweep
         std::optional<VELTRealVector> reference;
@@ -143,7 +150,8 @@ TEST(SynchronousAveraging, AllChannelsAtOnceMatchChannelByChannel) {
     }
     EXPECT_EQ(recordings[2].correctionChannelOrNull(), nullptr);
 
-    const std::vector<Expected<VELTRealVector>> all = impulseResponsesFromAveragingArray(recordings, stimulus);
+    const std::vector<Expected<VELTRealVector>> all =
+        impulseResponsesFromAveragingArray(recordings, stimulus);
     ASSERT_EQ(all.size(), 3u);
     for (std::size_t c = 0; c < 3; ++c) {
         const Expected<VELTRealVector> single = impulseResponseFromAveragingArray(recordings, c, stimulus);
@@ -165,8 +173,8 @@ TEST(SynchronousAveraging, AllChannelsAtOnceMatchChannelByChannel) {
         one.emplace_back(std::vector<VELTRealVector>{recordings[r].recordChannels()[0]},
                          recordings[r].correctionChannel());
         EXPECT_EQ(impulseResponseFromAveragingArray(one, 0, stimulus).value(),
-                  realVectorByDeconvolvingResponseWithoutRegularization(recordings[r].recordChannels()[0], stimulus,
-                                                                        recordings[r].correctionChannelOrNull()))
+                  realVectorByDeconvolvingResponseWithoutRegularization(
+                      recordings[r].recordChannels()[0], stimulus, recordings[r].correctionChannelOrNull()))
             << "recording " << r;
     }
 
@@ -186,7 +194,8 @@ TEST(SynchronousAveraging, ReportsUnusableRecordingsAndDeconvolutions) {
         vector[length / 2] = value;
         return vector;
     };
-    const VELTRealVector unusable[] = {VELTRealVector(length), withSample(std::numeric_limits<float>::quiet_NaN()),
+    const VELTRealVector unusable[] = {VELTRealVector(length),
+                                       withSample(std::numeric_limits<float>::quiet_NaN()),
                                        withSample(std::numeric_limits<float>::infinity()),
                                        withSample(-std::numeric_limits<float>::infinity()), VELTRealVector()};
     for (const VELTRealVector& bad : unusable) {
@@ -216,8 +225,9 @@ TEST(SynchronousAveraging, ReportsUnusableRecordingsAndDeconvolutions) {
     // A silent stimulus likewise, and a one-sample recording against an empty stimulus has nothing to
     // transform at all.
     recordings = recordingsOf({{good}});
-    EXPECT_EQ(impulseResponseFromAveragingArray(recordings, 0, VELTRealVector(length)).error().localizedDescription,
-              "Error while deconvolving response.");
+    EXPECT_EQ(
+        impulseResponseFromAveragingArray(recordings, 0, VELTRealVector(length)).error().localizedDescription,
+        "Error while deconvolving response.");
     recordings = recordingsOf({{VELTRealVector{0.5f}}});
     EXPECT_EQ(impulseResponseFromAveragingArray(recordings, 0, VELTRealVector()).error().localizedDescription,
               "Error while deconvolving response.");

@@ -1,11 +1,10 @@
 #include "engine/VELTRZMeasurement.h"
 
-#include <gtest/gtest.h>
+#include "engine/VELTRZSweptSineRecording.h"
 
 #include <chrono>
+#include <gtest/gtest.h>
 #include <type_traits>
-
-#include "engine/VELTRZSweptSineRecording.h"
 
 namespace tavolar {
 namespace {
@@ -27,7 +26,8 @@ TEST(VELTRZMeasurement, StoresItsArgumentsUnchanged) {
     const AudioDeviceDescription device{"sim:room", "Room", 2, 2, 96000.0, 96000.0};
     const RecordChannelEntry entry(3, nullptr, std::nullopt);
 
-    const VELTRZMeasurement measurement(date, VELTRealVector{0.0f, 1.0f, 0.5f}, 96000, device, entry, 4, settings);
+    const VELTRZMeasurement measurement(date, VELTRealVector{0.0f, 1.0f, 0.5f}, 96000, device, entry, 4,
+                                        settings);
     EXPECT_EQ(measurement.date(), date);
     EXPECT_EQ(measurement.impulseResponse(), (VELTRealVector{0.0f, 1.0f, 0.5f}));
     EXPECT_EQ(measurement.sampleRate(), 96000);
@@ -43,7 +43,8 @@ TEST(VELTRZMeasurement, StoresItsArgumentsUnchanged) {
 }
 
 TEST(VELTRZSweptSineRecording, KeepsChannelsInOrderAndAnAbsentReference) {
-    const VELTRZSweptSineRecording withoutReference({VELTRealVector{1.0f}, VELTRealVector{2.0f, 3.0f}}, std::nullopt);
+    const VELTRZSweptSineRecording withoutReference({VELTRealVector{1.0f}, VELTRealVector{2.0f, 3.0f}},
+                                                    std::nullopt);
     ASSERT_EQ(withoutReference.recordChannels().size(), 2u);
     EXPECT_EQ(withoutReference.recordChannels()[1], (VELTRealVector{2.0f, 3.0f}));
     EXPECT_FALSE(withoutReference.correctionChannel().has_value());
