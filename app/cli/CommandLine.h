@@ -1,0 +1,66 @@
+#pragma once
+// Shared pieces of the command-line host: how a subcommand is registered and run, how its failures
+// are told apart (bad usage exits with 2, anything else with 1), and where text goes (results on
+// standard output, progress and messages on standard error).
+
+#include "platform/TavolarError.h"
+
+#include <CLI/CLI.hpp>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavolar::cli {
+
+// Errors in this domain are mistakes on the command line: the program exits with status 2.
+inline constexpr std::string_view kUsageErrorDomain = "TavolarCommandLineUsage";
+
+inline constexpr int kExitSuccess = 0;
+inline constexpr int kExitFailure = 1;
+inline constexpr int kExitUsage = 2;
+
+inline std::unexpected<TavolarError> usageFailure(std::string description, std::string suggestion = {}) {
+    return std::unexpected(
+        TavolarError{std::string(kUsageErrorDomain), -1, std::move(description), std::move(suggestion)});
+}
+
+inline std::unexpected<TavolarError> failure(std::string description, std::string suggestion = {}) {
+    return makeUnexpected(std::move(description), std::move(suggestion));
+}
+
+// A subcommand: its parser, and what runs when the user chose it.
+struct Command {
+    CLI::App* app = nullptr;
+    std::function<Expected<void>()> run;
+};
+using CommandList = std::vector<Command>;
+
+void addDevicesCommand(CLI::App& app, CommandList& commands);
+void addMeasureCommand(CLI::App& app, CommandList& commands);
+void addSweepCommand(CLI::App& app, CommandList& commands);
+void addDeconvolveCommand(CLI::App& app, CommandList& commands);
+void addImportCommand(CLI::App& app, CommandList& commands);
+void addListCommand(CLI::App& app, CommandList& commands);
+void addInfoCommand(CLI::App& app, CommandList& commands);
+void addSetCommand(CLI::App& app, CommandList& commands);
+void addCalibrateCommand(CLI::App& app, CommandList& commands);
+void addExportCommand(CLI::App& app, CommandList& commands);
+
+// Sends the library's log lines to standard error (installConsoleLog), or nowhere while a step runs
+// whose log lines are expected and of no concern to the user (muteConsoleLog).
+void installConsoleLog();
+void muteConsoleLog();
+
+// True when standard error is a terminal, so that progress is worth showing.
+bool standardErrorIsTerminal();
+// A line on standard output (results) or standard error (progress, notes).
+void printLine(std::string_view text);
+void printNote(std::string_view text);
+
+// Parses a list such as "0,1,3" into numbers; nullopt when an item is not a non-negative integer.
+std::optional<std::vector<std::int64_t>> parseIndexList(std::string_view text);
+
+} // namespace tavolar::cli

@@ -1,0 +1,424 @@
+// devices and measure: the subcommands that use audio devices.
+
+#include "CommandLine.h"
+#include "RecordStore.h"
+#include "SweepOptions.h"
+#include "audio/devices/AudioDeviceUID.h"
+#include "audio/devices/VELTAudioDevice.h"
+#include "audio/devices/VELTAudioHardware.h"
+#include "engine/VELTRZMeasurementController.h"
+#include "platform/RunLoop.h"
+#include "platform/UserDefaults.h"
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <fmt/format.h>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavolar::cli {
+
+namespace {
+
+nlohmann::json describeDevice(const VELTAudioDevice& device) {
+    nlohmann::json json;
+    json["uid"] = device.deviceUID();
+    json["name"] = device.name();
+    json["sampleRate"] = device.sampleRateForDirection(1);
+    json["bufferSize"] = device.bufferSizeInFrames();
+    for (auto [direction, key] : {std::pair{1u, "inputs"}, std::pair{0u, "outputs"}}) {
+        nlohmann::json channels = nlohmann::json::array();
+        for (std::uint32_t channel = 0; channel < device.channelCountForDirection(direction); ++channel) {
+            const std::uint32_t latency = direction == 1 ? device.recordingStreamLatencyForChannel(channel)
+                                                         : device.playbackStreamLatencyForChannel(channel);
+            channels.push_back({{"channel", channel},
+                                {"name", device.channelNameForDirection(direction, channel)},
+                                {"latency", latency}});
+        }
+        json[key] = std::move(channels);
+    }
+    return json;
+}
+
+std::string formatDevice(const nlohmann::json& json) {
+    std::string text = fmt::format("{}  {}\n  {:g} Hz, {} frames per buffer, {} inputs, {} outputs\n",
+                                   json["uid"].get<std::string>(), json["name"].get<std::string>(),
+                                   json["sampleRate"].get<double>(), json["bufferSize"].get<std::uint32_t>(),
+                                   json["inputs"].size(), json["outputs"].size());
+    for (auto [key, label] : {std::pair{"inputs", "in "}, std::pair{"outputs", "out"}})
+        for (const auto& channel : json[key])
+            text +=
+                fmt::format("    {} {:>2}  {}{}\n", label, channel["channel"].get<std::uint32_t>(),
+                            channel["name"].get<std::string>(),
+                            channel["latency"].get<std::uint32_t>() > 0
+                                ? fmt::format(" (latency {} frames)", channel["latency"].get<std::uint32_t>())
+                                : std::string());
+    return text;
+}
+
+} // namespace
+
+void addDevicesCommand(CLI::App& app, CommandList& commands) {
+    auto json = std::make_shared<bool>(false);
+    CLI::App* command = app.add_subcommand(
+        "devices", "List the audio devices: JACK when a server runs, and the simulated devices");
+    command->add_flag("--json", *json, "Print JSON for scripts");
+    commands.push_back({command, [json]() -> Expected<void> {
+                            nlohmann::json devices = nlohmann::json::array();
+                            for (const VELTAudioDevice& device : VELTAudioHardware::devices())
+                                devices.push_back(describeDevice(device));
+                            if (*json) {
+                                printLine(devices.dump(2));
+                                return {};
+                            }
+                            std::string text;
+                            for (const auto& device : devices)
+                                text += formatDevice(device);
+                            if (!VELTAudioHardware::hasJackBackend())
+                                text += "(This build has no JACK backend.)\n";
+                            if (!text.empty())
+                                text.pop_back();
+                            printLine(text);
+                            return {};
+                        }});
+}
+
+namespace {
+
+std::atomic<bool> interrupted{false};
+
+extern "C" void noteInterrupt(int) {
+    interrupted.store(true);
+}
+
+// Follows the controller's stages: progress for a person at a terminal, and the end for the run loop.
+class MeasureDelegate : public VELTRZMeasurementControllerDelegate {
+public:
+    MeasureDelegate(bool showProgress, std::int64_t sweeps) : showProgress_(showProgress), sweeps_(sweeps) {}
+
+    void measurementControllerDidBeginPlayback(VELTRZMeasurementController&) override {
+        ++sweepsStarted_;
+        if (showProgress_)
+            printNote(fmt::format("Playing sweep {} of {}...", sweepsStarted_, sweeps_));
+    }
+    void measurementControllerDidEndPlayback(VELTRZMeasurementController&) override {
+        playbackEnded_.store(true);
+    }
+    void measurementController(VELTRZMeasurementController&,
+                               const std::map<std::string, std::int64_t>& progress) override {
+        const std::int64_t current = progress.count("current") ? progress.at("current") : 0;
+        const std::int64_t total = progress.count("total") ? progress.at("total") : 0;
+        if (showProgress_ && total > 0)
+            printNote(current < total
+                          ? fmt::format("Deconvolving channel {} of {}...", current + 1, total)
+                          : fmt::format("Deconvolved {} channel{}.", total, total == 1 ? "" : "s"));
+    }
+    void measurementControllerDidEndConvolution(VELTRZMeasurementController&) override {
+        finished_.store(true);
+    }
+    void measurementControllerDidAbort(VELTRZMeasurementController&) override { finished_.store(true); }
+
+    bool finished() const { return finished_.load(); }
+
+private:
+    bool showProgress_;
+    std::int64_t sweeps_;
+    std::int64_t sweepsStarted_ = 0;
+    std::atomic<bool> playbackEnded_{false};
+    std::atomic<bool> finished_{false};
+};
+
+// The engine's level-check advice speaks of a key held while clicking; here it is an option.
+TavolarError commandLineAdvice(TavolarError error) {
+    const std::string_view clicking =
+        "You can hold the shift key while clicking \"Measure\" to bypass this check.";
+    if (auto at = error.localizedRecoverySuggestion.find(clicking); at != std::string::npos)
+        error.localizedRecoverySuggestion.replace(
+            at, clicking.size(), "Give --no-level-check to bypass this check, or change --level.");
+    return error;
+}
+
+struct MeasureOptions {
+    std::string document;
+    std::string device = "sim:default";
+    std::optional<std::string> playbackDevice;
+    std::string channels = "0";
+    std::int64_t outputChannel = 0;
+    std::optional<std::string> loopback;
+    std::int64_t averages = 1;
+    bool noLevelCheck = false;
+    bool fast = false;
+    bool quiet = false;
+    std::optional<std::string> name;
+    SweepOptions sweep;
+};
+
+// A simulated device in fast mode runs as fast as the machine allows.
+std::string withFastPace(const std::string& uid) {
+    auto parsed = AudioDeviceUID::parse(uid);
+    if (!parsed || parsed->scheme != "sim")
+        return uid;
+    parsed->parameters["pace"] = "fast";
+    return parsed->canonicalString();
+}
+
+Expected<VELTAudioDevice> presentDevice(const std::string& uid) {
+    if (!AudioDeviceUID::parse(uid))
+        return usageFailure(fmt::format("{} is not a device UID.", uid),
+                            "Device UIDs look like sim:default or jack; run tavolar devices to see them.");
+    if (VELTAudioHardware::deviceIDForDeviceUID(uid) == kAudioDeviceUnknown)
+        return failure(fmt::format("The audio device {} is not present.", uid),
+                       uid.starts_with("jack")
+                           ? "Start the JACK server first, or run tavolar devices to see the "
+                             "devices present."
+                           : "Run tavolar devices to see the devices present.");
+    return VELTAudioDevice(uid);
+}
+
+Expected<void> runMeasurement(MeasureOptions& options) {
+    if (options.averages < 1 || options.averages > 100)
+        return usageFailure(fmt::format("--averages must be from 1 to 100 (got {}).", options.averages));
+    auto recordChannels = parseIndexList(options.channels);
+    if (!recordChannels)
+        return usageFailure(
+            fmt::format("--channels {} is not a list of input channels such as 0 or 0,1.", options.channels));
+    if (options.outputChannel < 0)
+        return usageFailure("Channels are counted from 0.");
+    std::optional<std::pair<std::int64_t, std::int64_t>> loopback;
+    if (options.loopback) {
+        std::string text = *options.loopback;
+        const std::size_t colon = text.find(':');
+        std::optional<std::vector<std::int64_t>> pair;
+        if (colon != std::string::npos && text.find(':', colon + 1) == std::string::npos)
+            pair = parseIndexList(text.replace(colon, 1, ","));
+        if (!pair || pair->size() != 2)
+            return usageFailure(fmt::format("--loopback {} is not an OUTPUT:INPUT channel pair such as 1:1.",
+                                            *options.loopback));
+        loopback = std::pair{(*pair)[0], (*pair)[1]};
+    }
+
+    std::string recordUID = options.fast ? withFastPace(options.device) : options.device;
+    std::string playbackUID = options.playbackDevice ? (options.fast ? withFastPace(*options.playbackDevice)
+                                                                     : *options.playbackDevice)
+                                                     : recordUID;
+    auto recordDevice = presentDevice(recordUID);
+    if (!recordDevice)
+        return std::unexpected(recordDevice.error());
+    auto playbackDevice = presentDevice(playbackUID);
+    if (!playbackDevice)
+        return std::unexpected(playbackDevice.error());
+    const std::uint32_t inputs = recordDevice->channelCountForDirection(1);
+    const std::uint32_t outputs = playbackDevice->channelCountForDirection(0);
+    for (std::int64_t channel : *recordChannels)
+        if (channel >= inputs)
+            return usageFailure(fmt::format("{} has {} input channels (0 to {}); there is no input {}.",
+                                            recordUID, inputs, inputs == 0 ? 0 : inputs - 1, channel));
+    if (options.outputChannel >= outputs)
+        return usageFailure(fmt::format("{} has {} output channels; there is no output {}.", playbackUID,
+                                        outputs, options.outputChannel));
+    if (loopback && (loopback->first >= outputs || loopback->second >= inputs))
+        return usageFailure(
+            fmt::format("The loop-back pair {} does not exist on these devices.", *options.loopback));
+    const auto recordRate = static_cast<std::int64_t>(recordDevice->sampleRateForDirection(1));
+    const auto playbackRate = static_cast<std::int64_t>(playbackDevice->sampleRateForDirection(0));
+    if (recordRate <= 0 || playbackRate <= 0)
+        return failure("The audio device reports no sample rate.");
+    auto sweep = options.sweep.settings(std::min(recordRate, playbackRate));
+    if (!sweep)
+        return std::unexpected(sweep.error());
+
+    // An existing document is opened now, so that a damaged one is reported before the measurement;
+    // a new one is made only once there are records to put in it.
+    std::optional<RecordStore> store;
+    std::error_code status;
+    if (std::filesystem::exists(options.document, status)) {
+        auto opened = RecordStore::open(options.document, RecordStore::Mode::ReadWrite);
+        if (!opened)
+            return std::unexpected(opened.error());
+        store = std::move(*opened);
+    }
+    std::optional<VELTAudioCaptureSettings> stored;
+    if (store) {
+        auto read = store->captureSettings();
+        if (!read)
+            return std::unexpected(read.error());
+        stored = std::move(*read);
+    }
+
+    auto settings = std::make_shared<VELTAudioCaptureSettings>();
+    settings->setPlaybackDeviceUID(playbackUID);
+    settings->setRecordDeviceUID(recordUID);
+    settings->setPlaybackChannels(IndexSet{static_cast<std::uint64_t>(options.outputChannel)});
+    std::vector<RecordChannelEntry> entries;
+    for (std::int64_t channel : *recordChannels) {
+        RecordChannelEntry entry(channel, nullptr, std::nullopt);
+        // The calibration and sensitivity the document keeps for this input channel.
+        if (stored)
+            for (const RecordChannelEntry& known : stored->recordChannelEntries())
+                if (known.channel() == channel) {
+                    entry = known;
+                    break;
+                }
+        entries.push_back(entry);
+    }
+    settings->setRecordChannelEntries(entries);
+    if (loopback) {
+        settings->setCorrectionEnabled(true);
+        settings->setCorrectionPlaybackChannel(loopback->first);
+        settings->setCorrectionRecordChannel(loopback->second);
+        settings->setCorrectionPlaybackDeviceUID(playbackUID);
+    }
+
+    UserDefaults::standard().registerDefaults({{"ChecksRecordingLevel", true}});
+    VELTRZMeasurementController::setModifierFlagsProvider(
+        [bypass = options.noLevelCheck] { return bypass ? std::uint64_t{1} << 17 : std::uint64_t{0}; });
+    const bool showProgress = !options.quiet && standardErrorIsTerminal();
+    auto delegate = std::make_shared<MeasureDelegate>(showProgress, options.averages);
+    // A new controller first configures its audio controllers for default settings that name no
+    // device; the errors that logs are expected, and the real settings follow at once.
+    muteConsoleLog();
+    auto controller = VELTRZMeasurementController::make();
+    installConsoleLog();
+    controller->setDelegate(delegate);
+    controller->setLogSweepSettings(*sweep);
+    controller->setAudioCaptureSettings(settings);
+    controller->setSynchronousAverages(options.averages);
+
+    if (!options.quiet)
+        printNote(fmt::format("Measuring input{} {} of {} ({}; {} sweep{})...",
+                              recordChannels->size() == 1 ? "" : "s", options.channels, recordUID,
+                              describeSweep(*sweep, recordRate), options.averages,
+                              options.averages == 1 ? "" : "s"));
+    interrupted.store(false);
+    auto previousHandler = std::signal(SIGINT, noteInterrupt);
+    const double sweepSeconds = (sweep->duration() + sweep->beginSilence() + sweep->endSilence()) / 1000.0 *
+                                static_cast<double>(options.averages);
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::milliseconds(static_cast<std::int64_t>(sweepSeconds * 2000.0) + 60000);
+    controller->measure();
+    bool aborted = false;
+    bool timedOut = false;
+    while (!delegate->finished()) {
+        RunLoop::runUntil([&] { return delegate->finished() || interrupted.load(); },
+                          std::chrono::milliseconds(200));
+        if (interrupted.load() && !aborted) {
+            aborted = true;
+            controller->abortMeasurement();
+        }
+        if (std::chrono::steady_clock::now() > deadline && !aborted) {
+            aborted = timedOut = true;
+            controller->abortMeasurement();
+        }
+    }
+    // Let progress notes queued before the end reach the terminal.
+    RunLoop::runOnce();
+    std::signal(SIGINT, previousHandler);
+    VELTRZMeasurementController::setModifierFlagsProvider(nullptr);
+
+    if (timedOut)
+        return failure("The measurement did not finish in time: the audio device stopped delivering sound.",
+                       "Check the device with tavolar devices and try again.");
+    std::optional<TavolarError> error = controller->error();
+    if (aborted)
+        return failure("Measurement Aborted", "The measurement was interrupted; nothing was stored.");
+    std::vector<std::shared_ptr<const VELTRZMeasurement>> results = controller->measurementArray();
+    if (results.empty())
+        return std::unexpected(commandLineAdvice(
+            error.value_or(TavolarError::make("The measurement produced no impulse responses."))));
+
+    if (!store) {
+        auto created = RecordStore::open(options.document, RecordStore::Mode::CreateIfMissing);
+        if (!created)
+            return std::unexpected(created.error());
+        store = std::move(*created);
+    }
+    std::vector<std::shared_ptr<VELTMeasurementRecord>> records;
+    std::vector<std::string> impulses;
+    for (const auto& result : results) {
+        auto record = store->makeRecord(result->impulseResponse(), result->sampleRate());
+        const RecordChannelEntry& entry = result->recordChannelEntry();
+        record->setDate(result->date());
+        record->setLogSweepSettings(result->logSweepSettings());
+        record->setSynchronousAverages(result->synchronousAverages());
+        record->setRecordChannelEntry(entry);
+        if (entry.calibrationRecord()) {
+            record->setMicrophoneCalibrationRecord(entry.calibrationRecord());
+            record->setUseMicrophoneCalibrationRecord(true);
+        }
+        std::string deviceName = recordDevice->name();
+        if (result->recordDevice()) {
+            record->setAudioDeviceUID(result->recordDevice()->uid);
+            record->setAudioDeviceName(result->recordDevice()->name);
+            deviceName = result->recordDevice()->name;
+        }
+        std::string name = options.name.value_or(deviceName);
+        if (!options.name || results.size() > 1)
+            name += fmt::format(" (input {})", entry.channel());
+        record->setComment(name);
+        applyDefaultAnalysisSettings(*record);
+        impulses.push_back(record->impulseUUID());
+        records.push_back(std::move(record));
+    }
+    const std::size_t firstNumber = store->summaries().size() + 1;
+    if (auto saved = store->save(records, impulses); !saved)
+        return saved;
+    // The channels' calibrations stay with the document for the next measurement.
+    VELTAudioCaptureSettings kept = *settings;
+    if (stored)
+        for (const RecordChannelEntry& known : stored->recordChannelEntries())
+            if (std::none_of(entries.begin(), entries.end(), [&](const RecordChannelEntry& entry) {
+                    return entry.channel() == known.channel();
+                })) {
+                std::vector<RecordChannelEntry> all = kept.recordChannelEntries();
+                all.push_back(known);
+                kept.setRecordChannelEntries(all);
+            }
+    if (auto saved = store->putCaptureSettings(kept); !saved)
+        return saved;
+
+    if (!options.quiet)
+        for (std::size_t at = 0; at < records.size(); ++at) {
+            const VELTMeasurementRecord& record = *records[at];
+            printLine(fmt::format("Record {}: {} ({}), delay {:.3f} ms, distance {:.3f} m", firstNumber + at,
+                                  RecordStore::displayName(record), record.impulseUUID(),
+                                  record.delayToPeakInMilliseconds(), record.distanceToPeakInMeters()));
+        }
+    if (error)
+        return std::unexpected(commandLineAdvice(*error));
+    return {};
+}
+
+} // namespace
+
+void addMeasureCommand(CLI::App& app, CommandList& commands) {
+    auto options = std::make_shared<MeasureOptions>();
+    CLI::App* command = app.add_subcommand("measure", "Measure with a swept sine into a document");
+    command->add_option("-o,--output", options->document, "The document (created if missing)")->required();
+    command->add_option("-d,--device", options->device, "Record device UID (see tavolar devices)")
+        ->capture_default_str();
+    command->add_option("--playback-device", options->playbackDevice,
+                        "Playback device UID (default: --device)");
+    command->add_option("--channels", options->channels, "Input channels to record, comma-separated")
+        ->capture_default_str();
+    command->add_option("--output-channel", options->outputChannel, "Output channel that plays the sweep")
+        ->capture_default_str();
+    command->add_option(
+        "--loopback", options->loopback,
+        "OUTPUT:INPUT loop-back pair whose recording is divided out as a reference, e.g. 1:1");
+    command->add_option("-a,--averages", options->averages, "Sweeps averaged")->capture_default_str();
+    command->add_flag("--no-level-check", options->noLevelCheck,
+                      "Keep recordings that are too quiet or clipped");
+    command->add_flag("--fast", options->fast, "Run simulated devices as fast as the machine allows");
+    command->add_option("--name", options->name, "The records' name (default: the device's name and input)");
+    command->add_flag("-q,--quiet", options->quiet, "Print nothing but errors");
+    options->sweep.defaultLevel = -3.0f;
+    options->sweep.addTo(*command);
+    commands.push_back({command, [options]() -> Expected<void> { return runMeasurement(*options); }});
+}
+
+} // namespace tavolar::cli

@@ -1,0 +1,260 @@
+#include "RecordStore.h"
+
+#include "CommandLine.h"
+#include "platform/KeyedArchiver.h"
+
+#include <algorithm>
+#include <cctype>
+#include <fmt/format.h>
+#include <set>
+#include <system_error>
+
+namespace tavolar::cli {
+
+void MemoryImpulseCache::setImpulse(std::shared_ptr<const VELTRealVector> impulse, const std::string& uuid,
+                                    std::int64_t) {
+    std::lock_guard lock(mutex_);
+    if (impulse)
+        impulses_[uuid] = std::move(impulse);
+    else
+        impulses_.erase(uuid);
+}
+
+std::shared_ptr<const VELTRealVector> MemoryImpulseCache::impulseWithUUID(const std::string& uuid) const {
+    std::lock_guard lock(mutex_);
+    auto found = impulses_.find(uuid);
+    return found == impulses_.end() ? nullptr : found->second;
+}
+
+TavolarError documentError(const std::filesystem::path& path, TavolarError error) {
+    if (error.localizedDescription.find(path.string()) == std::string::npos)
+        error.localizedDescription = fmt::format("{}: {}", path.string(), error.localizedDescription);
+    return error;
+}
+
+Expected<RecordStore> RecordStore::open(const std::filesystem::path& path, Mode mode) {
+    RecordStore store;
+    store.path_ = path;
+    store.cache_ = std::make_shared<MemoryImpulseCache>();
+    std::error_code status;
+    const bool exists = std::filesystem::exists(path, status);
+    Expected<std::unique_ptr<MeasurementDocument>> document = std::unexpected(TavolarError{});
+    if (!exists && mode == Mode::CreateIfMissing) {
+        document = MeasurementDocument::create(path);
+    } else if (!exists) {
+        return failure(fmt::format("The document {} does not exist.", path.string()),
+                       "Check the path, or make a document with measure or import.");
+    } else {
+        document =
+            MeasurementDocument::open(path, mode == Mode::ReadOnly ? MeasurementDocument::Access::ReadOnly
+                                                                   : MeasurementDocument::Access::ReadWrite);
+    }
+    if (!document)
+        return std::unexpected(documentError(path, document.error()));
+    store.document_ = std::move(*document);
+    // Nothing is written into a document that is already damaged somewhere: the damage is reported
+    // while the rest can still be saved from it.
+    if (exists && mode != Mode::ReadOnly)
+        if (auto intact = store.document_->checkIntegrity(); !intact)
+            return std::unexpected(documentError(path, intact.error()));
+    auto summaries = store.document_->listRecords();
+    if (!summaries)
+        return std::unexpected(documentError(path, summaries.error()));
+    store.summaries_ = std::move(*summaries);
+    return store;
+}
+
+namespace {
+
+std::string lowercase(std::string_view text) {
+    std::string result(text);
+    std::transform(result.begin(), result.end(), result.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return result;
+}
+
+} // namespace
+
+Expected<std::vector<std::size_t>> RecordStore::select(std::span<const std::string> selectors,
+                                                       bool emptyMeansAll) const {
+    std::vector<std::size_t> chosen;
+    std::set<std::size_t> seen;
+    auto choose = [&](std::size_t index) {
+        if (seen.insert(index).second)
+            chosen.push_back(index);
+    };
+    auto all = [&] {
+        for (std::size_t index = 0; index < summaries_.size(); ++index)
+            choose(index);
+    };
+    if (selectors.empty()) {
+        if (!emptyMeansAll)
+            return usageFailure("Name the records to change: their numbers as list shows them, their UUIDs, "
+                                "or all.");
+        all();
+        return chosen;
+    }
+    for (const std::string& selector : selectors) {
+        if (lowercase(selector) == "all") {
+            all();
+            continue;
+        }
+        if (!selector.empty() &&
+            std::all_of(selector.begin(), selector.end(), [](unsigned char c) { return std::isdigit(c); })) {
+            if (selector.size() > 9)
+                return failure(fmt::format("There is no record {} in {}.", selector, path_.string()));
+            std::size_t number = std::stoul(selector);
+            if (number >= 1 && number <= summaries_.size()) {
+                choose(number - 1);
+                continue;
+            }
+            return failure(fmt::format("There is no record {} in {}: it holds {} record{}.", selector,
+                                       path_.string(), summaries_.size(), summaries_.size() == 1 ? "" : "s"),
+                           "Run list to see the records and their numbers.");
+        }
+        const std::string wanted = lowercase(selector);
+        std::vector<std::size_t> matches;
+        for (std::size_t index = 0; index < summaries_.size(); ++index) {
+            const std::string uuid = lowercase(summaries_[index].uuid);
+            if (uuid == wanted) {
+                matches.assign(1, index);
+                break;
+            }
+            if (wanted.size() >= 4 && uuid.starts_with(wanted))
+                matches.push_back(index);
+        }
+        if (matches.size() == 1) {
+            choose(matches.front());
+            continue;
+        }
+        if (matches.empty())
+            return failure(fmt::format("There is no record {} in {}.", selector, path_.string()),
+                           "Run list to see the records, their numbers and UUIDs.");
+        return failure(fmt::format("{} matches {} records in {}.", selector, matches.size(), path_.string()),
+                       "Give more of the UUID, or the record's number.");
+    }
+    return chosen;
+}
+
+Expected<std::shared_ptr<VELTMeasurementRecord>> RecordStore::load(std::size_t index) const {
+    const RecordSummary& summary = summaries_.at(index);
+    auto describe = [&](const TavolarError& error) {
+        return failure(fmt::format("Record {} ({}) of {} cannot be read: {}", index + 1, summary.uuid,
+                                   path_.string(), error.localizedDescription),
+                       error.localizedRecoverySuggestion.empty()
+                           ? "The document may be damaged; its other records can still be used."
+                           : error.localizedRecoverySuggestion);
+    };
+    auto archive = document_->recordArchive(summary.uuid);
+    if (!archive)
+        return describe(archive.error());
+    if (!*archive)
+        return describe(TavolarError::make("it has been removed"));
+    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<VELTMeasurementRecord>(**archive);
+    if (!decoded)
+        return describe(decoded.error());
+    auto record = std::make_shared<VELTMeasurementRecord>(std::move(*decoded));
+    // The document's table of impulse responses is the record's impulse cache; a response kept in
+    // the archive itself (older documents) moves into the cache and is replaced by the table's.
+    record->setImpulseCache(cache_);
+    auto impulse = document_->impulseResponse(record->impulseUUID());
+    if (!impulse)
+        return describe(impulse.error());
+    if (*impulse) {
+        if (record->sampleRate() == 0)
+            record->setSampleRate((*impulse)->sampleRate);
+        cache_->setImpulse(
+            std::make_shared<const VELTRealVector>(std::span<const float>((*impulse)->samples)),
+            record->impulseUUID(), (*impulse)->sampleRate);
+    }
+    return record;
+}
+
+Expected<void> RecordStore::save(std::span<const std::shared_ptr<VELTMeasurementRecord>> records,
+                                 std::span<const std::string> newImpulses) {
+    auto written = document_->performBatch([&]() -> Expected<void> {
+        for (const auto& record : records) {
+            const std::string uuid = record->impulseUUID();
+            if (std::find(newImpulses.begin(), newImpulses.end(), uuid) != newImpulses.end()) {
+                auto impulse = record->cachedImpulseResponse();
+                if (!impulse)
+                    impulse = record->impulseResponse();
+                if (!impulse)
+                    return failure(fmt::format("Record {} has no impulse response to store.", uuid));
+                if (auto stored = document_->putImpulseResponse(uuid, impulse->span(), record->sampleRate());
+                    !stored)
+                    return stored;
+            }
+            // The impulse response lives in the document's own table, not in the record's archive.
+            record->setDontSaveImpulse(true);
+            std::vector<std::byte> archive = KeyedArchiver::archivedDataWithRootObject(*record);
+            RecordMetadata metadata{record->comment().value_or(""), record->date()};
+            if (auto stored = document_->putRecord(uuid, archive, metadata); !stored)
+                return stored;
+        }
+        return {};
+    });
+    if (!written)
+        return std::unexpected(documentError(path_, written.error()));
+    auto summaries = document_->listRecords();
+    if (summaries)
+        summaries_ = std::move(*summaries);
+    return {};
+}
+
+std::shared_ptr<VELTMeasurementRecord> RecordStore::makeRecord(VELTRealVector impulseResponse,
+                                                               std::int64_t sampleRate) {
+    auto record = VELTMeasurementRecord::record();
+    record->setSampleRate(sampleRate);
+    record->setImpulseCache(cache_);
+    record->setImpulseResponse(std::move(impulseResponse));
+    return record;
+}
+
+Expected<std::optional<VELTAudioCaptureSettings>> RecordStore::captureSettings() const {
+    auto archive = document_->captureSettings(kCaptureSettingsName);
+    if (!archive)
+        return std::unexpected(documentError(path_, archive.error()));
+    if (!*archive)
+        return std::optional<VELTAudioCaptureSettings>();
+    auto settings = KeyedUnarchiver::unarchivedObjectOfClass<VELTAudioCaptureSettings>(**archive);
+    if (!settings)
+        return failure(fmt::format("The capture settings of {} cannot be read: {}", path_.string(),
+                                   settings.error().localizedDescription),
+                       "Set the calibration of the channels again with calibrate --capture-settings.");
+    return std::optional<VELTAudioCaptureSettings>(std::move(*settings));
+}
+
+Expected<void> RecordStore::putCaptureSettings(const VELTAudioCaptureSettings& settings) {
+    std::vector<std::byte> archive = KeyedArchiver::archivedDataWithRootObject(settings);
+    if (auto stored = document_->putCaptureSettings(kCaptureSettingsName, archive); !stored)
+        return std::unexpected(documentError(path_, stored.error()));
+    return {};
+}
+
+std::string RecordStore::displayName(const VELTMeasurementRecord& record) {
+    std::optional<std::string> comment = record.comment();
+    return comment && !comment->empty() ? *comment : std::string("Untitled");
+}
+
+void applyDefaultAnalysisSettings(VELTMeasurementRecord& record) {
+    const std::int64_t peak = record.impulsePeak();
+    const std::int64_t earliest = record.minimumImpulseSampleIndex();
+    const std::int64_t latest = record.impulseMidpoint(); // the window's end is exclusive
+    std::int64_t begin = std::max(earliest, peak - record.samplesFromMilliseconds(2.0f));
+    std::int64_t end = std::min(latest, peak + record.samplesFromMilliseconds(500.0f));
+    if (begin >= end) {
+        begin = earliest;
+        end = latest;
+    }
+    record.setImpulseResponseWindow(VELTWindow(begin, end, 0));
+    if (record.logSweepSettings()) {
+        record.setStartFrequency(record.sweepStartFrequency());
+        record.setEndFrequency(record.sweepEndFrequency());
+    } else {
+        record.setStartFrequency(0.0f);
+        record.setEndFrequency(static_cast<float>(record.sampleRate()) / 2.0f);
+    }
+}
+
+} // namespace tavolar::cli

@@ -1,0 +1,97 @@
+#pragma once
+// A measurement document as the command line uses it: records decoded on demand with their impulse
+// responses in an in-memory impulse cache, records chosen by number or UUID, and changes written
+// back as one transaction, so that a failed command leaves the document exactly as it was.
+
+#include "audio/VELTAudioCaptureSettings.h"
+#include "core/ImpulseCache.h"
+#include "core/VELTMeasurementRecord.h"
+#include "document/MeasurementDocument.h"
+#include "platform/TavolarError.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace tavolar::cli {
+
+// Impulse responses held in memory under their records' UUIDs while a command runs.
+class MemoryImpulseCache : public ImpulseCache {
+public:
+    void setImpulse(std::shared_ptr<const VELTRealVector> impulse, const std::string& uuid,
+                    std::int64_t sampleRate) override;
+    std::shared_ptr<const VELTRealVector> impulseWithUUID(const std::string& uuid) const override;
+
+private:
+    mutable std::mutex mutex_;
+    std::map<std::string, std::shared_ptr<const VELTRealVector>, std::less<>> impulses_;
+};
+
+// The name of the capture settings that measure uses and calibrate edits.
+inline constexpr std::string_view kCaptureSettingsName = "default";
+
+class RecordStore {
+public:
+    enum class Mode { ReadOnly, ReadWrite, CreateIfMissing };
+
+    // Opens the document (creating an empty one in CreateIfMissing mode when there is no file).
+    static Expected<RecordStore> open(const std::filesystem::path& path, Mode mode);
+
+    RecordStore(RecordStore&&) noexcept = default;
+    RecordStore& operator=(RecordStore&&) noexcept = default;
+
+    const std::filesystem::path& path() const noexcept { return path_; }
+    // The records in document order, as listed when the document was opened.
+    const std::vector<RecordSummary>& summaries() const noexcept { return summaries_; }
+
+    // Picks records by 1-based number as list shows them, by UUID, or by a unique UUID prefix of at
+    // least four characters; "all" picks every record. No selectors picks every record when
+    // emptyMeansAll, and is a usage error otherwise. Indices come back in the order given, once each.
+    Expected<std::vector<std::size_t>> select(std::span<const std::string> selectors,
+                                              bool emptyMeansAll) const;
+
+    // Decodes the record at index with its impulse response. A record that does not decode is an
+    // error naming it.
+    Expected<std::shared_ptr<VELTMeasurementRecord>> load(std::size_t index) const;
+
+    // Writes the records (replacing those with the same UUID, appending new ones) in one transaction.
+    // Impulse responses are written for records whose UUID is in newImpulses.
+    Expected<void> save(std::span<const std::shared_ptr<VELTMeasurementRecord>> records,
+                        std::span<const std::string> newImpulses);
+
+    // A record that keeps its impulse response in this store's cache.
+    std::shared_ptr<VELTMeasurementRecord> makeRecord(VELTRealVector impulseResponse,
+                                                      std::int64_t sampleRate);
+
+    // The document's capture settings, when it holds any.
+    Expected<std::optional<VELTAudioCaptureSettings>> captureSettings() const;
+    Expected<void> putCaptureSettings(const VELTAudioCaptureSettings& settings);
+
+    // The name a record is shown under: its comment, or "Untitled".
+    static std::string displayName(const VELTMeasurementRecord& record);
+
+private:
+    RecordStore() = default;
+
+    std::filesystem::path path_;
+    std::unique_ptr<MeasurementDocument> document_;
+    std::shared_ptr<MemoryImpulseCache> cache_;
+    std::vector<RecordSummary> summaries_;
+};
+
+// Gives a new record its analysis defaults: a window from 2 ms before the impulse's peak to 500 ms
+// after it (within the response), no taper, and a valid frequency range of the sweep's band (or 0 Hz
+// to half the sample rate without a sweep).
+void applyDefaultAnalysisSettings(VELTMeasurementRecord& record);
+
+// An error of the document prefixed with the document's path, so that the user sees which file.
+TavolarError documentError(const std::filesystem::path& path, TavolarError error);
+
+} // namespace tavolar::cli

@@ -1,0 +1,132 @@
+// tavolar: the command-line host of TavolarKit. Each subcommand is registered by its own source file;
+// this file parses the command line, routes the library's log lines to standard error and turns
+// results into exit statuses: 0 success, 1 failure, 2 a mistake on the command line.
+
+#include "CommandLine.h"
+#include "platform/Logging.h"
+
+#include <charconv>
+#include <cstdio>
+#include <exception>
+#include <fmt/format.h>
+#include <unistd.h>
+
+namespace tavolar::cli {
+
+bool standardErrorIsTerminal() {
+    return isatty(STDERR_FILENO) == 1;
+}
+
+void printLine(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fputc('\n', stdout);
+}
+
+void printNote(std::string_view text) {
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fputc('\n', stderr);
+}
+
+std::optional<std::vector<std::int64_t>> parseIndexList(std::string_view text) {
+    std::vector<std::int64_t> values;
+    while (!text.empty()) {
+        std::size_t comma = text.find(',');
+        std::string_view item = text.substr(0, comma);
+        std::int64_t value = -1;
+        auto [end, status] = std::from_chars(item.data(), item.data() + item.size(), value);
+        if (item.empty() || status != std::errc() || end != item.data() + item.size() || value < 0)
+            return std::nullopt;
+        values.push_back(value);
+        if (comma == std::string_view::npos)
+            break;
+        text.remove_prefix(comma + 1);
+        if (text.empty())
+            return std::nullopt;
+    }
+    if (values.empty())
+        return std::nullopt;
+    return values;
+}
+
+void installConsoleLog() {
+    setConsoleSink([](const LogLine& line) { printNote(line.text); });
+}
+
+void muteConsoleLog() {
+    setConsoleSink(nullptr);
+}
+
+namespace {
+
+void reportError(const TavolarError& error) {
+    printNote(fmt::format("tavolar: {}", error.localizedDescription));
+    if (!error.localizedRecoverySuggestion.empty())
+        printNote(error.localizedRecoverySuggestion);
+}
+
+int run(int argc, char** argv) {
+    // Library log lines (calibration parser messages, controller errors) go to standard error, so
+    // that standard output carries only results and --json stays clean.
+    installConsoleLog();
+    setSystemLogEnabled(false);
+
+    CLI::App app{"tavolar: swept-sine acoustic measurement, analysis and export.\n"
+                 "Measurements live in documents (*.tavolar); sound files are WAV files of one channel of "
+                 "float samples.",
+                 "tavolar"};
+    app.require_subcommand(1);
+    app.fallthrough(false);
+    app.set_version_flag("--version", "tavolar 0.1.0");
+
+    CommandList commands;
+    addDevicesCommand(app, commands);
+    addMeasureCommand(app, commands);
+    addSweepCommand(app, commands);
+    addDeconvolveCommand(app, commands);
+    addImportCommand(app, commands);
+    addListCommand(app, commands);
+    addInfoCommand(app, commands);
+    addSetCommand(app, commands);
+    addCalibrateCommand(app, commands);
+    addExportCommand(app, commands);
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp& help) {
+        return app.exit(help);
+    } catch (const CLI::CallForAllHelp& help) {
+        return app.exit(help);
+    } catch (const CLI::CallForVersion& version) {
+        return app.exit(version);
+    } catch (const CLI::ParseError& error) {
+        app.exit(error);
+        return kExitUsage;
+    }
+
+    for (const Command& command : commands) {
+        if (!command.app->parsed())
+            continue;
+        Expected<void> result = command.run();
+        if (result) {
+            std::fflush(stdout);
+            return std::ferror(stdout) ? kExitFailure : kExitSuccess;
+        }
+        reportError(result.error());
+        return result.error().domain == kUsageErrorDomain ? kExitUsage : kExitFailure;
+    }
+    return kExitUsage;
+}
+
+} // namespace
+
+} // namespace tavolar::cli
+
+int main(int argc, char** argv) {
+    try {
+        return tavolar::cli::run(argc, argv);
+    } catch (const std::exception& error) {
+        // A programming error inside the library: say so plainly rather than abort with a core dump.
+        tavolar::cli::printNote(fmt::format("tavolar: internal error: {}", error.what()));
+        return tavolar::cli::kExitFailure;
+    }
+}

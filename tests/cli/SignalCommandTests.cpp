@@ -1,0 +1,176 @@
+// The command line without documents: exit statuses, the sweep stimulus it writes, and the
+// deconvolution of recorded responses, checked against signals worked out here in double precision.
+
+#include "CliTestSupport.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+namespace tavolar::testing {
+namespace {
+
+TEST(CommandLine, ExitStatusesTellSuccessFromFailureFromMisuse) {
+    ScratchFolder folder;
+    // No subcommand, an unknown subcommand or option, a missing required option: usage, status 2.
+    EXPECT_EQ(runTavolar(folder, {}).exitCode, 2);
+    EXPECT_EQ(runTavolar(folder, {"frobnicate"}).exitCode, 2);
+    EXPECT_EQ(runTavolar(folder, {"sweep", "s.wav", "--no-such-option"}).exitCode, 2);
+    EXPECT_EQ(runTavolar(folder, {"measure"}).exitCode, 2);
+    EXPECT_EQ(runTavolar(folder, {"sweep", "s.wav", "--preset", "medium"}).exitCode, 2);
+
+    // Help for the program and for every subcommand: status 0, on standard output.
+    RunResult help = runTavolar(folder, {"--help"});
+    EXPECT_EQ(help.exitCode, 0);
+    for (const char* subcommand : {"devices", "measure", "sweep", "deconvolve", "import", "list", "info",
+                                   "set", "calibrate", "export"}) {
+        EXPECT_NE(help.out.find(subcommand), std::string::npos) << subcommand;
+        RunResult sub = runTavolar(folder, {subcommand, "--help"});
+        EXPECT_EQ(sub.exitCode, 0) << subcommand;
+        EXPECT_NE(sub.out.find("Usage"), std::string::npos) << subcommand;
+    }
+}
+
+TEST(SweepCommand, WritesTheExponentialSweepAsFloatWav) {
+    ScratchFolder folder;
+    RunResult run =
+        runTavolar(folder, {"sweep", "s.wav", "--rate", "8000", "--start", "50", "--end", "3000", "--length",
+                            "250", "--level", "-6", "--begin-silence", "10", "--end-silence", "20"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    SoundFile sound = readSound(folder / "s.wav");
+    EXPECT_EQ(sound.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    EXPECT_EQ(sound.channels, 1);
+    EXPECT_EQ(sound.sampleRate, 8000);
+    const double amplitude = std::pow(10.0, -6.0 / 20.0);
+    std::vector<double> expected = referenceSweep(50.0, 3000.0, 0.25, amplitude, 8000.0, 80, 160);
+    ASSERT_EQ(sound.samples.size(), expected.size());
+    double worst = 0.0;
+    for (std::size_t n = 0; n < expected.size(); ++n)
+        worst = std::max(worst, std::abs(static_cast<double>(sound.samples[n]) - expected[n]));
+    // Single-precision samples of a double-precision phase: a few units in the last place.
+    EXPECT_LT(worst, 2e-6);
+    EXPECT_EQ(sound.samples[79], 0.0f);
+    EXPECT_EQ(sound.samples[80], 0.0f) << "the sweep starts at a zero crossing";
+
+    // Ranges the sweep cannot have are refused before anything is written.
+    for (std::vector<std::string> bad : {std::vector<std::string>{"--end", "5000"},
+                                         {"--start", "0"},
+                                         {"--start", "900", "--end", "800"},
+                                         {"--level", "3"},
+                                         {"--length", "-5"},
+                                         {"--begin-silence", "-1"}}) {
+        std::vector<std::string> arguments{"sweep", "bad.wav", "--rate", "8000"};
+        arguments.insert(arguments.end(), bad.begin(), bad.end());
+        RunResult refused = runTavolar(folder, arguments);
+        EXPECT_EQ(refused.exitCode, 2) << bad[0];
+        EXPECT_FALSE(refused.err.empty());
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder / "bad.wav"));
+}
+
+// A response: the stimulus through 0.5 z^-delay - 0.2 z^-(delay + 11), summed in double precision.
+std::vector<float> throughSystem(const std::vector<float>& stimulus, std::size_t delay, std::size_t extra) {
+    std::vector<float> response(stimulus.size() + extra, 0.0f);
+    for (std::size_t n = 0; n < response.size(); ++n) {
+        double value = 0.0;
+        if (n >= delay && n - delay < stimulus.size())
+            value += 0.5 * stimulus[n - delay];
+        if (n >= delay + 11 && n - delay - 11 < stimulus.size())
+            value -= 0.2 * stimulus[n - delay - 11];
+        response[n] = static_cast<float>(value);
+    }
+    return response;
+}
+
+TEST(DeconvolveCommand, RecoversTheSystemAndDividesOutTheLoopBackChain) {
+    ScratchFolder folder;
+    ASSERT_EQ(runTavolar(folder, {"sweep", "s.wav", "--rate", "8000", "--length", "500", "--begin-silence",
+                                  "50", "--end-silence", "200"})
+                  .exitCode,
+              0);
+    std::vector<float> stimulus = readSound(folder / "s.wav").samples;
+    writeFloatWav(folder / "r.wav", throughSystem(stimulus, 37, 100), 8000);
+
+    RunResult run = runTavolar(folder, {"deconvolve", "s.wav", "r.wav", "-o", "ir.wav"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    SoundFile impulse = readSound(folder / "ir.wav");
+    EXPECT_EQ(impulse.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+    // The transform length: the power of two that holds response and stimulus together.
+    EXPECT_EQ(impulse.samples.size(), 16384u);
+    EXPECT_NEAR(impulse.samples[37], 0.5, 1e-3);
+    EXPECT_NEAR(impulse.samples[48], -0.2, 1e-3);
+    float elsewhere = 0.0f;
+    for (std::size_t n = 0; n < impulse.samples.size(); ++n)
+        if (n != 37 && n != 48)
+            elsewhere = std::max(elsewhere, std::abs(impulse.samples[n]));
+    EXPECT_LT(elsewhere, 1e-3f);
+
+    // A loop-back reference that heard the stimulus 5 samples late: its chain is divided out, so the
+    // system appears 5 samples earlier.
+    std::vector<float> reference(stimulus.size() + 100, 0.0f);
+    std::copy(stimulus.begin(), stimulus.end(), reference.begin() + 5);
+    writeFloatWav(folder / "ref.wav", reference, 8000);
+    ASSERT_EQ(runTavolar(folder, {"deconvolve", "s.wav", "r.wav", "--reference", "ref.wav", "-o", "ir2.wav"})
+                  .exitCode,
+              0);
+    SoundFile referenced = readSound(folder / "ir2.wav");
+    EXPECT_NEAR(referenced.samples[32], 0.5, 2e-3);
+    EXPECT_NEAR(referenced.samples[43], -0.2, 2e-3);
+}
+
+TEST(DeconvolveCommand, RefusesSoundFilesOfTheWrongKindWithoutWritingAnything) {
+    ScratchFolder folder;
+    ASSERT_EQ(runTavolar(folder, {"sweep", "s.wav", "--rate", "8000", "--length", "200"}).exitCode, 0);
+    std::vector<float> stimulus = readSound(folder / "s.wav").samples;
+    std::vector<float> response = throughSystem(stimulus, 3, 10);
+    for (float& sample : response)
+        sample *= 0.5f;
+    writeSound(folder / "int16.wav", response, 8000, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+    writeSound(folder / "int24.wav", response, 8000, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
+    std::vector<float> stereo;
+    for (float sample : response)
+        stereo.insert(stereo.end(), {sample, sample});
+    writeSound(folder / "stereo.wav", stereo, 8000, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 2);
+    writeFloatWav(folder / "rate.wav", response, 16000);
+    writeSound(folder / "float.aiff", response, 8000, SF_FORMAT_AIFF | SF_FORMAT_FLOAT);
+    writeFloatWav(folder / "silent.wav", std::vector<float>(response.size(), 0.0f), 8000);
+    std::filesystem::path truncated = folder / "truncated.wav";
+    {
+        writeFloatWav(truncated.string(), response, 8000);
+        std::filesystem::resize_file(truncated, 44);
+    }
+    {
+        std::ofstream text(folder / "text.wav");
+        text << "this is not a sound file\n";
+    }
+
+    struct Case {
+        std::string response;
+        std::string expected;
+    };
+    for (const Case& bad : {Case{"int16.wav", "16-bit integer samples"},
+                            Case{"int24.wav", "24-bit integer samples"}, Case{"stereo.wav", "has 2 channels"},
+                            Case{"rate.wav", "sampled at 16000 Hz"}, Case{"float.aiff", "not a WAV file"},
+                            Case{"silent.wav", "silent"}, Case{"truncated.wav", "truncated.wav"},
+                            Case{"text.wav", "not a sound file"}, Case{"missing.wav", "does not exist"}}) {
+        RunResult run = runTavolar(folder, {"deconvolve", "s.wav", bad.response, "-o", "ir.wav"});
+        EXPECT_EQ(run.exitCode, 1) << bad.response;
+        EXPECT_NE(run.err.find(bad.expected), std::string::npos) << bad.response << ": " << run.err;
+        EXPECT_TRUE(run.out.empty());
+    }
+    // A stimulus of the wrong kind is refused the same way.
+    EXPECT_EQ(runTavolar(folder, {"deconvolve", "int16.wav", "s.wav", "-o", "ir.wav"}).exitCode, 1);
+    EXPECT_FALSE(std::filesystem::exists(folder / "ir.wav"));
+
+    // An output that cannot be written: a folder that does not exist.
+    RunResult nowhere = runTavolar(folder, {"deconvolve", "s.wav", "s.wav", "-o", "no/such/folder/ir.wav"});
+    EXPECT_EQ(nowhere.exitCode, 1);
+    EXPECT_NE(nowhere.err.find("does not exist"), std::string::npos) << nowhere.err;
+    EXPECT_EQ(runTavolar(folder, {"deconvolve", "s.wav", "s.wav", "-o", "ir.wav", "--lambda", "-1"}).exitCode,
+              2);
+}
+
+} // namespace
+} // namespace tavolar::testing
