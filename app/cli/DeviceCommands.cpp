@@ -295,7 +295,10 @@ Expected<void> runMeasurement(MeasureOptions& options) {
                               describeSweep(*sweep, recordRate), options.averages,
                               options.averages == 1 ? "" : "s"));
     interrupted.store(false);
+    // Ctrl-C aborts the measurement cleanly; a program started with SIGINT ignored keeps ignoring it.
     auto previousHandler = std::signal(SIGINT, noteInterrupt);
+    if (previousHandler == SIG_IGN)
+        std::signal(SIGINT, SIG_IGN);
     const double sweepSeconds = (sweep->duration() + sweep->beginSilence() + sweep->endSilence()) / 1000.0 *
                                 static_cast<double>(options.averages);
     const auto deadline = std::chrono::steady_clock::now() +
@@ -304,7 +307,7 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     bool aborted = false;
     bool timedOut = false;
     while (!delegate->finished()) {
-        RunLoop::runUntil([&] { return delegate->finished() || interrupted.load(); },
+        RunLoop::runUntil([&] { return delegate->finished() || (interrupted.load() && !aborted); },
                           std::chrono::milliseconds(200));
         if (interrupted.load() && !aborted) {
             aborted = true;
