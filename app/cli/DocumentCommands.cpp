@@ -370,7 +370,9 @@ void addCalibrateCommand(CLI::App& app, CommandList& commands) {
                      std::make_shared<const MicrophoneCalibrationRecord>(std::move(*calibration));
              }
 
-             auto store = RecordStore::open(options->document, RecordStore::Mode::ReadWrite);
+             auto store = RecordStore::open(options->document, options->captureSettings
+                                                                   ? RecordStore::Mode::CreateIfMissing
+                                                                   : RecordStore::Mode::ReadWrite);
              if (!store)
                  return std::unexpected(store.error());
 

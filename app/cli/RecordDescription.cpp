@@ -285,8 +285,9 @@ std::string formatRecordDescription(const nlohmann::json& json) {
              ? fmt::format("{:g} dB", reference["levelDecibels"].get<double>())
              : fmt::format("off ({:g} dB stored)", reference["levelDecibels"].get<double>()));
     line("Colour", textOr(json["color"], "none"));
-    line("Comment", textOr(json["comment"], ""));
-    line("Notes", textOr(json["notes"], ""));
+    for (auto [key, label] : {std::pair{"comment", "Comment"}, std::pair{"notes", "Notes"}})
+        if (std::string value = textOr(json[key], ""); !value.empty())
+            line(label, value);
     return text;
 }
 

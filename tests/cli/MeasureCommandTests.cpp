@@ -105,7 +105,6 @@ TEST(MeasureCommand, CaptureSettingsCalibrationReachesNewRecords) {
         std::ofstream file(folder / "mic.txt");
         file << "20 -2 0\n1000 0 0\n20000 1 0\n";
     }
-    // calibrate --capture-settings makes the document if it must hold settings; measure first here.
     const std::vector<std::string> measure{"measure",  "-o",  "c.tavolar",       "--fast", "--quiet",
                                            "--length", "300", "--begin-silence", "20",     "--end-silence",
                                            "300"};
@@ -115,6 +114,16 @@ TEST(MeasureCommand, CaptureSettingsCalibrationReachesNewRecords) {
                                                "--channel-sensitivity", "4", "--channel-unit", "dBu"});
     ASSERT_EQ(calibrated.exitCode, 0) << calibrated.err;
     ASSERT_EQ(runTavolar(folder, measure).exitCode, 0);
+    // Settings made before the first measurement make the document that holds them.
+    ASSERT_EQ(
+        runTavolar(folder, {"calibrate", "new.tavolar", "--capture-settings", "--file", "mic.txt"}).exitCode,
+        0);
+    std::vector<std::string> first = measure;
+    first[2] = "new.tavolar";
+    ASSERT_EQ(runTavolar(folder, first).exitCode, 0);
+    nlohmann::json fresh = infoOf(folder, "new.tavolar");
+    ASSERT_EQ(fresh.size(), 1u);
+    EXPECT_EQ(fresh[0]["calibration"]["microphone"], "mic");
     nlohmann::json records = infoOf(folder, "c.tavolar");
     ASSERT_EQ(records.size(), 2u);
     EXPECT_TRUE(records[0]["calibration"].is_null()) << "records measured before keep what they had";
