@@ -22,21 +22,6 @@ constexpr std::string_view kSensitivityKey = "Sensitivity";
 constexpr std::string_view kSensitivityUnitsKey = "SensitivityUnits";
 constexpr std::string_view kUUIDKey = "UUID";
 
-void encodeSpline(KeyedArchiver& coder, const std::shared_ptr<const VELTSpline>& spline,
-                  std::string_view key) {
-    if (spline)
-        coder.encodeObject(*spline, key);
-    else
-        coder.encodeNull(key);
-}
-
-std::shared_ptr<const VELTSpline> decodeSpline(KeyedUnarchiver& coder, std::string_view key) {
-    auto spline = coder.decodeObjectOfClass<VELTSpline>(key);
-    if (!spline)
-        return nullptr;
-    return std::make_shared<const VELTSpline>(std::move(*spline));
-}
-
 TavolarError fileReadingError(const std::filesystem::path& url, int code) {
     return TavolarError{
         std::string(kTavolarErrorDomain), code,

@@ -10,20 +10,6 @@ constexpr std::string_view kNameKey = "Name";
 constexpr std::string_view kMagnitudeSplineKey = "MagnitudeSpline";
 constexpr std::string_view kPhaseSplineKey = "PhaseSpline";
 
-void encodeSpline(KeyedArchiver& coder, const std::shared_ptr<const VELTSpline>& spline,
-                  std::string_view key) {
-    if (spline)
-        coder.encodeObject(*spline, key);
-    else
-        coder.encodeNull(key);
-}
-
-std::shared_ptr<const VELTSpline> decodeSpline(KeyedUnarchiver& coder, std::string_view key) {
-    auto spline = coder.decodeObjectOfClass<VELTSpline>(key);
-    if (!spline)
-        return nullptr;
-    return std::make_shared<const VELTSpline>(std::move(*spline));
-}
 } // namespace
 
 VELTCorrectionRecord::VELTCorrectionRecord(std::string name,

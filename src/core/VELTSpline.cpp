@@ -149,4 +149,19 @@ VELTSpline VELTSpline::initWithCoder(KeyedUnarchiver& coder) {
     return VELTSpline(std::move(x), std::move(y));
 }
 
+void encodeSpline(KeyedArchiver& coder, const std::shared_ptr<const VELTSpline>& spline,
+                  std::string_view key) {
+    if (spline)
+        coder.encodeObject(*spline, key);
+    else
+        coder.encodeNull(key);
+}
+
+std::shared_ptr<const VELTSpline> decodeSpline(KeyedUnarchiver& coder, std::string_view key) {
+    auto spline = coder.decodeObjectOfClass<VELTSpline>(key);
+    if (!spline)
+        return nullptr;
+    return std::make_shared<const VELTSpline>(std::move(*spline));
+}
+
 } // namespace tavolar

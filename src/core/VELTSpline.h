@@ -65,4 +65,10 @@ private:
     mutable std::mutex calculationLock_;
 };
 
+// A shared spline under key, or null when there is none; the correction and calibration records
+// keep their curves this way.
+void encodeSpline(KeyedArchiver& coder, const std::shared_ptr<const VELTSpline>& spline,
+                  std::string_view key);
+std::shared_ptr<const VELTSpline> decodeSpline(KeyedUnarchiver& coder, std::string_view key);
+
 } // namespace tavolar
