@@ -169,8 +169,9 @@ TEST(HarmonicAnalysis, PeakCutReadsLowWhereTheAccurateAnalysisDoesNot) {
 
         HarmonicDistortion accurate = analysis.distortionOfOrder(order, n);
         for (std::size_t k = 0; k < accurate.levels.length(); ++k) {
-            if (accurate.frequencies[k] >= 200.0f && accurate.frequencies[k] <= 2000.0f)
+            if (accurate.frequencies[k] >= 200.0f && accurate.frequencies[k] <= 2000.0f) {
                 ASSERT_NEAR(accurate.levels[k], expected, 0.05) << accurate.frequencies[k];
+            }
         }
     }
 }
