@@ -69,6 +69,8 @@ public:
     // Frames of the device's time line that the server skipped and that were bridged.
     std::uint64_t skippedFrames() const noexcept { return inputUnit_ ? inputUnit_->gapFrames() : 0; }
     std::uint64_t xruns() const noexcept { return inputUnit_ ? inputUnit_->xrunCount() : 0; }
+    // Whether the record device's server shut the capture down.
+    bool isDisconnected() const noexcept { return inputUnit_ && inputUnit_->isDisconnected(); }
 
 private:
     static AudioStatus capture(void* context, const AudioTimeStamp& timeStamp, std::uint32_t bus,

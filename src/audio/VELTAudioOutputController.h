@@ -67,6 +67,8 @@ public:
     // Frames of the device's time line that the server skipped and that were bridged.
     std::uint64_t skippedFrames() const noexcept { return outputUnit_ ? outputUnit_->gapFrames() : 0; }
     std::uint64_t xruns() const noexcept;
+    // Whether the playback device's server shut the playback down.
+    bool isDisconnected() const noexcept { return outputUnit_ && outputUnit_->isDisconnected(); }
 
 private:
     static AudioStatus render(void* context, const AudioTimeStamp& timeStamp, std::uint32_t bus,

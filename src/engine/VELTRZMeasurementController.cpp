@@ -198,16 +198,54 @@ void VELTRZMeasurementController::runMeasurement() {
     audioOutputController_->setPlaybackVector(std::move(stimulus));
     audioInputController_->startRecording(); // recording always starts first
     audioOutputController_->startPlayback();
+    serverStopped_ = false;
+    watchAudioServer(++sweepGeneration_);
     tellDelegateAsynchronously(
         [](VELTRZMeasurementControllerDelegate& delegate, VELTRZMeasurementController& self) {
             delegate.measurementControllerDidBeginPlayback(self);
         });
 }
 
+void VELTRZMeasurementController::watchAudioServer(std::uint64_t generation) {
+    std::weak_ptr<VELTRZMeasurementController> weakSelf = weak_from_this();
+    DispatchQueue::global().asyncAfter(std::chrono::milliseconds(100), [weakSelf, generation] {
+        auto self = weakSelf.lock();
+        if (!self)
+            return;
+        bool current = false, stopped = false;
+        self->recordingQueue_.sync([&] {
+            current = self->sweepGeneration_ == generation;
+            if (!current || (!self->audioOutputController_->isDisconnected() &&
+                             !self->audioInputController_->isDisconnected()))
+                return;
+            // The server is gone: what was recorded is incomplete and nothing more will play.
+            ++self->sweepGeneration_;
+            self->serverStopped_ = true;
+            stopped = true;
+            self->audioOutputController_->stopPlayback();
+            self->audioInputController_->stopRecording();
+            self->audioInputController_->clearRecording();
+            self->setError(engineError("The audio server stopped during the measurement.",
+                                       "Start the JACK server again, then measure again."));
+        });
+        if (stopped)
+            self->tellDelegateAsynchronously(
+                [](VELTRZMeasurementControllerDelegate& delegate, VELTRZMeasurementController& controller) {
+                    delegate.measurementControllerDidEndConvolution(controller);
+                });
+        else if (current)
+            self->watchAudioServer(generation);
+    });
+}
+
 void VELTRZMeasurementController::audioOutputControllerDidReachEndOfBuffer(const Notification&) {
-    bool processed = false;
+    bool processed = false, serverStopped = false;
     std::optional<VELTRZSweptSineRecording> recording;
     recordingQueue_.sync([&] {
+        // A notification already on its way when the server stopped: that measurement has ended.
+        if ((serverStopped = serverStopped_))
+            return;
+        ++sweepGeneration_;
         TavolarError timestampError;
         processed = processTimestampsWithError(&timestampError);
         if (!processed)
@@ -244,6 +282,8 @@ void VELTRZMeasurementController::audioOutputControllerDidReachEndOfBuffer(const
         }
         recording.emplace(std::move(aligned), std::move(correction));
     });
+    if (serverStopped)
+        return;
 
     std::shared_ptr<std::vector<VELTRZSweptSineRecording>> recordings;
     std::size_t played = 0;
@@ -417,6 +457,7 @@ void VELTRZMeasurementController::abortMeasurement() {
         auto self = weakSelf.lock();
         if (!self)
             return;
+        ++self->sweepGeneration_;
         self->audioOutputController_->stopPlayback();
         self->audioInputController_->stopRecording();
         self->setError(

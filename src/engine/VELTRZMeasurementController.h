@@ -112,6 +112,9 @@ public:
 private:
     template <typename Call> void tellDelegateAsynchronously(Call call);
     template <typename Call> void tellDelegateOnMainSynchronously(Call call);
+    // Checks every 100 ms, while the sweep of this generation runs, whether the audio server has
+    // gone; if so, ends the measurement with an error instead of waiting for the end of the buffer.
+    void watchAudioServer(std::uint64_t generation);
 
     mutable std::mutex mutex_; // guards the properties that several threads read and write
     std::weak_ptr<VELTRZMeasurementControllerDelegate> delegate_;
@@ -131,6 +134,10 @@ private:
     AudioTimeStamp playbackStartTimeStamp_;
     DispatchQueue recordingQueue_;
     NotificationObserverToken endOfBufferObservation_ = 0;
+    // Recording queue only: the sweep being watched (bumped when a sweep ends or is abandoned), and
+    // whether the server stopped during the current measurement.
+    std::uint64_t sweepGeneration_ = 0;
+    bool serverStopped_ = false;
 };
 
 } // namespace tavolar

@@ -1,7 +1,8 @@
 // Measurements through a real JACK server (dummy driver) with jconvolver as the device under test:
 // the measured impulse response matches the one jconvolver was loaded with, channels carry their
 // own latencies, level checks and averaging failures surface as errors, a server that shuts down
-// does not take the measurement down, and the audio thread neither allocates nor locks.
+// mid-sweep ends the measurement with an error at once, and the audio thread neither allocates nor
+// locks.
 
 #include "JackTestServer.h"
 #include "audio/devices/AudioThreadAllocationHooks.h"
@@ -17,6 +18,7 @@
 #include <gtest/gtest.h>
 #include <mutex>
 #include <numbers>
+#include <optional>
 #include <thread>
 
 namespace tavolar {
@@ -203,23 +205,66 @@ TEST(JackMeasurement, ChannelsKeepTheirLatenciesAndSilentInputsAreReported) {
     UserDefaults::standard().removeObjectForKey("ChecksRecordingLevel");
 }
 
-TEST(JackMeasurement, AServerThatShutsDownMidSweepLeavesAnAbortableControllerAndAMissingDevice) {
+// Points the temporary directory at a fresh one of its own while alive.
+class ScopedTemporaryDirectory {
+public:
+    ScopedTemporaryDirectory()
+        : path_(std::filesystem::temp_directory_path() / ("tavolar-jack-" + newUUIDString())) {
+        if (const char* previous = std::getenv("TMPDIR"))
+            previous_ = previous;
+        std::filesystem::create_directory(path_);
+        setenv("TMPDIR", path_.c_str(), 1);
+    }
+    ~ScopedTemporaryDirectory() {
+        if (previous_)
+            setenv("TMPDIR", previous_->c_str(), 1);
+        else
+            unsetenv("TMPDIR");
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    // The files left in it; the test servers keep directories of their own there.
+    std::vector<std::filesystem::path> files() const {
+        std::vector<std::filesystem::path> found;
+        for (const auto& entry : std::filesystem::directory_iterator(path_))
+            if (entry.is_regular_file())
+                found.push_back(entry.path());
+        return found;
+    }
+
+private:
+    std::filesystem::path path_;
+    std::optional<std::string> previous_;
+};
+
+TEST(JackMeasurement, AServerThatShutsDownMidSweepEndsTheMeasurementWithAnError) {
     REQUIRE_JACK();
+    ScopedTemporaryDirectory temporary;
     auto server = std::make_unique<testing::JackTestServer>(kRate, 256, 2, 2);
     ASSERT_TRUE(server->isReady());
     const std::string uid = server->deviceUID("out0=system:playback_1");
-    Measurement measurement(uid, {0}, 5000.0f);
-    measurement.controller->measure();
+    auto measurement = std::make_unique<Measurement>(uid, std::vector<std::int64_t>{0}, 20000.0f);
+    measurement->controller->measure();
     RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(300));
+    EXPECT_EQ(temporary.files().size(), 2u) << "the stimulus and the recording";
     server->shutDown();
-    RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(300));
-    measurement.controller->abortMeasurement();
-    EXPECT_TRUE(
-        RunLoop::runUntil([&] { return measurement.stages->hasAborted(); }, std::chrono::seconds(10)));
-    ASSERT_TRUE(measurement.controller->error());
-    EXPECT_EQ(measurement.controller->error()->localizedDescription, "Measurement Aborted");
-    EXPECT_FALSE(measurement.stages->hasEnded());
+    // Well before the 20 s sweep could have played out, and without the host aborting.
+    ASSERT_TRUE(RunLoop::runUntil([&] { return measurement->stages->hasEnded(); }, std::chrono::seconds(5)));
+    ASSERT_TRUE(measurement->controller->error());
+    EXPECT_EQ(measurement->controller->error()->localizedDescription,
+              "The audio server stopped during the measurement.");
+    EXPECT_EQ(measurement->controller->error()->localizedRecoverySuggestion,
+              "Start the JACK server again, then measure again.");
+    EXPECT_FALSE(measurement->stages->hasAborted());
+    EXPECT_TRUE(measurement->controller->measurementArray().empty());
+    // The partial recording is gone; only the stimulus the controller keeps for its next sweep stays.
+    EXPECT_EQ(temporary.files(), std::vector<std::filesystem::path>{
+                                     measurement->controller->audioOutputController().playbackFileURL()});
     EXPECT_FALSE(VELTAudioDevice(uid).isPresent());
+    // Aborting afterwards is harmless.
+    measurement->controller->abortMeasurement();
+    EXPECT_TRUE(
+        RunLoop::runUntil([&] { return measurement->stages->hasAborted(); }, std::chrono::seconds(10)));
     server.reset();
 
     // The same controller measures again on a new server.
@@ -228,18 +273,21 @@ TEST(JackMeasurement, AServerThatShutsDownMidSweepLeavesAnAbortableControllerAnd
     testing::JconvolverClient convolver(replacement, "dut", knownImpulseResponse(), kRate, 256);
     ASSERT_TRUE(convolver.isReady());
     auto settings =
-        std::make_shared<VELTAudioCaptureSettings>(*measurement.controller->audioCaptureSettings());
+        std::make_shared<VELTAudioCaptureSettings>(*measurement->controller->audioCaptureSettings());
     const std::string next =
         replacement.deviceUID("out0=" + convolver.inputPort() + "&in0=" + convolver.outputPort());
     settings->setPlaybackDeviceUID(next);
     settings->setRecordDeviceUID(next);
-    measurement.controller->setAudioCaptureSettings(settings);
-    auto sweep = measurement.controller->logSweepSettings();
+    measurement->controller->setAudioCaptureSettings(settings);
+    auto sweep = measurement->controller->logSweepSettings();
     sweep.setDuration(500.0f);
-    measurement.controller->setLogSweepSettings(sweep);
-    ASSERT_TRUE(measurement.runWithoutOverload(std::chrono::seconds(60)));
-    EXPECT_FALSE(measurement.controller->error());
-    EXPECT_EQ(measurement.controller->measurementArray().size(), 1u);
+    measurement->controller->setLogSweepSettings(sweep);
+    ASSERT_TRUE(measurement->runWithoutOverload(std::chrono::seconds(60)));
+    EXPECT_FALSE(measurement->controller->error());
+    EXPECT_EQ(measurement->controller->measurementArray().size(), 1u);
+    measurement.reset();
+    EXPECT_TRUE(RunLoop::runUntil([&] { return temporary.files().empty(); }, std::chrono::seconds(5)))
+        << "temporary files outlive the controller";
 }
 
 TEST(JackMeasurement, LongSweepAtSmallPeriodWithEightCaptureChannels) {
