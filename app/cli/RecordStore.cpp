@@ -99,18 +99,17 @@ Expected<std::vector<std::size_t>> RecordStore::select(std::span<const std::stri
             all();
             continue;
         }
-        if (!selector.empty() &&
-            std::all_of(selector.begin(), selector.end(), [](unsigned char c) { return std::isdigit(c); })) {
-            if (selector.size() > 9)
-                return failure(fmt::format("There is no record {} in {}.", selector, path_.string()));
+        // Digits name a record by its number; a UUID may begin with digits too, so digits that are no
+        // record's number are tried as the beginning of a UUID before they are refused.
+        const bool isNumber =
+            !selector.empty() &&
+            std::all_of(selector.begin(), selector.end(), [](unsigned char c) { return std::isdigit(c); });
+        if (isNumber && selector.size() <= 9) {
             std::size_t number = std::stoul(selector);
             if (number >= 1 && number <= summaries_.size()) {
                 choose(number - 1);
                 continue;
             }
-            return failure(fmt::format("There is no record {} in {}: it holds {} record{}.", selector,
-                                       path_.string(), summaries_.size(), summaries_.size() == 1 ? "" : "s"),
-                           "Run list to see the records and their numbers.");
         }
         const std::string wanted = lowercase(selector);
         std::vector<std::size_t> matches;
@@ -127,6 +126,10 @@ Expected<std::vector<std::size_t>> RecordStore::select(std::span<const std::stri
             choose(matches.front());
             continue;
         }
+        if (matches.empty() && isNumber)
+            return failure(fmt::format("There is no record {} in {}: it holds {} record{}.", selector,
+                                       path_.string(), summaries_.size(), summaries_.size() == 1 ? "" : "s"),
+                           "Run list to see the records and their numbers.");
         if (matches.empty())
             return failure(fmt::format("There is no record {} in {}.", selector, path_.string()),
                            "Run list to see the records, their numbers and UUIDs.");
