@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
 #include <cstdint>
 #include <cstring>
 
@@ -36,31 +37,33 @@ std::optional<float> narrowed(std::optional<double> lambda) noexcept {
 // rounding once:
 //   plain:        S' = S x (C / S)                      Q = 1 / S'
 //   regularised:  S' = S x C conj(S) / (|S|^2 + lambda)  Q = conj(S') / (|S'|^2 + lambda)
-// with S' = S when there is no reference C (referenceReal null). A bin where S is exactly zero gives
-// NaN under plain division, as dividing by it would. Q may be written over S: each bin is read
-// before it is written.
-void formQuotient(std::size_t bins, const float* stimulusReal, const float* stimulusImaginary,
-                  const float* referenceReal, const float* referenceImaginary, std::optional<float> lambda,
-                  float* quotientReal, float* quotientImaginary) noexcept {
+// with S' = S when there is no reference C (reference null), then multiplied by scale (the inverse
+// transform's 1/L, exact for a power of two). A bin where S is exactly zero gives NaN under plain
+// division, as dividing by it would. Q may be written over S: each bin is read before it is written.
+void formQuotient(std::size_t bins, const std::complex<float>* stimulus, const std::complex<float>* reference,
+                  std::optional<float> lambda, double scale, std::complex<float>* quotient) noexcept {
     const double addend = lambda ? static_cast<double>(*lambda) : 0.0;
-    const bool withReference = referenceReal != nullptr;
+    const bool withReference = reference != nullptr;
+    const auto* s = reinterpret_cast<const float*>(stimulus);
+    const auto* c = reinterpret_cast<const float*>(reference);
+    auto* q = reinterpret_cast<float*>(quotient);
     auto bin = [&](std::size_t k) {
-        double a = stimulusReal[k];
-        double b = stimulusImaginary[k];
+        double a = s[2 * k];
+        double b = s[2 * k + 1];
         if (withReference) {
             // C / S, or C conj(S) / (|S|^2 + lambda): the same expression with the addend.
-            const double c = referenceReal[k];
-            const double d = referenceImaginary[k];
-            const double scale = 1.0 / (a * a + b * b + addend);
-            const double substituteReal = (c * a + d * b) * scale;
-            const double substituteImaginary = (d * a - c * b) * scale;
+            const double cr = c[2 * k];
+            const double ci = c[2 * k + 1];
+            const double inverse = 1.0 / (a * a + b * b + addend);
+            const double substituteReal = (cr * a + ci * b) * inverse;
+            const double substituteImaginary = (ci * a - cr * b) * inverse;
             const double effectiveReal = a * substituteReal - b * substituteImaginary;
             b = a * substituteImaginary + b * substituteReal;
             a = effectiveReal;
         }
-        const double scale = 1.0 / (a * a + b * b + addend);
-        quotientReal[k] = static_cast<float>(a * scale);
-        quotientImaginary[k] = static_cast<float>(-b * scale);
+        const double factor = scale / (a * a + b * b + addend);
+        q[2 * k] = static_cast<float>(a * factor);
+        q[2 * k + 1] = static_cast<float>(-b * factor);
     };
     std::size_t k = 0;
     for (; k + kLanes <= bins; k += kLanes)
@@ -70,15 +73,17 @@ void formQuotient(std::size_t bins, const float* stimulusReal, const float* stim
         bin(k);
 }
 
-// R = R x Q, in single precision.
-void multiplyByQuotient(std::size_t bins, float* __restrict spectrumReal, float* __restrict spectrumImaginary,
-                        const float* __restrict quotientReal,
-                        const float* __restrict quotientImaginary) noexcept {
+// R = R x Q, in single precision, written out on the parts so that it vectorises (the complex
+// type's multiplication guards against infinities bin by bin).
+void multiplyByQuotient(std::size_t bins, std::complex<float>* spectrum,
+                        const std::complex<float>* quotient) noexcept {
+    auto* __restrict r = reinterpret_cast<float*>(spectrum);
+    const auto* __restrict q = reinterpret_cast<const float*>(quotient);
     auto bin = [&](std::size_t k) {
-        const float x = spectrumReal[k];
-        const float y = spectrumImaginary[k];
-        spectrumReal[k] = x * quotientReal[k] - y * quotientImaginary[k];
-        spectrumImaginary[k] = x * quotientImaginary[k] + y * quotientReal[k];
+        const float x = r[2 * k];
+        const float y = r[2 * k + 1];
+        r[2 * k] = x * q[2 * k] - y * q[2 * k + 1];
+        r[2 * k + 1] = x * q[2 * k + 1] + y * q[2 * k];
     };
     std::size_t k = 0;
     for (; k + kLanes <= bins; k += kLanes)
@@ -181,18 +186,18 @@ void SweptSineDeconvolver::prepare(std::size_t transformLength, const VELTRealVe
     TAVOLAR_PARAMETER_ASSERT(isPowerOfTwo(transformLength));
     const std::size_t bins = transformLength / 2 + 1;
     if (transformLength != transformLength_) {
-        setup_ = VELTFFTSetup::FFTSetupWithLength(transformLength);
-        responseSpectrum_ = VELTComplexVector(bins);
-        quotient_ = VELTComplexVector(bins);
-        stimulusSpectrum_ = VELTComplexVector();
+        setup_ = VELTFFTInterleavedSetup::FFTSetupWithLength(transformLength);
+        responseSpectrum_ = Spectrum(bins);
+        quotient_ = Spectrum(bins);
+        stimulusSpectrum_ = Spectrum();
         stimulusSpectrumValid_ = false;
         quotientReusable_ = false;
         transformLength_ = transformLength;
     }
     // The stimulus spectrum is kept apart from the quotient once a reference is seen, since every
     // recording's reference needs it.
-    if (correction && stimulusSpectrum_.length() != bins)
-        stimulusSpectrum_ = VELTComplexVector(bins);
+    if (correction && stimulusSpectrum_.size() != bins)
+        stimulusSpectrum_ = Spectrum(bins);
 
     const std::optional<float> narrowedLambda = narrowed(lambda);
     pendingCorrection_ = correction;
@@ -204,33 +209,26 @@ void SweptSineDeconvolver::prepare(std::size_t transformLength, const VELTRealVe
 // the transforms it needs: the stimulus (unless kept) and the reference.
 void SweptSineDeconvolver::formPendingQuotient(std::span<float> padded) noexcept {
     const std::size_t bins = transformLength_ / 2 + 1;
-    float* quotientReal = quotient_.mutableRealComponents();
-    float* quotientImaginary = quotient_.mutableImaginaryComponents();
-    const bool keepStimulus = stimulusSpectrum_.length() == bins;
+    const double scale = 1.0 / static_cast<double>(transformLength_);
+    const bool keepStimulus = stimulusSpectrum_.size() == bins;
     if (!keepStimulus) {
         // No reference so far: the stimulus spectrum becomes the quotient in place.
         padInto(stimulus_, padded);
-        setup_->forwardReal(padded.data(), quotientReal, quotientImaginary);
-        formQuotient(bins, quotientReal, quotientImaginary, nullptr, nullptr, pendingLambda_, quotientReal,
-                     quotientImaginary);
+        setup_->forwardReal(padded.data(), quotient_.data());
+        formQuotient(bins, quotient_.data(), nullptr, pendingLambda_, scale, quotient_.data());
     } else {
         if (!stimulusSpectrumValid_) {
             padInto(stimulus_, padded);
-            setup_->forwardReal(padded.data(), stimulusSpectrum_.mutableRealComponents(),
-                                stimulusSpectrum_.mutableImaginaryComponents());
+            setup_->forwardReal(padded.data(), stimulusSpectrum_.data());
             stimulusSpectrumValid_ = true;
         }
-        const float* referenceReal = nullptr;
-        const float* referenceImaginary = nullptr;
+        const std::complex<float>* reference = nullptr;
         if (pendingCorrection_) {
             padInto(pendingCorrection_->span(), padded);
-            setup_->forwardReal(padded.data(), responseSpectrum_.mutableRealComponents(),
-                                responseSpectrum_.mutableImaginaryComponents());
-            referenceReal = responseSpectrum_.realComponents();
-            referenceImaginary = responseSpectrum_.imaginaryComponents();
+            setup_->forwardReal(padded.data(), responseSpectrum_.data());
+            reference = responseSpectrum_.data();
         }
-        formQuotient(bins, stimulusSpectrum_.realComponents(), stimulusSpectrum_.imaginaryComponents(),
-                     referenceReal, referenceImaginary, pendingLambda_, quotientReal, quotientImaginary);
+        formQuotient(bins, stimulusSpectrum_.data(), reference, pendingLambda_, scale, quotient_.data());
     }
     quotientReusable_ = pendingCorrection_ == nullptr;
     quotientLambda_ = pendingLambda_;
@@ -249,12 +247,9 @@ void SweptSineDeconvolver::deconvolve(std::span<const float> response, std::span
         formPendingQuotient(padded);
 
     padInto(response, padded);
-    float* spectrumReal = responseSpectrum_.mutableRealComponents();
-    float* spectrumImaginary = responseSpectrum_.mutableImaginaryComponents();
-    setup_->forwardReal(padded.data(), spectrumReal, spectrumImaginary);
-    multiplyByQuotient(transformLength_ / 2 + 1, spectrumReal, spectrumImaginary, quotient_.realComponents(),
-                       quotient_.imaginaryComponents());
-    setup_->inverseReal(spectrumReal, spectrumImaginary, padded.data());
+    setup_->forwardReal(padded.data(), responseSpectrum_.data());
+    multiplyByQuotient(transformLength_ / 2 + 1, responseSpectrum_.data(), quotient_.data());
+    setup_->inverseRealUnscaled(responseSpectrum_.data(), padded.data());
 }
 
 } // namespace tavolar

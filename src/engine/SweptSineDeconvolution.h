@@ -16,10 +16,12 @@
 // not-a-number under plain division. Nothing here fails: NaN and infinity are passed on for the
 // caller (the synchronous averaging) to report.
 
+#include "math/AlignedBuffer.h"
 #include "math/VELTComplexVector.h"
 #include "math/VELTFFTSetup.h"
 #include "math/VELTRealVector.h"
 
+#include <complex>
 #include <cstddef>
 #include <optional>
 #include <span>
@@ -104,12 +106,15 @@ public:
 private:
     void formPendingQuotient(std::span<float> padded) noexcept;
 
+    // Spectra of L/2 + 1 bins, interleaved: the transforms' fastest layout.
+    using Spectrum = AlignedBuffer<std::complex<float>>;
+
     std::span<const float> stimulus_;
     std::size_t transformLength_ = 0;
-    std::optional<VELTFFTSetup> setup_;
-    VELTComplexVector stimulusSpectrum_; // S, L/2 + 1 bins, kept once a reference is seen
-    VELTComplexVector responseSpectrum_; // R, and a reference's spectrum while the quotient is formed
-    VELTComplexVector quotient_;         // Q, so that the impulse response is ifft(R x Q)
+    std::optional<VELTFFTInterleavedSetup> setup_;
+    Spectrum stimulusSpectrum_; // S, kept once a reference is seen
+    Spectrum responseSpectrum_; // R, and a reference's spectrum while the quotient is formed
+    Spectrum quotient_;         // Q / L, so that the impulse response is the unscaled inverse of R x Q / L
     bool stimulusSpectrumValid_ = false;
     bool quotientReusable_ = false; // Q was made for this length without a reference
     std::optional<float> quotientLambda_;

@@ -65,6 +65,14 @@ template <> struct Fftw<float> {
         fftwf_execute_split_dft(p, ri, ii, ro, io);
     }
     static void executeInterleaved(Plan p, Complex* in, Complex* out) { fftwf_execute_dft(p, in, out); }
+    static Plan planRealForward(int n, float* in, Complex* out, unsigned flags) {
+        return fftwf_plan_dft_r2c_1d(n, in, out, flags);
+    }
+    static Plan planRealBackward(int n, Complex* in, float* out, unsigned flags) {
+        return fftwf_plan_dft_c2r_1d(n, in, out, flags);
+    }
+    static void executeRealForward(Plan p, float* in, Complex* out) { fftwf_execute_dft_r2c(p, in, out); }
+    static void executeRealBackward(Plan p, Complex* in, float* out) { fftwf_execute_dft_c2r(p, in, out); }
     static void destroy(Plan p) { fftwf_destroy_plan(p); }
     static int alignmentOf(const float* p) { return fftwf_alignment_of(const_cast<float*>(p)); }
     static char* exportWisdom() { return fftwf_export_wisdom_to_string(); }
@@ -469,6 +477,62 @@ template <typename T> struct PlanSet {
     }
 };
 
+// FFTW's real-to-complex and complex-to-real plans of one length, for the interleaved setup. Plans
+// are valid for the alignment classes they were made with; other buffers run unaligned plans.
+struct InterleavedPlanSet {
+    using F = Fftw<float>;
+    using Plan = F::Plan;
+
+    std::size_t length = 0;
+    Effort effort = Effort::estimate;
+    Plan forward = nullptr, forwardUnaligned = nullptr;
+    Plan backward = nullptr, backwardUnaligned = nullptr;
+    int signalAlignment = 0, spectrumAlignment = 0;
+
+    InterleavedPlanSet(std::size_t length, Effort effort) : length(length), effort(effort) {
+        std::lock_guard lock(plannerMutex());
+        // Planning arrays: measuring writes into them.
+        AlignedBuffer<float> signal(length + 8), spectrum(length + 8);
+        auto* complex = reinterpret_cast<F::Complex*>(spectrum.data());
+        const int n = static_cast<int>(length);
+        signalAlignment = F::alignmentOf(signal.data());
+        spectrumAlignment = F::alignmentOf(spectrum.data());
+        forward = planWithEffort<float>(
+            effort, [&](unsigned flags) { return F::planRealForward(n, signal.data(), complex, flags); });
+        backward = planWithEffort<float>(
+            effort, [&](unsigned flags) { return F::planRealBackward(n, complex, signal.data(), flags); });
+        forwardUnaligned = F::planRealForward(n, signal.data(), complex, FFTW_ESTIMATE | FFTW_UNALIGNED);
+        backwardUnaligned = F::planRealBackward(n, complex, signal.data(), FFTW_ESTIMATE | FFTW_UNALIGNED);
+        TAVOLAR_ASSERT(forward && backward && forwardUnaligned && backwardUnaligned,
+                       "FFTW could not plan a transform");
+    }
+
+    InterleavedPlanSet(const InterleavedPlanSet&) = delete;
+    InterleavedPlanSet& operator=(const InterleavedPlanSet&) = delete;
+
+    ~InterleavedPlanSet() {
+        std::lock_guard lock(plannerMutex());
+        for (Plan plan : {forward, forwardUnaligned, backward, backwardUnaligned})
+            F::destroy(plan);
+    }
+
+    bool fits(const float* signal, const std::complex<float>* spectrum) const noexcept {
+        return F::alignmentOf(signal) == signalAlignment &&
+               F::alignmentOf(reinterpret_cast<const float*>(spectrum)) == spectrumAlignment;
+    }
+
+    void forwardReal(const float* in, std::complex<float>* out) const noexcept {
+        auto* signal = const_cast<float*>(in); // an out-of-place real-to-complex plan only reads it
+        F::executeRealForward(fits(in, out) ? forward : forwardUnaligned, signal,
+                              reinterpret_cast<F::Complex*>(out));
+    }
+
+    void inverseRealUnscaled(std::complex<float>* in, float* out) const noexcept {
+        F::executeRealBackward(fits(out, in) ? backward : backwardUnaligned,
+                               reinterpret_cast<F::Complex*>(in), out);
+    }
+};
+
 void assertPlannableLength(std::size_t length) {
     TAVOLAR_PARAMETER_ASSERT(std::has_single_bit(length));
     TAVOLAR_PARAMETER_ASSERT(length <= (std::size_t{1} << 30));
@@ -495,6 +559,10 @@ struct VELTFFTSetup::Plans : PlanSet<float> {
 
 struct VELTFFTDoubleSetup::Plans : PlanSet<double> {
     using PlanSet::PlanSet;
+};
+
+struct VELTFFTInterleavedSetup::Plans : InterleavedPlanSet {
+    using InterleavedPlanSet::InterleavedPlanSet;
 };
 
 namespace {
@@ -589,6 +657,23 @@ void VELTFFTSetup::forwardComplex(const float* inReal, const float* inImag, floa
 void VELTFFTSetup::inverseComplex(const float* inReal, const float* inImag, float* outReal,
                                   float* outImag) const noexcept {
     plans_->inverseComplex(inReal, inImag, outReal, outImag);
+}
+
+VELTFFTInterleavedSetup VELTFFTInterleavedSetup::FFTSetupWithLength(std::size_t length) {
+    assertPlannableLength(length);
+    return VELTFFTInterleavedSetup(PlanCache<Plans>::shared().plansForLength(length));
+}
+
+std::size_t VELTFFTInterleavedSetup::length() const noexcept {
+    return plans_->length;
+}
+
+void VELTFFTInterleavedSetup::forwardReal(const float* in, std::complex<float>* out) const noexcept {
+    plans_->forwardReal(in, out);
+}
+
+void VELTFFTInterleavedSetup::inverseRealUnscaled(std::complex<float>* in, float* out) const noexcept {
+    plans_->inverseRealUnscaled(in, out);
 }
 
 VELTFFTDoubleSetup VELTFFTDoubleSetup::FFTSetupWithLength(std::size_t length) {

@@ -15,6 +15,7 @@
 // Planning effort: see VELTFFTPlanning; the effort changes the speed of a plan, never its result
 // beyond rounding.
 
+#include <complex>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -60,6 +61,32 @@ public:
 
 private:
     explicit VELTFFTSetup(std::shared_ptr<const Plans> plans) : plans_(std::move(plans)) {}
+    std::shared_ptr<const Plans> plans_;
+};
+
+// Single-precision real transforms with the spectrum interleaved (std::complex<float>, bins
+// 0 .. N/2), FFTW's own fastest layout, for code that keeps spectra to itself (deconvolution).
+// Scaling: forward unscaled, inverse unscaled too (forward then inverse multiplies by N), so that a
+// caller who scales its spectrum anyway folds 1/N into that pass. Aliasing: out-of-place only; the
+// forward transform preserves its input, the inverse overwrites its input spectrum. Threads, plan
+// cache and planning effort as for VELTFFTSetup (these plans are cached apart from it). Buffers
+// aligned like the vector types run the aligned SIMD plans, anything else an unaligned plan.
+// Executing never locks and allocates nothing up to 2^19 points.
+class VELTFFTInterleavedSetup {
+public:
+    static VELTFFTInterleavedSetup FFTSetupWithLength(std::size_t length);
+    std::size_t length() const noexcept;
+
+    // in[length] -> out[length/2+1].
+    void forwardReal(const float* in, std::complex<float>* out) const noexcept;
+    // in[length/2+1] -> out[length], unscaled; in is overwritten. The imaginary parts of bins 0 and
+    // length/2 are ignored.
+    void inverseRealUnscaled(std::complex<float>* in, float* out) const noexcept;
+
+    struct Plans;
+
+private:
+    explicit VELTFFTInterleavedSetup(std::shared_ptr<const Plans> plans) : plans_(std::move(plans)) {}
     std::shared_ptr<const Plans> plans_;
 };
 

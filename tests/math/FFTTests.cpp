@@ -1,6 +1,7 @@
 // The FFT plans and the vector transforms against direct DFTs in double precision, round trips,
 // unaligned buffers and many threads sharing one setup.
 
+#include "math/AlignedBuffer.h"
 #include "math/ReferenceTransforms.h"
 #include "math/VELTComplexVector.h"
 #include "math/VELTFFTSetup.h"
@@ -257,6 +258,42 @@ TEST(FFT, UnalignedBuffersGiveTheSameTransforms) {
                           asComplex({outReal.components() + offset, n}, {outImag.components() + 1, n}),
                           reference::dft(z)),
                       kFloatErrorLimitDecibels);
+        }
+    }
+}
+
+TEST(FFT, InterleavedRealTransformsMatchDirectDftAlignedOrNot) {
+    // Offsets 0 (the plans' own alignment) and 1 to 3 floats (the unaligned plans).
+    for (std::size_t n : kLengths) {
+        SCOPED_TRACE(n);
+        const auto setup = VELTFFTInterleavedSetup::FFTSetupWithLength(n);
+        ASSERT_EQ(setup.length(), n);
+        const auto values = reference::randomFloats(n, 140 + n);
+        const std::size_t bins = n / 2 + 1;
+        const auto expected = reference::dft(asComplex(values));
+        const std::vector<Complex> expectedBins(expected.begin(), expected.begin() + bins);
+        for (std::size_t offset : {0, 1, 2, 3}) {
+            SCOPED_TRACE(offset);
+            AlignedBuffer<float> input(n + offset), output(n + offset), spectrumFloats(2 * bins + 4);
+            std::ranges::copy(values, input.begin() + static_cast<std::ptrdiff_t>(offset));
+            // An offset of 2 floats is one whole complex value: a spectrum off the plans' alignment.
+            auto* spectrum = reinterpret_cast<std::complex<float>*>(spectrumFloats.data() + 2 * (offset % 2));
+            setup.forwardReal(input.data() + offset, spectrum);
+            EXPECT_TRUE(std::ranges::equal(values, std::span(input).subspan(offset)))
+                << "the forward transform must leave its input alone";
+            std::vector<Complex> computed(spectrum, spectrum + bins);
+            EXPECT_LT(reference::relativeErrorDecibels(computed, expectedBins), kFloatErrorLimitDecibels);
+
+            // The inverse is unscaled and must not read the imaginary parts of DC and Nyquist.
+            spectrum[0].imag(77.0f);
+            spectrum[n / 2].imag(n == 1 ? 77.0f : -5.0f);
+            setup.inverseRealUnscaled(spectrum, output.data() + offset);
+            std::vector<Complex> roundTrip(n), scaledValues(n);
+            for (std::size_t i = 0; i < n; ++i) {
+                roundTrip[i] = output[offset + i];
+                scaledValues[i] = static_cast<double>(n) * values[i];
+            }
+            EXPECT_LT(reference::relativeErrorDecibels(roundTrip, scaledValues), kFloatErrorLimitDecibels);
         }
     }
 }
