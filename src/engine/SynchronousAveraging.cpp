@@ -91,9 +91,21 @@ struct ChannelAverage {
     bool isLive() const noexcept { return !error.has_value(); }
 };
 
-std::vector<Expected<VELTRealVector>> averageChannels(std::span<const VELTRZSweptSineRecording> recordings,
-                                                      std::span<const std::size_t> channelIndices,
-                                                      const VELTRealVector& stimulusSignal) {
+} // namespace
+
+// The averaging itself, for the given channels, on a deconvolver of the stimulus that may already
+// hold its quotient from earlier channels, and a scratch vector kept between calls.
+struct SynchronousAverager::Work {
+    static std::vector<Expected<VELTRealVector>>
+    averageChannels(std::span<const VELTRZSweptSineRecording> recordings,
+                    std::span<const std::size_t> channelIndices, const VELTRealVector& stimulusSignal,
+                    SweptSineDeconvolver& deconvolver, VELTRealVector& scratch, std::size_t& scratchLength);
+};
+
+std::vector<Expected<VELTRealVector>> SynchronousAverager::Work::averageChannels(
+    std::span<const VELTRZSweptSineRecording> recordings, std::span<const std::size_t> channelIndices,
+    const VELTRealVector& stimulusSignal, SweptSineDeconvolver& deconvolver, VELTRealVector& scratch,
+    std::size_t& scratchLength) {
     std::vector<ChannelAverage> channels(channelIndices.size());
     std::size_t longestAveragedLength = 0;
     for (std::size_t c = 0; c < channels.size(); ++c) {
@@ -110,9 +122,8 @@ std::vector<Expected<VELTRealVector>> averageChannels(std::span<const VELTRZSwep
         longestAveragedLength = std::max(longestAveragedLength, channel.averagedLength);
     }
 
-    SweptSineDeconvolver deconvolver(stimulusSignal.span());
-    VELTRealVector scratch;        // one later impulse response, zero beyond its transform length
-    std::size_t scratchLength = 0; // leading samples of scratch that may be non-zero
+    // scratch holds one later impulse response; only its leading scratchLength samples may be
+    // non-zero.
 
     for (const VELTRZSweptSineRecording& recording : recordings) {
         if (std::none_of(channels.begin(), channels.end(),
@@ -190,14 +201,23 @@ std::vector<Expected<VELTRealVector>> averageChannels(std::span<const VELTRZSwep
     return results;
 }
 
-} // namespace
+SynchronousAverager::SynchronousAverager(const VELTRealVector& stimulusSignal)
+    : stimulus_(stimulusSignal), deconvolver_(stimulus_.span()) {}
+
+Expected<VELTRealVector>
+SynchronousAverager::impulseResponseForChannel(std::span<const VELTRZSweptSineRecording> recordings,
+                                               std::size_t channelIndex) {
+    TAVOLAR_PARAMETER_ASSERT(!recordings.empty());
+    const std::size_t channelIndices[] = {channelIndex};
+    return std::move(
+        Work::averageChannels(recordings, channelIndices, stimulus_, deconvolver_, scratch_, scratchLength_)
+            .front());
+}
 
 Expected<VELTRealVector>
 impulseResponseFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
                                   std::size_t channelIndex, const VELTRealVector& stimulusSignal) {
-    TAVOLAR_PARAMETER_ASSERT(!recordings.empty());
-    const std::size_t channelIndices[] = {channelIndex};
-    return std::move(averageChannels(recordings, channelIndices, stimulusSignal).front());
+    return SynchronousAverager(stimulusSignal).impulseResponseForChannel(recordings, channelIndex);
 }
 
 std::vector<Expected<VELTRealVector>>
@@ -211,7 +231,11 @@ impulseResponsesFromAveragingArray(std::span<const VELTRZSweptSineRecording> rec
     std::vector<std::size_t> channelIndices(channelCount);
     for (std::size_t c = 0; c < channelCount; ++c)
         channelIndices[c] = c;
-    return averageChannels(recordings, channelIndices, stimulusSignal);
+    SweptSineDeconvolver deconvolver(stimulusSignal.span());
+    VELTRealVector scratch;
+    std::size_t scratchLength = 0;
+    return SynchronousAverager::Work::averageChannels(recordings, channelIndices, stimulusSignal, deconvolver,
+                                                      scratch, scratchLength);
 }
 
 } // namespace tavolar

@@ -7,6 +7,7 @@
 // running sum as soon as it is made. The regularisation is read from the user defaults once per
 // repetition (see realVectorByDeconvolvingResponse).
 
+#include "engine/SweptSineDeconvolution.h"
 #include "engine/VELTRZSweptSineRecording.h"
 #include "math/VELTRealVector.h"
 #include "platform/TavolarError.h"
@@ -39,5 +40,28 @@ impulseResponseFromAveragingArray(std::span<const VELTRZSweptSineRecording> reco
 std::vector<Expected<VELTRealVector>>
 impulseResponsesFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
                                    const VELTRealVector& stimulusSignal);
+
+// The averaging of one channel after another with one stimulus: what
+// impulseResponseFromAveragingArray answers, sample for sample, with the stimulus transformed once
+// for all channels of recordings without a loop-back reference (and the stimulus spectrum kept
+// across references), and the scratch memory kept between channels. Copies the stimulus.
+// One averager serves one thread at a time.
+class SynchronousAverager {
+public:
+    explicit SynchronousAverager(const VELTRealVector& stimulusSignal);
+    SynchronousAverager(const SynchronousAverager&) = delete;
+    SynchronousAverager& operator=(const SynchronousAverager&) = delete;
+
+    Expected<VELTRealVector> impulseResponseForChannel(std::span<const VELTRZSweptSineRecording> recordings,
+                                                       std::size_t channelIndex);
+
+    struct Work;
+
+private:
+    VELTRealVector stimulus_;
+    SweptSineDeconvolver deconvolver_; // views stimulus_
+    VELTRealVector scratch_;
+    std::size_t scratchLength_ = 0; // leading samples of scratch_ that may be non-zero
+};
 
 } // namespace tavolar

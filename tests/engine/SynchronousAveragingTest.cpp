@@ -164,6 +164,28 @@ TEST(SynchronousAveraging, AllChannelsAtOnceMatchChannelByChannel) {
     EXPECT_TRUE(all[0].has_value());
     EXPECT_TRUE(all[1].has_value());
     ASSERT_FALSE(all[2].has_value());
+
+    // One averager for channel after channel, out of order and again, then for recordings without
+    // references (whose quotient it keeps) and of another length: every answer is the one-shot one.
+    std::vector<VELTRZSweptSineRecording> plain;
+    for (unsigned repeat = 0; repeat < 2; ++repeat)
+        plain.emplace_back(
+            std::vector<VELTRealVector>{measuredResponse(stimulus, 50 + repeat, length / 2, 60, 3.0),
+                                        measuredResponse(stimulus, 80, length / 2, 70 + repeat, 1.0)},
+            std::nullopt);
+    SynchronousAverager averager(stimulus);
+    auto expectSameAsOneShot = [&](std::span<const VELTRZSweptSineRecording> set, std::size_t c) {
+        const Expected<VELTRealVector> reused = averager.impulseResponseForChannel(set, c);
+        const Expected<VELTRealVector> single = impulseResponseFromAveragingArray(set, c, stimulus);
+        ASSERT_EQ(reused.has_value(), single.has_value()) << "channel " << c;
+        if (single)
+            EXPECT_EQ(*reused, *single) << "channel " << c;
+    };
+    for (std::size_t c : {2, 0, 1, 0})
+        expectSameAsOneShot(recordings, c);
+    for (std::size_t c : {1, 0, 1})
+        expectSameAsOneShot(plain, c);
+    expectSameAsOneShot(recordings, 1);
     EXPECT_EQ(all[2].error().localizedDescription, "Error while recording response.");
 
     // Each repeat is divided by its own reference (the third by the stimulus): the single-recording

@@ -92,7 +92,8 @@ TEST(FFTAllocation, PreparedTransformsTakeNoMemory) {
                       doubleSignal.fftIntoComplexDoubleVector(doubleSpectrum, doubleSetup);
                       doubleSpectrum.ifftIntoRealDoubleVector(doubleBack, doubleSetup);
                       interleavedSetup.forwardReal(signal.components(), interleavedSpectrum.data());
-                      interleavedSetup.inverseRealUnscaled(interleavedSpectrum.data(), back.mutableComponents());
+                      interleavedSetup.inverseRealUnscaled(interleavedSpectrum.data(),
+                                                           back.mutableComponents());
                   }),
                   0);
         EXPECT_FLOAT_EQ(back[n - 1], static_cast<float>(n)); // the unscaled round trip, last
