@@ -9,6 +9,8 @@
 //     and one inverse per channel and sweep), planned with the same effort as ours;
 //   - a plain numpy float32 implementation of the same division (bench/peers/deconvolution_numpy.py)
 //     on the same data, run from here;
+// the measurement is also timed as the measurement controller runs it, its channels shared among
+// the cores, on the wall clock against the same single-threaded limit;
 // and the working memory of a measurement is measured as the peak of live heap bytes above what the
 // inputs and results hold, for 1, 2, 4 and 8 sweeps. Ratios are printed after the benchmark table.
 //
@@ -28,6 +30,7 @@
 #include <atomic>
 #include <benchmark/benchmark.h>
 #include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -42,6 +45,7 @@
 #include <random>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -314,6 +318,39 @@ void measurement(benchmark::State& state, std::size_t index) {
         });
 }
 
+// The measurement as the measurement controller runs it, channels shared among the cores, in
+// wall-clock time; the limit (single-threaded) is timed on the wall clock too.
+double wallSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+void measurementOnEveryCore(benchmark::State& state, std::size_t index) {
+    const WorkloadData& data = workloadData(index);
+    BareTransforms transforms(data.transformLength);
+    const std::size_t deconvolutions = kWorkloads[index].channels * kWorkloads[index].averages;
+    impulseResponsesFromAveragingArrayConcurrently(data.recordings, data.stimulus);
+    double oursTotal = 0, limitTotal = 0;
+    for (auto _ : state) {
+        const double start = wallSeconds();
+        std::vector<Expected<VELTRealVector>> impulses =
+            impulseResponsesFromAveragingArrayConcurrently(data.recordings, data.stimulus);
+        benchmark::DoNotOptimize(impulses.data());
+        const double middle = wallSeconds();
+        transforms.forward();
+        for (std::size_t i = 0; i < deconvolutions; ++i) {
+            transforms.forward();
+            transforms.inverse();
+        }
+        benchmark::DoNotOptimize(transforms.signal());
+        const double end = wallSeconds();
+        state.SetIterationTime(middle - start);
+        oursTotal += middle - start;
+        limitTotal += end - middle;
+    }
+    state.counters["limit_ms"] = limitTotal / static_cast<double>(state.iterations()) * 1e3;
+    state.counters["x_limit"] = oursTotal / limitTotal;
+}
+
 // The same measurement averaged one channel at a time (each call transforms the stimulus again).
 void measurementChannelByChannel(benchmark::State& state, std::size_t index) {
     const WorkloadData& data = workloadData(index);
@@ -463,6 +500,7 @@ void printRatios(const CollectingReporter& reporter) {
     if (peers && python.empty())
         std::printf("numpy peer skipped: no python3 with numpy found (set TAVOLAR_PYTHON)\n");
 
+    std::map<std::size_t, PeerTimes> numpyTimes;
     std::printf(
         "\nDeconvolution against the FFT limit and numpy float32 (processor time in ms; FFT plans %s)\n",
         measuringPlans() ? "measured" : "estimated");
@@ -479,6 +517,8 @@ void printRatios(const CollectingReporter& reporter) {
         std::optional<PeerTimes> peer;
         if (!python.empty())
             peer = runNumpyPeer(python, index);
+        if (peer)
+            numpyTimes[index] = *peer;
         auto ms = [](std::optional<double> s) { return s ? *s * 1e3 : NAN; };
         auto value = [](std::optional<double> v) { return v ? *v : NAN; };
         std::printf("%-4s %9zu | %9.2f %9.2f %7.3f | %9.2f %9.2f %7.3f | %9.2f %7.1f | %9.2f %7.1f\n",
@@ -489,6 +529,22 @@ void printRatios(const CollectingReporter& reporter) {
                     value(reporter.counter(wholeName + "/x_limit")), peer ? peer->oneChannel * 1e3 : NAN,
                     peer && channel ? peer->oneChannel / *channel : NAN, peer ? peer->measurement * 1e3 : NAN,
                     peer && whole ? peer->measurement / *whole : NAN);
+    }
+    std::printf(
+        "\nThe measurement on every core (%u), wall clock in ms, against the single-threaded limit and "
+        "numpy's processor time:\n",
+        std::max(1u, std::thread::hardware_concurrency()));
+    for (std::size_t index = 0; index < kWorkloads.size(); ++index) {
+        const std::string name =
+            "deconvolution/measurement_every_core/" + std::string(kWorkloads[index].name);
+        const auto wall = reporter.seconds(name);
+        if (!wall)
+            continue;
+        const auto numpy = numpyTimes.find(index);
+        std::printf("%-4s %9.2f ms | limit %9.2f ms | x limit %6.3f | faster than numpy %5.1f\n",
+                    kWorkloads[index].name, *wall * 1e3, reporter.counter(name + "/limit_ms").value_or(NAN),
+                    reporter.counter(name + "/x_limit").value_or(NAN),
+                    numpy != numpyTimes.end() ? numpy->second.measurement / *wall : NAN);
     }
     std::printf("\nWorking memory of a W2 measurement (peak heap above inputs and results):\n");
     for (int averages : {1, 2, 4, 8})
@@ -519,6 +575,11 @@ int main(int argc, char** argv) {
             ->UseManualTime()
             ->MinTime(1.0);
         benchmark::RegisterBenchmark(("deconvolution/measurement/" + name).c_str(), measurement, index)
+            ->Unit(benchmark::kMillisecond)
+            ->UseManualTime()
+            ->MinTime(1.0);
+        benchmark::RegisterBenchmark(("deconvolution/measurement_every_core/" + name).c_str(),
+                                     measurementOnEveryCore, index)
             ->Unit(benchmark::kMillisecond)
             ->UseManualTime()
             ->MinTime(1.0);

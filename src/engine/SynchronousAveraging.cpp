@@ -2,12 +2,16 @@
 
 #include "engine/SweptSineDeconvolution.h"
 #include "platform/Assertions.h"
+#include "platform/DispatchQueue.h"
 #include "platform/TavolarLocalizedString.h"
 
 #include <algorithm>
+#include <atomic>
 #include <bit>
 #include <cstdint>
+#include <mutex>
 #include <optional>
+#include <thread>
 
 namespace tavolar {
 
@@ -236,6 +240,40 @@ impulseResponsesFromAveragingArray(std::span<const VELTRZSweptSineRecording> rec
     std::size_t scratchLength = 0;
     return SynchronousAverager::Work::averageChannels(recordings, channelIndices, stimulusSignal, deconvolver,
                                                       scratch, scratchLength);
+}
+
+std::vector<Expected<VELTRealVector>>
+impulseResponsesFromAveragingArrayConcurrently(std::span<const VELTRZSweptSineRecording> recordings,
+                                               const VELTRealVector& stimulusSignal,
+                                               const std::function<void(std::size_t)>& channelFinished) {
+    if (recordings.empty())
+        return {};
+    const std::size_t channelCount = recordings.front().recordChannels().size();
+    for (const VELTRZSweptSineRecording& recording : recordings)
+        TAVOLAR_PARAMETER_ASSERT(recording.recordChannels().size() == channelCount);
+    std::vector<std::optional<Expected<VELTRealVector>>> answers(channelCount);
+    const std::size_t workers =
+        std::min<std::size_t>(std::max(1u, std::thread::hardware_concurrency()), channelCount);
+    std::atomic<std::size_t> nextChannel{0};
+    std::mutex finishedMutex;
+    std::size_t finished = 0;
+    DispatchQueue::concurrentPerform(workers, [&](std::size_t) {
+        std::optional<SynchronousAverager> averager; // made only by a worker that gets a channel
+        for (std::size_t channel = nextChannel++; channel < channelCount; channel = nextChannel++) {
+            if (!averager)
+                averager.emplace(stimulusSignal);
+            answers[channel] = averager->impulseResponseForChannel(recordings, channel);
+            std::lock_guard lock(finishedMutex);
+            ++finished;
+            if (channelFinished)
+                channelFinished(finished);
+        }
+    });
+    std::vector<Expected<VELTRealVector>> results;
+    results.reserve(channelCount);
+    for (std::optional<Expected<VELTRealVector>>& answer : answers)
+        results.push_back(std::move(*answer));
+    return results;
 }
 
 } // namespace tavolar

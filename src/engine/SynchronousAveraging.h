@@ -13,6 +13,7 @@
 #include "platform/TavolarError.h"
 
 #include <cstddef>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -40,6 +41,16 @@ impulseResponseFromAveragingArray(std::span<const VELTRZSweptSineRecording> reco
 std::vector<Expected<VELTRealVector>>
 impulseResponsesFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
                                    const VELTRealVector& stimulusSignal);
+
+// What impulseResponsesFromAveragingArray answers, computed on every core: workers on the global
+// pool and the calling thread take channels one at a time, each with a SynchronousAverager of its
+// own. channelFinished, when given, is called once per channel as it finishes, with the number of
+// channels finished so far (1, 2, ... in order: the calls are serialised), on whichever thread
+// finished it.
+std::vector<Expected<VELTRealVector>>
+impulseResponsesFromAveragingArrayConcurrently(std::span<const VELTRZSweptSineRecording> recordings,
+                                               const VELTRealVector& stimulusSignal,
+                                               const std::function<void(std::size_t)>& channelFinished = {});
 
 // The averaging of one channel after another with one stimulus: what
 // impulseResponseFromAveragingArray answers, sample for sample, with the stimulus transformed once

@@ -3,18 +3,12 @@
 #include "audio/devices/VELTAudioDevice.h"
 #include "engine/SynchronousAveraging.h"
 #include "platform/Assertions.h"
-#include "platform/DispatchQueue.h"
 #include "platform/Logging.h"
 #include "platform/TavolarLocalizedString.h"
 #include "platform/UserDefaults.h"
 
-#include <algorithm>
-#include <atomic>
 #include <cmath>
 #include <fmt/format.h>
-#include <mutex>
-#include <optional>
-#include <thread>
 #include <utility>
 
 namespace tavolar {
@@ -427,33 +421,19 @@ void VELTRZMeasurementController::processMeasurements(
     const VELTLogSweepSettings sweep = logSweepSettings();
     const std::int64_t averages = synchronousAverages();
     const std::int64_t sampleRate = std::int64_t(std::uint32_t(settings->recordDeviceSampleRate()));
-    // Channels are averaged on every core, each worker with an averager of its own that transforms
-    // the stimulus once for all its channels. Progress counts the channels finished; results and
-    // errors are then taken in channel order, as if the channels had been done one after another.
-    std::vector<std::optional<Expected<VELTRealVector>>> impulseResponses(static_cast<std::size_t>(total));
-    const std::size_t workers =
-        std::min<std::size_t>(std::max(1u, std::thread::hardware_concurrency()), impulseResponses.size());
-    std::atomic<std::size_t> nextChannel{0};
-    std::mutex progressMutex;
-    std::int64_t finished = 0;
-    DispatchQueue::concurrentPerform(workers, [&](std::size_t) {
-        std::optional<SynchronousAverager> averager;
-        for (std::size_t channel = nextChannel++; channel < impulseResponses.size();
-             channel = nextChannel++) {
-            if (!averager)
-                averager.emplace(stimulus);
-            impulseResponses[channel] = averager->impulseResponseForChannel(array, channel);
-            std::lock_guard lock(progressMutex); // so that the counts reach the delegate in order
-            const std::int64_t current = ++finished;
+    // Channels are averaged on every core; results and errors are taken in channel order, as if the
+    // channels had been done one after another.
+    std::vector<Expected<VELTRealVector>> impulseResponses =
+        impulseResponsesFromAveragingArrayConcurrently(array, stimulus, [&](std::size_t finished) {
+            const auto current = std::int64_t(finished);
             tellDelegateAsynchronously([current, total](VELTRZMeasurementControllerDelegate& delegate,
                                                         VELTRZMeasurementController& self) {
                 delegate.measurementController(self, {{"current", current}, {"total", total}});
             });
-        }
-    });
+        });
     std::vector<std::shared_ptr<const VELTRZMeasurement>> results;
     for (std::size_t channel = 0; channel < impulseResponses.size(); ++channel) {
-        Expected<VELTRealVector>& impulseResponse = *impulseResponses[channel];
+        Expected<VELTRealVector>& impulseResponse = impulseResponses[channel];
         if (impulseResponse) {
             results.push_back(std::make_shared<const VELTRZMeasurement>(
                 std::chrono::time_point_cast<ArchivedDate::duration>(std::chrono::system_clock::now()),

@@ -165,6 +165,17 @@ TEST(SynchronousAveraging, AllChannelsAtOnceMatchChannelByChannel) {
     EXPECT_TRUE(all[1].has_value());
     ASSERT_FALSE(all[2].has_value());
 
+    // On every core: the same answers, and the finished channels counted once each, in order.
+    std::vector<std::size_t> counts;
+    const std::vector<Expected<VELTRealVector>> concurrent = impulseResponsesFromAveragingArrayConcurrently(
+        recordings, stimulus, [&](std::size_t finished) { counts.push_back(finished); });
+    ASSERT_EQ(concurrent.size(), 3u);
+    EXPECT_EQ(counts, (std::vector<std::size_t>{1, 2, 3}));
+    EXPECT_EQ(*concurrent[0], *all[0]);
+    EXPECT_EQ(*concurrent[1], *all[1]);
+    EXPECT_EQ(concurrent[2].error(), all[2].error());
+    EXPECT_TRUE(impulseResponsesFromAveragingArrayConcurrently({}, stimulus).empty());
+
     // One averager for channel after channel, out of order and again, then for recordings without
     // references (whose quotient it keeps) and of another length: every answer is the one-shot one.
     std::vector<VELTRZSweptSineRecording> plain;
