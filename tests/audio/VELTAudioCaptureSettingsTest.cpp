@@ -1,9 +1,12 @@
 #include "audio/VELTAudioCaptureSettings.h"
 
 #include "audio/VELTAudioDeviceRegistry.h"
+#include "audio/devices/VELTAudioDevice.h"
 #include "dsp/Search.h"
 #include "platform/KeyedArchiver.h"
 
+#include <cstdio>
+#include <cstdlib>
 #include <gtest/gtest.h>
 
 namespace tavolar {
@@ -174,6 +177,42 @@ TEST(VELTAudioCaptureSettings, DevicesAndSampleRatesComeFromTheRegistry) {
     EXPECT_FALSE(settings.recordDevice());
     EXPECT_EQ(settings.recordDeviceSampleRate(), 0u);
     registry.unregisterDevice("test:capture-out");
+}
+
+// Settings read before anything opened their devices, as in a document opened in a new process: the
+// statement runs in a child that re-runs this test program with this test alone, so the registry
+// there starts empty and only the audio layer's lookup can fill it.
+TEST(VELTAudioCaptureSettings, DevicesNobodyOpenedAreAnsweredInAFreshProcess) {
+    const std::string uid = "sim:fresh-process?inputs=6&outputs=3&rate=96000";
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            const bool empty = VELTAudioDeviceRegistry::shared().devices().empty();
+            VELTAudioCaptureSettings settings;
+            settings.setRecordDeviceUID(uid);
+            settings.setPlaybackDeviceUID(uid);
+            const auto device = settings.recordDevice();
+            VELTAudioCaptureSettings unknown;
+            unknown.setRecordDeviceUID("sim:fresh-process?inputs=none");
+            unknown.setPlaybackDeviceUID("nowhere:device");
+            std::fprintf(stderr, "empty %d, rates %u %u, inputs %u, outputs %u, unknown %u %u %d\n", empty,
+                         settings.recordDeviceSampleRate(), settings.playbackDeviceSampleRate(),
+                         device ? device->inputChannelCount : 0u, device ? device->outputChannelCount : 0u,
+                         unknown.recordDeviceSampleRate(), unknown.playbackDeviceSampleRate(),
+                         unknown.recordDevice().has_value());
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "empty 1, rates 96000 96000, inputs 6, outputs 3, unknown 0 0 0");
+
+    // Here, where devices may be open already, the settings answer what the device itself says.
+    VELTAudioCaptureSettings settings;
+    settings.setRecordDeviceUID(uid);
+    const VELTAudioDevice device(uid);
+    ASSERT_TRUE(device.isPresent());
+    EXPECT_EQ(settings.recordDeviceSampleRate(), std::uint32_t(device.sampleRateForDirection(1)));
+    ASSERT_TRUE(settings.recordDevice());
+    EXPECT_EQ(settings.recordDevice()->inputChannelCount, device.channelCountForDirection(1));
+    EXPECT_EQ(settings.recordDevice()->outputChannelCount, device.channelCountForDirection(0));
 }
 
 // Writes a capture-settings archive with whatever keys a test gives, in either generation's layout.

@@ -6,6 +6,7 @@
 #include "audio/devices/simulated/SimulatedAudioDevice.h"
 #include "audio/devices/simulated/SimulatedDeviceConfiguration.h"
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 
@@ -20,6 +21,7 @@ namespace {
 struct KnownDevice {
     AudioDeviceID deviceID = kAudioDeviceUnknown;
     std::shared_ptr<AudioDeviceDriver> driver;
+    std::vector<std::string> publishedUIDs; // the spellings registered for it, removed with it
 };
 
 // The process-wide table of drivers. Devices are keyed by the UID as given (the identity the
@@ -34,29 +36,20 @@ public:
 
     std::shared_ptr<AudioDeviceDriver> driverForUID(std::string_view uid, AudioDeviceID* deviceID) {
         std::lock_guard lock(mutex_);
-        auto parsed = AudioDeviceUID::parse(uid);
-        if (!parsed)
+        KnownDevice* device = knownDeviceForUID(uid);
+        if (!device)
             return nullptr;
-        std::string canonical = parsed->canonicalString();
-        if (auto found = known_.find(canonical); found != known_.end()) {
-            if (found->second.driver->isAlive()) {
-                if (deviceID)
-                    *deviceID = found->second.deviceID;
-                return found->second.driver;
-            }
-            forget(found);
-        }
-        std::shared_ptr<AudioDeviceDriver> driver = makeDriver(*parsed, std::string(uid));
-        if (!driver)
-            return nullptr;
-        KnownDevice device{nextDeviceID_++, driver};
-        known_.emplace(canonical, device);
-        publish(std::string(uid), *driver);
-        if (canonical != uid)
-            publish(canonical, *driver);
         if (deviceID)
-            *deviceID = device.deviceID;
-        return driver;
+            *deviceID = device->deviceID;
+        return device->driver;
+    }
+
+    // The registry's lookup: registers the device under the UID as given when it is present, even
+    // when its driver is already open (the registry may have been emptied since).
+    void publishDevice(std::string_view uid) {
+        std::lock_guard lock(mutex_);
+        if (KnownDevice* device = knownDeviceForUID(uid))
+            publish(std::string(uid), *device);
     }
 
     std::shared_ptr<AudioDeviceDriver> driverForID(AudioDeviceID deviceID) {
@@ -93,6 +86,29 @@ public:
     }
 
 private:
+    // The open device of this UID, opened now if it is not (nullptr when it is not present).
+    // Called with mutex_ held.
+    KnownDevice* knownDeviceForUID(std::string_view uid) {
+        auto parsed = AudioDeviceUID::parse(uid);
+        if (!parsed)
+            return nullptr;
+        std::string canonical = parsed->canonicalString();
+        if (auto found = known_.find(canonical); found != known_.end()) {
+            if (found->second.driver->isAlive())
+                return &found->second;
+            forget(found);
+        }
+        std::shared_ptr<AudioDeviceDriver> driver = makeDriver(*parsed, std::string(uid));
+        if (!driver)
+            return nullptr;
+        KnownDevice& device =
+            known_.emplace(canonical, KnownDevice{nextDeviceID_++, driver, {}}).first->second;
+        publish(std::string(uid), device);
+        if (canonical != uid)
+            publish(canonical, device);
+        return &device;
+    }
+
     std::shared_ptr<AudioDeviceDriver> makeDriver(const AudioDeviceUID& uid, const std::string& given) {
         if (uid.scheme == "sim") {
             SimulatedDeviceConfiguration configuration;
@@ -112,20 +128,30 @@ private:
         return nullptr;
     }
 
-    void publish(std::string uid, const AudioDeviceDriver& driver) {
+    // Registers the device under one UID, with a presence check that notices a stopped server (the
+    // driver's own flag, an atomic) or a driver nobody holds any more, without taking any lock.
+    void publish(std::string uid, KnownDevice& device) {
+        const AudioDeviceDriver& driver = *device.driver;
         AudioDeviceDescription description;
-        description.uid = std::move(uid);
+        description.uid = uid;
         description.name = driver.name();
         description.inputChannelCount = driver.channelCount(AudioDirection::Input);
         description.outputChannelCount = driver.channelCount(AudioDirection::Output);
         description.inputSampleRate = driver.sampleRate();
         description.outputSampleRate = driver.sampleRate();
-        VELTAudioDeviceRegistry::shared().registerDevice(std::move(description));
+        auto isPresent = [weakDriver = std::weak_ptr<AudioDeviceDriver>(device.driver)] {
+            std::shared_ptr<AudioDeviceDriver> driver = weakDriver.lock();
+            return driver && driver->isAlive();
+        };
+        VELTAudioDeviceRegistry::shared().registerDevice(std::move(description), std::move(isPresent));
+        if (std::find(device.publishedUIDs.begin(), device.publishedUIDs.end(), uid) ==
+            device.publishedUIDs.end())
+            device.publishedUIDs.push_back(std::move(uid));
     }
 
     void forget(std::map<std::string, KnownDevice>::iterator found) {
-        VELTAudioDeviceRegistry::shared().unregisterDevice(found->first);
-        VELTAudioDeviceRegistry::shared().unregisterDevice(found->second.driver->uid());
+        for (const std::string& uid : found->second.publishedUIDs)
+            VELTAudioDeviceRegistry::shared().unregisterDevice(uid);
         known_.erase(found);
     }
 
@@ -135,7 +161,19 @@ private:
     AudioDeviceID nextDeviceID_ = 1;
 };
 
+// Every program that links this layer answers the registry's misses from the start, so that settings
+// read before any device was opened (a document opened in a new process) still find their devices.
+[[maybe_unused]] const bool deviceLookupInstalled = [] {
+    VELTAudioHardware::installDeviceLookup();
+    return true;
+}();
+
 } // namespace
+
+void VELTAudioHardware::installDeviceLookup() {
+    VELTAudioDeviceRegistry::shared().setDeviceLookup(
+        [](std::string_view uid) { HardwareState::shared().publishDevice(uid); });
+}
 
 AudioDeviceID VELTAudioHardware::deviceIDForDeviceUID(std::string_view deviceUID) {
     AudioDeviceID deviceID = kAudioDeviceUnknown;

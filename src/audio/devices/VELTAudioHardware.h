@@ -38,6 +38,11 @@ public:
     static void registerSimulatedDevice(const SimulatedDeviceConfiguration& configuration);
     static void removeSimulatedDevice(const std::string& name);
 
+    // Installs the device registry's lookup, so that the registry answers for any UID present here
+    // (opening its device) and not only for devices already looked up through this class. Done when
+    // the program starts; calling it again changes nothing.
+    static void installDeviceLookup();
+
     // Whether this build has the JACK backend.
     static bool hasJackBackend() noexcept;
 };
