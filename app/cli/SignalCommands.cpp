@@ -67,7 +67,8 @@ void addSweepCommand(CLI::App& app, CommandList& commands) {
     auto options = std::make_shared<Options>();
     CLI::App* command =
         app.add_subcommand("sweep", "Write the sweep stimulus as a 32-bit float mono WAV file");
-    command->add_option("output", options->output, "The WAV file to write")->required();
+    // Positional, or -o like the other commands that write a file.
+    command->add_option("output,-o,--output", options->output, "The WAV file to write")->required();
     command->add_option("-r,--rate", options->sampleRate, "Sample rate, Hz")->capture_default_str();
     options->sweep.addTo(*command);
     commands.push_back(

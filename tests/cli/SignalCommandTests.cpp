@@ -68,6 +68,14 @@ TEST(SweepCommand, WritesTheExponentialSweepAsFloatWav) {
         EXPECT_FALSE(refused.err.empty());
     }
     EXPECT_FALSE(std::filesystem::exists(folder / "bad.wav"));
+
+    // The file may also be named with -o, as for the other commands that write one.
+    ASSERT_EQ(runTavolar(folder,
+                         {"sweep", "-o", "same.wav", "--rate", "8000", "--start", "50", "--end", "3000",
+                          "--length", "250", "--level", "-6", "--begin-silence", "10", "--end-silence", "20"})
+                  .exitCode,
+              0);
+    EXPECT_EQ(readSound(folder / "same.wav").samples, sound.samples);
 }
 
 // A response: the stimulus through 0.5 z^-delay - 0.2 z^-(delay + 11), summed in double precision.
