@@ -199,7 +199,8 @@ std::vector<Expected<VELTRealVector>> SynchronousAverager::Work::averageChannels
             results.emplace_back(std::unexpected(std::move(*channel.error)));
             continue;
         }
-        channel.accumulator.scaleBy(1.0f / static_cast<float>(channel.count));
+        if (channel.count > 1) // scaling by 1 would change nothing
+            channel.accumulator.scaleBy(1.0f / static_cast<float>(channel.count));
         results.emplace_back(std::move(channel.accumulator));
     }
     return results;
