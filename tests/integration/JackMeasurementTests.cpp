@@ -154,11 +154,13 @@ TEST(JackMeasurement, ImpulseResponseOfJconvolverIsMeasuredWithinATenthOfADecibe
     ASSERT_EQ(results.size(), 1u);
     const VELTRealVector& measured = results[0]->impulseResponse();
 
-    // Output and input clients run in the same cycle through jconvolver: no delay at all.
+    // The device is one client whose output feeds jconvolver and whose input hears it: a loop, which
+    // the server closes at one of its connections with a buffer of one period. jconvolver itself
+    // adds no delay.
     float peak = 0;
     std::size_t peakIndex = 0;
     measured.getMaximumMagnitude(peak, &peakIndex);
-    EXPECT_EQ(peakIndex, 0u);
+    EXPECT_EQ(peakIndex, 256u);
     std::span<const float> head = measured.span().subspan(0, 4096);
     double worst = 0;
     for (int index = 0; index <= 40; ++index) {

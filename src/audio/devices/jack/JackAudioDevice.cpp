@@ -2,14 +2,18 @@
 
 #include "audio/devices/RealTimeContext.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <cmath>
 #include <fmt/format.h>
 #include <jack/jack.h>
 #include <map>
 #include <mutex>
+#include <optional>
+#include <thread>
 #include <vector>
 
 namespace tavolar {
@@ -136,41 +140,52 @@ private:
 
 class JackDeviceDriver;
 
+// One stream of the device: ports of its own on the device's client, connected to the channels'
+// ports while it runs, and served by the device's process callback while it is published there.
 class JackEndpoint final : public AudioEndpoint {
 public:
-    JackEndpoint(std::shared_ptr<JackDeviceDriver> driver, AudioEndpointConfiguration configuration)
-        : driver_(std::move(driver)), configuration_(std::move(configuration)) {}
+    JackEndpoint(std::shared_ptr<JackDeviceDriver> driver, AudioEndpointConfiguration configuration,
+                 std::vector<std::string> targets, std::size_t slot)
+        : driver_(std::move(driver)), configuration_(std::move(configuration)), targets_(std::move(targets)),
+          slot_(slot) {}
     ~JackEndpoint() override;
 
-    AudioStatus open(const std::string& serverName, const std::vector<std::string>& targets);
+    AudioStatus registerPorts();
     AudioStatus start() override;
     AudioStatus stop() override;
-    std::uint64_t xrunCount() const noexcept override { return xruns_.load(std::memory_order_relaxed); }
-    bool isDisconnected() const noexcept override { return shutDown_.load(std::memory_order_acquire); }
+    std::uint64_t xrunCount() const noexcept override;
+    bool isDisconnected() const noexcept override;
+
+    AudioDirection direction() const noexcept { return configuration_.direction; }
+    // Serves one cycle: fetches the port buffers, silences output, and calls the callback once
+    // the ports are connected. Runs on the audio thread.
+    void process(jack_nframes_t frames, const AudioTimeStamp& timeStamp) noexcept;
 
 private:
-    static int process(jack_nframes_t frames, void* argument) noexcept;
-    static int xrun(void* argument) noexcept;
-    static void shutdown(jack_status_t, const char*, void* argument) noexcept;
+    static constexpr std::uint64_t kNotCounting = ~std::uint64_t(0);
 
     std::shared_ptr<JackDeviceDriver> driver_;
     AudioEndpointConfiguration configuration_;
-    jack_client_t* client_ = nullptr;
-    std::vector<jack_port_t*> ports_;
     std::vector<std::string> targets_;
+    std::size_t slot_;
+    std::vector<jack_port_t*> ports_;
     std::vector<float*> buffers_;
-    double sampleRate_ = 0.0;
-    FrameCounter frames_;
     std::atomic<bool> running_{false};
     std::atomic<bool> connected_{false};
-    bool flowing_ = false; // audio thread only: all ports have been seen connected
-    std::atomic<std::uint64_t> xruns_{0};
-    std::atomic<bool> shutDown_{false};
+    bool flowing_ = false;                // audio thread only: all ports have been seen connected
+    std::atomic<std::uint64_t> xruns_{0}; // of earlier runs
+    std::atomic<std::uint64_t> xrunsAtStart_{kNotCounting}; // the device's count when this run began
 };
 
+// The device owns the only JACK client: every client in the server's graph costs a wake-up per
+// cycle, and at small periods those wake-ups are what overloads the server. Endpoints register
+// their ports on this client; its one process callback notes the cycle's times, then serves the
+// published capture endpoints and then the playback endpoints.
 class JackDeviceDriver final : public AudioDeviceDriver,
                                public std::enable_shared_from_this<JackDeviceDriver> {
 public:
+    static constexpr std::size_t kEndpointsPerDirection = 4;
+
     JackDeviceDriver(std::string uid, std::string serverName, jack_client_t* client,
                      std::map<std::uint32_t, std::string> inputRoutes,
                      std::map<std::uint32_t, std::string> outputRoutes)
@@ -178,6 +193,7 @@ public:
         jack_on_info_shutdown(client_, &JackDeviceDriver::shutdown, this);
         frames_.seed(jack_frame_time(client_));
         jack_set_process_callback(client_, &JackDeviceDriver::process, this);
+        jack_set_xrun_callback(client_, &JackDeviceDriver::xrun, this);
         jack_activate(client_);
         inputPorts_ = physicalPorts(client_, JackPortIsOutput);
         outputPorts_ = physicalPorts(client_, JackPortIsInput);
@@ -194,6 +210,7 @@ public:
         sampleRate_ = jack_get_sample_rate(client_);
     }
     // A client whose server has gone is left alone: the library cannot talk to the server any more.
+    // Endpoints hold the driver, so none is left when it goes.
     ~JackDeviceDriver() override {
         if (!isAlive())
             return;
@@ -286,35 +303,117 @@ public:
                 return kAudioStatusInvalidChannel;
             targets.push_back(names[channel]);
         }
-        auto made = std::make_unique<JackEndpoint>(shared_from_this(), configuration);
-        if (AudioStatus status = made->open(serverName_, targets))
+        std::optional<std::size_t> slot = reserveSlot(configuration.direction);
+        if (!slot)
+            return kAudioStatusServerFailure;
+        auto made =
+            std::make_unique<JackEndpoint>(shared_from_this(), configuration, std::move(targets), *slot);
+        if (AudioStatus status = made->registerPorts())
             return status;
         endpoint = std::move(made);
         return kAudioStatusNoError;
     }
 
-    // Shares the driver's counter so that every endpoint extends frame times the same way.
-    std::int64_t unwrapFrames(jack_nframes_t frames, jack_nframes_t now) const noexcept {
-        return frames_.unwrap(frames, now);
+    jack_client_t* client() const noexcept { return client_; }
+    // The client's requests to the server share one socket and must not interleave: endpoints made,
+    // started, stopped and destroyed on different threads take turns here.
+    std::mutex& requestMutex() noexcept { return requestMutex_; }
+    std::uint64_t xruns() const noexcept { return xruns_.load(std::memory_order_relaxed); }
+
+    // Endpoints of a direction live in numbered slots; a slot is reserved for an endpoint's life
+    // and names its ports apart from those of another endpoint of the same direction.
+    std::optional<std::size_t> reserveSlot(AudioDirection direction) {
+        std::lock_guard lock(slotsMutex_);
+        auto& reserved = direction == AudioDirection::Input ? captureReserved_ : playbackReserved_;
+        for (std::size_t slot = 0; slot < reserved.size(); ++slot)
+            if (!reserved[slot]) {
+                reserved[slot] = true;
+                return slot;
+            }
+        return std::nullopt;
+    }
+    void releaseSlot(AudioDirection direction, std::size_t slot) {
+        std::lock_guard lock(slotsMutex_);
+        (direction == AudioDirection::Input ? captureReserved_ : playbackReserved_)[slot] = false;
+    }
+
+    // From the next cycle on, the process callback serves the endpoint.
+    void publish(JackEndpoint& endpoint, std::size_t slot) noexcept {
+        published(endpoint.direction())[slot].store(&endpoint, std::memory_order_seq_cst);
+    }
+    // The process callback no longer serves the endpoint when this returns: a cycle that may still
+    // have seen it has ended. The callback bumps cyclesBegun_ before it reads the slots, so either
+    // it sees the empty slot or this sees its cycle begun (sequentially consistent on both sides).
+    // The callback never blocks, so the wait is short; when the server has gone, no cycle runs.
+    void withdraw(AudioDirection direction, std::size_t slot) noexcept {
+        published(direction)[slot].store(nullptr, std::memory_order_seq_cst);
+        const std::uint64_t begun = cyclesBegun_.load(std::memory_order_seq_cst);
+        while (cyclesEnded_.load(std::memory_order_acquire) < begun)
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
 
 private:
+    using Slots = std::array<std::atomic<JackEndpoint*>, kEndpointsPerDirection>;
+
     const std::vector<std::string>& ports(AudioDirection direction) const {
         return direction == AudioDirection::Input ? inputPorts_ : outputPorts_;
+    }
+    Slots& published(AudioDirection direction) noexcept {
+        return direction == AudioDirection::Input ? capture_ : playback_;
     }
     static void shutdown(jack_status_t, const char*, void* argument) {
         static_cast<JackDeviceDriver*>(argument)->alive_.store(false, std::memory_order_release);
     }
-    static int process(jack_nframes_t frames, void* argument) noexcept {
-        RealTimeCallbackScope scope;
-        auto* self = static_cast<JackDeviceDriver*>(argument);
+    // Counted on the device; each endpoint counts those that came while it ran. Runs on the
+    // client's notification thread, which must never touch an endpoint that may be going away.
+    static int xrun(void* argument) noexcept {
+        static_cast<JackDeviceDriver*>(argument)->xruns_.fetch_add(1, std::memory_order_relaxed);
+        return 0;
+    }
+
+    // Notes when the cycle began (the history the clock conversions read) and makes the cycle's
+    // time stamp. Runs on the audio thread.
+    AudioTimeStamp noteCycle(jack_nframes_t frames) noexcept {
         jack_nframes_t currentFrames = 0;
         jack_time_t currentMicroseconds = 0, nextMicroseconds = 0;
         float periodMicroseconds = 0;
-        if (jack_get_cycle_times(self->client_, &currentFrames, &currentMicroseconds, &nextMicroseconds,
-                                 &periodMicroseconds) == 0)
-            self->history_.note(self->frames_.unwrap(currentFrames, currentFrames), frames,
-                                currentMicroseconds, nextMicroseconds);
+        AudioTimeStamp timeStamp;
+        std::int64_t sampleTime = 0;
+        if (jack_get_cycle_times(client_, &currentFrames, &currentMicroseconds, &nextMicroseconds,
+                                 &periodMicroseconds) == 0) {
+            sampleTime = frames_.unwrap(currentFrames, currentFrames);
+            history_.note(sampleTime, frames, currentMicroseconds, nextMicroseconds);
+            double nominal = frames / sampleRate_ * 1e6;
+            timeStamp.rateScalar = nextMicroseconds > currentMicroseconds
+                                       ? nominal / double(nextMicroseconds - currentMicroseconds)
+                                       : 1.0;
+        } else {
+            currentFrames = jack_last_frame_time(client_);
+            currentMicroseconds = jack_frames_to_time(client_, currentFrames);
+            sampleTime = frames_.unwrap(currentFrames, currentFrames);
+            timeStamp.rateScalar = 1.0;
+        }
+        timeStamp.sampleTime = double(sampleTime);
+        timeStamp.hostTime = std::uint64_t(currentMicroseconds) * 1000u;
+        timeStamp.flags =
+            kAudioTimeStampSampleTimeValid | kAudioTimeStampHostTimeValid | kAudioTimeStampRateScalarValid;
+        return timeStamp;
+    }
+
+    // Capture first, so that what a cycle captured is delivered before the same cycle's stimulus is
+    // rendered. Runs on the audio thread.
+    static int process(jack_nframes_t frames, void* argument) noexcept {
+        RealTimeCallbackScope scope;
+        auto* self = static_cast<JackDeviceDriver*>(argument);
+        self->cyclesBegun_.fetch_add(1, std::memory_order_seq_cst);
+        const AudioTimeStamp timeStamp = self->noteCycle(frames);
+        for (auto& slot : self->capture_)
+            if (JackEndpoint* endpoint = slot.load(std::memory_order_seq_cst))
+                endpoint->process(frames, timeStamp);
+        for (auto& slot : self->playback_)
+            if (JackEndpoint* endpoint = slot.load(std::memory_order_seq_cst))
+                endpoint->process(frames, timeStamp);
+        self->cyclesEnded_.fetch_add(1, std::memory_order_release);
         return 0;
     }
 
@@ -326,29 +425,39 @@ private:
     mutable FrameCounter frames_;
     CycleHistory history_;
     std::atomic<bool> alive_{true};
+    std::atomic<std::uint64_t> xruns_{0};
+    Slots capture_{}, playback_{};
+    std::atomic<std::uint64_t> cyclesBegun_{0}, cyclesEnded_{0};
+    std::mutex requestMutex_;
+    std::mutex slotsMutex_;
+    std::array<bool, kEndpointsPerDirection> captureReserved_{}, playbackReserved_{};
 };
 
-AudioStatus JackEndpoint::open(const std::string& serverName, const std::vector<std::string>& targets) {
-    jack_status_t status{};
-    bool output = configuration_.direction == AudioDirection::Output;
-    client_ = openClient(output ? "tavolar-playback" : "tavolar-capture", serverName, status);
-    if (!client_)
-        return status ? AudioStatus(status) : kAudioStatusServerFailure;
-    targets_ = targets;
-    sampleRate_ = jack_get_sample_rate(client_);
-    for (std::size_t index = 0; index < targets.size(); ++index) {
-        std::string name = fmt::format("{}_{}", output ? "out" : "in", index + 1);
-        jack_port_t* port = jack_port_register(client_, name.c_str(), JACK_DEFAULT_AUDIO_TYPE,
+AudioStatus JackEndpoint::registerPorts() {
+    const bool output = configuration_.direction == AudioDirection::Output;
+    std::lock_guard lock(driver_->requestMutex());
+    const std::string prefix =
+        fmt::format("{}{}", output ? "out" : "in", slot_ == 0 ? "" : std::to_string(slot_ + 1));
+    for (std::size_t index = 0; index < targets_.size(); ++index) {
+        std::string name = fmt::format("{}_{}", prefix, index + 1);
+        jack_port_t* port = jack_port_register(driver_->client(), name.c_str(), JACK_DEFAULT_AUDIO_TYPE,
                                                output ? JackPortIsOutput : JackPortIsInput, 0);
         if (!port)
             return kAudioStatusServerFailure;
         ports_.push_back(port);
     }
     buffers_.assign(ports_.size(), nullptr);
-    jack_set_process_callback(client_, &JackEndpoint::process, this);
-    jack_set_xrun_callback(client_, &JackEndpoint::xrun, this);
-    jack_on_info_shutdown(client_, &JackEndpoint::shutdown, this);
     return kAudioStatusNoError;
+}
+
+bool JackEndpoint::isDisconnected() const noexcept {
+    return !driver_->isAlive();
+}
+
+std::uint64_t JackEndpoint::xrunCount() const noexcept {
+    const std::uint64_t since = xrunsAtStart_.load(std::memory_order_relaxed);
+    const std::uint64_t counted = xruns_.load(std::memory_order_relaxed);
+    return since == kNotCounting ? counted : counted + (driver_->xruns() - since);
 }
 
 AudioStatus JackEndpoint::start() {
@@ -359,97 +468,79 @@ AudioStatus JackEndpoint::start() {
     flowing_ = false;
     connected_.store(false, std::memory_order_release);
     running_.store(true, std::memory_order_release);
-    if (int result = jack_activate(client_)) {
-        running_.store(false);
-        return AudioStatus(result);
-    }
-    bool output = configuration_.direction == AudioDirection::Output;
-    for (std::size_t index = 0; index < ports_.size(); ++index) {
-        const char* own = jack_port_name(ports_[index]);
-        int result = output ? jack_connect(client_, own, targets_[index].c_str())
-                            : jack_connect(client_, targets_[index].c_str(), own);
-        if (result != 0 && result != EEXIST) {
-            running_.store(false);
-            jack_deactivate(client_);
-            return kAudioStatusNoConnection;
+    xrunsAtStart_.store(driver_->xruns(), std::memory_order_relaxed);
+    driver_->publish(*this, slot_);
+    jack_client_t* client = driver_->client();
+    const bool output = configuration_.direction == AudioDirection::Output;
+    bool connected = true;
+    {
+        std::lock_guard lock(driver_->requestMutex());
+        for (std::size_t index = 0; index < ports_.size() && connected; ++index) {
+            const char* own = jack_port_name(ports_[index]);
+            int result = output ? jack_connect(client, own, targets_[index].c_str())
+                                : jack_connect(client, targets_[index].c_str(), own);
+            connected = result == 0 || result == EEXIST;
         }
+    }
+    if (!connected) {
+        stop();
+        return kAudioStatusNoConnection;
     }
     connected_.store(true, std::memory_order_release);
     return kAudioStatusNoError;
 }
 
-// A client whose server has gone is left alone: the library cannot talk to the server any more.
-JackEndpoint::~JackEndpoint() {
-    if (client_ && !isDisconnected() && driver_->isAlive()) {
-        jack_deactivate(client_);
-        jack_client_close(client_);
-    }
-}
-
+// The ports are disconnected first, while the callback still silences the output buffers, so the
+// graph never hears a stale buffer repeated; then the endpoint is withdrawn from the callback.
 AudioStatus JackEndpoint::stop() {
     if (!running_.exchange(false))
         return kAudioStatusNoError;
     connected_.store(false, std::memory_order_release);
-    // Deactivation waits for a cycle in progress to end, and disconnects the ports.
-    if (!isDisconnected() && driver_->isAlive())
-        if (int result = jack_deactivate(client_))
-            return AudioStatus(result);
-    return kAudioStatusNoError;
+    AudioStatus status = kAudioStatusNoError;
+    if (driver_->isAlive()) {
+        std::lock_guard lock(driver_->requestMutex());
+        for (jack_port_t* port : ports_)
+            if (int result = jack_port_disconnect(driver_->client(), port); result && !status)
+                status = AudioStatus(result);
+    }
+    driver_->withdraw(configuration_.direction, slot_);
+    const std::uint64_t since = xrunsAtStart_.exchange(kNotCounting, std::memory_order_relaxed);
+    if (since != kNotCounting)
+        xruns_.fetch_add(driver_->xruns() - since, std::memory_order_relaxed);
+    return status;
 }
 
-int JackEndpoint::process(jack_nframes_t frames, void* argument) noexcept {
-    RealTimeCallbackScope scope;
-    auto* self = static_cast<JackEndpoint*>(argument);
-    const std::size_t count = self->ports_.size();
-    bool output = self->configuration_.direction == AudioDirection::Output;
-    for (std::size_t index = 0; index < count; ++index) {
-        self->buffers_[index] = static_cast<float*>(jack_port_get_buffer(self->ports_[index], frames));
-        if (output)
-            std::fill_n(self->buffers_[index], frames, 0.0f);
+// Ports of a server that has gone are left alone: the library cannot talk to it any more.
+JackEndpoint::~JackEndpoint() {
+    stop();
+    if (driver_->isAlive()) {
+        std::lock_guard lock(driver_->requestMutex());
+        for (jack_port_t* port : ports_)
+            jack_port_unregister(driver_->client(), port);
     }
-    if (!self->running_.load(std::memory_order_acquire) || !self->connected_.load(std::memory_order_acquire))
-        return 0;
+    driver_->releaseSlot(configuration_.direction, slot_);
+}
+
+void JackEndpoint::process(jack_nframes_t frames, const AudioTimeStamp& timeStamp) noexcept {
+    const std::size_t count = ports_.size();
+    const bool output = configuration_.direction == AudioDirection::Output;
+    for (std::size_t index = 0; index < count; ++index) {
+        buffers_[index] = static_cast<float*>(jack_port_get_buffer(ports_[index], frames));
+        if (output)
+            std::fill_n(buffers_[index], frames, 0.0f);
+    }
+    if (!connected_.load(std::memory_order_acquire))
+        return;
     // Until every port is connected in the graph this cycle runs on, nothing flows: a stimulus
     // rendered now would go nowhere, and the first time stamp would not be the first heard.
-    if (!self->flowing_) {
-        for (jack_port_t* port : self->ports_)
+    if (!flowing_) {
+        for (jack_port_t* port : ports_)
             if (jack_port_connected(port) <= 0)
-                return 0;
-        self->flowing_ = true;
+                return;
+        flowing_ = true;
     }
-    jack_nframes_t currentFrames = 0;
-    jack_time_t currentMicroseconds = 0, nextMicroseconds = 0;
-    float periodMicroseconds = 0;
-    AudioTimeStamp timeStamp;
-    if (jack_get_cycle_times(self->client_, &currentFrames, &currentMicroseconds, &nextMicroseconds,
-                             &periodMicroseconds) == 0) {
-        double nominal = frames / self->sampleRate_ * 1e6;
-        timeStamp.rateScalar = nextMicroseconds > currentMicroseconds
-                                   ? nominal / double(nextMicroseconds - currentMicroseconds)
-                                   : 1.0;
-    } else {
-        currentFrames = jack_last_frame_time(self->client_);
-        currentMicroseconds = jack_frames_to_time(self->client_, currentFrames);
-        timeStamp.rateScalar = 1.0;
-    }
-    timeStamp.sampleTime = double(self->driver_->unwrapFrames(currentFrames, currentFrames));
-    timeStamp.hostTime = std::uint64_t(currentMicroseconds) * 1000u;
-    timeStamp.flags =
-        kAudioTimeStampSampleTimeValid | kAudioTimeStampHostTimeValid | kAudioTimeStampRateScalarValid;
-    self->configuration_.callback(self->configuration_.context, timeStamp, frames, self->buffers_.data(),
-                                  static_cast<std::uint32_t>(count));
-    return 0;
-}
-
-int JackEndpoint::xrun(void* argument) noexcept {
-    static_cast<JackEndpoint*>(argument)->xruns_.fetch_add(1, std::memory_order_relaxed);
-    return 0;
-}
-
-void JackEndpoint::shutdown(jack_status_t, const char*, void* argument) noexcept {
-    auto* self = static_cast<JackEndpoint*>(argument);
-    self->shutDown_.store(true, std::memory_order_release);
-    self->running_.store(false, std::memory_order_release);
+    configuration_.callback(configuration_.context, timeStamp, frames, buffers_.data(),
+                            static_cast<std::uint32_t>(count));
 }
 
 bool parseChannel(const std::string& text, std::uint32_t& channel) {
@@ -472,7 +563,7 @@ std::shared_ptr<AudioDeviceDriver> openJackDeviceDriver(const AudioDeviceUID& ui
             return nullptr;
     }
     jack_status_t status{};
-    jack_client_t* client = openClient("tavolar-device", uid.name, status);
+    jack_client_t* client = openClient("tavolar", uid.name, status);
     if (!client)
         return nullptr;
     return std::make_shared<JackDeviceDriver>(givenUID, uid.name == "default" ? std::string() : uid.name,

@@ -2,9 +2,10 @@
 // The JACK backend. A device is one JACK server ("jack" for the default server, "jack:NAME" for a
 // named one). Its channels are the server's physical capture and playback ports in the server's
 // order; the UID parameters "inN=PORT" and "outN=PORT" route channel N to any port instead, so a
-// measurement can run through other JACK clients. Each endpoint is a JACK client of its own whose
-// ports are connected to the channels' ports while it runs. The device's clock is the server's frame
-// counter, extended to 64 bits; host time is the server's microsecond clock (the monotonic clock).
+// measurement can run through other JACK clients. A device is one JACK client; each endpoint
+// registers ports of its own on it, connected to the channels' ports while it runs. The device's clock
+// is the server's frame counter, extended to 64 bits; host time is the server's microsecond clock (the
+// monotonic clock).
 
 #include "audio/devices/AudioDeviceDriver.h"
 #include "audio/devices/AudioDeviceUID.h"
