@@ -48,6 +48,10 @@ void addInfoCommand(CLI::App& app, CommandList& commands);
 void addSetCommand(CLI::App& app, CommandList& commands);
 void addCalibrateCommand(CLI::App& app, CommandList& commands);
 void addExportCommand(CLI::App& app, CommandList& commands);
+void addTuneCommand(CLI::App& app, CommandList& commands);
+
+// Loads the FFT tuning that `tavolar tune` kept, if any, so that transforms use measured plans.
+void loadFFTWisdom();
 
 // Sends the library's log lines to standard error (installConsoleLog), or nowhere while a step runs
 // whose log lines are expected and of no concern to the user (muteConsoleLog).

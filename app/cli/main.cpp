@@ -89,6 +89,7 @@ int run(int argc, char** argv) {
     addSetCommand(app, commands);
     addCalibrateCommand(app, commands);
     addExportCommand(app, commands);
+    addTuneCommand(app, commands);
 
     try {
         app.parse(argc, argv);
@@ -103,6 +104,7 @@ int run(int argc, char** argv) {
         return kExitUsage;
     }
 
+    loadFFTWisdom();
     for (const Command& command : commands) {
         if (!command.app->parsed())
             continue;

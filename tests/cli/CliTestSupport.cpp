@@ -40,9 +40,11 @@ RunResult runTavolar(const ScratchFolder& folder, const std::vector<std::string>
 
     std::vector<std::string> environmentStorage;
     for (char** entry = environ; *entry; ++entry)
-        if (!std::string_view(*entry).starts_with("TAVOLAR_DEFAULTS_FILE="))
+        if (!std::string_view(*entry).starts_with("TAVOLAR_DEFAULTS_FILE=") &&
+            !std::string_view(*entry).starts_with("TAVOLAR_FFT_WISDOM_FILE="))
             environmentStorage.emplace_back(*entry);
     environmentStorage.push_back("TAVOLAR_DEFAULTS_FILE=" + (folder / ".defaults.json"));
+    environmentStorage.push_back("TAVOLAR_FFT_WISDOM_FILE=" + (folder / ".fft-wisdom"));
     std::vector<char*> envp;
     for (std::string& entry : environmentStorage)
         envp.push_back(entry.data());
