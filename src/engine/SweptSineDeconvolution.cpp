@@ -40,37 +40,53 @@ std::optional<float> narrowed(std::optional<double> lambda) noexcept {
 // with S' = S when there is no reference C (reference null), then multiplied by scale (the inverse
 // transform's 1/L, exact for a power of two). A bin where S is exactly zero gives NaN under plain
 // division, as dividing by it would. Q may be written over S: each bin is read before it is written.
-void formQuotient(std::size_t bins, const std::complex<float>* stimulus, const std::complex<float>* reference,
-                  std::optional<float> lambda, double scale, std::complex<float>* quotient) noexcept {
-    const double addend = lambda ? static_cast<double>(*lambda) : 0.0;
-    const bool withReference = reference != nullptr;
-    const auto* s = reinterpret_cast<const float*>(stimulus);
-    const auto* c = reinterpret_cast<const float*>(reference);
-    auto* q = reinterpret_cast<float*>(quotient);
-    auto bin = [&](std::size_t k) {
-        double a = s[2 * k];
-        double b = s[2 * k + 1];
-        if (withReference) {
-            // C / S, or C conj(S) / (|S|^2 + lambda): the same expression with the addend.
-            const double cr = c[2 * k];
-            const double ci = c[2 * k + 1];
-            const double inverse = 1.0 / (a * a + b * b + addend);
-            const double substituteReal = (cr * a + ci * b) * inverse;
-            const double substituteImaginary = (ci * a - cr * b) * inverse;
-            const double effectiveReal = a * substituteReal - b * substituteImaginary;
-            b = a * substituteImaginary + b * substituteReal;
-            a = effectiveReal;
-        }
-        const double factor = scale / (a * a + b * b + addend);
-        q[2 * k] = static_cast<float>(a * factor);
-        q[2 * k + 1] = static_cast<float>(-b * factor);
-    };
+template <bool withReference>
+void formQuotientBin(std::size_t k, const float* s, const float* c, double addend, double scale,
+                     float* q) noexcept {
+    double a = s[2 * k];
+    double b = s[2 * k + 1];
+    if constexpr (withReference) {
+        // C / S, or C conj(S) / (|S|^2 + lambda): the same expression with the addend.
+        const double cr = c[2 * k];
+        const double ci = c[2 * k + 1];
+        const double inverse = 1.0 / (a * a + b * b + addend);
+        const double substituteReal = (cr * a + ci * b) * inverse;
+        const double substituteImaginary = (ci * a - cr * b) * inverse;
+        const double effectiveReal = a * substituteReal - b * substituteImaginary;
+        b = a * substituteImaginary + b * substituteReal;
+        a = effectiveReal;
+    }
+    const double factor = scale / (a * a + b * b + addend);
+    q[2 * k] = static_cast<float>(a * factor);
+    q[2 * k + 1] = static_cast<float>(-b * factor);
+}
+
+// The bins in blocks the compiler vectorises at every optimisation level. In place, the stimulus
+// is read from q itself, so that the compiler sees each bin read before it is written; otherwise
+// the three arrays are distinct.
+template <bool withReference, bool inPlace>
+void formQuotientBins(std::size_t bins, const float* __restrict stimulus, const float* __restrict reference,
+                      double addend, double scale, float* __restrict q) noexcept {
+    const float* s = inPlace ? q : stimulus;
     std::size_t k = 0;
     for (; k + kLanes <= bins; k += kLanes)
         for (std::size_t lane = 0; lane < kLanes; ++lane)
-            bin(k + lane);
+            formQuotientBin<withReference>(k + lane, s, reference, addend, scale, q);
     for (; k < bins; ++k)
-        bin(k);
+        formQuotientBin<withReference>(k, s, reference, addend, scale, q);
+}
+
+void formQuotient(std::size_t bins, const std::complex<float>* stimulus, const std::complex<float>* reference,
+                  std::optional<float> lambda, double scale, std::complex<float>* quotient) noexcept {
+    const double addend = lambda ? static_cast<double>(*lambda) : 0.0;
+    const auto* s = reinterpret_cast<const float*>(stimulus);
+    auto* q = reinterpret_cast<float*>(quotient);
+    if (reference)
+        formQuotientBins<true, false>(bins, s, reinterpret_cast<const float*>(reference), addend, scale, q);
+    else if (s == q)
+        formQuotientBins<false, true>(bins, nullptr, nullptr, addend, scale, q);
+    else
+        formQuotientBins<false, false>(bins, s, nullptr, addend, scale, q);
 }
 
 // R = R x Q, in single precision, written out on the parts so that it vectorises (the complex

@@ -23,6 +23,8 @@
 
 #include <complex>
 #include <cstddef>
+#include <cstdlib>
+#include <memory>
 #include <optional>
 #include <span>
 
@@ -106,8 +108,25 @@ public:
 private:
     void formPendingQuotient(std::span<float> padded) noexcept;
 
-    // Spectra of L/2 + 1 bins, interleaved: the transforms' fastest layout.
-    using Spectrum = AlignedBuffer<std::complex<float>>;
+    // A spectrum of L/2 + 1 bins, interleaved (the transforms' fastest layout) and left
+    // uninitialised: every use writes it whole before reading it, and clearing megabytes only to
+    // overwrite them is a pass over memory for nothing.
+    class Spectrum {
+    public:
+        Spectrum() = default;
+        explicit Spectrum(std::size_t bins)
+            : data_(AlignedAllocator<std::complex<float>>().allocate(bins)), size_(bins) {}
+        std::size_t size() const noexcept { return size_; }
+        std::complex<float>* data() noexcept { return data_.get(); }
+        const std::complex<float>* data() const noexcept { return data_.get(); }
+
+    private:
+        struct Free {
+            void operator()(std::complex<float>* pointer) const noexcept { std::free(pointer); }
+        };
+        std::unique_ptr<std::complex<float>[], Free> data_;
+        std::size_t size_ = 0;
+    };
 
     std::span<const float> stimulus_;
     std::size_t transformLength_ = 0;
