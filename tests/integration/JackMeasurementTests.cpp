@@ -154,13 +154,14 @@ TEST(JackMeasurement, ImpulseResponseOfJconvolverIsMeasuredWithinATenthOfADecibe
     ASSERT_EQ(results.size(), 1u);
     const VELTRealVector& measured = results[0]->impulseResponse();
 
-    // The device is one client whose output feeds jconvolver and whose input hears it: a loop, which
-    // the server closes at one of its connections with a buffer of one period. jconvolver itself
-    // adds no delay.
+    // jconvolver adds no delay. The device is one client whose output feeds jconvolver and whose
+    // input hears it, a loop the server closes with one period's delay; the device reports that
+    // period as capture latency, so the response starts at once.
     float peak = 0;
     std::size_t peakIndex = 0;
     measured.getMaximumMagnitude(peak, &peakIndex);
-    EXPECT_EQ(peakIndex, 256u);
+    EXPECT_EQ(peakIndex, 0u);
+    EXPECT_EQ(device.recordingStreamLatencyForChannel(0), 256u);
     std::span<const float> head = measured.span().subspan(0, 4096);
     double worst = 0;
     for (int index = 0; index <= 40; ++index) {
@@ -196,6 +197,9 @@ TEST(JackMeasurement, ChannelsKeepTheirLatenciesAndSilentInputsAreReported) {
         ASSERT_EQ(results.size(), 1u) << "the silent channel is left out";
         EXPECT_EQ(results[0]->recordChannelEntry().channel(), 0);
     }
+    // Once measured, channel 0 has been heard through the loop; the physical port has not.
+    EXPECT_EQ(device.recordingStreamLatencyForChannel(0), 256u);
+    EXPECT_EQ(device.recordingStreamLatencyForChannel(3), 256u) << "the dummy driver's capture latency";
     UserDefaults::standard().setBool(true, "ChecksRecordingLevel");
     {
         Measurement measurement(uid, {0, 3}, 1000.0f);

@@ -13,6 +13,7 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -171,6 +172,7 @@ private:
     std::vector<jack_port_t*> ports_;
     std::vector<float*> buffers_;
     std::atomic<bool> running_{false};
+    std::atomic<bool> noted_{false}; // the device counts this run's channels as running
     std::atomic<bool> connected_{false};
     bool flowing_ = false;                // audio thread only: all ports have been seen connected
     std::atomic<std::uint64_t> xruns_{0}; // of earlier runs
@@ -208,6 +210,9 @@ public:
             outputPorts_[channel] = port;
         }
         sampleRate_ = jack_get_sample_rate(client_);
+        runningCapture_.assign(inputPorts_.size(), 0);
+        runningPlayback_.assign(outputPorts_.size(), 0);
+        loopedCapture_.assign(inputPorts_.size(), false);
     }
     // A client whose server has gone is left alone: the library cannot talk to the server any more.
     // Endpoints hold the driver, so none is left when it goes.
@@ -234,6 +239,8 @@ public:
     std::uint32_t bufferSizeInFrames() const override {
         return isAlive() ? jack_get_buffer_size(client_) : 0;
     }
+    // The port's own latency, and for a capture channel that hears a loop through another client
+    // (see noteRunning) one period more: that period is the server's, not the device under test's.
     std::uint32_t latencyForChannel(AudioDirection direction, std::uint32_t channel) const override {
         if (!isAlive() || channel >= ports(direction).size() || ports(direction)[channel].empty())
             return 0;
@@ -243,6 +250,8 @@ public:
         jack_latency_range_t range{0, 0};
         jack_port_get_latency_range(
             port, direction == AudioDirection::Input ? JackCaptureLatency : JackPlaybackLatency, &range);
+        if (direction == AudioDirection::Input && capturesThroughLoop(channel))
+            return range.max + jack_get_buffer_size(client_);
         return range.max;
     }
 
@@ -320,6 +329,32 @@ public:
     std::mutex& requestMutex() noexcept { return requestMutex_; }
     std::uint64_t xruns() const noexcept { return xruns_.load(std::memory_order_relaxed); }
 
+    // Endpoints tell which channels run, once their ports are connected and again when they stop.
+    // When a capture channel hears an output port of another client (not a physical port) whose
+    // input ports one of our running playback channels feeds, the graph holds a loop through our own
+    // client: the server breaks a feedback loop with one period of delay, so what that client
+    // returns reaches us one period after it was played, however the server orders the clients.
+    // Every start looks at the channels running then; a channel keeps what its latest run found,
+    // because the recording is aligned after its endpoints have stopped.
+    void noteRunning(AudioDirection direction, const std::vector<std::uint32_t>& channels, bool running) {
+        std::lock_guard lock(loopsMutex_);
+        auto& counts = direction == AudioDirection::Input ? runningCapture_ : runningPlayback_;
+        for (std::uint32_t channel : channels) {
+            if (channel >= counts.size())
+                continue;
+            counts[channel] += running ? 1 : -1;
+        }
+        if (!running)
+            return;
+        for (std::uint32_t channel = 0; channel < runningCapture_.size(); ++channel)
+            if (runningCapture_[channel] > 0)
+                loopedCapture_[channel] = feedsBack(inputPorts_[channel]);
+    }
+    bool capturesThroughLoop(std::uint32_t channel) const {
+        std::lock_guard lock(loopsMutex_);
+        return channel < loopedCapture_.size() && loopedCapture_[channel];
+    }
+
     // Endpoints of a direction live in numbered slots; a slot is reserved for an endpoint's life
     // and names its ports apart from those of another endpoint of the same direction.
     std::optional<std::size_t> reserveSlot(AudioDirection direction) {
@@ -360,6 +395,24 @@ private:
     }
     Slots& published(AudioDirection direction) noexcept {
         return direction == AudioDirection::Input ? capture_ : playback_;
+    }
+    static std::string_view clientOf(std::string_view port) {
+        const std::size_t colon = port.find(':');
+        return colon == std::string_view::npos ? std::string_view() : port.substr(0, colon);
+    }
+    // Whether the captured port belongs to another client that a running playback channel feeds.
+    // Called with loopsMutex_ held.
+    bool feedsBack(const std::string& capturedPort) const {
+        const std::string_view other = clientOf(capturedPort);
+        if (other.empty() || other == jack_get_client_name(client_))
+            return false;
+        jack_port_t* port = jack_port_by_name(client_, capturedPort.c_str());
+        if (!port || (jack_port_flags(port) & JackPortIsPhysical))
+            return false;
+        for (std::uint32_t channel = 0; channel < runningPlayback_.size(); ++channel)
+            if (runningPlayback_[channel] > 0 && clientOf(outputPorts_[channel]) == other)
+                return true;
+        return false;
     }
     static void shutdown(jack_status_t, const char*, void* argument) {
         static_cast<JackDeviceDriver*>(argument)->alive_.store(false, std::memory_order_release);
@@ -431,6 +484,9 @@ private:
     std::mutex requestMutex_;
     std::mutex slotsMutex_;
     std::array<bool, kEndpointsPerDirection> captureReserved_{}, playbackReserved_{};
+    mutable std::mutex loopsMutex_;
+    std::vector<int> runningCapture_, runningPlayback_; // running endpoints per channel
+    std::vector<bool> loopedCapture_;
 };
 
 AudioStatus JackEndpoint::registerPorts() {
@@ -486,6 +542,8 @@ AudioStatus JackEndpoint::start() {
         stop();
         return kAudioStatusNoConnection;
     }
+    noted_.store(true);
+    driver_->noteRunning(configuration_.direction, configuration_.channels, true);
     connected_.store(true, std::memory_order_release);
     return kAudioStatusNoError;
 }
@@ -504,6 +562,8 @@ AudioStatus JackEndpoint::stop() {
                 status = AudioStatus(result);
     }
     driver_->withdraw(configuration_.direction, slot_);
+    if (noted_.exchange(false))
+        driver_->noteRunning(configuration_.direction, configuration_.channels, false);
     const std::uint64_t since = xrunsAtStart_.exchange(kNotCounting, std::memory_order_relaxed);
     if (since != kNotCounting)
         xruns_.fetch_add(driver_->xruns() - since, std::memory_order_relaxed);

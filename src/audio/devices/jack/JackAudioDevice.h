@@ -3,7 +3,9 @@
 // named one). Its channels are the server's physical capture and playback ports in the server's
 // order; the UID parameters "inN=PORT" and "outN=PORT" route channel N to any port instead, so a
 // measurement can run through other JACK clients. A device is one JACK client; each endpoint
-// registers ports of its own on it, connected to the channels' ports while it runs. The device's clock
+// registers ports of its own on it, connected to the channels' ports while it runs. A capture channel
+// that hears another client which the device's own playback feeds reports one period more latency:
+// the server closes that loop through the device's client with a period's delay. The device's clock
 // is the server's frame counter, extended to 64 bits; host time is the server's microsecond clock (the
 // monotonic clock).
 
