@@ -22,11 +22,18 @@ bool isPowerOfTwo(std::size_t value) noexcept {
 }
 
 // Copies source into the first samples of destination and zeroes the rest, cutting a longer source.
-void padInto(std::span<const float> source, std::span<float> destination) noexcept {
+// zeroFrom tells where destination is known to hold only zeros already (its size when nothing is
+// known); it is moved to where the padded source ends, so that padding again clears only what is
+// needed.
+void padInto(std::span<const float> source, std::span<float> destination, std::size_t& zeroFrom) noexcept {
     const std::size_t count = std::min(source.size(), destination.size());
     if (count != 0)
         std::memmove(destination.data(), source.data(), count * sizeof(float));
-    std::fill(destination.begin() + static_cast<std::ptrdiff_t>(count), destination.end(), 0.0f);
+    if (count < zeroFrom)
+        std::fill(destination.begin() + static_cast<std::ptrdiff_t>(count),
+                  destination.begin() + static_cast<std::ptrdiff_t>(std::min(zeroFrom, destination.size())),
+                  0.0f);
+    zeroFrom = count;
 }
 
 std::optional<float> narrowed(std::optional<double> lambda) noexcept {
@@ -117,7 +124,7 @@ VELTRealVector deconvolveOnce(const VELTRealVector& response, const VELTRealVect
     SweptSineDeconvolver deconvolver(stimulus.span());
     deconvolver.prepare(transformLength, correction, lambda);
     VELTRealVector impulseResponse(transformLength);
-    deconvolver.deconvolve(response.span(), impulseResponse.mutableSpan());
+    deconvolver.deconvolve(response.span(), impulseResponse.mutableSpan(), true);
     return impulseResponse;
 }
 
@@ -223,24 +230,24 @@ void SweptSineDeconvolver::prepare(std::size_t transformLength, const VELTRealVe
 
 // Forms the quotient that prepare asked for, with the caller's output as the zero-padded input of
 // the transforms it needs: the stimulus (unless kept) and the reference.
-void SweptSineDeconvolver::formPendingQuotient(std::span<float> padded) noexcept {
+void SweptSineDeconvolver::formPendingQuotient(std::span<float> padded, std::size_t& zeroFrom) noexcept {
     const std::size_t bins = transformLength_ / 2 + 1;
     const double scale = 1.0 / static_cast<double>(transformLength_);
     const bool keepStimulus = stimulusSpectrum_.size() == bins;
     if (!keepStimulus) {
         // No reference so far: the stimulus spectrum becomes the quotient in place.
-        padInto(stimulus_, padded);
+        padInto(stimulus_, padded, zeroFrom);
         setup_->forwardReal(padded.data(), quotient_.data());
         formQuotient(bins, quotient_.data(), nullptr, pendingLambda_, scale, quotient_.data());
     } else {
         if (!stimulusSpectrumValid_) {
-            padInto(stimulus_, padded);
+            padInto(stimulus_, padded, zeroFrom);
             setup_->forwardReal(padded.data(), stimulusSpectrum_.data());
             stimulusSpectrumValid_ = true;
         }
         const std::complex<float>* reference = nullptr;
         if (pendingCorrection_) {
-            padInto(pendingCorrection_->span(), padded);
+            padInto(pendingCorrection_->span(), padded, zeroFrom);
             setup_->forwardReal(padded.data(), responseSpectrum_.data());
             reference = responseSpectrum_.data();
         }
@@ -252,17 +259,19 @@ void SweptSineDeconvolver::formPendingQuotient(std::span<float> padded) noexcept
     pendingCorrection_ = nullptr;
 }
 
-void SweptSineDeconvolver::deconvolve(std::span<const float> response, std::span<float> impulseResponse) {
+void SweptSineDeconvolver::deconvolve(std::span<const float> response, std::span<float> impulseResponse,
+                                      bool impulseResponseIsZero) {
     TAVOLAR_PARAMETER_ASSERT(transformLength_ != 0);
     TAVOLAR_PARAMETER_ASSERT(impulseResponse.size() >= transformLength_);
     TAVOLAR_PARAMETER_ASSERT(response.data() + response.size() <= impulseResponse.data() ||
                              impulseResponse.data() + impulseResponse.size() <= response.data() ||
                              response.empty());
     const std::span<float> padded = impulseResponse.first(transformLength_);
+    std::size_t zeroFrom = impulseResponseIsZero ? 0 : transformLength_;
     if (quotientPending_)
-        formPendingQuotient(padded);
+        formPendingQuotient(padded, zeroFrom);
 
-    padInto(response, padded);
+    padInto(response, padded, zeroFrom);
     setup_->forwardReal(padded.data(), responseSpectrum_.data());
     multiplyByQuotient(transformLength_ / 2 + 1, responseSpectrum_.data(), quotient_.data());
     setup_->inverseRealUnscaled(responseSpectrum_.data(), padded.data());

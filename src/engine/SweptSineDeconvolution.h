@@ -102,11 +102,13 @@ public:
 
     // Deconvolves response (cut to the transform length if longer) into the first L samples of
     // impulseResponse, which must hold at least L and must not overlap response (parameter
-    // assertions, as is a call before prepare).
-    void deconvolve(std::span<const float> response, std::span<float> impulseResponse);
+    // assertions, as is a call before prepare). impulseResponseIsZero promises that its first L
+    // samples are all zero (a new vector), which spares clearing them for the zero padding.
+    void deconvolve(std::span<const float> response, std::span<float> impulseResponse,
+                    bool impulseResponseIsZero = false);
 
 private:
-    void formPendingQuotient(std::span<float> padded) noexcept;
+    void formPendingQuotient(std::span<float> padded, std::size_t& zeroFrom) noexcept;
 
     // A spectrum of L/2 + 1 bins, interleaved (the transforms' fastest layout) and left
     // uninitialised: every use writes it whole before reading it, and clearing megabytes only to

@@ -171,7 +171,8 @@ std::vector<Expected<VELTRealVector>> SynchronousAverager::Work::averageChannels
                 scratchLength = transformLength;
                 impulseResponse = scratch.mutableSpan().first(transformLength);
             }
-            deconvolver.deconvolve(response.span(), impulseResponse);
+            // A first response goes into its new, all-zero accumulator.
+            deconvolver.deconvolve(response.span(), impulseResponse, channel.count == 0);
 
             const SignalScan scan = scanSignal(impulseResponse);
             if (!scan.isUsable()) {

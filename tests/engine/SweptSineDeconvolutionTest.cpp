@@ -326,6 +326,8 @@ TEST(SweptSineDeconvolution, PreparedDeconvolverMatchesTheOneShotOperationsExact
         const std::size_t length = deconvolutionTransformLength(response.length(), stimulus.length());
         deconvolver.prepare(length, testCase.reference, testCase.lambda);
         VELTRealVector impulse(length + 3);
+        // Whatever the output held before must not leak into the zero padding.
+        std::fill_n(impulse.mutableComponents(), length, std::numeric_limits<float>::quiet_NaN());
         impulse[length] = 42.0f; // beyond the transform length nothing is written
         deconvolver.deconvolve(response.span(), impulse.mutableSpan());
         EXPECT_EQ(impulse[length], 42.0f);
