@@ -91,7 +91,7 @@ TEST(JackDevice, OneClientCarriesEveryEndpointAndTimeStampsMatchTheData) {
     std::vector<float> wire(64, 0.0f);
     wire[0] = 1.0f;
     testing::JconvolverClient convolver(server, "wire", wire, kRate, kPeriod);
-    ASSERT_TRUE(convolver.isReady());
+    ASSERT_TRUE(convolver.isReady()) << convolver.log();
     const std::string uid =
         server.deviceUID("out0=" + convolver.inputPort() + "&in0=" + convolver.outputPort());
     std::shared_ptr<AudioDeviceDriver> driver = openJackDeviceDriver(*AudioDeviceUID::parse(uid), uid);
@@ -150,7 +150,7 @@ TEST(JackDevice, OnlyALoopThroughTheDevicesOwnClientAddsAPeriodOfCaptureLatency)
     std::vector<float> wire(64, 0.0f);
     wire[0] = 1.0f;
     testing::JconvolverClient convolver(server, "wire", wire, kRate, kPeriod);
-    ASSERT_TRUE(convolver.isReady());
+    ASSERT_TRUE(convolver.isReady()) << convolver.log();
     const std::string playerUID = server.deviceUID("out0=" + convolver.inputPort());
     const std::string listenerUID = server.deviceUID("in0=" + convolver.outputPort());
     std::shared_ptr<AudioDeviceDriver> player =

@@ -134,7 +134,7 @@ TEST(JackMeasurement, ImpulseResponseOfJconvolverIsMeasuredWithinATenthOfADecibe
     ASSERT_TRUE(server.isReady());
     const std::vector<float> known = knownImpulseResponse();
     testing::JconvolverClient convolver(server, "dut", known, kRate, 256);
-    ASSERT_TRUE(convolver.isReady());
+    ASSERT_TRUE(convolver.isReady()) << convolver.log();
     const std::string uid =
         server.deviceUID("out0=" + convolver.inputPort() + "&in0=" + convolver.outputPort());
     VELTAudioDevice device(uid);
@@ -178,7 +178,7 @@ TEST(JackMeasurement, ChannelsKeepTheirLatenciesAndSilentInputsAreReported) {
     testing::JackTestServer server(kRate, 256, 4, 2);
     ASSERT_TRUE(server.isReady());
     testing::JconvolverClient convolver(server, "dut", knownImpulseResponse(), kRate, 256);
-    ASSERT_TRUE(convolver.isReady());
+    ASSERT_TRUE(convolver.isReady()) << convolver.log();
     // Channel 0 hears jconvolver; channel 3 is the dummy driver's fourth capture port (silent).
     const std::string uid =
         server.deviceUID("out0=" + convolver.inputPort() + "&in0=" + convolver.outputPort());
@@ -277,7 +277,7 @@ TEST(JackMeasurement, AServerThatShutsDownMidSweepEndsTheMeasurementWithAnError)
     testing::JackTestServer replacement(kRate, 256, 2, 2);
     ASSERT_TRUE(replacement.isReady());
     testing::JconvolverClient convolver(replacement, "dut", knownImpulseResponse(), kRate, 256);
-    ASSERT_TRUE(convolver.isReady());
+    ASSERT_TRUE(convolver.isReady()) << convolver.log();
     auto settings =
         std::make_shared<VELTAudioCaptureSettings>(*measurement->controller->audioCaptureSettings());
     const std::string next =
@@ -301,7 +301,7 @@ TEST(JackMeasurement, LongSweepAtSmallPeriodWithEightCaptureChannels) {
     testing::JackTestServer server(kRate, 64, 8, 2);
     ASSERT_TRUE(server.isReady());
     testing::JconvolverClient convolver(server, "dut", knownImpulseResponse(), kRate, 64);
-    ASSERT_TRUE(convolver.isReady());
+    ASSERT_TRUE(convolver.isReady()) << convolver.log();
     const std::string uid =
         server.deviceUID("out0=" + convolver.inputPort() + "&in0=" + convolver.outputPort());
     Measurement measurement(uid, {0, 1, 2, 3, 4, 5, 6, 7}, 10000.0f);

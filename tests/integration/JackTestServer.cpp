@@ -11,6 +11,7 @@
 #include <signal.h>
 #include <sndfile.h>
 #include <spawn.h>
+#include <sstream>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -174,9 +175,24 @@ JconvolverClient::JconvolverClient(const JackTestServer& server, const std::stri
             << "/output/name 1 out\n"
             << "/impulse/read 1 1 1 0 0 0 1 " << wave.string() << "\n";
     }
-    process_ = std::make_unique<ChildProcess>(std::vector<std::string>{"jconvolver", configuration.string()},
-                                              server.directory() / (clientName + ".log"));
-    ready_ = server.waitForPort(outputPort()) && server.waitForPort(inputPort());
+    // On a busy machine a client can fail to come up at a small period; it is given a few chances,
+    // as a user would start it again.
+    log_ = server.directory() / (clientName + ".log");
+    while (!ready_ && attempts_ < 3) {
+        ++attempts_;
+        process_.reset();
+        process_ = std::make_unique<ChildProcess>(
+            std::vector<std::string>{"jconvolver", configuration.string()}, log_);
+        ready_ = server.waitForPort(outputPort(), std::chrono::seconds(15)) &&
+                 server.waitForPort(inputPort(), std::chrono::seconds(15));
+    }
+}
+
+std::string JconvolverClient::log() const {
+    std::ifstream in(log_);
+    std::stringstream text;
+    text << "jconvolver, start " << attempts_ << ":\n" << in.rdbuf();
+    return text.str();
 }
 
 JconvolverClient::~JconvolverClient() {

@@ -69,9 +69,13 @@ public:
     bool isReady() const noexcept { return ready_; }
     std::string inputPort() const { return clientName_ + ":in"; }
     std::string outputPort() const { return clientName_ + ":out"; }
+    // What jconvolver printed, and how many starts it took, for a failure message.
+    std::string log() const;
 
 private:
     std::string clientName_;
+    std::filesystem::path log_;
+    int attempts_ = 0;
     std::unique_ptr<ChildProcess> process_;
     bool ready_ = false;
 };
