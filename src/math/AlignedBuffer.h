@@ -28,8 +28,9 @@ template <typename T> struct AlignedAllocator {
             throw std::bad_alloc();
         std::size_t bytes = (count * sizeof(T) + kVectorAlignment - 1) / kVectorAlignment * kVectorAlignment;
         const bool huge = bytes >= kHugePageBytes;
-        void* memory = std::aligned_alloc(huge ? kHugePageBytes : kVectorAlignment, bytes);
-        if (!memory)
+        // posix_memalign, unlike aligned_alloc, takes sizes that are no multiple of the alignment.
+        void* memory = nullptr;
+        if (posix_memalign(&memory, huge ? kHugePageBytes : kVectorAlignment, bytes) != 0)
             throw std::bad_alloc();
         if (huge) // advice only: its failure leaves ordinary pages
             madvise(memory, bytes / kHugePageBytes * kHugePageBytes, MADV_HUGEPAGE);
