@@ -23,7 +23,8 @@
 //
 // Environment: TAVOLAR_BENCH_RUNS sets the number of fast measurements (default 3), after one
 // measurement that is reported apart because it also plans the FFTs; TAVOLAR_BENCH_REALTIME=1 adds
-// the real-time one.
+// the real-time one; TAVOLAR_BENCH_WISDOM names a file of FFT wisdom (as `tavolar tune` writes) to
+// load first.
 //
 // Nothing here looks inside the controller: it is timed through its delegate, its end-of-buffer
 // notification and its audio controllers' time stamps only, so that whatever deconvolution the
@@ -36,6 +37,7 @@
 #include "audio/devices/VELTAudioHardware.h"
 #include "engine/VELTLogSweepSettings.h"
 #include "engine/VELTRZMeasurementController.h"
+#include "math/VELTFFTSetup.h"
 #include "platform/Logging.h"
 #include "platform/NotificationCenter.h"
 #include "platform/RunLoop.h"
@@ -47,8 +49,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -291,6 +295,14 @@ int main(int argc, char** argv) {
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
         return 1;
     setSystemLogEnabled(false);
+    // FFT plans measured beforehand (the file `tavolar tune` writes), as the host loads them.
+    if (const char* wisdomFile = std::getenv("TAVOLAR_BENCH_WISDOM")) {
+        std::ifstream in(wisdomFile);
+        std::stringstream wisdom;
+        wisdom << in.rdbuf();
+        if (!VELTFFTSetup::importWisdom(wisdom.str()))
+            std::fprintf(stderr, "%s holds no FFT wisdom; plans are estimated\n", wisdomFile);
+    }
     // As the command-line host does: the level checks are on unless a user turned them off.
     UserDefaults::standard().registerDefaults({{"ChecksRecordingLevel", true}});
 
