@@ -255,17 +255,22 @@ double threadSeconds() {
     return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
 }
 
+double wallSeconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+// clock is threadSeconds, or wallSeconds for work spread over several threads.
 template <typename Ours, typename Limit>
-void timeAgainstLimit(benchmark::State& state, Ours ours, Limit limit) {
+void timeAgainstLimit(benchmark::State& state, Ours ours, Limit limit, double (*clock)() = threadSeconds) {
     ours(); // plans made outside the timing
     limit();
     double oursTotal = 0, limitTotal = 0;
     for (auto _ : state) {
-        const double start = threadSeconds();
+        const double start = clock();
         ours();
-        const double middle = threadSeconds();
+        const double middle = clock();
         limit();
-        const double end = threadSeconds();
+        const double end = clock();
         state.SetIterationTime(middle - start);
         oursTotal += middle - start;
         limitTotal += end - middle;
@@ -320,35 +325,26 @@ void measurement(benchmark::State& state, std::size_t index) {
 
 // The measurement as the measurement controller runs it, channels shared among the cores, in
 // wall-clock time; the limit (single-threaded) is timed on the wall clock too.
-double wallSeconds() {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-}
-
 void measurementOnEveryCore(benchmark::State& state, std::size_t index) {
     const WorkloadData& data = workloadData(index);
     BareTransforms transforms(data.transformLength);
     const std::size_t deconvolutions = kWorkloads[index].channels * kWorkloads[index].averages;
-    impulseResponsesFromAveragingArrayConcurrently(data.recordings, data.stimulus);
-    double oursTotal = 0, limitTotal = 0;
-    for (auto _ : state) {
-        const double start = wallSeconds();
-        std::vector<Expected<VELTRealVector>> impulses =
-            impulseResponsesFromAveragingArrayConcurrently(data.recordings, data.stimulus);
-        benchmark::DoNotOptimize(impulses.data());
-        const double middle = wallSeconds();
-        transforms.forward();
-        for (std::size_t i = 0; i < deconvolutions; ++i) {
+    timeAgainstLimit(
+        state,
+        [&] {
+            std::vector<Expected<VELTRealVector>> impulses =
+                impulseResponsesFromAveragingArrayConcurrently(data.recordings, data.stimulus);
+            benchmark::DoNotOptimize(impulses.data());
+        },
+        [&] {
             transforms.forward();
-            transforms.inverse();
-        }
-        benchmark::DoNotOptimize(transforms.signal());
-        const double end = wallSeconds();
-        state.SetIterationTime(middle - start);
-        oursTotal += middle - start;
-        limitTotal += end - middle;
-    }
-    state.counters["limit_ms"] = limitTotal / static_cast<double>(state.iterations()) * 1e3;
-    state.counters["x_limit"] = oursTotal / limitTotal;
+            for (std::size_t i = 0; i < deconvolutions; ++i) {
+                transforms.forward();
+                transforms.inverse();
+            }
+            benchmark::DoNotOptimize(transforms.signal());
+        },
+        wallSeconds);
 }
 
 // The same measurement averaged one channel at a time (each call transforms the stimulus again).
