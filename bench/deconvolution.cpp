@@ -301,8 +301,10 @@ void oneChannel(benchmark::State& state, std::size_t index) {
 }
 
 // Averaging and deconvolution of every channel; the limit is one forward transform of the stimulus
-// and one forward and one inverse per channel and sweep.
-void measurement(benchmark::State& state, std::size_t index) {
+// and one forward and one inverse per channel and sweep. On every core, the measurement runs as the
+// measurement controller runs it, channels shared among the cores, and both it and the
+// (single-threaded) limit are timed on the wall clock.
+void measurementAgainstLimit(benchmark::State& state, std::size_t index, bool everyCore) {
     const WorkloadData& data = workloadData(index);
     BareTransforms transforms(data.transformLength);
     const std::size_t deconvolutions = kWorkloads[index].channels * kWorkloads[index].averages;
@@ -310,7 +312,8 @@ void measurement(benchmark::State& state, std::size_t index) {
         state,
         [&] {
             std::vector<Expected<VELTRealVector>> impulses =
-                impulseResponsesFromAveragingArray(data.recordings, data.stimulus);
+                everyCore ? impulseResponsesFromAveragingArrayConcurrently(data.recordings, data.stimulus)
+                          : impulseResponsesFromAveragingArray(data.recordings, data.stimulus);
             benchmark::DoNotOptimize(impulses.data());
         },
         [&] {
@@ -320,31 +323,16 @@ void measurement(benchmark::State& state, std::size_t index) {
                 transforms.inverse();
             }
             benchmark::DoNotOptimize(transforms.signal());
-        });
+        },
+        everyCore ? wallSeconds : threadSeconds);
 }
 
-// The measurement as the measurement controller runs it, channels shared among the cores, in
-// wall-clock time; the limit (single-threaded) is timed on the wall clock too.
+void measurement(benchmark::State& state, std::size_t index) {
+    measurementAgainstLimit(state, index, false);
+}
+
 void measurementOnEveryCore(benchmark::State& state, std::size_t index) {
-    const WorkloadData& data = workloadData(index);
-    BareTransforms transforms(data.transformLength);
-    const std::size_t deconvolutions = kWorkloads[index].channels * kWorkloads[index].averages;
-    timeAgainstLimit(
-        state,
-        [&] {
-            std::vector<Expected<VELTRealVector>> impulses =
-                impulseResponsesFromAveragingArrayConcurrently(data.recordings, data.stimulus);
-            benchmark::DoNotOptimize(impulses.data());
-        },
-        [&] {
-            transforms.forward();
-            for (std::size_t i = 0; i < deconvolutions; ++i) {
-                transforms.forward();
-                transforms.inverse();
-            }
-            benchmark::DoNotOptimize(transforms.signal());
-        },
-        wallSeconds);
+    measurementAgainstLimit(state, index, true);
 }
 
 // The same measurement averaged one channel at a time (each call transforms the stimulus again).
