@@ -117,14 +117,19 @@ private:
     public:
         Spectrum() = default;
         explicit Spectrum(std::size_t bins)
-            : data_(AlignedAllocator<std::complex<float>>().allocate(bins)), size_(bins) {}
+            : data_(AlignedAllocator<std::complex<float>>().allocate(bins), Free{bins}), size_(bins) {}
         std::size_t size() const noexcept { return size_; }
         std::complex<float>* data() noexcept { return data_.get(); }
         const std::complex<float>* data() const noexcept { return data_.get(); }
 
     private:
         struct Free {
-            void operator()(std::complex<float>* pointer) const noexcept { std::free(pointer); }
+            Free() noexcept : bins(0) {}
+            explicit Free(std::size_t count) noexcept : bins(count) {}
+            std::size_t bins;
+            void operator()(std::complex<float>* pointer) const noexcept {
+                AlignedAllocator<std::complex<float>>().deallocate(pointer, bins);
+            }
         };
         std::unique_ptr<std::complex<float>[], Free> data_;
         std::size_t size_ = 0;

@@ -189,8 +189,9 @@ TEST(SynchronousAveraging, AllChannelsAtOnceMatchChannelByChannel) {
         const Expected<VELTRealVector> reused = averager.impulseResponseForChannel(set, c);
         const Expected<VELTRealVector> single = impulseResponseFromAveragingArray(set, c, stimulus);
         ASSERT_EQ(reused.has_value(), single.has_value()) << "channel " << c;
-        if (single)
+        if (single) {
             EXPECT_EQ(*reused, *single) << "channel " << c;
+        }
     };
     for (std::size_t c : {2, 0, 1, 0})
         expectSameAsOneShot(recordings, c);
