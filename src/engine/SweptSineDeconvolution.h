@@ -107,6 +107,12 @@ public:
     void deconvolve(std::span<const float> response, std::span<float> impulseResponse,
                     bool impulseResponseIsZero = false);
 
+    // The same result for a deconvolver that serves this one response: the quotient is not formed,
+    // the response spectrum is divided by the stimulus spectrum in the same pass that multiplies.
+    // (With a reference, this is deconvolve.) A later deconvolve forms the quotient anew.
+    void deconvolveOnly(std::span<const float> response, std::span<float> impulseResponse,
+                        bool impulseResponseIsZero = false);
+
 private:
     void formPendingQuotient(std::span<float> padded, std::size_t& zeroFrom) noexcept;
 

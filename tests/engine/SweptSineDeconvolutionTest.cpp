@@ -284,7 +284,8 @@ TEST(SweptSineDeconvolution, UserDefaultsChooseTheVariantAndLambda) {
 }
 
 // One deconvolver serving responses of several lengths, references and regularisations in turn
-// gives exactly what the one-shot operations give: nothing stale is reused.
+// gives exactly what the one-shot operations give: nothing stale is reused, whether each response
+// goes through the reusable quotient or the single-use division.
 TEST(SweptSineDeconvolution, PreparedDeconvolverMatchesTheOneShotOperationsExactly) {
     std::mt19937 generator(7);
     std::normal_distribution<float> noise(0.0f, 0.3f);
@@ -329,10 +330,33 @@ TEST(SweptSineDeconvolution, PreparedDeconvolverMatchesTheOneShotOperationsExact
         // Whatever the output held before must not leak into the zero padding.
         std::fill_n(impulse.mutableComponents(), length, std::numeric_limits<float>::quiet_NaN());
         impulse[length] = 42.0f; // beyond the transform length nothing is written
-        deconvolver.deconvolve(response.span(), impulse.mutableSpan());
+        const bool singleUse = (&testCase - cases) % 2 == 1;
+        if (singleUse)
+            deconvolver.deconvolveOnly(response.span(), impulse.mutableSpan());
+        else
+            deconvolver.deconvolve(response.span(), impulse.mutableSpan());
         EXPECT_EQ(impulse[length], 42.0f);
         impulse.setLength(length);
-        EXPECT_EQ(impulse, expected) << "response of " << testCase.length;
+        EXPECT_EQ(impulse, expected) << "response of " << testCase.length
+                                     << (singleUse ? ", single use" : "");
+    }
+
+    // The single-use division leaves no quotient behind: a deconvolve after it forms one.
+    {
+        SweptSineDeconvolver fresh(stimulus.span());
+        const VELTRealVector response = randomVector(stimulus.length());
+        const VELTRealVector expected =
+            realVectorByDeconvolvingResponseWithRegularization(response, stimulus, nullptr, 1e-2);
+        const std::size_t length = deconvolutionTransformLength(response.length(), stimulus.length());
+        fresh.prepare(length, nullptr, 1e-2);
+        for (bool singleUse : {true, true, false, true, false}) {
+            VELTRealVector impulse(length);
+            if (singleUse)
+                fresh.deconvolveOnly(response.span(), impulse.mutableSpan(), true);
+            else
+                fresh.deconvolve(response.span(), impulse.mutableSpan(), true);
+            EXPECT_EQ(impulse, expected) << (singleUse ? "single use" : "reusable");
+        }
     }
 
     VELTRealVector tooShort(8);
