@@ -98,18 +98,22 @@ struct ChannelAverage {
 } // namespace
 
 // The averaging itself, for the given channels, on a deconvolver of the stimulus that may already
-// hold its quotient from earlier channels, and a scratch vector kept between calls.
+// hold its quotient from earlier channels, and a scratch vector kept between calls. lastUse tells
+// that the deconvolver serves nothing after this call: a single response then skips forming a
+// quotient nobody would reuse.
 struct SynchronousAverager::Work {
     static std::vector<Expected<VELTRealVector>>
     averageChannels(std::span<const VELTRZSweptSineRecording> recordings,
                     std::span<const std::size_t> channelIndices, const VELTRealVector& stimulusSignal,
-                    SweptSineDeconvolver& deconvolver, VELTRealVector& scratch, std::size_t& scratchLength);
+                    SweptSineDeconvolver& deconvolver, VELTRealVector& scratch, std::size_t& scratchLength,
+                    bool lastUse);
 };
 
 std::vector<Expected<VELTRealVector>> SynchronousAverager::Work::averageChannels(
     std::span<const VELTRZSweptSineRecording> recordings, std::span<const std::size_t> channelIndices,
     const VELTRealVector& stimulusSignal, SweptSineDeconvolver& deconvolver, VELTRealVector& scratch,
-    std::size_t& scratchLength) {
+    std::size_t& scratchLength, bool lastUse) {
+    const bool singleResponse = lastUse && recordings.size() == 1 && channelIndices.size() == 1;
     std::vector<ChannelAverage> channels(channelIndices.size());
     std::size_t longestAveragedLength = 0;
     for (std::size_t c = 0; c < channels.size(); ++c) {
@@ -172,7 +176,10 @@ std::vector<Expected<VELTRealVector>> SynchronousAverager::Work::averageChannels
                 impulseResponse = scratch.mutableSpan().first(transformLength);
             }
             // A first response goes into its new, all-zero accumulator.
-            deconvolver.deconvolve(response.span(), impulseResponse, channel.count == 0);
+            if (singleResponse)
+                deconvolver.deconvolveOnly(response.span(), impulseResponse, channel.count == 0);
+            else
+                deconvolver.deconvolve(response.span(), impulseResponse, channel.count == 0);
 
             const SignalScan scan = scanSignal(impulseResponse);
             if (!scan.isUsable()) {
@@ -215,15 +222,22 @@ SynchronousAverager::impulseResponseForChannel(std::span<const VELTRZSweptSineRe
                                                std::size_t channelIndex) {
     TAVOLAR_PARAMETER_ASSERT(!recordings.empty());
     const std::size_t channelIndices[] = {channelIndex};
-    return std::move(
-        Work::averageChannels(recordings, channelIndices, stimulus_, deconvolver_, scratch_, scratchLength_)
-            .front());
+    return std::move(Work::averageChannels(recordings, channelIndices, stimulus_, deconvolver_, scratch_,
+                                           scratchLength_, false)
+                         .front());
 }
 
 Expected<VELTRealVector>
 impulseResponseFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
                                   std::size_t channelIndex, const VELTRealVector& stimulusSignal) {
-    return SynchronousAverager(stimulusSignal).impulseResponseForChannel(recordings, channelIndex);
+    TAVOLAR_PARAMETER_ASSERT(!recordings.empty());
+    const std::size_t channelIndices[] = {channelIndex};
+    SweptSineDeconvolver deconvolver(stimulusSignal.span());
+    VELTRealVector scratch;
+    std::size_t scratchLength = 0;
+    return std::move(SynchronousAverager::Work::averageChannels(recordings, channelIndices, stimulusSignal,
+                                                                deconvolver, scratch, scratchLength, true)
+                         .front());
 }
 
 std::vector<Expected<VELTRealVector>>
@@ -241,7 +255,7 @@ impulseResponsesFromAveragingArray(std::span<const VELTRZSweptSineRecording> rec
     VELTRealVector scratch;
     std::size_t scratchLength = 0;
     return SynchronousAverager::Work::averageChannels(recordings, channelIndices, stimulusSignal, deconvolver,
-                                                      scratch, scratchLength);
+                                                      scratch, scratchLength, true);
 }
 
 std::vector<Expected<VELTRealVector>>
@@ -253,6 +267,13 @@ impulseResponsesFromAveragingArrayConcurrently(std::span<const VELTRZSweptSineRe
     const std::size_t channelCount = recordings.front().recordChannels().size();
     for (const VELTRZSweptSineRecording& recording : recordings)
         TAVOLAR_PARAMETER_ASSERT(recording.recordChannels().size() == channelCount);
+    if (channelCount == 1) { // nothing to share
+        std::vector<Expected<VELTRealVector>> results =
+            impulseResponsesFromAveragingArray(recordings, stimulusSignal);
+        if (channelFinished)
+            channelFinished(1);
+        return results;
+    }
     std::vector<std::optional<Expected<VELTRealVector>>> answers(channelCount);
     const std::size_t workers =
         std::min<std::size_t>(std::max(1u, std::thread::hardware_concurrency()), channelCount);
