@@ -14,11 +14,15 @@ namespace tavolar {
 namespace {
 
 // Hot loops run in blocks of this many bins, a form the compiler vectorises at every optimisation
-// level. The per-bin loops are also built for AVX2 and chosen when the processor has it: their double
-// precision divisions then run four at a time instead of two. AVX2 without FMA contracts nothing,
-// so both builds round alike and give the same bits.
+// level. On x86-64 the per-bin loops are also built for AVX2 and chosen when the processor has it: their
+// double precision divisions then run four at a time instead of two. AVX2 without FMA contracts nothing, so
+// both builds round alike and give the same bits.
 constexpr std::size_t kLanes = 8;
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
 #define TAVOLAR_BIN_LOOP __attribute__((target_clones("avx2", "default")))
+#else
+#define TAVOLAR_BIN_LOOP
+#endif
 
 bool isPowerOfTwo(std::size_t value) noexcept {
     return value != 0 && (value & (value - 1)) == 0;
