@@ -1,10 +1,12 @@
 #include "dsp/Hilbert.h"
 
+#include "math/AlignedBuffer.h"
 #include "math/VELTFFTSetup.h"
 #include "platform/Assertions.h"
 
 #include <algorithm>
 #include <cmath>
+#include <complex>
 #include <cstdint>
 
 namespace tavolar {
@@ -47,21 +49,44 @@ VELTComplexVector hilbertTransformedVector(const VELTRealVector& signal) {
     return analytic;
 }
 
+namespace {
+
+// H(x) alone, by real transforms: bins strictly between DC and N/2 turned by -90 degrees (the
+// imaginary part of the analytic signal's weighting), DC and N/2 cleared, 1/N folded in (exact for a
+// power of two). Half the memory of the complex route, and the plans are the deconvolution's.
+VELTRealVector hilbertComponent(const VELTRealVector& signal) {
+    const std::size_t length = hilbertTransformLength(signal.length());
+    if (length == 0)
+        return {};
+    VELTRealVector result(length); // the zero-padded signal first, then H(x)
+    std::copy_n(signal.components(), std::min(signal.length(), length), result.mutableComponents());
+    const VELTFFTInterleavedSetup setup = VELTFFTInterleavedSetup::FFTSetupWithLength(length);
+    AlignedBuffer<std::complex<float>> spectrum(length / 2 + 1);
+    setup.forwardReal(result.components(), spectrum.data());
+    const float scale = 1.0f / static_cast<float>(length);
+    spectrum[0] = 0.0f;
+    for (std::size_t k = 1; k < length / 2; ++k)
+        spectrum[k] = {spectrum[k].imag() * scale, -spectrum[k].real() * scale};
+    spectrum[length / 2] = 0.0f;
+    setup.inverseRealUnscaled(spectrum.data(), result.mutableComponents());
+    return result;
+}
+
+} // namespace
+
 VELTRealVector doublet(const VELTRealVector& signal) {
-    return hilbertTransformedVector(signal).imag();
+    return hilbertComponent(signal);
 }
 
 VELTRealVector energyTimeCurve(const VELTRealVector& signal) {
-    const VELTComplexVector analytic = hilbertTransformedVector(signal);
-    const std::size_t length = analytic.length();
-    VELTRealVector envelope(length);
-    const float* hilbert = analytic.imaginaryComponents();
-    const std::size_t available = std::min(signal.length(), length);
+    VELTRealVector envelope = hilbertComponent(signal);
+    const std::size_t available = std::min(signal.length(), envelope.length());
+    const float* x = signal.components();
     float* out = envelope.mutableComponents();
-    for (std::size_t i = 0; i < length; ++i) {
-        const float x = i < available ? signal[i] : 0.0f;
-        out[i] = std::sqrt(x * x + hilbert[i] * hilbert[i]);
-    }
+    for (std::size_t i = 0; i < available; ++i)
+        out[i] = std::sqrt(x[i] * x[i] + out[i] * out[i]);
+    for (std::size_t i = available; i < envelope.length(); ++i)
+        out[i] = std::fabs(out[i]);
     return envelope;
 }
 

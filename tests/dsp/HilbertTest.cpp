@@ -62,7 +62,7 @@ TEST(Hilbert, AnalyticSignalMatchesItsDefinitionAtAwkwardSizes) {
             ASSERT_NEAR(analytic.realComponents()[n], expected[n].real(), 2e-5) << size << " sample " << n;
             ASSERT_NEAR(analytic.imaginaryComponents()[n], expected[n].imag(), 2e-5)
                 << size << " sample " << n;
-            ASSERT_EQ(hilbert[n], analytic.imaginaryComponents()[n]);
+            ASSERT_NEAR(hilbert[n], expected[n].imag(), 2e-5) << size << " sample " << n;
             const double x = n < size ? signal[n] : 0.0;
             ASSERT_NEAR(envelope[n], std::hypot(x, expected[n].imag()), 2e-5) << size << " sample " << n;
         }
@@ -70,6 +70,7 @@ TEST(Hilbert, AnalyticSignalMatchesItsDefinitionAtAwkwardSizes) {
 
     EXPECT_EQ(hilbertTransformedVector(VELTRealVector()).length(), 0u);
     EXPECT_EQ(energyTimeCurve(VELTRealVector()).length(), 0u);
+    EXPECT_EQ(doublet(VELTRealVector()).length(), 0u);
 }
 
 TEST(Hilbert, CosineBecomesSineAndEnvelopesFollowTheAmplitude) {
