@@ -478,15 +478,18 @@ template <typename T> struct PlanSet {
 };
 
 // FFTW's real-to-complex and complex-to-real plans of one length, for the interleaved setup. Plans
-// are valid for the alignment classes they were made with; other buffers run unaligned plans.
+// are valid for the alignment classes they were made with; other buffers run unaligned plans, made
+// when first needed: their twiddle tables are as large as the transform (46 MB at 2^23 points), and
+// buffers of this library's vectors always fit the aligned ones.
 struct InterleavedPlanSet {
     using F = Fftw<float>;
     using Plan = F::Plan;
 
     std::size_t length = 0;
     Effort effort = Effort::estimate;
-    Plan forward = nullptr, forwardUnaligned = nullptr;
-    Plan backward = nullptr, backwardUnaligned = nullptr;
+    Plan forward = nullptr, backward = nullptr;
+    mutable Plan forwardUnaligned = nullptr, backwardUnaligned = nullptr;
+    mutable std::once_flag unalignedPlanned;
     int signalAlignment = 0, spectrumAlignment = 0;
 
     InterleavedPlanSet(std::size_t length, Effort effort) : length(length), effort(effort) {
@@ -501,10 +504,7 @@ struct InterleavedPlanSet {
             effort, [&](unsigned flags) { return F::planRealForward(n, signal.data(), complex, flags); });
         backward = planWithEffort<float>(
             effort, [&](unsigned flags) { return F::planRealBackward(n, complex, signal.data(), flags); });
-        forwardUnaligned = F::planRealForward(n, signal.data(), complex, FFTW_ESTIMATE | FFTW_UNALIGNED);
-        backwardUnaligned = F::planRealBackward(n, complex, signal.data(), FFTW_ESTIMATE | FFTW_UNALIGNED);
-        TAVOLAR_ASSERT(forward && backward && forwardUnaligned && backwardUnaligned,
-                       "FFTW could not plan a transform");
+        TAVOLAR_ASSERT(forward && backward, "FFTW could not plan a transform");
     }
 
     InterleavedPlanSet(const InterleavedPlanSet&) = delete;
@@ -513,7 +513,8 @@ struct InterleavedPlanSet {
     ~InterleavedPlanSet() {
         std::lock_guard lock(plannerMutex());
         for (Plan plan : {forward, forwardUnaligned, backward, backwardUnaligned})
-            F::destroy(plan);
+            if (plan)
+                F::destroy(plan);
     }
 
     bool fits(const float* signal, const std::complex<float>* spectrum) const noexcept {
@@ -521,15 +522,35 @@ struct InterleavedPlanSet {
                F::alignmentOf(reinterpret_cast<const float*>(spectrum)) == spectrumAlignment;
     }
 
+    // Estimated plans neither read nor write the arrays they are made with, so the caller's serve.
+    void planUnaligned(float* signal, std::complex<float>* spectrum) const noexcept {
+        std::call_once(unalignedPlanned, [&] {
+            std::lock_guard lock(plannerMutex());
+            const int n = static_cast<int>(length);
+            auto* complex = reinterpret_cast<F::Complex*>(spectrum);
+            forwardUnaligned = F::planRealForward(n, signal, complex, FFTW_ESTIMATE | FFTW_UNALIGNED);
+            backwardUnaligned = F::planRealBackward(n, complex, signal, FFTW_ESTIMATE | FFTW_UNALIGNED);
+            TAVOLAR_ASSERT(forwardUnaligned && backwardUnaligned, "FFTW could not plan a transform");
+        });
+    }
+
     void forwardReal(const float* in, std::complex<float>* out) const noexcept {
         auto* signal = const_cast<float*>(in); // an out-of-place real-to-complex plan only reads it
-        F::executeRealForward(fits(in, out) ? forward : forwardUnaligned, signal,
-                              reinterpret_cast<F::Complex*>(out));
+        if (fits(in, out)) {
+            F::executeRealForward(forward, signal, reinterpret_cast<F::Complex*>(out));
+            return;
+        }
+        planUnaligned(signal, out);
+        F::executeRealForward(forwardUnaligned, signal, reinterpret_cast<F::Complex*>(out));
     }
 
     void inverseRealUnscaled(std::complex<float>* in, float* out) const noexcept {
-        F::executeRealBackward(fits(out, in) ? backward : backwardUnaligned,
-                               reinterpret_cast<F::Complex*>(in), out);
+        if (fits(out, in)) {
+            F::executeRealBackward(backward, reinterpret_cast<F::Complex*>(in), out);
+            return;
+        }
+        planUnaligned(out, in);
+        F::executeRealBackward(backwardUnaligned, reinterpret_cast<F::Complex*>(in), out);
     }
 };
 

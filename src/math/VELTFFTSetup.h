@@ -70,8 +70,9 @@ private:
 // caller who scales its spectrum anyway folds 1/N into that pass. Aliasing: out-of-place only; the
 // forward transform preserves its input, the inverse overwrites its input spectrum. Threads, plan
 // cache and planning effort as for VELTFFTSetup (these plans are cached apart from it). Buffers
-// aligned like the vector types run the aligned SIMD plans, anything else an unaligned plan.
-// Executing never locks and allocates nothing up to 2^19 points.
+// aligned like the vector types run the aligned SIMD plans, anything else an unaligned plan, which
+// is made (under the planner lock, allocating) the first time a length meets such a buffer. With
+// aligned buffers, executing never locks and allocates nothing up to 2^19 points.
 class VELTFFTInterleavedSetup {
 public:
     static VELTFFTInterleavedSetup FFTSetupWithLength(std::size_t length);

@@ -348,6 +348,40 @@ TEST(FFT, ManyThreadsShareOneSetupAndPlanNewLengthsTogether) {
     EXPECT_EQ(mismatches.load(), 0);
 }
 
+// The unaligned interleaved plans are made on first need; threads that all need them at once get
+// one set and the same numbers as the aligned plans.
+TEST(FFT, InterleavedUnalignedPlansAreMadeOnceUnderConcurrentFirstUse) {
+    const std::size_t n = 512; // planned by no other test
+    const auto setup = VELTFFTInterleavedSetup::FFTSetupWithLength(n);
+    const auto values = reference::randomFloats(n, 77);
+    const std::size_t bins = n / 2 + 1;
+    AlignedBuffer<std::complex<float>> alignedSpectrum(bins);
+    setup.forwardReal(values.data(), alignedSpectrum.data());
+    const auto expected = reference::dft(asComplex(values));
+
+    constexpr int kThreads = 6;
+    std::atomic<int> mismatches{0};
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t)
+        threads.emplace_back([&] {
+            AlignedBuffer<float> input(n + 1);
+            std::ranges::copy(values, input.begin() + 1);
+            AlignedBuffer<std::complex<float>> spectrum(bins);
+            while (!go.load())
+                std::this_thread::yield();
+            setup.forwardReal(input.data() + 1, spectrum.data());
+            const std::vector<Complex> computed(spectrum.begin(), spectrum.end());
+            if (reference::relativeErrorDecibels(computed, {expected.begin(), expected.begin() + bins}) >
+                kFloatErrorLimitDecibels)
+                ++mismatches;
+        });
+    go = true;
+    for (auto& thread : threads)
+        thread.join();
+    EXPECT_EQ(mismatches.load(), 0);
+}
+
 TEST(FFT, PlanningEffortAndWisdom) {
     const VELTFFTPlanning previous = VELTFFTSetup::planning();
     VELTFFTSetup::setPlanning(VELTFFTPlanning::measure);
