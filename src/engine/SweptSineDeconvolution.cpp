@@ -297,28 +297,16 @@ void SweptSineDeconvolver::formPendingQuotient(std::span<float> padded, std::siz
 
 void SweptSineDeconvolver::deconvolve(std::span<const float> response, std::span<float> impulseResponse,
                                       bool impulseResponseIsZero) {
-    TAVOLAR_PARAMETER_ASSERT(transformLength_ != 0);
-    TAVOLAR_PARAMETER_ASSERT(impulseResponse.size() >= transformLength_);
-    TAVOLAR_PARAMETER_ASSERT(response.data() + response.size() <= impulseResponse.data() ||
-                             impulseResponse.data() + impulseResponse.size() <= response.data() ||
-                             response.empty());
-    const std::span<float> padded = impulseResponse.first(transformLength_);
-    std::size_t zeroFrom = impulseResponseIsZero ? 0 : transformLength_;
-    if (quotientPending_)
-        formPendingQuotient(padded, zeroFrom);
-
-    padInto(response, padded, zeroFrom);
-    setup_->forwardReal(padded.data(), responseSpectrum_.data());
-    multiplyByQuotient(transformLength_ / 2 + 1, responseSpectrum_.data(), quotient_.data());
-    setup_->inverseRealUnscaled(responseSpectrum_.data(), padded.data());
+    deconvolveInto(response, impulseResponse, impulseResponseIsZero, false);
 }
 
 void SweptSineDeconvolver::deconvolveOnly(std::span<const float> response, std::span<float> impulseResponse,
                                           bool impulseResponseIsZero) {
-    if (!quotientPending_ || pendingCorrection_ || stimulusSpectrum_.size() != 0) {
-        deconvolve(response, impulseResponse, impulseResponseIsZero);
-        return;
-    }
+    deconvolveInto(response, impulseResponse, impulseResponseIsZero, true);
+}
+
+void SweptSineDeconvolver::deconvolveInto(std::span<const float> response, std::span<float> impulseResponse,
+                                          bool impulseResponseIsZero, bool singleUse) {
     TAVOLAR_PARAMETER_ASSERT(transformLength_ != 0);
     TAVOLAR_PARAMETER_ASSERT(impulseResponse.size() >= transformLength_);
     TAVOLAR_PARAMETER_ASSERT(response.data() + response.size() <= impulseResponse.data() ||
@@ -326,15 +314,24 @@ void SweptSineDeconvolver::deconvolveOnly(std::span<const float> response, std::
                              response.empty());
     const std::span<float> padded = impulseResponse.first(transformLength_);
     std::size_t zeroFrom = impulseResponseIsZero ? 0 : transformLength_;
-    // The stimulus spectrum goes where the quotient would be; the quotient stays pending.
-    padInto(stimulus_, padded, zeroFrom);
-    setup_->forwardReal(padded.data(), quotient_.data());
-    padInto(response, padded, zeroFrom);
-    setup_->forwardReal(padded.data(), responseSpectrum_.data());
-    divideBySpectrum(transformLength_ / 2 + 1, responseSpectrum_.data(), quotient_.data(),
-                     pendingLambda_ ? static_cast<double>(*pendingLambda_) : 0.0,
-                     1.0 / static_cast<double>(transformLength_));
-    quotientReusable_ = false;
+    const std::size_t bins = transformLength_ / 2 + 1;
+    if (singleUse && quotientPending_ && !pendingCorrection_ && stimulusSpectrum_.size() == 0) {
+        // The stimulus spectrum goes where the quotient would be; the quotient stays pending.
+        padInto(stimulus_, padded, zeroFrom);
+        setup_->forwardReal(padded.data(), quotient_.data());
+        padInto(response, padded, zeroFrom);
+        setup_->forwardReal(padded.data(), responseSpectrum_.data());
+        divideBySpectrum(bins, responseSpectrum_.data(), quotient_.data(),
+                         pendingLambda_ ? static_cast<double>(*pendingLambda_) : 0.0,
+                         1.0 / static_cast<double>(transformLength_));
+        quotientReusable_ = false;
+    } else {
+        if (quotientPending_)
+            formPendingQuotient(padded, zeroFrom);
+        padInto(response, padded, zeroFrom);
+        setup_->forwardReal(padded.data(), responseSpectrum_.data());
+        multiplyByQuotient(bins, responseSpectrum_.data(), quotient_.data());
+    }
     setup_->inverseRealUnscaled(responseSpectrum_.data(), padded.data());
 }
 

@@ -114,6 +114,8 @@ public:
                         bool impulseResponseIsZero = false);
 
 private:
+    void deconvolveInto(std::span<const float> response, std::span<float> impulseResponse,
+                        bool impulseResponseIsZero, bool singleUse);
     void formPendingQuotient(std::span<float> padded, std::size_t& zeroFrom) noexcept;
 
     // A spectrum of L/2 + 1 bins, interleaved (the transforms' fastest layout) and left

@@ -27,6 +27,21 @@ constexpr double kDoubleErrorLimitDecibels = -280;
 
 const std::size_t kLengths[] = {1, 2, 4, 8, 16, 64, 1024, 4096};
 
+// Runs body(index) on that many threads, released together so that they overlap.
+template <typename Body> void runTogether(int count, Body body) {
+    std::atomic<bool> go{false};
+    std::vector<std::thread> threads;
+    for (int index = 0; index < count; ++index)
+        threads.emplace_back([&, index] {
+            while (!go.load())
+                std::this_thread::yield();
+            body(index);
+        });
+    go = true;
+    for (auto& thread : threads)
+        thread.join();
+}
+
 std::vector<Complex> asComplex(std::span<const float> real, std::span<const float> imag = {}) {
     std::vector<Complex> result(real.size());
     for (std::size_t i = 0; i < real.size(); ++i)
@@ -312,39 +327,31 @@ TEST(FFT, ManyThreadsShareOneSetupAndPlanNewLengthsTogether) {
     }
 
     std::atomic<int> mismatches{0};
-    std::atomic<bool> go{false};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&, t] {
-            while (!go.load())
-                std::this_thread::yield();
-            // Each thread also asks for a length nobody has planned yet, so planning runs while
-            // other threads execute.
-            const std::size_t ownLength = std::size_t{1} << (5 + t % 4);
-            const VELTRealVector own(reference::randomFloats(ownLength, 130 + t));
-            VELTComplexVector spectrum(n / 2 + 1);
-            VELTRealVector back(n);
-            for (int round = 0; round < kRounds; ++round) {
-                const int s = (t + round) % kSignals;
-                signals[s].fftIntoComplexVector(spectrum, setup);
-                if (spectrum != expected[s])
+    runTogether(kThreads, [&](int t) {
+        // Each thread also asks for a length nobody has planned yet, so planning runs while
+        // other threads execute.
+        const std::size_t ownLength = std::size_t{1} << (5 + t % 4);
+        const VELTRealVector own(reference::randomFloats(ownLength, 130 + t));
+        VELTComplexVector spectrum(n / 2 + 1);
+        VELTRealVector back(n);
+        for (int round = 0; round < kRounds; ++round) {
+            const int s = (t + round) % kSignals;
+            signals[s].fftIntoComplexVector(spectrum, setup);
+            if (spectrum != expected[s])
+                ++mismatches;
+            spectrum.ifftIntoRealVector(back, setup);
+            const auto error =
+                reference::relativeErrorDecibels(asComplex(back.span()), asComplex(signals[s].span()));
+            if (error > kFloatErrorLimitDecibels)
+                ++mismatches;
+            if (round == kRounds / 2) {
+                const auto roundTrip = own.fft().ifft();
+                if (reference::relativeErrorDecibels(asComplex(roundTrip.span()), asComplex(own.span())) >
+                    kFloatErrorLimitDecibels)
                     ++mismatches;
-                spectrum.ifftIntoRealVector(back, setup);
-                const auto error =
-                    reference::relativeErrorDecibels(asComplex(back.span()), asComplex(signals[s].span()));
-                if (error > kFloatErrorLimitDecibels)
-                    ++mismatches;
-                if (round == kRounds / 2) {
-                    const auto roundTrip = own.fft().ifft();
-                    if (reference::relativeErrorDecibels(asComplex(roundTrip.span()), asComplex(own.span())) >
-                        kFloatErrorLimitDecibels)
-                        ++mismatches;
-                }
             }
-        });
-    go = true;
-    for (auto& thread : threads)
-        thread.join();
+        }
+    });
     EXPECT_EQ(mismatches.load(), 0);
 }
 
@@ -361,24 +368,16 @@ TEST(FFT, InterleavedUnalignedPlansAreMadeOnceUnderConcurrentFirstUse) {
 
     constexpr int kThreads = 6;
     std::atomic<int> mismatches{0};
-    std::atomic<bool> go{false};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t)
-        threads.emplace_back([&] {
-            AlignedBuffer<float> input(n + 1);
-            std::ranges::copy(values, input.begin() + 1);
-            AlignedBuffer<std::complex<float>> spectrum(bins);
-            while (!go.load())
-                std::this_thread::yield();
-            setup.forwardReal(input.data() + 1, spectrum.data());
-            const std::vector<Complex> computed(spectrum.begin(), spectrum.end());
-            if (reference::relativeErrorDecibels(computed, {expected.begin(), expected.begin() + bins}) >
-                kFloatErrorLimitDecibels)
-                ++mismatches;
-        });
-    go = true;
-    for (auto& thread : threads)
-        thread.join();
+    runTogether(kThreads, [&](int) {
+        AlignedBuffer<float> input(n + 1);
+        std::ranges::copy(values, input.begin() + 1);
+        AlignedBuffer<std::complex<float>> spectrum(bins);
+        setup.forwardReal(input.data() + 1, spectrum.data());
+        const std::vector<Complex> computed(spectrum.begin(), spectrum.end());
+        if (reference::relativeErrorDecibels(computed, {expected.begin(), expected.begin() + bins}) >
+            kFloatErrorLimitDecibels)
+            ++mismatches;
+    });
     EXPECT_EQ(mismatches.load(), 0);
 }
 
