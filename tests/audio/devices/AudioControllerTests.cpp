@@ -210,6 +210,9 @@ TEST(AudioControllers, CyclesTheDeviceSkipsAreBridgedSoTheRecordingStaysOnTheTim
     input.startRecording();
     output.startPlayback();
     ASSERT_TRUE(RunLoop::runUntil([&] { return ended; }, std::chrono::seconds(20)));
+    // The stimulus has no silence after it: record on a little, so that the last frames played have
+    // come back through the loop, however slowly the machine runs.
+    RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(100));
     output.stopPlayback();
     input.stopRecording();
     NotificationCenter::defaultCenter().removeObserver(token);
