@@ -95,7 +95,18 @@ struct OperationQueue::State : std::enable_shared_from_this<OperationQueue::Stat
 void Operation::cancel() {
     cancelled_.store(true, std::memory_order_release);
     // Cancelling makes a waiting operation ready.
-    if (auto queue = std::static_pointer_cast<OperationQueue::State>(queue_.lock()))
+    wakeQueue();
+}
+
+void Operation::wakeQueue() const {
+    // The queue is set by addOperation on another thread, so it is read under the lock; the queue's
+    // own lock is taken only after this one is released, as everywhere else.
+    std::weak_ptr<void> weakQueue;
+    {
+        std::lock_guard lock(mutex_);
+        weakQueue = queue_;
+    }
+    if (auto queue = std::static_pointer_cast<OperationQueue::State>(weakQueue.lock()))
         queue->wake();
 }
 
@@ -122,8 +133,7 @@ void Operation::removeDependency(const std::shared_ptr<Operation>& operation) {
         std::lock_guard lock(mutex_);
         std::erase(dependencies_, operation);
     }
-    if (auto queue = std::static_pointer_cast<OperationQueue::State>(queue_.lock()))
-        queue->wake();
+    wakeQueue();
 }
 
 std::vector<std::shared_ptr<Operation>> Operation::dependencies() const {
@@ -152,7 +162,10 @@ void Operation::waitUntilFinished() const {
 }
 
 void Operation::start() {
-    TAVOLAR_PARAMETER_ASSERT(!enqueued_);
+    {
+        std::lock_guard lock(mutex_);
+        TAVOLAR_PARAMETER_ASSERT(!enqueued_);
+    }
     TAVOLAR_PARAMETER_ASSERT(isReady());
     run();
 }
@@ -195,11 +208,8 @@ void Operation::notifyDependents() {
         dependents.swap(dependents_);
     }
     for (const auto& weak : dependents) {
-        auto dependent = weak.lock();
-        if (!dependent)
-            continue;
-        if (auto queue = std::static_pointer_cast<OperationQueue::State>(dependent->queue_.lock()))
-            queue->wake();
+        if (auto dependent = weak.lock())
+            dependent->wakeQueue();
     }
 }
 

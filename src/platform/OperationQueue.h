@@ -59,6 +59,8 @@ private:
     // Runs main() unless cancelled, then finishes and wakes whatever waits on this operation.
     void run();
     void notifyDependents();
+    // Tells the queue the operation was added to, if any, that it may have become ready.
+    void wakeQueue() const;
 
     mutable std::mutex mutex_;
     mutable std::condition_variable finished_;
