@@ -18,7 +18,9 @@ namespace {
 // double precision divisions then run four at a time instead of two. AVX2 without FMA contracts nothing, so
 // both builds round alike and give the same bits.
 constexpr std::size_t kLanes = 8;
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+// ThreadSanitizer instruments the clones' resolver, which the loader runs before the sanitizer's
+// runtime is up, so a ThreadSanitizer build keeps the plain build only.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__)
 #define TAVOLAR_BIN_LOOP __attribute__((target_clones("avx2", "default")))
 #else
 #define TAVOLAR_BIN_LOOP

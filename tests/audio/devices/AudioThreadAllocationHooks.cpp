@@ -19,7 +19,7 @@ inline void countAllocation() noexcept {
 
 } // namespace
 
-#if defined(__SANITIZE_ADDRESS__)
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 
 namespace tavolar::testing {
 bool audioThreadHooksInstalled() noexcept {

@@ -1,7 +1,7 @@
 #pragma once
 // Counts heap allocations and mutex locks made on audio threads (inside a RealTimeCallbackScope) by
 // replacing malloc and its relatives and pthread_mutex_lock for the whole test program. Unavailable
-// under AddressSanitizer, which owns the allocator itself.
+// under AddressSanitizer and ThreadSanitizer, which own the allocator themselves.
 
 #include <cstdint>
 
