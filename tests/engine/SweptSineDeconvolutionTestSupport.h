@@ -3,38 +3,17 @@
 // their analytic design formulas, filtering and delay, and the frequency response of an impulse
 // response by direct summation of its discrete-time Fourier transform.
 
+#include "engine/IsolatedUserDefaults.h"
 #include "math/VELTRealVector.h"
 
 #include <cmath>
 #include <complex>
 #include <cstddef>
-#include <cstdlib>
-#include <filesystem>
 #include <numbers>
 #include <span>
-#include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace tavolar::testing {
-
-// The deconvolution reads the standard user defaults; these tests keep them in a file of their own
-// (unless the runner already chose one), never the user's, and remove it when they end.
-inline const struct IsolatedUserDefaults {
-    std::filesystem::path file;
-    IsolatedUserDefaults() {
-        if (std::getenv("TAVOLAR_DEFAULTS_FILE"))
-            return;
-        file = std::filesystem::temp_directory_path() /
-               ("tavolar-engine-tests-" + std::to_string(::getpid()) + ".json");
-        ::setenv("TAVOLAR_DEFAULTS_FILE", file.c_str(), 1);
-    }
-    ~IsolatedUserDefaults() {
-        std::error_code ignored;
-        if (!file.empty())
-            std::filesystem::remove(file, ignored);
-    }
-} kIsolatedUserDefaults;
 
 // A second-order section with a0 normalised to 1.
 struct Biquad {
