@@ -139,6 +139,32 @@ TEST(OperationQueue, CancelledOperationsFinishWithoutRunningAndReleaseTheirDepen
     EXPECT_THROW(queue.addOperation(longRunning), ParameterAssertion);
 }
 
+// A final operation added after the operations it depends on, as a background calculation uses the
+// queue: the dependencies finish, and wake the final operation's queue, while it is being added.
+// Repeated so that ThreadSanitizer sees the two meet.
+TEST(OperationQueue, AFinalOperationAddedAfterItsDependenciesRunsLast) {
+    OperationQueue queue("calculation");
+    for (int round = 0; round < 200; ++round) {
+        std::atomic<int> finished{0};
+        std::vector<std::shared_ptr<Operation>> parts;
+        for (int i = 0; i < 4; ++i)
+            parts.push_back(queue.addOperation([&] { ++finished; }));
+        int seenByFinal = -1;
+        auto final = std::make_shared<BlockOperation>([&] { seenByFinal = finished.load(); });
+        for (const auto& part : parts)
+            final->addDependency(part);
+        // Every other round also holds it back by an operation that is never run, then lets it go.
+        auto neverRun = std::make_shared<BlockOperation>([] {});
+        if (round % 2)
+            final->addDependency(neverRun);
+        queue.addOperation(final);
+        if (round % 2)
+            final->removeDependency(neverRun);
+        final->waitUntilFinished();
+        ASSERT_EQ(seenByFinal, 4) << "round " << round;
+    }
+}
+
 TEST(OperationQueue, DestroyingAQueueCancelsWhatHasNotStarted) {
     std::atomic<int> ran{0};
     std::shared_ptr<Operation> pending;
