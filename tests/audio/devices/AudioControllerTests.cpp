@@ -2,16 +2,12 @@
 // recording files, time stamps, the end-of-buffer notification, channel mapping, retained files and
 // the errors of set-up steps.
 
-#include "audio/VELTAudioCaptureSettings.h"
-#include "audio/VELTAudioInputController.h"
-#include "audio/VELTAudioOutputController.h"
+#include "SimulatedMeasurement.h"
+#include "audio/devices/simulated/SimulatedDeviceConfiguration.h"
 #include "platform/Logging.h"
-#include "platform/NotificationCenter.h"
-#include "platform/RunLoop.h"
 #include "platform/UUID.h"
 #include "platform/UserDefaults.h"
 
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fmt/format.h>
@@ -21,28 +17,8 @@
 namespace tavolar {
 namespace {
 
-// Keeps these tests' defaults out of the user's own file.
-const bool defaultsIsolated = [] {
-    if (!std::getenv("TAVOLAR_DEFAULTS_FILE"))
-        setenv("TAVOLAR_DEFAULTS_FILE",
-               (std::filesystem::temp_directory_path() / ("tavolar-audio-tests-" + newUUIDString() + ".json"))
-                   .c_str(),
-               1);
-    return true;
-}();
-
-std::shared_ptr<VELTAudioCaptureSettings> settingsFor(const std::string& uid, IndexSet playback,
-                                                      std::vector<std::int64_t> record) {
-    auto settings = std::make_shared<VELTAudioCaptureSettings>();
-    settings->setPlaybackDeviceUID(uid);
-    settings->setRecordDeviceUID(uid);
-    settings->setPlaybackChannels(playback);
-    std::vector<RecordChannelEntry> entries;
-    for (std::int64_t channel : record)
-        entries.emplace_back(channel, nullptr, std::nullopt);
-    settings->setRecordChannelEntries(entries);
-    return settings;
-}
+using testing::captureSettings;
+using testing::playAndRecord;
 
 VELTRealVector ramp(std::size_t length, float scale) {
     VELTRealVector vector(length);
@@ -52,10 +28,8 @@ VELTRealVector ramp(std::size_t length, float scale) {
 }
 
 TEST(VELTAudioOutputController, MixerRoutesTheStimulusToPlaybackAndCorrectionChannelsOnly) {
-    auto settings = settingsFor("sim:routing?outputs=4&pace=fast", {0}, {0});
-    settings->setCorrectionEnabled(true);
-    settings->setCorrectionPlaybackChannel(1);
-    VELTAudioOutputController controller(settings);
+    VELTAudioOutputController controller(
+        captureSettings("sim:routing?outputs=4&pace=fast", {0}, {0}, testing::CorrectionChannels{1, 0}));
     EXPECT_EQ(controller.allPlaybackChannels(), (IndexSet{0, 1}));
     EXPECT_EQ(controller.crosspointVolume(0, 0), 1.0f);
     EXPECT_EQ(controller.crosspointVolume(0, 1), 1.0f);
@@ -66,9 +40,8 @@ TEST(VELTAudioOutputController, MixerRoutesTheStimulusToPlaybackAndCorrectionCha
     EXPECT_EQ(controller.playbackClientStreamDescription().sampleRate, 48000.0);
 
     // Settings naming a missing device: the set-up step says which step failed and with what status.
-    auto missing = settingsFor("sim:routing?bogus=1", {0}, {0});
     LogCapture log;
-    controller.setAudioCaptureSettings(missing);
+    controller.setAudioCaptureSettings(captureSettings("sim:routing?bogus=1", {0}, {0}));
     auto result = controller.configureAudioOutput();
     ASSERT_FALSE(result);
     EXPECT_EQ(result.error().localizedDescription,
@@ -82,7 +55,7 @@ TEST(VELTAudioOutputController, MixerRoutesTheStimulusToPlaybackAndCorrectionCha
 }
 
 TEST(VELTAudioOutputController, StimulusFilesHoldTheVectorExactlyAndAreDeletedUnlessRetained) {
-    auto settings = settingsFor("sim:files?pace=fast&rate=44100", {0}, {0});
+    auto settings = captureSettings("sim:files?pace=fast&rate=44100", {0}, {0});
     std::filesystem::path first, retained;
     {
         VELTAudioOutputController controller(settings);
@@ -134,10 +107,11 @@ TEST(VELTAudioOutputController, StimulusFilesHoldTheVectorExactlyAndAreDeletedUn
 }
 
 TEST(AudioControllers, PlaybackAndRecordingMeetOnTheDeviceClock) {
-    // Loop-back from output 1 to input 1 with 5 frames of input latency; the stimulus also drives
-    // the device under test on output 0 (delay 30) into input 0.
-    const std::string uid = "sim:clock?pace=fast&buffer=128&latency=0,5&delay=30&noise=off";
-    auto settings = settingsFor(uid, {0, 1}, {0, 1});
+    // Output 0 drives the built-in device under test (gain 0.5), delayed by 30 frames, into input 0;
+    // output 1 is wired back to input 1, which lags by 5 frames. The input stream's stamps read 40
+    // frames behind the output's for the same moment.
+    const std::string uid = "sim:clock?pace=fast&buffer=128&latency=0,5&delay=30&clockOffset=-40&noise=off";
+    auto settings = captureSettings(uid, {0, 1}, {0, 1});
     VELTAudioOutputController output(settings);
     VELTAudioInputController input(settings);
     ASSERT_TRUE(input.isConfigured());
@@ -145,32 +119,19 @@ TEST(AudioControllers, PlaybackAndRecordingMeetOnTheDeviceClock) {
     const VELTRealVector stimulus = ramp(30000, 0.8f);
     output.setPlaybackVector(stimulus);
 
-    int notifications = 0;
-    const void* sender = nullptr;
-    auto token = NotificationCenter::defaultCenter().addObserver(
-        std::string(VELTAudioOutputControllerEndOfBufferNotification), &output,
-        [&](const Notification& notification) {
-            ++notifications;
-            sender = notification.sender;
-        });
-    input.startRecording();
-    output.startPlayback();
-    ASSERT_TRUE(RunLoop::runUntil([&] { return notifications > 0; }, std::chrono::seconds(20)));
-    // Play on for a while: no second notification, and what renders after the end is silence.
-    RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(100));
-    output.stopPlayback();
-    input.stopRecording();
-    NotificationCenter::defaultCenter().removeObserver(token);
-    EXPECT_EQ(notifications, 1);
-    EXPECT_EQ(sender, &output);
+    // Play on for a while after the end: no second notification, and what renders then is silence.
+    const testing::PlaybackEnd end = playAndRecord(output, input, std::chrono::milliseconds(100));
+    EXPECT_EQ(end.notifications, 1);
+    EXPECT_EQ(end.sender, &output);
     EXPECT_EQ(output.underruns(), 0u);
     EXPECT_EQ(input.droppedFrames(), 0u);
 
     AudioTimeStamp played = output.startTimeStamp(), recorded = input.startTimeStamp();
     ASSERT_TRUE(played.flags & kAudioTimeStampSampleTimeValid);
     ASSERT_TRUE(recorded.flags & kAudioTimeStampSampleTimeValid);
-    ASSERT_GE(played.sampleTime, recorded.sampleTime) << "recording starts first";
-    const std::size_t offset = std::size_t(played.sampleTime - recorded.sampleTime);
+    ASSERT_GE(played.sampleTime, recorded.sampleTime + 40) << "recording starts first";
+    // Where the first frame played was captured, by the stamps and the clock offset.
+    const std::size_t offset = std::size_t(played.sampleTime - recorded.sampleTime) - 40;
 
     auto vectors = input.recordChannelVectors();
     ASSERT_EQ(vectors.size(), 2u);
@@ -183,6 +144,14 @@ TEST(AudioControllers, PlaybackAndRecordingMeetOnTheDeviceClock) {
         ASSERT_EQ(loopback[offset + 5 + n], stimulus[n]) << "unity gain, aligned by the stamps, frame " << n;
     for (std::size_t n = offset + 5 + stimulus.length(); n < loopback.length(); ++n)
         ASSERT_EQ(loopback[n], 0.0f) << "silence after the end, frame " << n;
+    // The microphone: half the stimulus through the built-in response, 30 frames late.
+    const std::vector<float> response = SimulatedDeviceConfiguration::defaultConfiguration().impulseResponse;
+    for (std::size_t n = 0; n < 400; ++n) {
+        double expected = 0;
+        for (std::size_t k = 0; k <= n; ++k)
+            expected += 0.5 * double(response[k]) * double(stimulus[n - k]);
+        ASSERT_NEAR((*vectors[0])[offset + 30 + n], expected, 1e-5) << n;
+    }
     EXPECT_FALSE(input.correctionChannelVector()) << "correction off";
 
     std::filesystem::path recording = input.recordedFileURL();
@@ -196,26 +165,16 @@ TEST(AudioControllers, CyclesTheDeviceSkipsAreBridgedSoTheRecordingStaysOnTheTim
     // The capture of every fifth cycle of 128 frames is skipped while playback goes on: those frames
     // are never captured, and everything after them must still sit exactly where the stamps say.
     const std::string uid = "sim:skipping?pace=fast&buffer=128&skip=5&noise=off";
-    auto settings = settingsFor(uid, {0, 1}, {0, 1});
+    auto settings = captureSettings(uid, {0, 1}, {0, 1});
     VELTAudioOutputController output(settings);
     VELTAudioInputController input(settings);
     VELTRealVector stimulus(20000);
     for (std::size_t n = 0; n < stimulus.length(); ++n)
         stimulus[n] = 0.25f + 0.5f * float(n % 97) / 97.0f; // never zero
     output.setPlaybackVector(stimulus);
-    bool ended = false;
-    auto token = NotificationCenter::defaultCenter().addObserver(
-        std::string(VELTAudioOutputControllerEndOfBufferNotification), &output,
-        [&](const Notification&) { ended = true; });
-    input.startRecording();
-    output.startPlayback();
-    ASSERT_TRUE(RunLoop::runUntil([&] { return ended; }, std::chrono::seconds(20)));
     // The stimulus has no silence after it: record on a little, so that the last frames played have
-    // come back through the loop, however slowly the machine runs.
-    RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(100));
-    output.stopPlayback();
-    input.stopRecording();
-    NotificationCenter::defaultCenter().removeObserver(token);
+    // come back through the loop.
+    ASSERT_GT(playAndRecord(output, input, std::chrono::milliseconds(100)).notifications, 0);
     EXPECT_GT(input.skippedFrames(), 0u);
     EXPECT_EQ(output.skippedFrames(), 0u);
     EXPECT_EQ(input.skippedFrames() % 128, 0u);
@@ -242,9 +201,7 @@ TEST(AudioControllers, CyclesTheDeviceSkipsAreBridgedSoTheRecordingStaysOnTheTim
 TEST(VELTAudioInputController, ChannelsAreMappedInAscendingOrderWithTheCorrectionChannel) {
     // Input 2 hears the device under test, input 5 the loop-back of output 0, input 0 nothing.
     const std::string uid = "sim:mapping?pace=fast&inputs=6&mic=2&loopback=0-5&noise=off";
-    auto settings = settingsFor(uid, {0}, {2, 0});
-    settings->setCorrectionEnabled(true);
-    settings->setCorrectionRecordChannel(5);
+    auto settings = captureSettings(uid, {0}, {2, 0}, testing::CorrectionChannels{0, 5});
     VELTAudioInputController input(settings);
     EXPECT_EQ(input.allRecordChannels(), (IndexSet{0, 2, 5}));
     EXPECT_EQ(input.recordingClientStreamDescription().channelsPerFrame, 3u);
@@ -266,16 +223,7 @@ TEST(VELTAudioInputController, ChannelsAreMappedInAscendingOrderWithTheCorrectio
 
     VELTAudioOutputController output(settings);
     output.setPlaybackVector(ramp(5000, 0.5f));
-    bool ended = false;
-    auto token = NotificationCenter::defaultCenter().addObserver(
-        std::string(VELTAudioOutputControllerEndOfBufferNotification), &output,
-        [&](const Notification&) { ended = true; });
-    input.startRecording();
-    output.startPlayback();
-    ASSERT_TRUE(RunLoop::runUntil([&] { return ended; }, std::chrono::seconds(20)));
-    output.stopPlayback();
-    input.stopRecording();
-    NotificationCenter::defaultCenter().removeObserver(token);
+    ASSERT_GT(playAndRecord(output, input).notifications, 0);
 
     SF_INFO info{};
     SNDFILE* file = sf_open(input.recordedFileURL().c_str(), SFM_READ, &info);
@@ -314,7 +262,7 @@ TEST(VELTAudioInputController, ChannelsAreMappedInAscendingOrderWithTheCorrectio
 }
 
 TEST(VELTAudioInputController, ReadingBackHandlesEmptyMissingAndMismatchedFiles) {
-    auto settings = settingsFor("sim:readback?pace=fast", {0}, {0, 1});
+    auto settings = captureSettings("sim:readback?pace=fast", {0}, {0, 1});
     VELTAudioInputController input(settings);
     const auto path = std::filesystem::temp_directory_path() / (newUUIDString() + ".caf");
     ASSERT_TRUE(input.createAudioFileAtURL(path));
@@ -325,8 +273,7 @@ TEST(VELTAudioInputController, ReadingBackHandlesEmptyMissingAndMismatchedFiles)
     EXPECT_EQ((*empty)[0].length(), 0u);
 
     // A file of another channel count than the settings record cannot be mapped.
-    auto single = settingsFor("sim:readback?pace=fast", {0}, {0});
-    VELTAudioInputController other(single);
+    VELTAudioInputController other(captureSettings("sim:readback?pace=fast", {0}, {0}));
     auto mismatched = other.vectorsForAudioFile(path);
     ASSERT_FALSE(mismatched);
     EXPECT_EQ(mismatched.error().localizedDescription,
@@ -347,8 +294,7 @@ TEST(VELTAudioInputController, ReadingBackHandlesEmptyMissingAndMismatchedFiles)
         "(ERROR) VELTAudioInputController.cpp : Could not get recorded channels. Could not open audio file"));
 
     // A record device that is not present fails at the device step, and recording does nothing.
-    auto absent = settingsFor("nothing:here", {0}, {0});
-    VELTAudioInputController unconfigured(absent);
+    VELTAudioInputController unconfigured(captureSettings("nothing:here", {0}, {0}));
     EXPECT_FALSE(unconfigured.isConfigured());
     auto configured = unconfigured.configureAudioInput();
     ASSERT_FALSE(configured);

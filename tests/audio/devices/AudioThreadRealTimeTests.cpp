@@ -2,12 +2,8 @@
 // neither allocates, frees, nor locks a mutex. The hooks are checked to see such calls first.
 
 #include "AudioThreadAllocationHooks.h"
-#include "audio/VELTAudioCaptureSettings.h"
-#include "audio/VELTAudioInputController.h"
-#include "audio/VELTAudioOutputController.h"
+#include "SimulatedMeasurement.h"
 #include "audio/devices/RealTimeContext.h"
-#include "platform/NotificationCenter.h"
-#include "platform/RunLoop.h"
 
 #include <cmath>
 #include <cstdlib>
@@ -39,34 +35,19 @@ TEST(AudioThread, NeitherAllocatesNorLocksDuringAMeasurement) {
     EXPECT_EQ(testing::audioThreadAllocations() - allocationsBefore, 2u) << "only audio threads are counted";
 
     // Two sweeps' worth of playback and recording of four channels, in fast mode.
-    const std::string uid = "sim:realtime?pace=fast&inputs=4&outputs=2&buffer=64";
-    auto settings = std::make_shared<VELTAudioCaptureSettings>();
-    settings->setPlaybackDeviceUID(uid);
-    settings->setRecordDeviceUID(uid);
-    settings->setPlaybackChannels(IndexSet{0});
-    settings->setRecordChannelEntries(VELTAudioCaptureSettings::recordChannelEntriesFromIndexSet({0, 2, 3}));
-    settings->setCorrectionEnabled(true);
-    settings->setCorrectionPlaybackChannel(1);
-    settings->setCorrectionRecordChannel(1);
+    auto settings = testing::captureSettings("sim:realtime?pace=fast&inputs=4&outputs=2&buffer=64", {0},
+                                             {0, 2, 3}, testing::CorrectionChannels{1, 1});
     VELTAudioOutputController output(settings);
     VELTAudioInputController input(settings);
     VELTRealVector stimulus(96000);
     for (std::size_t n = 0; n < stimulus.length(); ++n)
         stimulus[n] = 0.5f * float(std::sin(0.01 * double(n) * double(n) / 96000.0));
     output.setPlaybackVector(stimulus);
-    int ended = 0;
-    auto token = NotificationCenter::defaultCenter().addObserver(
-        std::string(VELTAudioOutputControllerEndOfBufferNotification), &output,
-        [&](const Notification&) { ++ended; });
 
     const std::uint64_t allocationsAtStart = testing::audioThreadAllocations();
     const std::uint64_t locksAtStart = testing::audioThreadLocks();
     for (int sweep = 0; sweep < 2; ++sweep) {
-        input.startRecording();
-        output.startPlayback();
-        ASSERT_TRUE(RunLoop::runUntil([&] { return ended > sweep; }, std::chrono::seconds(30)));
-        output.stopPlayback();
-        input.stopRecording();
+        ASSERT_GT(testing::playAndRecord(output, input).notifications, 0);
         auto vectors = input.recordChannelVectors();
         ASSERT_EQ(vectors.size(), 3u);
         ASSERT_TRUE(vectors[0]);
@@ -75,7 +56,6 @@ TEST(AudioThread, NeitherAllocatesNorLocksDuringAMeasurement) {
     }
     EXPECT_EQ(testing::audioThreadAllocations() - allocationsAtStart, 0u);
     EXPECT_EQ(testing::audioThreadLocks() - locksAtStart, 0u);
-    NotificationCenter::defaultCenter().removeObserver(token);
     output.teardownWorkerThread();
 }
 

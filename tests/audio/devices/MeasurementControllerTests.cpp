@@ -2,18 +2,16 @@
 // averaging, alignment through time stamps and latencies, the loop-back reference, level checks and
 // aborting. Measured responses are compared with the device under test's own impulse response.
 
+#include "SimulatedMeasurement.h"
 #include "audio/devices/VELTAudioHardware.h"
 #include "audio/devices/simulated/SimulatedDeviceConfiguration.h"
 #include "engine/VELTRZMeasurementController.h"
 #include "platform/Logging.h"
 #include "platform/RunLoop.h"
-#include "platform/UUID.h"
 #include "platform/UserDefaults.h"
 
 #include <cmath>
 #include <complex>
-#include <cstdlib>
-#include <filesystem>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <mutex>
@@ -21,15 +19,6 @@
 
 namespace tavolar {
 namespace {
-
-const bool defaultsIsolated = [] {
-    if (!std::getenv("TAVOLAR_DEFAULTS_FILE"))
-        setenv("TAVOLAR_DEFAULTS_FILE",
-               (std::filesystem::temp_directory_path() / ("tavolar-audio-tests-" + newUUIDString() + ".json"))
-                   .c_str(),
-               1);
-    return true;
-}();
 
 // Records the delegate's calls in order, with the thread each ran on.
 class RecordingDelegate : public VELTRZMeasurementControllerDelegate {
@@ -95,22 +84,6 @@ VELTLogSweepSettings shortSweep() {
     return sweep;
 }
 
-std::shared_ptr<VELTAudioCaptureSettings> captureSettings(const std::string& uid,
-                                                          std::vector<std::int64_t> record, bool correction) {
-    auto settings = std::make_shared<VELTAudioCaptureSettings>();
-    settings->setPlaybackDeviceUID(uid);
-    settings->setRecordDeviceUID(uid);
-    settings->setPlaybackChannels(IndexSet{0});
-    std::vector<RecordChannelEntry> entries;
-    for (std::int64_t channel : record)
-        entries.emplace_back(channel, nullptr, std::nullopt);
-    settings->setRecordChannelEntries(entries);
-    settings->setCorrectionEnabled(correction);
-    settings->setCorrectionPlaybackChannel(1);
-    settings->setCorrectionRecordChannel(1);
-    return settings;
-}
-
 // Magnitude in dB of a response at a frequency, by a direct transform in double precision.
 double magnitudeDecibels(std::span<const float> response, double frequency, double rate) {
     std::complex<double> sum = 0.0;
@@ -127,7 +100,8 @@ struct MeasurementRun {
                    std::int64_t averages = 1) {
         controller->setDelegate(delegate);
         controller->setLogSweepSettings(shortSweep());
-        controller->setAudioCaptureSettings(captureSettings(uid, std::move(record), correction));
+        controller->setAudioCaptureSettings(testing::captureSettings(
+            uid, {0}, record, correction ? std::optional(testing::CorrectionChannels{}) : std::nullopt));
         controller->setSynchronousAverages(averages);
     }
     bool measureToEnd() {
@@ -180,6 +154,7 @@ TEST(VELTRZMeasurementController, AveragedMeasurementReproducesTheDeviceUnderTes
     const VELTRZMeasurement& measured = *results[0];
     EXPECT_EQ(measured.sampleRate(), 48000);
     EXPECT_EQ(measured.synchronousAverages(), 3);
+    EXPECT_EQ(measured.logSweepSettings(), shortSweep());
     EXPECT_EQ(measured.recordChannelEntry().channel(), 0);
     ASSERT_TRUE(measured.recordDevice());
     EXPECT_EQ(measured.recordDevice()->uid, "sim:controller-dut");
@@ -310,14 +285,9 @@ TEST(VELTRZMeasurementController, AbortStopsWithoutProcessing) {
     EXPECT_EQ(calls, (std::vector<std::string>{"beginPlayback", "abort"}));
 }
 
-TEST(VELTRZMeasurementController, RunMeasurementChecksItsQueueLabelAndMissingDevicesReportErrors) {
-    auto controller = VELTRZMeasurementController::make();
-    EXPECT_EQ(controller->recordingQueue().label(), "com_velt_rz_impulse_recording");
-    EXPECT_EQ(controller->synchronousAverages(), 1);
-    EXPECT_TRUE(controller->averagingArray()->empty());
-    EXPECT_FALSE(controller->audioCaptureSettings()->recordDeviceUID());
-
+TEST(VELTRZMeasurementController, MissingDevicesReportErrors) {
     // No devices chosen: set-up fails and is logged; nothing plays, so no notification follows.
+    auto controller = VELTRZMeasurementController::make();
     LogCapture log;
     controller->measure();
     EXPECT_TRUE(log.contains("Could not configure audio output. Could not set current device"));
