@@ -11,6 +11,7 @@
 #include <complex>
 #include <gtest/gtest.h>
 #include <limits>
+#include <optional>
 #include <random>
 #include <vector>
 
@@ -66,86 +67,60 @@ TEST(SweptSineDeconvolution, TransformLengthIsTheNextPowerOfTwoIn32BitArithmetic
     EXPECT_THROW(deconvolutionTransformLength(std::size_t{1} << 31, 2), ParameterAssertion);
 }
 
-// A known filter measured with the default sweep: the deconvolved impulse response carries the
-// filter's analytic response, and its peak sits at the delay.
+// A known device under test measured with the default sweep, directly and behind an interface whose
+// own filter and delay reach the loop-back reference too. Divided by the stimulus, or by the
+// reference when there is one, plainly and lightly regularised, in single and in double precision,
+// the impulse response carries the device's analytic response alone, its peak at the device's delay.
 TEST(SweptSineDeconvolution, RecoversAKnownFilterAndItsDelayFromTheDefaultSweep) {
     const VELTRealVector stimulus = VELTLogSweepSettings().stimulusSignalWithSampleRate(48000);
     ASSERT_EQ(stimulus.length(), 168000u);
-    const Biquad filter = Biquad::peaking(kSampleRate, 1000.0, 6.0, 1.0);
-    constexpr std::size_t kDelay = 300;
-    const std::vector<double> filtered = filter.filter(testing::toDouble(stimulus));
-    const VELTRealVector response = testing::toFloat(testing::delayed(filtered, kDelay, stimulus.length()));
+    struct Case {
+        std::optional<Biquad> interface;
+        Biquad device;
+        std::size_t interfaceDelay, deviceDelay;
+    };
+    const Case cases[] = {{std::nullopt, Biquad::peaking(kSampleRate, 1000.0, 6.0, 1.0), 0, 300},
+                          {Biquad::highShelf(kSampleRate, 8000.0, -3.0),
+                           Biquad::peaking(kSampleRate, 2500.0, -9.0, 2.0), 50, 200}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.interface ? "behind an interface" : "direct");
+        const std::vector<double> throughInterface =
+            c.interface ? c.interface->filter(testing::toDouble(stimulus)) : testing::toDouble(stimulus);
+        const std::vector<double> reference =
+            testing::delayed(throughInterface, c.interfaceDelay, stimulus.length());
+        const std::vector<double> response = testing::delayed(
+            c.device.filter(throughInterface), c.interfaceDelay + c.deviceDelay, stimulus.length());
+        const VELTRealVector floatReference = testing::toFloat(reference);
+        const VELTRealDoubleVector doubleReference(reference);
 
-    const VELTRealVector impulse =
-        realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
-    ASSERT_EQ(impulse.length(), 524288u);
-    EXPECT_EQ(peakIndex(impulse), kDelay);
-    EXPECT_NEAR(impulse[kDelay], filter.b0, 1e-3);
-    expectMatchesAnalyticResponse(impulse, filter, kDelay);
+        const VELTRealVector impulse = realVectorByDeconvolvingResponseWithoutRegularization(
+            testing::toFloat(response), stimulus, c.interface ? &floatReference : nullptr);
+        ASSERT_EQ(impulse.length(), 524288u);
+        EXPECT_EQ(peakIndex(impulse), c.deviceDelay);
+        expectMatchesAnalyticResponse(impulse, c.device, c.deviceDelay);
+        // A tiny lambda changes nothing where the sweep has energy.
+        const VELTRealVector regularised = realVectorByDeconvolvingResponseWithRegularization(
+            testing::toFloat(response), stimulus, c.interface ? &floatReference : nullptr, 1e-9);
+        EXPECT_EQ(peakIndex(regularised), c.deviceDelay);
+        expectMatchesAnalyticResponse(regularised, c.device, c.deviceDelay);
 
-    // The same with a tiny lambda: regularisation changes nothing where the sweep has energy.
-    const VELTRealVector regularised =
-        realVectorByDeconvolvingResponseWithRegularization(response, stimulus, nullptr, 1e-9);
-    EXPECT_EQ(peakIndex(regularised), kDelay);
-    expectMatchesAnalyticResponse(regularised, filter, kDelay);
-
-    // And in double precision throughout, which must agree far more closely still.
-    VELTRealDoubleVector doubleResponse(testing::delayed(filtered, kDelay, stimulus.length()));
-    VELTRealDoubleVector doubleStimulus(testing::toDouble(stimulus));
-    const VELTRealDoubleVector doubleImpulse =
-        realDoubleVectorByDeconvolvingResponse(doubleResponse, doubleStimulus, nullptr);
-    ASSERT_EQ(doubleImpulse.length(), 524288u);
-    for (double frequency : {20.0, 1000.0, 20000.0}) {
-        std::complex<double> measured = 0.0;
-        for (std::size_t n = 0; n < 4096; ++n) // the filter has decayed far below double precision by then
-            measured += doubleImpulse[kDelay + n] * std::polar(1.0, -2.0 * std::numbers::pi * frequency /
-                                                                        kSampleRate * static_cast<double>(n));
-        const std::complex<double> expected = filter.response(frequency, kSampleRate);
-        EXPECT_NEAR(std::abs(measured / expected), 1.0, 1e-6) << frequency << " Hz";
-        EXPECT_NEAR(std::arg(measured / expected), 0.0, 1e-6) << frequency << " Hz";
+        // Double precision throughout must agree far more closely still.
+        const VELTRealDoubleVector doubleImpulse = realDoubleVectorByDeconvolvingResponse(
+            VELTRealDoubleVector(response), VELTRealDoubleVector(testing::toDouble(stimulus)),
+            c.interface ? &doubleReference : nullptr);
+        ASSERT_EQ(doubleImpulse.length(), 524288u);
+        for (double frequency : {20.0, 1000.0, 20000.0}) {
+            std::complex<double> measured = 0.0;
+            for (std::size_t n = 0; n < 4096;
+                 ++n) // the filter has decayed far below double precision by then
+                measured += doubleImpulse[c.deviceDelay + n] *
+                            std::polar(1.0, -2.0 * std::numbers::pi * frequency / kSampleRate *
+                                                static_cast<double>(n));
+            const std::complex<double> expected = c.device.response(frequency, kSampleRate);
+            EXPECT_NEAR(std::abs(measured / expected), 1.0, 1e-6) << frequency << " Hz";
+            EXPECT_NEAR(std::arg(measured / expected), 0.0, 1e-6) << frequency << " Hz";
+        }
     }
-}
-
-// The loop-back reference carries the interface's own filter and delay; the response carries them
-// and the device under test. Dividing by the reference leaves the device under test alone.
-TEST(SweptSineDeconvolution, ReferenceChannelDividesOutTheInterface) {
-    const VELTRealVector stimulus = VELTLogSweepSettings().stimulusSignalWithSampleRate(48000);
-    const Biquad interface = Biquad::highShelf(kSampleRate, 8000.0, -3.0);
-    const Biquad deviceUnderTest = Biquad::peaking(kSampleRate, 2500.0, -9.0, 2.0);
-    constexpr std::size_t kInterfaceDelay = 50;
-    constexpr std::size_t kDeviceDelay = 200;
-    const std::vector<double> throughInterface = interface.filter(testing::toDouble(stimulus));
-    const VELTRealVector reference =
-        testing::toFloat(testing::delayed(throughInterface, kInterfaceDelay, stimulus.length()));
-    const VELTRealVector response = testing::toFloat(testing::delayed(
-        deviceUnderTest.filter(throughInterface), kInterfaceDelay + kDeviceDelay, stimulus.length()));
-
-    const VELTRealVector impulse =
-        realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, &reference);
-    EXPECT_EQ(peakIndex(impulse), kDeviceDelay);
-    expectMatchesAnalyticResponse(impulse, deviceUnderTest, kDeviceDelay);
-
-    const VELTRealVector regularised =
-        realVectorByDeconvolvingResponseWithRegularization(response, stimulus, &reference, 1e-9);
-    EXPECT_EQ(peakIndex(regularised), kDeviceDelay);
-    expectMatchesAnalyticResponse(regularised, deviceUnderTest, kDeviceDelay);
-
-    // Without the reference the interface stays in the result.
-    const VELTRealVector uncorrected =
-        realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr);
-    const double frequency = 16000.0;
-    const double measured = std::abs(testing::frequencyResponse(uncorrected.span(), frequency, kSampleRate));
-    EXPECT_NEAR(testing::decibels(measured),
-                testing::decibels(std::abs(interface.response(frequency, kSampleRate) *
-                                           deviceUnderTest.response(frequency, kSampleRate))),
-                0.05);
-
-    VELTRealDoubleVector doubleReference(testing::toDouble(reference));
-    const VELTRealDoubleVector doubleImpulse = realDoubleVectorByDeconvolvingResponse(
-        VELTRealDoubleVector(testing::toDouble(response)), VELTRealDoubleVector(testing::toDouble(stimulus)),
-        &doubleReference);
-    for (std::size_t n = 0; n < impulse.length(); n += 97)
-        ASSERT_NEAR(doubleImpulse[n], impulse[n], 2e-5) << n;
 }
 
 // The regularised division against its formula evaluated bin by bin in double precision, on a short
