@@ -78,6 +78,8 @@ VELTRealVector VELTRealVector::realVectorWithFrequencyTable(std::uint64_t sample
 
 VELTRealVector VELTRealVector::filteredVector(const VELTRealDoubleVector& b, const VELTRealDoubleVector& a,
                                               const VELTRealVector& x, const VELTRealDoubleVector* w) {
+    if (a.length() == 0 && b.length() == 0)
+        return VELTRealVector{0.0f};
     TAVOLAR_PARAMETER_ASSERT(a.length() > 0 && b.length() > 0);
     TAVOLAR_PARAMETER_ASSERT(a[0] != 0.0);
     const std::size_t order = std::max(a.length(), b.length()) - 1;

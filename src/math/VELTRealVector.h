@@ -47,6 +47,10 @@ public:
     // Direct-form II transposed IIR filter; a[0] is the leading coefficient (normally 1) and every
     // coefficient is divided by it. w is the initial state (length max(|a|, |b|) - 1), zero if null.
     // Computed in double precision, output rounded to float. Output has the length of x.
+    // Two empty coefficient vectors stand for a filter that does not exist (a coefficient table
+    // without a row for the sample rate): the output is then the one-component vector [0.0],
+    // whatever x is, so that a level taken from it reads as silence. One empty vector beside a
+    // filled one is a parameter assertion.
     static VELTRealVector filteredVector(const VELTRealDoubleVector& b, const VELTRealDoubleVector& a,
                                          const VELTRealVector& x, const VELTRealDoubleVector* w = nullptr);
     // Component-wise over equal-length vectors (TAVOLAR_PARAMETER_ASSERT on unequal lengths).
