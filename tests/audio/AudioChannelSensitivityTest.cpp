@@ -2,6 +2,7 @@
 
 #include "audio/AudioDeviceSensitivityRecord.h"
 #include "audio/DecimalNumberFormatter.h"
+#include "engine/ArchiveJSON.h"
 #include "platform/KeyedArchiver.h"
 
 #include <cmath>
@@ -47,47 +48,32 @@ TEST(AudioChannelSensitivity, FormatterShowsAtMostTwoFractionDigits) {
     EXPECT_EQ(formatter.stringFromNumber(NAN), std::nullopt);
 }
 
-// Writes a sensitivity archive with raw values, to check the reader's rules.
-struct HandWrittenSensitivity {
-    static constexpr std::string_view className = "AudioChannelSensitivity";
-    std::optional<double> unit, value;
-    void encodeWithCoder(KeyedArchiver& coder) const {
-        if (unit)
-            coder.encodeNumber(*unit, "unit");
-        if (value)
-            coder.encodeNumber(*value, "sensitivityValue");
-    }
-    static HandWrittenSensitivity initWithCoder(KeyedUnarchiver& coder) {
-        return {coder.decodeNumber("unit"), coder.decodeNumber("sensitivityValue")};
-    }
-};
-
-AudioChannelSensitivity decode(const HandWrittenSensitivity& written) {
-    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<AudioChannelSensitivity>(
-        KeyedArchiver::archivedDataWithRootObject(written));
-    EXPECT_TRUE(decoded.has_value());
-    return decoded.value_or(AudioChannelSensitivity(-999.0));
-}
-
 TEST(AudioChannelSensitivity, ArchiveRoundTripAndUnitRules) {
-    for (auto unit : {AudioChannelSensitivityUnit::dBu, AudioChannelSensitivityUnit::dBV,
-                      AudioChannelSensitivityUnit::dBFS}) {
+    const std::pair<AudioChannelSensitivityUnit, int> units[] = {{AudioChannelSensitivityUnit::dBu, 0},
+                                                                 {AudioChannelSensitivityUnit::dBV, 1},
+                                                                 {AudioChannelSensitivityUnit::dBFS, 2}};
+    for (const auto& [unit, raw] : units) {
         const AudioChannelSensitivity sensitivity(-6.02, unit);
-        const auto data = KeyedArchiver::archivedDataWithRootObject(sensitivity);
-        auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<AudioChannelSensitivity>(data);
+        EXPECT_EQ(testing::archivedKeys(sensitivity),
+                  (nlohmann::json{
+                      {"$class", "AudioChannelSensitivity"}, {"unit", raw}, {"sensitivityValue", -6.02}}));
+        auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<AudioChannelSensitivity>(
+            KeyedArchiver::archivedDataWithRootObject(sensitivity));
         ASSERT_TRUE(decoded.has_value());
         EXPECT_EQ(*decoded, sensitivity);
-        auto raw = KeyedUnarchiver::unarchivedObjectOfClass<HandWrittenSensitivity>(data);
-        ASSERT_TRUE(raw.has_value());
-        EXPECT_EQ(raw->unit, static_cast<double>(static_cast<std::int64_t>(unit)));
-        EXPECT_EQ(raw->value, -6.02);
     }
-    EXPECT_EQ(decode({0.0, 4.0}).unit(), AudioChannelSensitivityUnit::dBu);
-    EXPECT_EQ(decode({2.0, 4.0}).unit(), AudioChannelSensitivityUnit::dBFS);
-    EXPECT_EQ(decode({7.0, 4.0}).unit(), AudioChannelSensitivityUnit::dBV);
-    EXPECT_EQ(decode({-1.0, 4.0}).unit(), AudioChannelSensitivityUnit::dBV);
-    EXPECT_EQ(decode({std::nullopt, 4.0}).unit(), AudioChannelSensitivityUnit::dBV);
-    const AudioChannelSensitivity noValue = decode({2.0, std::nullopt});
+    // A unit outside the three, or none, reads as dBV; a missing value as 0.
+    auto decode = [](std::string_view members) {
+        auto decoded = testing::unarchivedFromKeys<AudioChannelSensitivity>(members);
+        EXPECT_TRUE(decoded.has_value()) << members;
+        return decoded.value_or(AudioChannelSensitivity(-999.0));
+    };
+    EXPECT_EQ(decode(R"("unit": 0, "sensitivityValue": 4)").unit(), AudioChannelSensitivityUnit::dBu);
+    EXPECT_EQ(decode(R"("unit": 2, "sensitivityValue": 4)").unit(), AudioChannelSensitivityUnit::dBFS);
+    EXPECT_EQ(decode(R"("unit": 7, "sensitivityValue": 4)").unit(), AudioChannelSensitivityUnit::dBV);
+    EXPECT_EQ(decode(R"("unit": -1, "sensitivityValue": 4)").unit(), AudioChannelSensitivityUnit::dBV);
+    EXPECT_EQ(decode(R"("sensitivityValue": 4)").unit(), AudioChannelSensitivityUnit::dBV);
+    const AudioChannelSensitivity noValue = decode(R"("unit": 2)");
     EXPECT_EQ(noValue.sensitivityValue(), 0.0);
     EXPECT_EQ(noValue.unit(), AudioChannelSensitivityUnit::dBFS);
 }

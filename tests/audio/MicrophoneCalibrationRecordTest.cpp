@@ -1,6 +1,7 @@
 #include "audio/MicrophoneCalibrationRecord.h"
 
 #include "audio/MicrophoneCalibrationFileParser.h"
+#include "engine/ArchiveJSON.h"
 #include "platform/Logging.h"
 #include "platform/UUID.h"
 
@@ -124,29 +125,9 @@ TEST(MicrophoneCalibrationRecord, SensitivityLabel) {
     }
 }
 
-// Writes a calibration-record archive with only the keys a test gives.
-struct HandWrittenCalibrationRecord {
-    static constexpr std::string_view className = "MicrophoneCalibrationRecord";
-    std::optional<std::string> name, uuid;
-    std::optional<double> sensitivity;
-    std::optional<std::int64_t> units;
-    void encodeWithCoder(KeyedArchiver& coder) const {
-        if (name)
-            coder.encodeString(*name, "Name");
-        if (uuid)
-            coder.encodeString(*uuid, "UUID");
-        if (sensitivity)
-            coder.encodeDouble(*sensitivity, "Sensitivity");
-        if (units)
-            coder.encodeInt64(*units, "SensitivityUnits");
-    }
-    static HandWrittenCalibrationRecord initWithCoder(KeyedUnarchiver&) { return {}; }
-};
-
-MicrophoneCalibrationRecord decode(const HandWrittenCalibrationRecord& written) {
-    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<MicrophoneCalibrationRecord>(
-        KeyedArchiver::archivedDataWithRootObject(written));
-    EXPECT_TRUE(decoded.has_value());
+MicrophoneCalibrationRecord decode(std::string_view members) {
+    auto decoded = testing::unarchivedFromKeys<MicrophoneCalibrationRecord>(members);
+    EXPECT_TRUE(decoded.has_value()) << members;
     return decoded.value_or(MicrophoneCalibrationRecord("failed", std::nullopt, nullptr, nullptr));
 }
 
@@ -173,7 +154,7 @@ TEST(MicrophoneCalibrationRecord, ArchiveRoundTripAndDecodingRules) {
     }
 
     // Absent values: empty name, no serial number, no splines, the default sensitivity, and a fresh identity.
-    const MicrophoneCalibrationRecord bare = decode({});
+    const MicrophoneCalibrationRecord bare = decode("");
     EXPECT_EQ(bare.name(), "");
     EXPECT_FALSE(bare.serialNumber().has_value());
     EXPECT_FALSE(bare.magnitudeSpline());
@@ -181,15 +162,23 @@ TEST(MicrophoneCalibrationRecord, ArchiveRoundTripAndDecodingRules) {
     EXPECT_EQ(bare.sensitivity(), MicrophoneCalibrationRecord::kDefaultSensitivity);
     EXPECT_EQ(bare.sensitivityUnits(), MicrophoneCalibrationRecord::kDefaultSensitivityUnits);
     EXPECT_TRUE(isUUIDString(bare.uuidString()));
-    EXPECT_FALSE(decode({}) == bare);
+    EXPECT_FALSE(decode("") == bare);
 
+    const MicrophoneCalibrationRecord given = decode(
+        R"("Name": "m", "SerialNumber": "s", "UUID": "u", "Sensitivity": 12.5, "SensitivityUnits": 1)");
+    EXPECT_EQ(given.name(), "m");
+    EXPECT_EQ(given.serialNumber(), "s");
+    EXPECT_EQ(given.uuidString(), "u");
+    EXPECT_EQ(given.sensitivity(), 12.5);
     // Every known unit is kept; an unknown one falls back to the default.
-    EXPECT_EQ(decode({"m", "u", 12.5, 0}).sensitivityUnits(), MicrophoneSensitivityUnit::millivoltsPerPascal);
-    EXPECT_EQ(decode({"m", "u", 12.5, 1}).sensitivityUnits(), MicrophoneSensitivityUnit::dBVPerMicrobar);
-    EXPECT_EQ(decode({"m", "u", 12.5, 2}).sensitivityUnits(), MicrophoneSensitivityUnit::dBFS);
-    EXPECT_EQ(decode({"m", "u", 12.5, 9}).sensitivityUnits(),
-              MicrophoneCalibrationRecord::kDefaultSensitivityUnits);
-    EXPECT_EQ(decode({"m", "u", 12.5, 0}).uuidString(), "u");
+    const std::pair<int, MicrophoneSensitivityUnit> units[] = {
+        {0, MicrophoneSensitivityUnit::millivoltsPerPascal},
+        {1, MicrophoneSensitivityUnit::dBVPerMicrobar},
+        {2, MicrophoneSensitivityUnit::dBFS},
+        {9, MicrophoneCalibrationRecord::kDefaultSensitivityUnits},
+        {-1, MicrophoneCalibrationRecord::kDefaultSensitivityUnits}};
+    for (const auto& [raw, unit] : units)
+        EXPECT_EQ(decode(R"("SensitivityUnits": )" + std::to_string(raw)).sensitivityUnits(), unit) << raw;
 }
 
 } // namespace

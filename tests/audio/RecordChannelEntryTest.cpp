@@ -1,5 +1,6 @@
 #include "audio/RecordChannelEntry.h"
 
+#include "engine/ArchiveJSON.h"
 #include "platform/KeyedArchiver.h"
 
 #include <cmath>
@@ -48,25 +49,6 @@ TEST(RecordChannelEntry, SPLOffsetFromMicrophoneAndChannelSensitivity) {
     EXPECT_EQ(RecordChannelEntry(0, nullptr, std::nullopt).dBSPLOffsetValue(), 0.0);
 }
 
-struct HandWrittenEntry {
-    static constexpr std::string_view className = "RecordChannelEntry";
-    std::optional<double> channel;
-    void encodeWithCoder(KeyedArchiver& coder) const {
-        if (channel)
-            coder.encodeNumber(*channel, "channel");
-    }
-    static HandWrittenEntry initWithCoder(KeyedUnarchiver&) { return {}; }
-};
-
-struct EntryWithForeignCalibration {
-    static constexpr std::string_view className = "RecordChannelEntry";
-    void encodeWithCoder(KeyedArchiver& coder) const {
-        coder.encodeInt64(1, "channel");
-        coder.encodeObject(AudioChannelSensitivity(-10.0), "calibrationRecord");
-    }
-    static EntryWithForeignCalibration initWithCoder(KeyedUnarchiver&) { return {}; }
-};
-
 TEST(RecordChannelEntry, ArchiveRoundTripAndDecodingRules) {
     const auto mic = microphone(12.5, MicrophoneSensitivityUnit::millivoltsPerPascal);
     const RecordChannelEntry entry(5, mic, AudioChannelSensitivity(4.0, AudioChannelSensitivityUnit::dBu));
@@ -80,6 +62,10 @@ TEST(RecordChannelEntry, ArchiveRoundTripAndDecodingRules) {
     EXPECT_EQ(decoded->sensitivity(), entry.sensitivity());
     EXPECT_EQ(decoded->dBSPLOffsetValue(), entry.dBSPLOffsetValue());
 
+    EXPECT_EQ(
+        testing::archivedKeys(RecordChannelEntry(2, nullptr, AudioChannelSensitivity(-10.0))),
+        nlohmann::json::parse(R"({"$class": "RecordChannelEntry", "channel": 2, "calibrationRecord": null,
+                  "sensitivity": {"$class": "AudioChannelSensitivity", "unit": 1, "sensitivityValue": -10}})"));
     auto bare = KeyedUnarchiver::unarchivedObjectOfClass<RecordChannelEntry>(
         KeyedArchiver::archivedDataWithRootObject(RecordChannelEntry(2, nullptr, std::nullopt)));
     ASSERT_TRUE(bare.has_value());
@@ -87,18 +73,16 @@ TEST(RecordChannelEntry, ArchiveRoundTripAndDecodingRules) {
     EXPECT_FALSE(bare->calibrationRecord());
     EXPECT_FALSE(bare->sensitivity());
 
-    auto noChannel = KeyedUnarchiver::unarchivedObjectOfClass<RecordChannelEntry>(
-        KeyedArchiver::archivedDataWithRootObject(HandWrittenEntry{}));
+    auto noChannel = testing::unarchivedFromKeys<RecordChannelEntry>("");
     ASSERT_TRUE(noChannel.has_value());
     EXPECT_EQ(noChannel->channel(), 0);
-    auto boxed = KeyedUnarchiver::unarchivedObjectOfClass<RecordChannelEntry>(
-        KeyedArchiver::archivedDataWithRootObject(HandWrittenEntry{7.0}));
+    auto boxed = testing::unarchivedFromKeys<RecordChannelEntry>(R"("channel": 7.0)");
     ASSERT_TRUE(boxed.has_value());
     EXPECT_EQ(boxed->channel(), 7);
 
     // Secure decoding: a sensitivity where a calibration record belongs is refused.
-    EXPECT_FALSE(KeyedUnarchiver::unarchivedObjectOfClass<RecordChannelEntry>(
-                     KeyedArchiver::archivedDataWithRootObject(EntryWithForeignCalibration{}))
+    EXPECT_FALSE(testing::unarchivedFromKeys<RecordChannelEntry>(R"("channel": 1, "calibrationRecord":
+        {"$class": "AudioChannelSensitivity", "unit": 1, "sensitivityValue": -10})")
                      .has_value());
 }
 

@@ -3,6 +3,7 @@
 #include "audio/VELTAudioDeviceRegistry.h"
 #include "audio/devices/VELTAudioDevice.h"
 #include "dsp/Search.h"
+#include "engine/ArchiveJSON.h"
 #include "platform/KeyedArchiver.h"
 
 #include <cstdio>
@@ -213,24 +214,23 @@ TEST(VELTAudioCaptureSettings, DevicesNobodyOpenedAreAnsweredInAFreshProcess) {
     EXPECT_EQ(settings.recordDevice()->outputChannelCount, device.channelCountForDirection(0));
 }
 
-// Writes a capture-settings archive with whatever keys a test gives, in either generation's layout.
-struct HandWrittenCaptureSettings {
-    static constexpr std::string_view className = "VELTAudioCaptureSettings";
-    std::function<void(KeyedArchiver&)> write;
-    void encodeWithCoder(KeyedArchiver& coder) const { write(coder); }
-    static HandWrittenCaptureSettings initWithCoder(KeyedUnarchiver&) { return {}; }
-};
-
-VELTAudioCaptureSettings decode(std::function<void(KeyedArchiver&)> write) {
-    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<VELTAudioCaptureSettings>(
-        KeyedArchiver::archivedDataWithRootObject(HandWrittenCaptureSettings{std::move(write)}));
-    EXPECT_TRUE(decoded.has_value()) << decoded.error().localizedDescription;
+// Decodes settings from an archive holding the given keys, in either generation's layout.
+VELTAudioCaptureSettings decode(std::string_view members) {
+    auto decoded = testing::unarchivedFromKeys<VELTAudioCaptureSettings>(members);
+    EXPECT_TRUE(decoded.has_value()) << members;
     return decoded ? std::move(*decoded) : VELTAudioCaptureSettings();
 }
 
 TEST(VELTAudioCaptureSettings, ArchiveRoundTrip) {
     const auto mic = microphone("Lab");
     const VELTAudioCaptureSettings settings = configuredSettings(mic);
+    nlohmann::json keys = testing::archivedKeys(settings);
+    keys.erase("recordChannelEntries"); // the entries' own tests pin their keys
+    EXPECT_EQ(keys, nlohmann::json::parse(R"({"$class": "VELTAudioCaptureSettings",
+        "VELTAudioCaptureSettingsVersion": "2.0", "recordDeviceUID": "jack",
+        "playbackDeviceUID": "jack:studio", "correctionPlaybackDeviceUID": "sim:loop",
+        "playbackChannels": {"$class": "IndexSet", "$indexes": [0, 3]},
+        "correctionEnabled": true, "correctionRecordChannel": 1, "correctionPlaybackChannel": -1})"));
     for (ArchiveFormat format : {ArchiveFormat::CBOR, ArchiveFormat::JSON}) {
         auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<VELTAudioCaptureSettings>(
             archived(settings, format), format);
@@ -252,8 +252,7 @@ TEST(VELTAudioCaptureSettings, ArchiveRoundTrip) {
 
 TEST(VELTAudioCaptureSettings, CurrentLayoutDecodingRules) {
     // Nothing is defaulted: no playback channels, no entries, correction off.
-    const VELTAudioCaptureSettings empty =
-        decode([](KeyedArchiver& coder) { coder.encodeString("2.0", "VELTAudioCaptureSettingsVersion"); });
+    const VELTAudioCaptureSettings empty = decode(R"("VELTAudioCaptureSettingsVersion": "2.0")");
     EXPECT_FALSE(empty.playbackChannels().has_value());
     EXPECT_TRUE(empty.playbackChannelArray().empty());
     EXPECT_TRUE(empty.recordChannelEntries().empty());
@@ -262,50 +261,34 @@ TEST(VELTAudioCaptureSettings, CurrentLayoutDecodingRules) {
 
     // A record device without entries falls back to channel 0 through the setter; the older index-set
     // form is read; entries, when present, win over it. A missing version reads as the current layout.
-    const VELTAudioCaptureSettings deviceOnly = decode([](KeyedArchiver& coder) {
-        coder.encodeString("2.0", "VELTAudioCaptureSettingsVersion");
-        coder.encodeString("jack", "recordDeviceUID");
-    });
-    EXPECT_EQ(deviceOnly.recordChannelArray(), (std::vector<std::int64_t>{0}));
-    const VELTAudioCaptureSettings indexSetForm = decode([](KeyedArchiver& coder) {
-        coder.encodeString("jack", "recordDeviceUID");
-        coder.encodeIndexSet({1, 4}, "recordChannels");
-        coder.encodeNumber(1, "correctionEnabled");
-        coder.encodeNumber(3, "correctionRecordChannel");
-    });
+    EXPECT_EQ(
+        decode(R"("VELTAudioCaptureSettingsVersion": "2.0", "recordDeviceUID": "jack")").recordChannelArray(),
+        (std::vector<std::int64_t>{0}));
+    const VELTAudioCaptureSettings indexSetForm =
+        decode(R"("recordDeviceUID": "jack", "recordChannels": {"$class": "IndexSet", "$indexes": [1, 4]},
+                  "correctionEnabled": 1, "correctionRecordChannel": 3)");
     EXPECT_EQ(indexSetForm.recordChannelArray(), (std::vector<std::int64_t>{1, 4}));
     EXPECT_TRUE(indexSetForm.correctionEnabled());
     EXPECT_EQ(indexSetForm.correctionRecordChannel(), 3);
     EXPECT_EQ(indexSetForm.correctionPlaybackChannel(), 0);
-    const VELTAudioCaptureSettings both = decode([](KeyedArchiver& coder) {
-        coder.encodeString("3.0", "VELTAudioCaptureSettingsVersion");
-        coder.encodeIndexSet({1, 4}, "recordChannels");
-        const std::vector<RecordChannelEntry> entries{RecordChannelEntry(6, nullptr, std::nullopt)};
-        coder.encodeObjectArray(std::span<const RecordChannelEntry>(entries), "recordChannelEntries");
-    });
+    const VELTAudioCaptureSettings both = decode(R"("VELTAudioCaptureSettingsVersion": "3.0",
+        "recordChannels": {"$class": "IndexSet", "$indexes": [1, 4]},
+        "recordChannelEntries": [{"$class": "RecordChannelEntry", "channel": 6}])");
     EXPECT_EQ(both.recordChannelArray(), (std::vector<std::int64_t>{6}));
     // A version that is not a string is simply not "1.0".
-    const VELTAudioCaptureSettings numericVersion = decode([](KeyedArchiver& coder) {
-        coder.encodeNumber(1.0, "VELTAudioCaptureSettingsVersion");
-        coder.encodeIndexSet({2}, "playbackChannels");
-    });
+    const VELTAudioCaptureSettings numericVersion = decode(R"("VELTAudioCaptureSettingsVersion": 1.0,
+        "playbackChannels": {"$class": "IndexSet", "$indexes": [2]})");
     EXPECT_EQ(numericVersion.playbackChannels(), (IndexSet{2}));
 }
 
 TEST(VELTAudioCaptureSettings, FirstGenerationLayout) {
-    const VELTAudioCaptureSettings old = decode([](KeyedArchiver& coder) {
-        coder.encodeString("1.0", "VELTAudioCaptureSettingsVersion");
-        coder.encodeString("old-device", "RecordDeviceUID");
-        coder.encodeString("old-output", "PlaybackDeviceUID");
-        coder.encodeString("old-loop", "CorrectionPlaybackDeviceUID");
-        coder.encodeIndexSet({0, 2, 3}, "RecordChannels");
-        coder.encodeInt32(2, "PlaybackChannel");
-        coder.encodeBool(true, "CorrectionEnabled");
-        coder.encodeInt32(5, "CorrectionRecordChannel");
-        coder.encodeInt32(-1, "CorrectionPlaybackChannel");
-        // Current-layout keys are ignored in an old archive.
-        coder.encodeIndexSet({9}, "playbackChannels");
-    });
+    // Current-layout keys are ignored in an old archive.
+    const VELTAudioCaptureSettings old = decode(R"("VELTAudioCaptureSettingsVersion": "1.0",
+        "RecordDeviceUID": "old-device", "PlaybackDeviceUID": "old-output",
+        "CorrectionPlaybackDeviceUID": "old-loop",
+        "RecordChannels": {"$class": "IndexSet", "$indexes": [0, 2, 3]}, "PlaybackChannel": 2,
+        "CorrectionEnabled": true, "CorrectionRecordChannel": 5, "CorrectionPlaybackChannel": -1,
+        "playbackChannels": {"$class": "IndexSet", "$indexes": [9]})");
     EXPECT_EQ(old.recordDeviceUID(), "old-device");
     EXPECT_EQ(old.playbackDeviceUID(), "old-output");
     EXPECT_EQ(old.correctionPlaybackDeviceUID(), "old-loop");
@@ -318,10 +301,8 @@ TEST(VELTAudioCaptureSettings, FirstGenerationLayout) {
     EXPECT_FALSE(old.referenceLevels().has_value());
 
     // Without "RecordChannels" there are no entries, even with a record device; missing scalars are 0.
-    const VELTAudioCaptureSettings sparse = decode([](KeyedArchiver& coder) {
-        coder.encodeString("1.0", "VELTAudioCaptureSettingsVersion");
-        coder.encodeString("old-device", "RecordDeviceUID");
-    });
+    const VELTAudioCaptureSettings sparse =
+        decode(R"("VELTAudioCaptureSettingsVersion": "1.0", "RecordDeviceUID": "old-device")");
     EXPECT_TRUE(sparse.recordChannelEntries().empty());
     EXPECT_EQ(sparse.playbackChannels(), (IndexSet{0}));
     EXPECT_FALSE(sparse.correctionEnabled());

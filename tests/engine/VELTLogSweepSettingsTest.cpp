@@ -4,74 +4,23 @@
 #include "engine/VELTLogSweepSettings.h"
 
 #include "dsp/SweptSine.h"
+#include "engine/ArchiveJSON.h"
 #include "platform/Assertions.h"
 #include "platform/KeyedArchiver.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace tavolar {
 namespace {
 
-// The raw keys of a sweep-settings archive: read to check what is stored, written to make archives
-// of the older version.
-struct StoredSweepKeys {
-    static constexpr std::string_view className = "VELTLogSweepSettings";
-    std::optional<double> version;
-    float duration = 0, startFreq = 0, endFreq = 0, beginSilence = 0, endSilence = 0, leadIn = 0, leadOut = 0;
-    std::optional<std::string> name;
-    bool fullRangeSweep = false, defaultSilence = false;
-    std::optional<float> amplitude;
-    bool hasCapitalisedAmplitude = false;
-
-    void encodeWithCoder(KeyedArchiver& coder) const {
-        if (version)
-            coder.encodeNumber(*version, "version");
-        coder.encodeFloat(duration, "Duration");
-        coder.encodeFloat(startFreq, "StartFreq");
-        coder.encodeFloat(endFreq, "EndFreq");
-        coder.encodeFloat(beginSilence, "BeginSilence");
-        coder.encodeFloat(endSilence, "EndSilence");
-        coder.encodeFloat(leadIn, "LeadIn");
-        coder.encodeFloat(leadOut, "LeadOut");
-        if (name)
-            coder.encodeString(*name, "Name");
-        coder.encodeBool(fullRangeSweep, "FullRangeSweep");
-        coder.encodeBool(defaultSilence, "DefaultSilence");
-        if (amplitude)
-            coder.encodeFloat(*amplitude, "amplitude");
-    }
-    static StoredSweepKeys initWithCoder(KeyedUnarchiver& coder) {
-        StoredSweepKeys keys;
-        keys.version = coder.decodeNumber("version");
-        keys.duration = coder.decodeFloat("Duration");
-        keys.startFreq = coder.decodeFloat("StartFreq");
-        keys.endFreq = coder.decodeFloat("EndFreq");
-        keys.beginSilence = coder.decodeFloat("BeginSilence");
-        keys.endSilence = coder.decodeFloat("EndSilence");
-        keys.leadIn = coder.decodeFloat("LeadIn");
-        keys.leadOut = coder.decodeFloat("LeadOut");
-        keys.name = coder.decodeString("Name");
-        keys.fullRangeSweep = coder.decodeBool("FullRangeSweep");
-        keys.defaultSilence = coder.decodeBool("DefaultSilence");
-        if (coder.containsValueForKey("amplitude"))
-            keys.amplitude = coder.decodeFloat("amplitude");
-        keys.hasCapitalisedAmplitude = coder.containsValueForKey("Amplitude");
-        return keys;
-    }
-};
-
-template <typename T> std::vector<std::byte> archive(const T& object) {
-    return KeyedArchiver::archivedDataWithRootObject(object);
-}
-
-template <typename T> T unarchive(const std::vector<std::byte>& data) {
-    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<T>(data);
+VELTLogSweepSettings roundTrip(const VELTLogSweepSettings& settings) {
+    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<VELTLogSweepSettings>(
+        KeyedArchiver::archivedDataWithRootObject(settings));
     EXPECT_TRUE(decoded.has_value()) << decoded.error().localizedDescription;
-    return decoded ? std::move(*decoded) : T{};
+    return decoded ? std::move(*decoded) : VELTLogSweepSettings();
 }
 
 VELTLogSweepSettings customSettings() {
@@ -211,8 +160,7 @@ TEST(VELTLogSweepSettings, NilThroughKeyValueCodingStoresZero) {
 
 TEST(VELTLogSweepSettings, ArchiveKeysAndRoundTrip) {
     const VELTLogSweepSettings custom = customSettings();
-    auto decoded = unarchive<VELTLogSweepSettings>(archive(custom));
-    EXPECT_EQ(decoded, custom);
+    EXPECT_EQ(roundTrip(custom), custom);
 
     // A full-range, default-silence preset stores its effective values, "amplitude" in lower case.
     VELTLogSweepSettings preset = VELTLogSweepSettings::longLogSweepSettings();
@@ -220,23 +168,13 @@ TEST(VELTLogSweepSettings, ArchiveKeysAndRoundTrip) {
     preset.setEndFreq(5000.0f);
     preset.setAmplitude(0.25f);
     preset.setLeadOut(12.0f);
-    const auto data = archive(preset);
-    const auto stored = unarchive<StoredSweepKeys>(data);
-    EXPECT_EQ(stored.version, 1.0);
-    EXPECT_EQ(stored.duration, 10000.0f);
-    EXPECT_EQ(stored.startFreq, 1.0f);
-    EXPECT_EQ(stored.endFreq, 0.0f);
-    EXPECT_EQ(stored.beginSilence, 500.0f);
-    EXPECT_EQ(stored.endSilence, 2000.0f);
-    EXPECT_EQ(stored.leadOut, 12.0f);
-    EXPECT_EQ(stored.name, "Long (10s) Sweep");
-    EXPECT_TRUE(stored.fullRangeSweep);
-    EXPECT_TRUE(stored.defaultSilence);
-    EXPECT_EQ(stored.amplitude, 0.25f);
-    EXPECT_FALSE(stored.hasCapitalisedAmplitude);
+    EXPECT_EQ(testing::archivedKeys(preset), nlohmann::json::parse(R"({"$class": "VELTLogSweepSettings",
+        "version": 1, "Duration": 10000, "StartFreq": 1, "EndFreq": 0, "BeginSilence": 500,
+        "EndSilence": 2000, "LeadIn": 0, "LeadOut": 12, "Name": "Long (10s) Sweep",
+        "FullRangeSweep": true, "DefaultSilence": true, "amplitude": 0.25})"));
 
     // After decoding, the end frequency stays 0 once full range is turned off.
-    decoded = unarchive<VELTLogSweepSettings>(data);
+    VELTLogSweepSettings decoded = roundTrip(preset);
     EXPECT_EQ(decoded.amplitude(), 0.25f);
     EXPECT_EQ(decoded.leadOut(), 12.0f);
     decoded.setFullRangeSweep(false);
@@ -247,17 +185,15 @@ TEST(VELTLogSweepSettings, ArchiveKeysAndRoundTrip) {
 }
 
 TEST(VELTLogSweepSettings, OlderArchives) {
-    StoredSweepKeys old;
-    old.duration = 3000.0f;
-    old.startFreq = 10.0f;
-    old.endFreq = 12000.0f;
-    old.name = "Old preset";
-    old.amplitude = 0.25f; // not read without version 1
-
-    // Version 0, as a missing key or a number 0: the amplitude keeps its default.
-    for (std::optional<double> version : {std::optional<double>(), std::optional<double>(0.0)}) {
-        old.version = version;
-        const auto decoded = unarchive<VELTLogSweepSettings>(archive(old));
+    auto decode = [](const std::string& members) {
+        auto decoded = testing::unarchivedFromKeys<VELTLogSweepSettings>(members);
+        EXPECT_TRUE(decoded.has_value()) << members;
+        return decoded ? std::move(*decoded) : VELTLogSweepSettings();
+    };
+    const std::string old = R"("Duration": 3000, "StartFreq": 10, "EndFreq": 12000, "Name": "Old preset")";
+    // Version 0, as a missing key or a number 0: the amplitude is not read and keeps its default.
+    for (const std::string version : {"", R"("version": 0, )"}) {
+        const VELTLogSweepSettings decoded = decode(version + old + R"(, "amplitude": 0.25)");
         EXPECT_EQ(decoded.amplitude(), 1.0f);
         EXPECT_EQ(decoded.duration(), 3000.0f);
         EXPECT_EQ(decoded.startFreq(), 10.0f);
@@ -266,22 +202,15 @@ TEST(VELTLogSweepSettings, OlderArchives) {
         EXPECT_FALSE(decoded.defaultSilence());
         EXPECT_EQ(decoded.name(), "Old preset");
     }
-    old.version = 1.0;
-    EXPECT_EQ(unarchive<VELTLogSweepSettings>(archive(old)).amplitude(), 0.25f);
+    EXPECT_EQ(decode(R"("version": 1, )" + old + R"(, "amplitude": 0.25)").amplitude(), 0.25f);
     // Version 1 without the key reads 0, like every missing value.
-    old.amplitude.reset();
-    old.name.reset();
-    const auto sparse = unarchive<VELTLogSweepSettings>(archive(old));
+    const VELTLogSweepSettings sparse = decode(R"("version": 1, "Duration": 3000)");
     EXPECT_EQ(sparse.amplitude(), 0.0f);
     EXPECT_EQ(sparse.name(), "");
     EXPECT_EQ(sparse.leadIn(), 0.0f);
 
     // A value of the wrong kind fails the whole archive.
-    KeyedArchiver wrongKind(VELTLogSweepSettings::className);
-    wrongKind.encodeString("long", "Duration");
-    EXPECT_FALSE(
-        KeyedUnarchiver::unarchivedObjectOfClass<VELTLogSweepSettings>(wrongKind.finish(ArchiveFormat::CBOR))
-            .has_value());
+    EXPECT_FALSE(testing::unarchivedFromKeys<VELTLogSweepSettings>(R"("Duration": "long")").has_value());
 }
 
 TEST(VELTLogSweepSettings, StimulusAtTheDeviceRate) {
