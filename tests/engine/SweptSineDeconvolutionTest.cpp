@@ -204,8 +204,7 @@ TEST(SweptSineDeconvolution, DegenerateStimulusPassesNaNOnUnderPlainDivision) {
                             [](double x) { return std::isnan(x); }));
 }
 
-// The user defaults choose the variant at every call: off or absent divides plainly; on, lambda is
-// the stored value when it is greater than zero (a NaN passing too) and 1e-9 otherwise.
+// The user defaults choose the variant at every call.
 TEST(SweptSineDeconvolution, UserDefaultsChooseTheVariantAndLambda) {
     UserDefaults& defaults = UserDefaults::standard();
     auto clear = [&defaults] {
@@ -233,29 +232,34 @@ TEST(SweptSineDeconvolution, UserDefaultsChooseTheVariantAndLambda) {
     ASSERT_NE(plain, byDefault);
     ASSERT_NE(byDefault, strong);
 
-    EXPECT_EQ(deconvolutionRegularizationFromUserDefaults(), std::nullopt);
-    EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), plain);
-    defaults.setDouble(1e-6, kRegularizationDuringDeconvolutionLambdaKey); // a lambda alone does nothing
-    EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), plain);
-
-    defaults.setBool(true, kUseRegularizationDuringDeconvolutionKey);
-    EXPECT_EQ(deconvolutionRegularizationFromUserDefaults(), 1e-6);
-    EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), strong);
-    for (const double notPositive : {0.0, -1.0}) {
-        defaults.setDouble(notPositive, kRegularizationDuringDeconvolutionLambdaKey);
-        EXPECT_EQ(deconvolutionRegularizationFromUserDefaults(), kDefaultDeconvolutionRegularizationLambda);
-        EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), byDefault);
+    // Off or absent divides plainly, a stored lambda notwithstanding; on, lambda is the stored value
+    // when it is greater than zero (a NaN passing too) and the default otherwise.
+    struct State {
+        std::optional<bool> use;
+        std::optional<double> lambda;
+        const VELTRealVector* expected; // null: NaN throughout
+    };
+    const State states[] = {{std::nullopt, std::nullopt, &plain},
+                            {std::nullopt, 1e-6, &plain},
+                            {false, 1e-6, &plain},
+                            {true, 1e-6, &strong},
+                            {true, 0.0, &byDefault},
+                            {true, -1.0, &byDefault},
+                            {true, std::nullopt, &byDefault},
+                            {true, std::nan(""), nullptr},
+                            {false, std::nan(""), &plain}};
+    for (const State& state : states) {
+        clear();
+        if (state.use)
+            defaults.setBool(*state.use, kUseRegularizationDuringDeconvolutionKey);
+        if (state.lambda)
+            defaults.setDouble(*state.lambda, kRegularizationDuringDeconvolutionLambdaKey);
+        const VELTRealVector result = realVectorByDeconvolvingResponse(response, stimulus, nullptr);
+        if (state.expected)
+            EXPECT_EQ(result, *state.expected) << &state - states;
+        else
+            EXPECT_TRUE(hasNaN(result)) << &state - states;
     }
-    defaults.removeObjectForKey(kRegularizationDuringDeconvolutionLambdaKey);
-    EXPECT_EQ(deconvolutionRegularizationFromUserDefaults(), kDefaultDeconvolutionRegularizationLambda);
-    EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), byDefault);
-    defaults.setDouble(std::numeric_limits<double>::quiet_NaN(), kRegularizationDuringDeconvolutionLambdaKey);
-    ASSERT_TRUE(deconvolutionRegularizationFromUserDefaults().has_value());
-    EXPECT_TRUE(std::isnan(*deconvolutionRegularizationFromUserDefaults()));
-    EXPECT_TRUE(hasNaN(realVectorByDeconvolvingResponse(response, stimulus, nullptr)));
-
-    defaults.setBool(false, kUseRegularizationDuringDeconvolutionKey);
-    EXPECT_EQ(realVectorByDeconvolvingResponse(response, stimulus, nullptr), plain);
 }
 
 // One deconvolver serving responses of several lengths, references and regularisations in turn

@@ -17,6 +17,7 @@
 #include <random>
 #include <sndfile.h>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 namespace tavolar {
@@ -82,12 +83,8 @@ TEST(AudioDeviceUID, ParsesSchemesNamesAndRoutingAndRejectsMalformedText) {
     EXPECT_EQ(routed->canonicalString(), "jack:studio?in3=jconv:Out%261&out0=jconv:In-1");
     EXPECT_EQ(AudioDeviceUID::parse(routed->canonicalString()), routed);
 
-    EXPECT_FALSE(AudioDeviceUID::parse(""));
-    EXPECT_FALSE(AudioDeviceUID::parse(":name"));
-    EXPECT_FALSE(AudioDeviceUID::parse("sim:"));
-    EXPECT_FALSE(AudioDeviceUID::parse("sim:a?delay"));
-    EXPECT_FALSE(AudioDeviceUID::parse("sim:a?delay=%4"));
-    EXPECT_FALSE(AudioDeviceUID::parse("sim:a?de lay=4"));
+    for (const char* malformed : {"", ":name", "sim:", "sim:a?delay", "sim:a?delay=%4", "sim:a?de lay=4"})
+        EXPECT_FALSE(AudioDeviceUID::parse(malformed)) << malformed;
 }
 
 TEST(AudioStreamDescription, FormatInfoCompletesFloatLayoutsAndRefusesOthers) {
@@ -161,24 +158,21 @@ TEST(VELTMatrixMixer, OnlyExplicitlySetCrosspointsCarrySignal) {
     for (std::uint32_t c = 0; c < 4; ++c)
         EXPECT_EQ(out[c].data[5], 0.0f) << "every gain starts at zero";
 
-    for (std::uint32_t i = 0; i < 2; ++i)
-        ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Input, i, 1.0f), 0);
-    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterEnable, AudioUnitScope::Input, 0, 1.0f), 0);
-    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterEnable, AudioUnitScope::Output, 0, 1.0f), 0);
-    for (std::uint32_t o : {1u, 3u})
-        ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Output, o, 1.0f), 0);
-    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Global,
-                                 matrixMixerCrosspoint(0, 1), 1.0f),
-              0);
-    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Global,
-                                 matrixMixerCrosspoint(1, 3), 0.5f),
-              0);
-    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Global,
-                                 matrixMixerCrosspoint(0, 3), 1.0f),
-              0);
-    ASSERT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Global,
-                                 kMatrixMixerMasterElement, 1.0f),
-              0);
+    // Both inputs and outputs 1 and 3 at unity, input 0 and output 0 enabled (which alone passes
+    // nothing), crosspoints 0 to 1, 1 to 3 at half and 0 to 3, and the master volume.
+    const std::tuple<std::uint32_t, AudioUnitScope, std::uint32_t, float> parameters[] = {
+        {kMatrixMixerParameterVolume, AudioUnitScope::Input, 0, 1.0f},
+        {kMatrixMixerParameterVolume, AudioUnitScope::Input, 1, 1.0f},
+        {kMatrixMixerParameterEnable, AudioUnitScope::Input, 0, 1.0f},
+        {kMatrixMixerParameterEnable, AudioUnitScope::Output, 0, 1.0f},
+        {kMatrixMixerParameterVolume, AudioUnitScope::Output, 1, 1.0f},
+        {kMatrixMixerParameterVolume, AudioUnitScope::Output, 3, 1.0f},
+        {kMatrixMixerParameterVolume, AudioUnitScope::Global, matrixMixerCrosspoint(0, 1), 1.0f},
+        {kMatrixMixerParameterVolume, AudioUnitScope::Global, matrixMixerCrosspoint(1, 3), 0.5f},
+        {kMatrixMixerParameterVolume, AudioUnitScope::Global, matrixMixerCrosspoint(0, 3), 1.0f},
+        {kMatrixMixerParameterVolume, AudioUnitScope::Global, kMatrixMixerMasterElement, 1.0f}};
+    for (const auto& [parameter, scope, element, value] : parameters)
+        ASSERT_EQ(mixer.setParameter(parameter, scope, element, value), 0) << element;
     ASSERT_EQ(mixer.render(stamp, 16, out), 0);
     EXPECT_FLOAT_EQ(out[0].data[3], 0.0f);
     EXPECT_FLOAT_EQ(out[1].data[3], 0.1f);
