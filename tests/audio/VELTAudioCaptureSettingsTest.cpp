@@ -46,6 +46,8 @@ TEST(VELTAudioCaptureSettings, FreshSettingsRecordAndPlayOnChannelZero) {
     EXPECT_EQ(settings.recordChannelArray(), (std::vector<std::int64_t>{0}));
     EXPECT_EQ(settings.playbackChannels(), (IndexSet{0}));
     EXPECT_FALSE(settings.correctionEnabled());
+    EXPECT_EQ(settings.correctionRecordChannel(), 0);
+    EXPECT_EQ(settings.correctionPlaybackChannel(), 0);
     EXPECT_FALSE(settings.recordDeviceUID() || settings.playbackDeviceUID() ||
                  settings.correctionPlaybackDeviceUID());
     ASSERT_TRUE(settings.referenceLevels().has_value());

@@ -16,6 +16,7 @@
 #include <gtest/gtest.h>
 #include <mutex>
 #include <numbers>
+#include <tuple>
 
 namespace tavolar {
 namespace {
@@ -235,31 +236,34 @@ TEST(VELTRZMeasurementController, LevelChecksStopProcessingUnlessBypassed) {
     }
     UserDefaults::standard().removeObjectForKey("ChecksRecordingLevel");
 
-    auto recording = [](float level) {
-        std::vector<VELTRealVector> channels{VELTRealVector{0.0f, level, -0.5f * level}};
-        return VELTRZSweptSineRecording(std::move(channels), std::nullopt);
+    // Recordings of one channel each, by their peaks: -20 dB passes, 1.0 is clipped, and an empty
+    // array counts as clipped.
+    auto recordings = [](std::vector<float> peaks) {
+        std::vector<VELTRZSweptSineRecording> result;
+        for (float peak : peaks)
+            result.emplace_back(std::vector<VELTRealVector>{VELTRealVector{0.0f, peak, -0.5f * peak}},
+                                std::nullopt);
+        return result;
     };
-    std::vector<VELTRZSweptSineRecording> none;
-    EXPECT_FALSE(VELTRZMeasurementController::hasSufficientRecordingLevelInMeasurements(none));
-    EXPECT_TRUE(VELTRZMeasurementController::measurementsDidClip(none)) << "an empty array counts as clipped";
-    std::vector<VELTRZSweptSineRecording> fine;
-    fine.push_back(recording(0.1f));
-    fine.push_back(recording(-0.99f));
-    EXPECT_TRUE(VELTRZMeasurementController::hasSufficientRecordingLevelInMeasurements(fine))
-        << "-20 dB passes";
-    EXPECT_FALSE(VELTRZMeasurementController::measurementsDidClip(fine));
-    std::vector<VELTRZSweptSineRecording> edges;
-    edges.push_back(recording(0.0999f));
-    edges.push_back(recording(1.0f));
-    EXPECT_FALSE(VELTRZMeasurementController::hasSufficientRecordingLevelInMeasurements(edges));
-    EXPECT_TRUE(VELTRZMeasurementController::measurementsDidClip(edges)) << "1.0 is clipped";
+    const std::tuple<std::vector<float>, bool, bool> cases[] = {{{}, false, true},
+                                                                {{0.1f, -0.99f}, true, false},
+                                                                {{0.5f, 0.0999f}, false, false},
+                                                                {{1.0f, 0.5f}, true, true}};
+    for (const auto& [peaks, sufficient, clipped] : cases) {
+        EXPECT_EQ(VELTRZMeasurementController::hasSufficientRecordingLevelInMeasurements(recordings(peaks)),
+                  sufficient)
+            << peaks.size();
+        EXPECT_EQ(VELTRZMeasurementController::measurementsDidClip(recordings(peaks)), clipped)
+            << peaks.size();
+    }
     int visited = 0;
-    EXPECT_FALSE(VELTRZMeasurementController::measurements(edges, [&](const VELTRealVector&, bool&) {
-        ++visited;
-        return false;
-    }));
+    EXPECT_FALSE(VELTRZMeasurementController::measurements(recordings({0.5f, 0.5f}),
+                                                           [&](const VELTRealVector&, bool&) {
+                                                               ++visited;
+                                                               return false;
+                                                           }));
     EXPECT_EQ(visited, 1) << "the walk stops at the first failure";
-    EXPECT_FALSE(VELTRZMeasurementController::measurements(fine, nullptr));
+    EXPECT_FALSE(VELTRZMeasurementController::measurements(recordings({0.5f}), nullptr));
 }
 
 TEST(VELTRZMeasurementController, AbortStopsWithoutProcessing) {

@@ -46,9 +46,8 @@ struct PlaybackEnd {
     const void* sender = nullptr; // the last one's sender
 };
 
-// Records and plays the output's stimulus until its end-of-buffer notification arrives (the only
-// wait, however slowly the machine runs), then plays and records on for recordOn before stopping
-// both. No notification means the stimulus never played out within 30 seconds.
+// Records, and plays the output's stimulus until its end-of-buffer notification arrives (no
+// notification within 30 seconds: the stimulus never played out), then on for recordOn, and stops.
 inline PlaybackEnd playAndRecord(VELTAudioOutputController& output, VELTAudioInputController& input,
                                  std::chrono::milliseconds recordOn = std::chrono::milliseconds(0)) {
     PlaybackEnd end;
