@@ -19,16 +19,9 @@ namespace tavolar {
 namespace {
 
 using testing::Biquad;
+using testing::peakIndex;
 
 constexpr double kSampleRate = 48000.0;
-
-std::size_t peakIndex(const VELTRealVector& vector) {
-    std::size_t index = 0;
-    for (std::size_t i = 1; i < vector.length(); ++i)
-        if (std::fabs(vector[i]) > std::fabs(vector[index]))
-            index = i;
-    return index;
-}
 
 bool hasNaN(const VELTRealVector& vector) {
     return std::any_of(vector.span().begin(), vector.span().end(), [](float x) { return std::isnan(x); });

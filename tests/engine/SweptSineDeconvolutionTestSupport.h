@@ -122,6 +122,15 @@ inline std::vector<double> audioBandFrequencies() {
     return frequencies;
 }
 
+// The index of the first sample of largest magnitude.
+inline std::size_t peakIndex(const VELTRealVector& vector) {
+    std::size_t index = 0;
+    for (std::size_t i = 1; i < vector.length(); ++i)
+        if (std::fabs(vector[i]) > std::fabs(vector[index]))
+            index = i;
+    return index;
+}
+
 inline double decibels(double magnitude) {
     return 20.0 * std::log10(magnitude);
 }

@@ -57,13 +57,7 @@ std::vector<double> referenceAverage(const std::vector<VELTRealVector>& response
             realVectorByDeconvolvingResponseWithoutRegularization(response, stimulus, nullptr));
         longest = std::max(longest, impulses.back().length());
     }
-    auto peakOf = [](const VELTRealVector& v) {
-        std::size_t index = 0;
-        for (std::size_t i = 0; i < v.length(); ++i)
-            if (std::fabs(v[i]) > std::fabs(v[index]))
-                index = i;
-        return static_cast<std::ptrdiff_t>(index);
-    };
+    auto peakOf = [](const VELTRealVector& v) { return static_cast<std::ptrdiff_t>(testing::peakIndex(v)); };
     const std::ptrdiff_t firstPeak = peakOf(impulses.front());
     std::vector<double> sum(longest, 0.0);
     for (const VELTRealVector& impulse : impulses) {
