@@ -20,9 +20,9 @@ coefficient is the nearest double to the polynomial of those poles.
 The bilinear transform compresses the response towards the Nyquist frequency. Where that makes a
 band near the top of a bank fail the class 1 acceptance limits of relative attenuation of
 IEC 61260-1:2014 (at every breakpoint below 0.95 times the Nyquist frequency), the design changes
-as little as it must: an octave band takes the eighth-order prototype, and a third-octave band
-(whose polynomials keep 7 coefficients) has its design edges moved, on a grid of 1/100 of their
-exponents, to the pair that meets the limits by 0.1 dB with the least loss of level for pink noise.
+as little as it must: the design edges move, on a grid of 1/100 of their exponents, to the pair
+that meets the limits by 0.1 dB with the least loss of level for pink noise; an octave band that no
+such pair brings within the limits takes the eighth-order prototype instead.
 An octave band whose upper edge would lie above 0.98 times the Nyquist frequency is designed with
 its upper edge there. Bands far below the top are left as designed even where the 64-bit
 polynomials cannot hold the design (their poles crowd the unit circle); the band analysis reaches
@@ -191,10 +191,31 @@ def exact_margin(design, centre, rate, fraction):
 
 
 def pink_level_db(design, centre, rate):
-    """Band level for pink noise relative to an ideal band of the same nominal width (dB)."""
+    """Band level for pink noise (equal power per octave) relative to an ideal band of the same
+    nominal width, up to a constant (dB)."""
     f = np.geomspace(centre / 30, rate / 2 * 0.99999, 20001)
     power = np.array([design.magnitude(x, rate) ** 2 for x in f])
-    return 10 * math.log10(np.trapz(power, np.log(f)) / math.log(2 ** (1 / 3)))
+    return 10 * math.log10(np.trapz(power, np.log(f)))
+
+
+def moved_edges_design(order, half_width, centre, rate, fraction):
+    """Among designs with edges at centre * 2^(-a w) and centre * 2^(b w) (w the half width in
+    octaves, a from 0.80 to 1.00 and b from 0.90 to 1.20 in steps of 0.01), the one with the most
+    level for pink noise that meets the class 1 limits by DESIGN_MARGIN_DB, or None."""
+    best = None
+    for low_step in range(80, 101):
+        for high_step in range(90, 121):
+            high = min(centre * 2 ** (high_step / 100 * half_width), 0.98 * rate / 2)
+            design = BandPass(order, centre * 2 ** (-low_step / 100 * half_width), high, rate, centre)
+            margin = class1_margin(lambda f: -20 * math.log10(design.magnitude(f, rate)), centre, rate, fraction)
+            if margin < DESIGN_MARGIN_DB:
+                continue
+            level = pink_level_db(design, centre, rate)
+            if best is None or level > best[0]:
+                best = (level, design)
+    if best is None or exact_margin(best[1], centre, rate, fraction) < DESIGN_MARGIN_DB:
+        return None
+    return best[1]
 
 
 def third_octave_filter(k, rate):
@@ -202,20 +223,10 @@ def third_octave_filter(k, rate):
     plain = BandPass(3, centre * 2 ** (-1 / 6), centre * 2 ** (1 / 6), rate, centre)
     if centre <= rate / 8 or exact_margin(plain, centre, rate, 3) >= 0:
         return plain
-    best = None
-    for low_step in range(80, 101):
-        for high_step in range(90, 121):
-            design = BandPass(3, centre * 2 ** (-low_step / 600), centre * 2 ** (high_step / 600), rate,
-                              centre)
-            margin = class1_margin(lambda f: -20 * math.log10(design.magnitude(f, rate)), centre, rate, 3)
-            if margin < DESIGN_MARGIN_DB:
-                continue
-            level = pink_level_db(design, centre, rate)
-            if best is None or level > best[0]:
-                best = (level, design)
-    if best is None or exact_margin(best[1], centre, rate, 3) < DESIGN_MARGIN_DB:
+    design = moved_edges_design(3, 1 / 6, centre, rate, 3)
+    if design is None:
         sys.exit(f"no third-octave design for band {k} at {rate} meets class 1")
-    return best[1]
+    return design
 
 
 def octave_filter(k, rate):
@@ -224,10 +235,12 @@ def octave_filter(k, rate):
     plain = BandPass(3, centre * 2 ** -0.5, high, rate, centre)
     if centre <= rate / 8 or exact_margin(plain, centre, rate, 1) >= 0:
         return plain
-    steep = BandPass(8, centre * 2 ** -0.5, high, rate, centre)
-    if exact_margin(steep, centre, rate, 1) < DESIGN_MARGIN_DB:
-        sys.exit(f"no octave design for band {k} at {rate} meets class 1")
-    return steep
+    design = moved_edges_design(3, 1 / 2, centre, rate, 1)
+    if design is None:
+        design = BandPass(8, centre * 2 ** -0.5, high, rate, centre)
+        if exact_margin(design, centre, rate, 1) < DESIGN_MARGIN_DB:
+            sys.exit(f"no octave design for band {k} at {rate} meets class 1")
+    return design
 
 
 def bessel_i0(x):
