@@ -144,8 +144,7 @@ TEST(MeasurementDocumentDurability, KilledWriterLeavesTheDocumentBeforeOrAfterEa
         auto integrity = (*document)->checkIntegrity();
         EXPECT_TRUE(integrity) << (integrity ? "" : integrity.error().localizedDescription);
         // The database's own check, independently of the document.
-        RawDatabase raw(path);
-        EXPECT_EQ(raw.rows("PRAGMA integrity_check"), (std::vector<std::vector<std::string>>{{"ok"}}));
+        EXPECT_EQ(sql(path, "PRAGMA integrity_check"), (std::vector<std::vector<std::string>>{{"ok"}}));
         mostRecords = std::max(mostRecords, expectCompleteRecords(**document));
         if (::testing::Test::HasFailure())
             FAIL() << "in run " << run;
@@ -154,54 +153,41 @@ TEST(MeasurementDocumentDurability, KilledWriterLeavesTheDocumentBeforeOrAfterEa
     RecordProperty("RunsKilledDuringAWrite", killedMidWrite);
 }
 
-TEST(MeasurementDocumentDurability, CutOffDocumentsAreReportedAsDamaged) {
-    ScratchFolder folder;
-    const auto original = folder / "Original.tavolar";
+// The bytes of a document of six records and a sweep preset, all as of version.
+std::string sixRecordDocument(const ScratchFolder& folder, std::uint64_t version) {
+    const auto path = folder / "Original.tavolar";
     {
-        auto document = MeasurementDocument::create(original);
-        ASSERT_TRUE(document);
-        for (std::uint64_t key = 0; key < 6; ++key) {
-            ASSERT_TRUE((*document)->putRecord(recordUUID(key), archiveBytes(key, 1)));
-            ASSERT_TRUE((*document)->putImpulseResponse(recordUUID(key), impulseSamples(key, 1), 48000));
-        }
+        auto document = createDocument(path);
+        for (std::uint64_t key = 0; document && key < 6; ++key)
+            EXPECT_TRUE(putRecordAndImpulse(*document, key, version));
+        EXPECT_TRUE(document && document->putSweepPreset("Long", archiveBytes(100, version)));
     }
-    std::ifstream input(original, std::ios::binary);
-    const std::string contents((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
-    ASSERT_GT(contents.size(), 16384u);
+    return fileBytes(path);
+}
 
+TEST(MeasurementDocumentDurability, DamagedFilesGiveErrorsOrTheTrueData) {
+    ScratchFolder folder;
+    const std::string contents = sixRecordDocument(folder, 2);
+    ASSERT_GT(contents.size(), 16384u);
+    const auto damaged = folder / "Damaged.tavolar";
+
+    // A file cut off anywhere is reported as damaged.
     std::vector<std::size_t> lengths{1, 15, 16, 99, 100, 101, 4095, 4096, 4097, 8192};
     for (std::size_t length = 12288; length < contents.size(); length += 3 * 4096 + 1234)
         lengths.push_back(length);
     lengths.push_back(contents.size() - 4096);
     lengths.push_back(contents.size() - 1);
-    const auto cut = folder / "Cut.tavolar";
     for (std::size_t length : lengths) {
-        std::ofstream(cut, std::ios::binary | std::ios::trunc).write(contents.data(), length);
-        auto document = MeasurementDocument::open(cut);
+        std::ofstream(damaged, std::ios::binary | std::ios::trunc).write(contents.data(), length);
+        auto document = MeasurementDocument::open(damaged);
         ASSERT_FALSE(document) << "a document cut to " << length << " bytes opened";
         EXPECT_EQ(document.error().code, errorCode(MeasurementDocumentErrorCode::Damaged)) << length;
         EXPECT_NE(document.error().localizedDescription.find("is damaged"), std::string::npos)
             << document.error().localizedDescription;
     }
-}
 
-TEST(MeasurementDocumentDurability, OverwrittenBytesGiveErrorsOrTheTrueData) {
-    ScratchFolder folder;
-    const auto original = folder / "Original.tavolar";
-    {
-        auto document = MeasurementDocument::create(original);
-        ASSERT_TRUE(document);
-        for (std::uint64_t key = 0; key < 6; ++key) {
-            ASSERT_TRUE((*document)->putRecord(recordUUID(key), archiveBytes(key, 2)));
-            ASSERT_TRUE((*document)->putImpulseResponse(recordUUID(key), impulseSamples(key, 2), 48000));
-        }
-        ASSERT_TRUE((*document)->putSweepPreset("Long", archiveBytes(100, 2)));
-    }
-    std::ifstream input(original, std::ios::binary);
-    const std::string contents((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
-
+    // Overwritten bytes give errors, or data that is true.
     std::mt19937 generator(77);
-    const auto damaged = folder / "Damaged.tavolar";
     int opened = 0, detected = 0;
     for (int trial = 0; trial < 150; ++trial) {
         std::string bytes = contents;

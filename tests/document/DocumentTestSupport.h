@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <random>
 #include <span>
@@ -22,7 +23,7 @@ public:
     ScratchFolder() {
         std::random_device device;
         path_ = std::filesystem::temp_directory_path() /
-                ("tavolar-document-test-" + std::to_string(device()) + "-" + std::to_string(device()));
+                ("tavolar-test-" + std::to_string(device()) + "-" + std::to_string(device()));
         std::filesystem::create_directories(path_);
     }
     ~ScratchFolder() {
@@ -87,51 +88,59 @@ inline std::string recordUUID(std::uint64_t key) {
     return text;
 }
 
-// A direct connection to the file, for reading and changing it behind the document's back.
-class RawDatabase {
-public:
-    explicit RawDatabase(const std::filesystem::path& path) {
-        if (sqlite3_open_v2(path.c_str(), &connection_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
-                            nullptr) != SQLITE_OK)
-            ADD_FAILURE() << "cannot open " << path << ": " << sqlite3_errmsg(connection_);
-    }
-    ~RawDatabase() { sqlite3_close_v2(connection_); }
-    RawDatabase(const RawDatabase&) = delete;
-    RawDatabase& operator=(const RawDatabase&) = delete;
-
-    void execute(const std::string& sql) {
-        char* message = nullptr;
-        if (sqlite3_exec(connection_, sql.c_str(), nullptr, nullptr, &message) != SQLITE_OK)
-            ADD_FAILURE() << sql << ": " << (message ? message : "?");
-        sqlite3_free(message);
-    }
-    // Every row of a query, each column as text (blobs as their bytes).
-    std::vector<std::vector<std::string>> rows(const std::string& sql) {
-        std::vector<std::vector<std::string>> result;
-        sqlite3_stmt* statement = nullptr;
-        if (sqlite3_prepare_v2(connection_, sql.c_str(), -1, &statement, nullptr) != SQLITE_OK) {
-            ADD_FAILURE() << sql << ": " << sqlite3_errmsg(connection_);
-            return result;
-        }
-        while (sqlite3_step(statement) == SQLITE_ROW) {
-            std::vector<std::string> row;
-            for (int column = 0; column < sqlite3_column_count(statement); ++column) {
-                const void* data = sqlite3_column_blob(statement, column);
-                int size = sqlite3_column_bytes(statement, column);
-                row.emplace_back(data ? std::string(static_cast<const char*>(data), size) : std::string());
+// Runs one statement on a connection of its own to the file, behind the document's back, and
+// answers every row, each column as text (blobs as their bytes).
+inline std::vector<std::vector<std::string>> sql(const std::filesystem::path& path,
+                                                 const std::string& statement) {
+    std::vector<std::vector<std::string>> rows;
+    sqlite3* connection = nullptr;
+    sqlite3_stmt* prepared = nullptr;
+    int step = SQLITE_ERROR;
+    if (sqlite3_open(path.c_str(), &connection) == SQLITE_OK &&
+        sqlite3_prepare_v2(connection, statement.c_str(), -1, &prepared, nullptr) == SQLITE_OK)
+        while ((step = sqlite3_step(prepared)) == SQLITE_ROW) {
+            rows.emplace_back();
+            for (int column = 0; column < sqlite3_column_count(prepared); ++column) {
+                const auto* data = static_cast<const char*>(sqlite3_column_blob(prepared, column));
+                rows.back().emplace_back(data ? std::string(data, sqlite3_column_bytes(prepared, column))
+                                              : "");
             }
-            result.push_back(std::move(row));
         }
-        sqlite3_finalize(statement);
-        return result;
-    }
-
-private:
-    sqlite3* connection_ = nullptr;
-};
+    if (step != SQLITE_DONE)
+        ADD_FAILURE() << statement << ": " << sqlite3_errmsg(connection);
+    sqlite3_finalize(prepared);
+    sqlite3_close_v2(connection);
+    return rows;
+}
 
 inline std::int64_t errorCode(MeasurementDocumentErrorCode code) {
     return static_cast<std::int64_t>(code);
+}
+
+inline std::unique_ptr<MeasurementDocument>
+openDocument(const std::filesystem::path& path,
+             MeasurementDocument::Access access = MeasurementDocument::Access::ReadWrite,
+             bool create = false) {
+    auto document = create ? MeasurementDocument::create(path) : MeasurementDocument::open(path, access);
+    EXPECT_TRUE(document.has_value()) << (document ? "" : document.error().localizedDescription);
+    return document ? std::move(*document) : nullptr;
+}
+
+inline std::unique_ptr<MeasurementDocument> createDocument(const std::filesystem::path& path) {
+    return openDocument(path, MeasurementDocument::Access::ReadWrite, true);
+}
+
+// Stores record key as of version: its archive, and its impulse response at 48 kHz.
+inline Expected<void> putRecordAndImpulse(MeasurementDocument& document, std::uint64_t key,
+                                          std::uint64_t version = 0) {
+    if (auto put = document.putRecord(recordUUID(key), archiveBytes(key, version)); !put)
+        return put;
+    return document.putImpulseResponse(recordUUID(key), impulseSamples(key, version), 48000);
+}
+
+inline std::string fileBytes(const std::filesystem::path& path) {
+    std::ifstream input(path, std::ios::binary);
+    return std::string((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
 }
 
 } // namespace tavolar::testing
