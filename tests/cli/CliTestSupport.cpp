@@ -1,89 +1,74 @@
 #include "CliTestSupport.h"
 
-#include <cmath>
-#include <fcntl.h>
-#include <fstream>
-#include <gtest/gtest.h>
-#include <numbers>
-#include <random>
+#include <cstdlib>
 #include <sndfile.h>
-#include <spawn.h>
 #include <sstream>
 #include <sys/wait.h>
-#include <unistd.h>
-
-extern char** environ;
 
 namespace tavolar::testing {
 
-ScratchFolder::ScratchFolder() {
-    std::random_device device;
-    path_ = std::filesystem::temp_directory_path() /
-            ("tavolar-cli-test-" + std::to_string(device()) + "-" + std::to_string(device()));
-    std::filesystem::create_directories(path_);
+namespace {
+
+std::string describe(const Arguments& arguments) {
+    std::string text = "tavolar";
+    for (const std::string& argument : arguments)
+        text += " " + argument;
+    return text;
 }
 
-ScratchFolder::~ScratchFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
+} // namespace
 
-RunResult runTavolar(const ScratchFolder& folder, const std::vector<std::string>& arguments) {
-    const std::string outPath = folder / ".stdout";
-    const std::string errPath = folder / ".stderr";
-    std::vector<std::string> argumentStorage{TAVOLAR_CLI_PATH};
-    argumentStorage.insert(argumentStorage.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& argument : argumentStorage)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-
-    std::vector<std::string> environmentStorage;
-    for (char** entry = environ; *entry; ++entry)
-        if (!std::string_view(*entry).starts_with("TAVOLAR_DEFAULTS_FILE=") &&
-            !std::string_view(*entry).starts_with("TAVOLAR_FFT_WISDOM_FILE="))
-            environmentStorage.emplace_back(*entry);
-    environmentStorage.push_back("TAVOLAR_DEFAULTS_FILE=" + (folder / ".defaults.json"));
-    environmentStorage.push_back("TAVOLAR_FFT_WISDOM_FILE=" + (folder / ".fft-wisdom"));
-    std::vector<char*> envp;
-    for (std::string& entry : environmentStorage)
-        envp.push_back(entry.data());
-    envp.push_back(nullptr);
-
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, outPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0644);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, errPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0644);
-    posix_spawn_file_actions_addchdir_np(&actions, folder.path().c_str());
-    pid_t child = 0;
-    int spawned = posix_spawn(&child, argv[0], &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    RunResult result;
-    if (spawned != 0) {
-        ADD_FAILURE() << "could not start " << argv[0];
-        return result;
+RunResult CommandLineTest::run(const Arguments& arguments) const {
+    // The shell runs the program in the folder, every argument single-quoted.
+    std::string command = "cd '" + folder.path().string() + "' && exec '" TAVOLAR_CLI_PATH "'";
+    for (const std::string& argument : arguments) {
+        command += " '";
+        for (char c : argument)
+            command += c == '\'' ? std::string("'\\''") : std::string(1, c);
+        command += "'";
     }
-    int status = 0;
-    waitpid(child, &status, 0);
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    result.out = readText(outPath);
-    result.err = readText(errPath);
-    return result;
+    command += " < /dev/null > .stdout 2> .stderr";
+    // The tests run one at a time, so the variables can be set in this process for the program.
+    setenv("TAVOLAR_DEFAULTS_FILE", (folder / ".defaults.json").c_str(), 1);
+    setenv("TAVOLAR_FFT_WISDOM_FILE", (folder / ".fft-wisdom").c_str(), 1);
+    const int status = std::system(command.c_str());
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), fileBytes(folder / ".stdout"),
+            fileBytes(folder / ".stderr")};
 }
 
-nlohmann::json parseJSON(const RunResult& result) {
+bool CommandLineTest::succeeds(const Arguments& arguments) const {
+    RunResult result = run(arguments);
+    EXPECT_EQ(result.exitCode, 0) << describe(arguments) << "\n" << result.err;
+    return result.exitCode == 0;
+}
+
+void CommandLineTest::expectRefused(const Arguments& arguments, int exitCode,
+                                    std::string_view message) const {
+    RunResult result = run(arguments);
+    EXPECT_EQ(result.exitCode, exitCode) << describe(arguments) << "\n" << result.err;
+    EXPECT_FALSE(result.err.empty()) << describe(arguments);
+    EXPECT_TRUE(result.out.empty()) << describe(arguments) << " printed\n" << result.out;
+    EXPECT_NE(result.err.find(message), std::string::npos) << describe(arguments) << "\n" << result.err;
+}
+
+nlohmann::json CommandLineTest::json(const Arguments& arguments) const {
+    RunResult result = run(arguments);
+    EXPECT_EQ(result.exitCode, 0) << describe(arguments) << "\n" << result.err;
     try {
         return nlohmann::json::parse(result.out);
     } catch (const std::exception& error) {
-        ADD_FAILURE() << "not JSON: " << error.what() << "\n" << result.out;
+        ADD_FAILURE() << describe(arguments) << " printed no JSON: " << error.what() << "\n" << result.out;
         return nullptr;
     }
 }
 
-SoundFile readSound(const std::string& path) {
+nlohmann::json CommandLineTest::info(const std::string& document, const std::string& record) const {
+    nlohmann::json records = json({"info", document, record, "--json"});
+    EXPECT_TRUE(records.is_array() && records.size() == 1) << records;
+    return records.is_array() && records.size() == 1 ? records[0] : nlohmann::json();
+}
+
+SoundFile readSound(const std::filesystem::path& path) {
     SF_INFO info{};
     SNDFILE* file = sf_open(path.c_str(), SFM_READ, &info);
     SoundFile sound;
@@ -94,20 +79,18 @@ SoundFile readSound(const std::string& path) {
     std::vector<float> interleaved(static_cast<std::size_t>(info.frames) * info.channels);
     sf_readf_float(file, interleaved.data(), info.frames);
     sf_close(file);
-    sound.sampleRate = info.samplerate;
-    sound.channels = info.channels;
-    sound.format = info.format;
-    for (sf_count_t frame = 0; frame < info.frames; ++frame)
-        sound.samples.push_back(interleaved[static_cast<std::size_t>(frame * info.channels)]);
+    sound = {{}, info.samplerate, info.channels, info.format};
+    for (std::size_t at = 0; at < interleaved.size(); at += static_cast<std::size_t>(info.channels))
+        sound.samples.push_back(interleaved[at]);
     return sound;
 }
 
-void writeSound(const std::string& path, const std::vector<float>& samples, int sampleRate, int format,
-                int channels) {
+void writeSound(const std::filesystem::path& path, const std::vector<float>& samples, int sampleRate,
+                int format, int channels) {
     SF_INFO info{};
     info.samplerate = sampleRate;
     info.channels = channels;
-    info.format = format;
+    info.format = format ? format : SF_FORMAT_WAV | SF_FORMAT_FLOAT;
     SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
     ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
     sf_command(file, SFC_SET_CLIPPING, nullptr, SF_TRUE);
@@ -115,23 +98,8 @@ void writeSound(const std::string& path, const std::vector<float>& samples, int 
     sf_close(file);
 }
 
-void writeFloatWav(const std::string& path, const std::vector<float>& samples, int sampleRate) {
-    writeSound(path, samples, sampleRate, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
-}
-
-std::string readText(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    std::stringstream buffer;
-    buffer << stream.rdbuf();
-    return buffer.str();
-}
-
 std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> result;
-    std::stringstream stream(text);
-    for (std::string line; std::getline(stream, line);)
-        result.push_back(line);
-    return result;
+    return splitFields(text, '\n');
 }
 
 std::vector<std::string> splitFields(const std::string& line, char separator) {
@@ -142,18 +110,20 @@ std::vector<std::string> splitFields(const std::string& line, char separator) {
     return fields;
 }
 
-std::vector<double> referenceSweep(double f1, double f2, double duration, double amplitude, double sampleRate,
-                                   std::size_t leadingZeros, std::size_t trailingZeros) {
-    const auto count = static_cast<std::size_t>(duration * sampleRate);
-    const double rate = std::log(f2 / f1);
-    std::vector<double> samples(leadingZeros, 0.0);
-    for (std::size_t n = 0; n < count; ++n) {
-        const double t = static_cast<double>(n) / sampleRate;
-        samples.push_back(amplitude * std::sin(2.0 * std::numbers::pi * f1 * duration / rate *
-                                               (std::exp(t * rate / duration) - 1.0)));
+Table readCSV(const std::filesystem::path& path) {
+    Table table;
+    std::vector<std::string> text = lines(fileBytes(path));
+    if (text.empty())
+        return table;
+    EXPECT_EQ(text[0].back(), ',') << "every line ends with a comma";
+    table.headers = splitFields(text[0], ',');
+    for (std::size_t at = 1; at < text.size(); ++at) {
+        std::vector<double> row;
+        for (const std::string& field : splitFields(text[at], ','))
+            row.push_back(std::stod(field));
+        table.rows.push_back(std::move(row));
     }
-    samples.resize(samples.size() + trailingZeros, 0.0);
-    return samples;
+    return table;
 }
 
 } // namespace tavolar::testing

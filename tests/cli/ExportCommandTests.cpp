@@ -1,11 +1,10 @@
 // export: the files it writes, parsed and compared with the response of a known system worked out
-// here from its mathematics, and the harmonic distortion of a known nonlinearity.
+// here from its mathematics, and the harmonic distortion of a known nonlinearity, imported from a
+// recorded sweep.
 
 #include "CliTestSupport.h"
 
 #include <cmath>
-#include <gtest/gtest.h>
-#include <numbers>
 #include <sndfile.h>
 
 namespace tavolar::testing {
@@ -14,56 +13,35 @@ namespace {
 constexpr int kRate = 48000;
 constexpr std::size_t kDelay = 12; // samples: 0.25 ms
 
-// 0.5 z^-12 in a 8192-sample response: a flat -6.02 dB, a phase of -2 pi f 12 / fs, 0.25 ms of
-// group delay.
-std::vector<float> pureDelay() {
-    std::vector<float> impulse(8192, 0.0f);
-    impulse[kDelay] = 0.5f;
-    return impulse;
-}
-
-struct Table {
-    std::vector<std::string> headers;
-    std::vector<std::vector<double>> rows;
-};
-
-Table readCSV(const std::string& path) {
-    Table table;
-    std::vector<std::string> text = lines(readText(path));
-    if (text.empty())
-        return table;
-    EXPECT_EQ(text[0].back(), ',') << "every line ends with a comma";
-    table.headers = splitFields(text[0], ',');
-    for (std::size_t at = 1; at < text.size(); ++at) {
-        std::vector<double> row;
-        for (const std::string& field : splitFields(text[at], ','))
-            row.push_back(std::stod(field));
-        table.rows.push_back(std::move(row));
+// Each test starts from d.tavolar, holding record 1 "First one": 0.5 z^-12 in a 8192-sample response,
+// a flat -6.02 dB, a phase of -2 pi f 12 / fs, 0.25 ms of group delay.
+class ExportCommand : public CommandLineTest {
+protected:
+    void SetUp() override {
+        writeSound(folder / "delay.wav", pureDelay(), kRate);
+        ASSERT_TRUE(succeeds({"import", "delay.wav", "-o", "d.tavolar", "--name", "First one"}));
     }
-    return table;
-}
+    static std::vector<float> pureDelay() {
+        std::vector<float> impulse(8192, 0.0f);
+        impulse[kDelay] = 0.5f;
+        return impulse;
+    }
+};
 
 double wrappedDegrees(double degrees) {
     return std::remainder(degrees, 360.0);
 }
 
-TEST(ExportCommand, FrequencyCurvesMatchTheSystem) {
-    ScratchFolder folder;
-    writeFloatWav(folder / "delay.wav", pureDelay(), kRate);
-    ASSERT_EQ(runTavolar(folder, {"import", "delay.wav", "-o", "d.tavolar"}).exitCode, 0);
+TEST_F(ExportCommand, FrequencyCurvesMatchTheSystem) {
     // Phase and group delay count from the window's begin: put it at time zero.
-    ASSERT_EQ(
-        runTavolar(folder, {"set", "d.tavolar", "1", "--window-begin", "0", "--window-end", "40"}).exitCode,
-        0);
-
-    RunResult run = runTavolar(folder, {"export", "d.tavolar", "1", "-o", "curves.csv", "--fft-length",
-                                        "4096", "--curves", "magnitude,phase,group-delay,excess-phase"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
-    EXPECT_EQ(run.out, "Wrote curves.csv\n");
+    ASSERT_TRUE(succeeds({"set", "d.tavolar", "1", "--window-begin", "0", "--window-end", "40"}));
+    RunResult written = run({"export", "d.tavolar", "1", "-o", "curves.csv", "--fft-length", "4096",
+                             "--curves", "magnitude,phase,group-delay,excess-phase"});
+    ASSERT_EQ(written.exitCode, 0) << written.err;
+    EXPECT_EQ(written.out, "Wrote curves.csv\n");
     Table table = readCSV(folder / "curves.csv");
-    const std::vector<std::string> headers{"Frequency (Hz)", "Magnitude (dB)", "Phase (deg)",
-                                           "Excess phase (deg)", "Group delay (ms)"};
-    EXPECT_EQ(table.headers, headers);
+    EXPECT_EQ(table.headers, (std::vector<std::string>{"Frequency (Hz)", "Magnitude (dB)", "Phase (deg)",
+                                                       "Excess phase (deg)", "Group delay (ms)"}));
     // Valid range 0 Hz to 24 kHz: every bin but the last (Nyquist).
     ASSERT_EQ(table.rows.size(), 2048u);
     for (std::size_t bin = 0; bin < table.rows.size(); ++bin) {
@@ -71,17 +49,16 @@ TEST(ExportCommand, FrequencyCurvesMatchTheSystem) {
         const double frequency = static_cast<double>(bin) * kRate / 4096.0;
         EXPECT_NEAR(row[0], frequency, 1e-3);
         EXPECT_NEAR(row[1], 20.0 * std::log10(0.5), 1e-3) << frequency;
-        const double phase = wrappedDegrees(-360.0 * frequency * kDelay / kRate);
         // Compare on the circle: 180 and -180 are the same phase.
-        EXPECT_NEAR(wrappedDegrees(row[2] - phase), 0.0, 0.05) << frequency;
+        EXPECT_NEAR(wrappedDegrees(row[2] + 360.0 * frequency * kDelay / kRate), 0.0, 0.05) << frequency;
         EXPECT_GE(row[2], -180.0);
         EXPECT_LE(row[2], 180.0);
         EXPECT_NEAR(row[4], 1000.0 * kDelay / kRate, 1e-3) << frequency;
     }
 
     // FRD: the two header lines, then frequency, magnitude and wrapped phase of the same bins.
-    ASSERT_EQ(runTavolar(folder, {"export", "d.tavolar", "-o", "d.frd", "--fft-length", "4096"}).exitCode, 0);
-    std::vector<std::string> frd = lines(readText(folder / "d.frd"));
+    ASSERT_TRUE(succeeds({"export", "d.tavolar", "-o", "d.frd", "--fft-length", "4096"}));
+    std::vector<std::string> frd = lines(fileBytes(folder / "d.frd"));
     ASSERT_EQ(frd.size(), 2u + 2048u);
     EXPECT_EQ(frd[0], "* Response obtained using Tavolar (https://tavolarkit.org)");
     EXPECT_EQ(frd[1], "* Freq(Hz) Mag(dBFS) Phase(deg)");
@@ -89,40 +66,26 @@ TEST(ExportCommand, FrequencyCurvesMatchTheSystem) {
     std::vector<std::string> fields = splitFields(frd[2 + 100], ' ');
     ASSERT_EQ(fields.size(), 3u);
     EXPECT_NEAR(std::stod(fields[0]), 100.0 * kRate / 4096.0, 1e-5);
-    EXPECT_NEAR(wrappedDegrees(std::stod(fields[2]) - wrappedDegrees(-360.0 * 100.0 * kDelay / 4096.0)), 0.0,
-                0.05);
+    EXPECT_NEAR(wrappedDegrees(std::stod(fields[2]) + 360.0 * 100.0 * kDelay / 4096.0), 0.0, 0.05);
 
     // MATLAB: one statement per curve, and the record's SPL reference applies to "spl".
-    ASSERT_EQ(runTavolar(folder, {"set", "d.tavolar", "1", "--spl-reference", "100"}).exitCode, 0);
-    ASSERT_EQ(runTavolar(folder, {"export", "d.tavolar", "-o", "d.m", "--fft-length", "256", "--curves",
-                                  "magnitude,spl"})
-                  .exitCode,
-              0);
-    std::vector<std::string> statements = lines(readText(folder / "d.m"));
+    ASSERT_TRUE(succeeds({"set", "d.tavolar", "1", "--spl-reference", "100"}));
+    ASSERT_TRUE(
+        succeeds({"export", "d.tavolar", "-o", "d.m", "--fft-length", "256", "--curves", "magnitude,spl"}));
+    std::vector<std::string> statements = lines(fileBytes(folder / "d.m"));
     ASSERT_EQ(statements.size(), 3u);
-    EXPECT_TRUE(statements[0].starts_with("frequency = [0.000000, 187.500000, "));
-    EXPECT_TRUE(statements[1].starts_with("magnitude = [-6.020600, "));
-    EXPECT_TRUE(statements[2].ends_with(", ];"));
-    std::vector<std::string> spl = splitFields(statements[2].substr(7), ',');
-    const double splValue = std::stod(spl[0]);
-    const double magnitudeValue = -6.0206;
+    EXPECT_TRUE(statements[0].starts_with("frequency = [0.000000, 187.500000, ")) << statements[0];
+    EXPECT_TRUE(statements[1].starts_with("magnitude = [-6.020600, ")) << statements[1];
+    EXPECT_TRUE(statements[2].ends_with(", ];")) << statements[2];
     // SPL puts the reference level at 94 dB: 94 - 100 dB above the magnitude.
-    EXPECT_NEAR(splValue - magnitudeValue, 94.0 - 100.0, 1e-3);
+    EXPECT_NEAR(std::stod(splitFields(statements[2].substr(7), ',')[0]) + 6.0206, 94.0 - 100.0, 1e-3);
 }
 
-TEST(ExportCommand, TimeCurvesWavAndSeveralRecordsIntoAFolder) {
-    ScratchFolder folder;
-    writeFloatWav(folder / "delay.wav", pureDelay(), kRate);
-    ASSERT_EQ(runTavolar(folder, {"import", "delay.wav", "-o", "d.tavolar", "--name", "First one"}).exitCode,
-              0);
-    ASSERT_EQ(runTavolar(folder, {"import", "delay.wav", "-o", "d.tavolar", "--name", "Second/one"}).exitCode,
-              0);
-
+TEST_F(ExportCommand, TimeCurvesWavAndSeveralRecordsIntoAFolder) {
+    ASSERT_TRUE(succeeds({"import", "delay.wav", "-o", "d.tavolar", "--name", "Second/one"}));
     // The impulse and its energy-time curve over -1 to +1 ms of the centred time axis.
-    ASSERT_EQ(runTavolar(folder, {"export", "d.tavolar", "1", "-o", "t.csv", "--curves", "impulse,etc",
-                                  "--time-start", "-1.001", "--time-end", "1.001"})
-                  .exitCode,
-              0);
+    ASSERT_TRUE(succeeds({"export", "d.tavolar", "1", "-o", "t.csv", "--curves", "impulse,etc",
+                          "--time-start", "-1.001", "--time-end", "1.001"}));
     Table time = readCSV(folder / "t.csv");
     EXPECT_EQ(time.headers, (std::vector<std::string>{"Time (ms)", "Impulse response", "ETC (dB)"}));
     ASSERT_EQ(time.rows.size(), 97u); // -48 to +48 samples
@@ -134,22 +97,20 @@ TEST(ExportCommand, TimeCurvesWavAndSeveralRecordsIntoAFolder) {
     EXPECT_NEAR((*peak)[2], 20.0 * std::log10(0.5), 0.01);
 
     // WAV: the impulse response as stored, sample for sample; with --windowed, the window's part.
-    ASSERT_EQ(runTavolar(folder, {"export", "d.tavolar", "1", "-o", "ir.wav"}).exitCode, 0);
+    ASSERT_TRUE(succeeds({"export", "d.tavolar", "1", "-o", "ir.wav"}));
     SoundFile wav = readSound(folder / "ir.wav");
     EXPECT_EQ(wav.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
     EXPECT_EQ(wav.sampleRate, kRate);
     EXPECT_EQ(wav.samples, pureDelay());
-    ASSERT_EQ(
-        runTavolar(folder, {"set", "d.tavolar", "1", "--window-begin", "0", "--window-end", "1"}).exitCode,
-        0);
-    ASSERT_EQ(runTavolar(folder, {"export", "d.tavolar", "1", "-o", "win.wav", "--windowed"}).exitCode, 0);
+    ASSERT_TRUE(succeeds({"set", "d.tavolar", "1", "--window-begin", "0", "--window-end", "1"}));
+    ASSERT_TRUE(succeeds({"export", "d.tavolar", "1", "-o", "win.wav", "--windowed"}));
     wav = readSound(folder / "win.wav");
     ASSERT_EQ(wav.samples.size(), 48u);
     EXPECT_EQ(wav.samples[kDelay], 0.5f);
 
     // Several files: -o names a folder, each file named after its record and curve group.
-    RunResult both = runTavolar(folder, {"export", "d.tavolar", "-o", "out", "--curves", "magnitude,impulse",
-                                         "--time-start", "0", "--time-end", "0.1"});
+    RunResult both = run({"export", "d.tavolar", "-o", "out", "--curves", "magnitude,impulse", "--time-start",
+                          "0", "--time-end", "0.1"});
     ASSERT_EQ(both.exitCode, 0) << both.err;
     for (const char* name : {"out/1-first-one.csv", "out/1-first-one-time.csv", "out/2-second-one.csv",
                              "out/2-second-one-time.csv"}) {
@@ -158,55 +119,62 @@ TEST(ExportCommand, TimeCurvesWavAndSeveralRecordsIntoAFolder) {
     }
 
     // Curves a format cannot hold, and bad numbers, are usage errors; nothing is written.
-    struct Case {
-        std::vector<std::string> arguments;
-        int exitCode;
-    };
-    for (const Case& bad :
-         {Case{{"-o", "x.frd", "--curves", "group-delay"}, 2},
-          Case{{"-o", "x.frd", "--curves", "magnitude,spl"}, 2},
-          Case{{"-o", "x.wav", "--curves", "magnitude"}, 2}, Case{{"-o", "x.csv", "--fft-length", "1000"}, 2},
-          Case{{"-o", "x.csv", "--curves", "loudness"}, 2}, Case{{"-o", "x.xyz"}, 2},
-          Case{{"-o", "x.csv", "--curves", "harmonics", "--orders", "1"}, 2},
-          Case{{"-o", "x.csv", "--curves", "harmonics"}, 1}, Case{{"3", "-o", "x.csv"}, 1}}) {
-        std::vector<std::string> arguments{"export", "d.tavolar"};
-        arguments.insert(arguments.end(), bad.arguments.begin(), bad.arguments.end());
-        RunResult run = runTavolar(folder, arguments);
-        EXPECT_EQ(run.exitCode, bad.exitCode) << bad.arguments[1] << " " << bad.arguments.back();
-        EXPECT_FALSE(run.err.empty());
-    }
+    for (const Arguments& bad : {Arguments{"-o", "x.frd", "--curves", "group-delay"},
+                                 {"-o", "x.frd", "--curves", "magnitude,spl"},
+                                 {"-o", "x.wav", "--curves", "magnitude"},
+                                 {"-o", "x.csv", "--fft-length", "1000"},
+                                 {"-o", "x.csv", "--curves", "loudness"},
+                                 {"-o", "x.xyz"},
+                                 {"-o", "x.csv", "--curves", "harmonics", "--orders", "1"}})
+        expectRefused(Arguments{"export", "d.tavolar"} + bad, 2);
+    expectRefused({"export", "d.tavolar", "-o", "x.csv", "--curves", "harmonics"}, 1);
+    expectRefused({"export", "d.tavolar", "3", "-o", "x.csv"}, 1);
     for (const char* name : {"x.frd", "x.wav", "x.csv", "x.xyz"})
         EXPECT_FALSE(std::filesystem::exists(folder / name)) << name;
 }
 
-TEST(ExportCommand, HarmonicDistortionOfAKnownNonlinearity) {
-    // y = x + a2 x^2 + a3 x^3 driven by a sine of amplitude 1: the fundamental becomes 1 + 3/4 a3, the
-    // second harmonic a2 / 2 and the third a3 / 4.
+// A response recorded through y = x + a2 x^2 + a3 x^3, 40 samples late, imported once with its
+// stimulus file and once with the stimulus rebuilt from the sweep options.
+TEST_F(ExportCommand, HarmonicDistortionOfAKnownNonlinearity) {
+    // Driven by a sine of amplitude 1, the fundamental becomes 1 + 3/4 a3, the second harmonic
+    // a2 / 2 and the third a3 / 4.
     const double a2 = 0.1, a3 = 0.08;
     const double fundamental = 1.0 + 0.75 * a3;
     const double second = 100.0 * (a2 / 2.0) / fundamental;
     const double third = 100.0 * (a3 / 4.0) / fundamental;
-
-    ScratchFolder folder;
     // The sweep stops at 2500 Hz so that no product up to the third lies above the Nyquist frequency.
-    const std::vector<std::string> sweep{"--start",         "20", "--end",         "2500", "--length", "2000",
-                                         "--begin-silence", "50", "--end-silence", "300"};
-    std::vector<std::string> arguments{"sweep", "s.wav", "--rate", "16000"};
-    arguments.insert(arguments.end(), sweep.begin(), sweep.end());
-    ASSERT_EQ(runTavolar(folder, arguments).exitCode, 0);
-    std::vector<float> response = readSound(folder / "s.wav").samples;
-    for (float& sample : response) {
-        const double x = sample;
-        sample = static_cast<float>(x + a2 * x * x + a3 * x * x * x);
+    const Arguments sweep{"--start",         "20", "--end",         "2500", "--length", "2000",
+                          "--begin-silence", "50", "--end-silence", "300"};
+    ASSERT_TRUE(succeeds(Arguments{"sweep", "s.wav", "--rate", "16000"} + sweep));
+    const std::vector<float> stimulus = readSound(folder / "s.wav").samples;
+    std::vector<float> response(stimulus.size() + 200, 0.0f);
+    for (std::size_t n = 0; n < stimulus.size(); ++n) {
+        const double x = stimulus[n];
+        response[n + 40] = static_cast<float>(x + a2 * x * x + a3 * x * x * x);
     }
-    writeFloatWav(folder / "r.wav", response, 16000);
-    arguments = {"import", "r.wav", "--stimulus", "s.wav", "-o", "h.tavolar", "--lambda", "1e-6"};
-    arguments.insert(arguments.end(), sweep.begin(), sweep.end());
-    ASSERT_EQ(runTavolar(folder, arguments).exitCode, 0);
+    writeSound(folder / "r.wav", response, 16000);
+    ASSERT_TRUE(succeeds(
+        Arguments{"import", "r.wav", "--stimulus", "s.wav", "-o", "h.tavolar", "--lambda", "1e-6"} + sweep));
+    ASSERT_TRUE(succeeds(Arguments{"import", "r.wav", "-o", "h.tavolar", "--lambda", "1e-7"} + sweep));
+    for (const char* number : {"1", "2"}) {
+        nlohmann::json record = info("h.tavolar", number);
+        EXPECT_EQ(record["peak"]["samples"], 40) << number;
+        EXPECT_EQ(record["sweep"]["startFrequency"], 20.0);
+        EXPECT_EQ(record["sweep"]["endFrequency"], 2500.0);
+        EXPECT_EQ(record["sweep"]["durationMilliseconds"], 2000.0);
+        EXPECT_EQ(record["sweep"]["beginSilenceMilliseconds"], 50.0);
+        EXPECT_EQ(record["validRange"]["startFrequency"], 20.0);
+        EXPECT_EQ(record["validRange"]["endFrequency"], 2500.0);
+    }
+    // A response at another rate than the stimulus is refused and nothing is added; a reference
+    // without a recorded response is a usage error.
+    writeSound(folder / "r22.wav", response, 22050);
+    expectRefused({"import", "r22.wav", "--stimulus", "s.wav", "-o", "h.tavolar"}, 1, "22050 Hz");
+    expectRefused({"import", "r.wav", "--reference", "s.wav", "-o", "h.tavolar"}, 2);
+    EXPECT_EQ(json({"list", "h.tavolar", "--json"}).size(), 2u);
 
-    RunResult run = runTavolar(folder, {"export", "h.tavolar", "-o", "h.csv", "--curves", "harmonics",
-                                        "--orders", "2,3", "--percent"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
+    ASSERT_TRUE(succeeds({"export", "h.tavolar", "1", "-o", "h.csv", "--curves", "harmonics", "--orders",
+                          "2,3", "--percent"}));
     Table table = readCSV(folder / "h.csv");
     EXPECT_EQ(table.headers, (std::vector<std::string>{"Frequency (Hz)", "H2 (%)", "H3 (%)"}));
     ASSERT_FALSE(table.rows.empty());
@@ -226,22 +194,15 @@ TEST(ExportCommand, HarmonicDistortionOfAKnownNonlinearity) {
     }
     EXPECT_GT(checked, 100u);
 
-    // In dB, and as FRD files, one per order.
-    ASSERT_EQ(runTavolar(folder, {"export", "h.tavolar", "-o", "hdb.csv", "--curves", "harmonics"}).exitCode,
-              0);
+    // In dB, and as FRD files, one per order; levels in percent have no place in an FRD file.
+    ASSERT_TRUE(succeeds({"export", "h.tavolar", "1", "-o", "hdb.csv", "--curves", "harmonics"}));
     Table decibels = readCSV(folder / "hdb.csv");
     ASSERT_EQ(decibels.rows.size(), table.rows.size());
-    const std::size_t middle = decibels.rows.size() / 2;
-    EXPECT_NEAR(decibels.rows[middle][1], 20.0 * std::log10(second / 100.0), 0.1);
-    RunResult frd =
-        runTavolar(folder, {"export", "h.tavolar", "-o", "frd", "-f", "frd", "--curves", "harmonics"});
-    ASSERT_EQ(frd.exitCode, 0) << frd.err;
-    EXPECT_EQ(lines(readText(folder / "frd/1-r-h2.frd")).size(), 2u + table.rows.size());
+    EXPECT_NEAR(decibels.rows[decibels.rows.size() / 2][1], 20.0 * std::log10(second / 100.0), 0.1);
+    ASSERT_TRUE(succeeds({"export", "h.tavolar", "1", "-o", "frd", "-f", "frd", "--curves", "harmonics"}));
+    EXPECT_EQ(lines(fileBytes(folder / "frd/1-r-h2.frd")).size(), 2u + table.rows.size());
     EXPECT_TRUE(std::filesystem::exists(folder / "frd/1-r-h3.frd"));
-    // Levels in percent have no place in an FRD file.
-    EXPECT_EQ(runTavolar(folder, {"export", "h.tavolar", "-o", "x.frd", "--curves", "harmonics", "--percent"})
-                  .exitCode,
-              2);
+    expectRefused({"export", "h.tavolar", "1", "-o", "x.frd", "--curves", "harmonics", "--percent"}, 2);
 }
 
 } // namespace

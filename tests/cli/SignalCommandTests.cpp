@@ -5,40 +5,58 @@
 
 #include <algorithm>
 #include <cmath>
-#include <fstream>
-#include <gtest/gtest.h>
+#include <numbers>
 #include <sndfile.h>
 
 namespace tavolar::testing {
 namespace {
 
-TEST(CommandLine, ExitStatusesTellSuccessFromFailureFromMisuse) {
-    ScratchFolder folder;
-    // No subcommand, an unknown subcommand or option, a missing required option: usage, status 2.
-    EXPECT_EQ(runTavolar(folder, {}).exitCode, 2);
-    EXPECT_EQ(runTavolar(folder, {"frobnicate"}).exitCode, 2);
-    EXPECT_EQ(runTavolar(folder, {"sweep", "s.wav", "--no-such-option"}).exitCode, 2);
-    EXPECT_EQ(runTavolar(folder, {"measure"}).exitCode, 2);
-    EXPECT_EQ(runTavolar(folder, {"sweep", "s.wav", "--preset", "medium"}).exitCode, 2);
+using CommandLine = CommandLineTest;
+using SweepCommand = CommandLineTest;
+using DeconvolveCommand = CommandLineTest;
+using TuneCommand = CommandLineTest;
 
+// The exponential sweep written from its mathematics in double precision: f1 to f2 over duration
+// seconds, peak amplitude, after and before silences of the given sample counts.
+std::vector<double> referenceSweep(double f1, double f2, double duration, double amplitude, double sampleRate,
+                                   std::size_t leadingZeros, std::size_t trailingZeros) {
+    const auto count = static_cast<std::size_t>(duration * sampleRate);
+    const double rate = std::log(f2 / f1);
+    std::vector<double> samples(leadingZeros, 0.0);
+    for (std::size_t n = 0; n < count; ++n) {
+        const double t = static_cast<double>(n) / sampleRate;
+        samples.push_back(amplitude * std::sin(2.0 * std::numbers::pi * f1 * duration / rate *
+                                               (std::exp(t * rate / duration) - 1.0)));
+    }
+    samples.resize(samples.size() + trailingZeros, 0.0);
+    return samples;
+}
+
+TEST_F(CommandLine, ExitStatusesTellSuccessFromFailureFromMisuse) {
+    // No subcommand, an unknown subcommand or option, a missing required option: usage, status 2.
+    for (const Arguments& misuse : {Arguments{},
+                                    {"frobnicate"},
+                                    {"sweep", "s.wav", "--no-such-option"},
+                                    {"measure"},
+                                    {"sweep", "s.wav", "--preset", "medium"}})
+        expectRefused(misuse, 2);
     // Help for the program and for every subcommand: status 0, on standard output.
-    RunResult help = runTavolar(folder, {"--help"});
+    RunResult help = run({"--help"});
     EXPECT_EQ(help.exitCode, 0);
     for (const char* subcommand : {"devices", "measure", "sweep", "deconvolve", "import", "list", "info",
                                    "set", "calibrate", "export", "tune"}) {
         EXPECT_NE(help.out.find(subcommand), std::string::npos) << subcommand;
-        RunResult sub = runTavolar(folder, {subcommand, "--help"});
+        RunResult sub = run({subcommand, "--help"});
         EXPECT_EQ(sub.exitCode, 0) << subcommand;
         EXPECT_NE(sub.out.find("Usage"), std::string::npos) << subcommand;
     }
 }
 
-TEST(SweepCommand, WritesTheExponentialSweepAsFloatWav) {
-    ScratchFolder folder;
-    RunResult run =
-        runTavolar(folder, {"sweep", "s.wav", "--rate", "8000", "--start", "50", "--end", "3000", "--length",
-                            "250", "--level", "-6", "--begin-silence", "10", "--end-silence", "20"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
+TEST_F(SweepCommand, WritesTheExponentialSweepAsFloatWav) {
+    const Arguments sweep{"--rate",        "8000", "--start", "50", "--end",           "3000",
+                          "--length",      "250",  "--level", "-6", "--begin-silence", "10",
+                          "--end-silence", "20"};
+    ASSERT_TRUE(succeeds(Arguments{"sweep", "s.wav"} + sweep));
     SoundFile sound = readSound(folder / "s.wav");
     EXPECT_EQ(sound.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
     EXPECT_EQ(sound.channels, 1);
@@ -53,29 +71,19 @@ TEST(SweepCommand, WritesTheExponentialSweepAsFloatWav) {
     EXPECT_LT(worst, 2e-6);
     EXPECT_EQ(sound.samples[79], 0.0f);
     EXPECT_EQ(sound.samples[80], 0.0f) << "the sweep starts at a zero crossing";
+    // The file may also be named with -o, as for the other commands that write one.
+    ASSERT_TRUE(succeeds(Arguments{"sweep", "-o", "same.wav"} + sweep));
+    EXPECT_EQ(readSound(folder / "same.wav").samples, sound.samples);
 
     // Ranges the sweep cannot have are refused before anything is written.
-    for (std::vector<std::string> bad : {std::vector<std::string>{"--end", "5000"},
-                                         {"--start", "0"},
-                                         {"--start", "900", "--end", "800"},
-                                         {"--level", "3"},
-                                         {"--length", "-5"},
-                                         {"--begin-silence", "-1"}}) {
-        std::vector<std::string> arguments{"sweep", "bad.wav", "--rate", "8000"};
-        arguments.insert(arguments.end(), bad.begin(), bad.end());
-        RunResult refused = runTavolar(folder, arguments);
-        EXPECT_EQ(refused.exitCode, 2) << bad[0];
-        EXPECT_FALSE(refused.err.empty());
-    }
+    for (const Arguments& bad : {Arguments{"--end", "5000"},
+                                 {"--start", "0"},
+                                 {"--start", "900", "--end", "800"},
+                                 {"--level", "3"},
+                                 {"--length", "-5"},
+                                 {"--begin-silence", "-1"}})
+        expectRefused(Arguments{"sweep", "bad.wav", "--rate", "8000"} + bad, 2);
     EXPECT_FALSE(std::filesystem::exists(folder / "bad.wav"));
-
-    // The file may also be named with -o, as for the other commands that write one.
-    ASSERT_EQ(runTavolar(folder,
-                         {"sweep", "-o", "same.wav", "--rate", "8000", "--start", "50", "--end", "3000",
-                          "--length", "250", "--level", "-6", "--begin-silence", "10", "--end-silence", "20"})
-                  .exitCode,
-              0);
-    EXPECT_EQ(readSound(folder / "same.wav").samples, sound.samples);
 }
 
 // A response: the stimulus through 0.5 z^-delay - 0.2 z^-(delay + 11), summed in double precision.
@@ -92,17 +100,13 @@ std::vector<float> throughSystem(const std::vector<float>& stimulus, std::size_t
     return response;
 }
 
-TEST(DeconvolveCommand, RecoversTheSystemAndDividesOutTheLoopBackChain) {
-    ScratchFolder folder;
-    ASSERT_EQ(runTavolar(folder, {"sweep", "s.wav", "--rate", "8000", "--length", "500", "--begin-silence",
-                                  "50", "--end-silence", "200"})
-                  .exitCode,
-              0);
+TEST_F(DeconvolveCommand, RecoversTheSystemAndDividesOutTheLoopBackChain) {
+    ASSERT_TRUE(succeeds({"sweep", "s.wav", "--rate", "8000", "--length", "500", "--begin-silence", "50",
+                          "--end-silence", "200"}));
     std::vector<float> stimulus = readSound(folder / "s.wav").samples;
-    writeFloatWav(folder / "r.wav", throughSystem(stimulus, 37, 100), 8000);
+    writeSound(folder / "r.wav", throughSystem(stimulus, 37, 100), 8000);
 
-    RunResult run = runTavolar(folder, {"deconvolve", "s.wav", "r.wav", "-o", "ir.wav"});
-    ASSERT_EQ(run.exitCode, 0) << run.err;
+    ASSERT_TRUE(succeeds({"deconvolve", "s.wav", "r.wav", "-o", "ir.wav"}));
     SoundFile impulse = readSound(folder / "ir.wav");
     EXPECT_EQ(impulse.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
     // The transform length: the power of two that holds response and stimulus together.
@@ -119,89 +123,69 @@ TEST(DeconvolveCommand, RecoversTheSystemAndDividesOutTheLoopBackChain) {
     // system appears 5 samples earlier.
     std::vector<float> reference(stimulus.size() + 100, 0.0f);
     std::copy(stimulus.begin(), stimulus.end(), reference.begin() + 5);
-    writeFloatWav(folder / "ref.wav", reference, 8000);
-    ASSERT_EQ(runTavolar(folder, {"deconvolve", "s.wav", "r.wav", "--reference", "ref.wav", "-o", "ir2.wav"})
-                  .exitCode,
-              0);
+    writeSound(folder / "ref.wav", reference, 8000);
+    ASSERT_TRUE(succeeds({"deconvolve", "s.wav", "r.wav", "--reference", "ref.wav", "-o", "ir2.wav"}));
     SoundFile referenced = readSound(folder / "ir2.wav");
     EXPECT_NEAR(referenced.samples[32], 0.5, 2e-3);
     EXPECT_NEAR(referenced.samples[43], -0.2, 2e-3);
 }
 
-TEST(DeconvolveCommand, RefusesSoundFilesOfTheWrongKindWithoutWritingAnything) {
-    ScratchFolder folder;
-    ASSERT_EQ(runTavolar(folder, {"sweep", "s.wav", "--rate", "8000", "--length", "200"}).exitCode, 0);
-    std::vector<float> stimulus = readSound(folder / "s.wav").samples;
-    std::vector<float> response = throughSystem(stimulus, 3, 10);
-    for (float& sample : response)
-        sample *= 0.5f;
-    writeSound(folder / "int16.wav", response, 8000, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
-    writeSound(folder / "int24.wav", response, 8000, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
+TEST_F(DeconvolveCommand, RefusesSoundFilesOfTheWrongKindWithoutWritingAnything) {
+    ASSERT_TRUE(succeeds({"sweep", "s.wav", "--rate", "8000", "--length", "200"}));
+    std::vector<float> response = throughSystem(readSound(folder / "s.wav").samples, 3, 10);
     std::vector<float> stereo;
     for (float sample : response)
         stereo.insert(stereo.end(), {sample, sample});
+    writeSound(folder / "int16.wav", response, 8000, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
+    writeSound(folder / "int24.wav", response, 8000, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
     writeSound(folder / "stereo.wav", stereo, 8000, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 2);
-    writeFloatWav(folder / "rate.wav", response, 16000);
+    writeSound(folder / "rate.wav", response, 16000);
     writeSound(folder / "float.aiff", response, 8000, SF_FORMAT_AIFF | SF_FORMAT_FLOAT);
-    writeFloatWav(folder / "silent.wav", std::vector<float>(response.size(), 0.0f), 8000);
-    std::filesystem::path truncated = folder / "truncated.wav";
-    {
-        writeFloatWav(truncated.string(), response, 8000);
-        std::filesystem::resize_file(truncated, 44);
-    }
-    {
-        std::ofstream text(folder / "text.wav");
-        text << "this is not a sound file\n";
-    }
+    writeSound(folder / "silent.wav", std::vector<float>(response.size(), 0.0f), 8000);
+    writeSound(folder / "truncated.wav", response, 8000);
+    std::filesystem::resize_file(folder / "truncated.wav", 44);
+    std::ofstream(folder / "text.wav") << "this is not a sound file\n";
 
-    struct Case {
-        std::string response;
-        std::string expected;
-    };
-    for (const Case& bad : {Case{"int16.wav", "16-bit integer samples"},
-                            Case{"int24.wav", "24-bit integer samples"}, Case{"stereo.wav", "has 2 channels"},
-                            Case{"rate.wav", "sampled at 16000 Hz"}, Case{"float.aiff", "not a WAV file"},
-                            Case{"silent.wav", "silent"}, Case{"truncated.wav", "truncated.wav"},
-                            Case{"text.wav", "not a sound file"}, Case{"missing.wav", "does not exist"}}) {
-        RunResult run = runTavolar(folder, {"deconvolve", "s.wav", bad.response, "-o", "ir.wav"});
-        EXPECT_EQ(run.exitCode, 1) << bad.response;
-        EXPECT_NE(run.err.find(bad.expected), std::string::npos) << bad.response << ": " << run.err;
-        EXPECT_TRUE(run.out.empty());
-    }
+    for (const auto& [file, message] :
+         std::vector<std::pair<std::string, std::string>>{{"int16.wav", "16-bit integer samples"},
+                                                          {"int24.wav", "24-bit integer samples"},
+                                                          {"stereo.wav", "has 2 channels"},
+                                                          {"rate.wav", "sampled at 16000 Hz"},
+                                                          {"float.aiff", "not a WAV file"},
+                                                          {"silent.wav", "silent"},
+                                                          {"truncated.wav", "truncated.wav"},
+                                                          {"text.wav", "not a sound file"},
+                                                          {"missing.wav", "does not exist"}})
+        expectRefused({"deconvolve", "s.wav", file, "-o", "ir.wav"}, 1, message);
     // A stimulus of the wrong kind is refused the same way.
-    EXPECT_EQ(runTavolar(folder, {"deconvolve", "int16.wav", "s.wav", "-o", "ir.wav"}).exitCode, 1);
+    expectRefused({"deconvolve", "int16.wav", "s.wav", "-o", "ir.wav"}, 1, "16-bit integer samples");
     EXPECT_FALSE(std::filesystem::exists(folder / "ir.wav"));
-
     // An output that cannot be written: a folder that does not exist.
-    RunResult nowhere = runTavolar(folder, {"deconvolve", "s.wav", "s.wav", "-o", "no/such/folder/ir.wav"});
-    EXPECT_EQ(nowhere.exitCode, 1);
-    EXPECT_NE(nowhere.err.find("does not exist"), std::string::npos) << nowhere.err;
-    EXPECT_EQ(runTavolar(folder, {"deconvolve", "s.wav", "s.wav", "-o", "ir.wav", "--lambda", "-1"}).exitCode,
-              2);
+    expectRefused({"deconvolve", "s.wav", "s.wav", "-o", "no/such/folder/ir.wav"}, 1, "does not exist");
+    expectRefused({"deconvolve", "s.wav", "s.wav", "-o", "ir.wav", "--lambda", "-1"}, 2);
 }
 
 // Tuning keeps FFTW's measurements in the file every later run loads; a damaged file is reported
 // and ignored, and nothing else changes.
-TEST(TuneCommand, KeepsMeasuredPlansForLaterRunsAndSurvivesADamagedFile) {
-    ScratchFolder folder;
+TEST_F(TuneCommand, KeepsMeasuredPlansForLaterRunsAndSurvivesADamagedFile) {
     const std::filesystem::path wisdom = folder / ".fft-wisdom";
-    EXPECT_EQ(runTavolar(folder, {"tune", "--rates", "8000", "--preset", "nonsense"}).exitCode, 2);
-    EXPECT_EQ(runTavolar(folder, {"tune", "--rates", "10"}).exitCode, 2);
+    expectRefused({"tune", "--rates", "8000", "--preset", "nonsense"}, 2);
+    expectRefused({"tune", "--rates", "10"}, 2);
     EXPECT_FALSE(std::filesystem::exists(wisdom));
 
     // The short preset at 8 kHz: 28000 samples, transforms of 65536 points.
-    RunResult tuned = runTavolar(folder, {"tune", "--rates", "8000", "--preset", "short"});
+    RunResult tuned = run({"tune", "--rates", "8000", "--preset", "short"});
     ASSERT_EQ(tuned.exitCode, 0) << tuned.err;
     EXPECT_NE(tuned.err.find("65536 points"), std::string::npos) << tuned.err;
-    EXPECT_TRUE(readText(wisdom).starts_with("(fftw-3")) << "not FFTW wisdom";
+    EXPECT_TRUE(fileBytes(wisdom).starts_with("(fftw-3")) << "not FFTW wisdom";
 
-    ASSERT_EQ(runTavolar(folder, {"sweep", "s.wav", "--rate", "8000"}).exitCode, 0);
-    RunResult measured = runTavolar(folder, {"deconvolve", "s.wav", "s.wav", "-o", "measured.wav"});
+    ASSERT_TRUE(succeeds({"sweep", "s.wav", "--rate", "8000"}));
+    RunResult measured = run({"deconvolve", "s.wav", "s.wav", "-o", "measured.wav"});
     ASSERT_EQ(measured.exitCode, 0) << measured.err;
     EXPECT_EQ(measured.err, "");
 
-    { std::ofstream(wisdom, std::ios::trunc) << "not wisdom"; }
-    RunResult damaged = runTavolar(folder, {"deconvolve", "s.wav", "s.wav", "-o", "estimated.wav"});
+    std::ofstream(wisdom, std::ios::trunc) << "not wisdom";
+    RunResult damaged = run({"deconvolve", "s.wav", "s.wav", "-o", "estimated.wav"});
     ASSERT_EQ(damaged.exitCode, 0) << damaged.err;
     EXPECT_NE(damaged.err.find("ignoring the damaged FFT tuning file"), std::string::npos) << damaged.err;
     // Measured and estimated plans differ in rounding only: the impulse is the same within float
