@@ -1,6 +1,6 @@
 // The JACK backend against a real server (dummy driver), with jconvolver loaded with a unit impulse
 // as a wire: one client carries every endpoint of a device, the data of a cycle matches its time
-// stamp, a loop through the device's own client shows as one period of capture latency, stop()
+// stamp, only a loop through the device's own client shows as one period of capture latency, stop()
 // leaves no callback running, and endpoints made and destroyed on several threads at once do not
 // disturb each other.
 
@@ -10,7 +10,6 @@
 
 #include <atomic>
 #include <cmath>
-#include <cstdio>
 #include <gtest/gtest.h>
 #include <memory>
 #include <set>
@@ -67,140 +66,97 @@ AudioEndpointConfiguration configuration(AudioDirection direction, std::uint32_t
     return made;
 }
 
+std::shared_ptr<AudioDeviceDriver> openDriver(const std::string& uid) {
+    return openJackDeviceDriver(*AudioDeviceUID::parse(uid), uid);
+}
+
 // The clients that own ports on the server, by the part of the port name before the colon.
 std::set<std::string> clientsWithPorts(const testing::JackTestServer& server) {
     std::set<std::string> clients;
-    const std::string command = "jack_lsp -s " + server.name() + " 2>/dev/null";
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    char line[512];
-    while (pipe && fgets(line, sizeof line, pipe.get())) {
-        std::string_view port(line);
-        clients.emplace(port.substr(0, port.find(':')));
-    }
+    for (const std::string& port : server.ports())
+        clients.insert(port.substr(0, port.find(':')));
     return clients;
 }
 
-#define REQUIRE_JACK()                                                                                       \
-    if (!testing::jackToolsAvailable())                                                                      \
-    GTEST_SKIP() << "jackd, jack_lsp and jconvolver are needed"
+// jconvolver loaded with a unit impulse: a wire without delay.
+class JackDevice : public testing::JackTest {
+protected:
+    bool startWithWire() {
+        std::vector<float> wire(64, 0.0f);
+        wire[0] = 1.0f;
+        return start(kRate, kPeriod, 2, wire);
+    }
+};
 
-TEST(JackDevice, OneClientCarriesEveryEndpointAndTimeStampsMatchTheData) {
-    REQUIRE_JACK();
-    testing::JackTestServer server(kRate, kPeriod, 2, 2);
-    ASSERT_TRUE(server.isReady());
-    std::vector<float> wire(64, 0.0f);
-    wire[0] = 1.0f;
-    testing::JconvolverClient convolver(server, "wire", wire, kRate, kPeriod);
-    ASSERT_TRUE(convolver.isReady()) << convolver.log();
-    const std::string uid =
-        server.deviceUID("out0=" + convolver.inputPort() + "&in0=" + convolver.outputPort());
-    std::shared_ptr<AudioDeviceDriver> driver = openJackDeviceDriver(*AudioDeviceUID::parse(uid), uid);
+// Starts the endpoints in order, lets them run for a second and stops them in reverse order.
+void runForASecond(const std::vector<AudioEndpoint*>& endpoints) {
+    for (AudioEndpoint* endpoint : endpoints)
+        ASSERT_EQ(endpoint->start(), 0);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    for (auto endpoint = endpoints.rbegin(); endpoint != endpoints.rend(); ++endpoint)
+        ASSERT_EQ((*endpoint)->stop(), 0);
+}
+
+// A second's worth of frames came through the wire, each delay frames after it was played.
+void expectHeardThroughTheWire(const Stream& stream, const AudioEndpoint& output, const char* why) {
+    EXPECT_GT(stream.heard.load(), kRate / 2);
+    if (output.xrunCount() == 0)
+        EXPECT_EQ(stream.misplaced.load(), 0u) << why;
+    else
+        ::testing::Test::RecordProperty("xruns", std::to_string(output.xrunCount()));
+}
+
+// A device that feeds the wire from its output and hears it on its input makes a loop through its
+// own client, which the server closes with one period's buffer: every frame comes back one period
+// late, and the channel reports that period as capture latency. A channel running while nothing of
+// the device feeds the wire reports no period, nor does a device that hears the wire another feeds.
+TEST_F(JackDevice, OneClientCarriesEveryEndpointAndOnlyItsOwnLoopAddsAPeriodOfLatency) {
+    ASSERT_TRUE(startWithWire());
+    std::shared_ptr<AudioDeviceDriver> driver = openDriver(loopUID());
     ASSERT_TRUE(driver);
-
     Stream played, captured, second;
     std::unique_ptr<AudioEndpoint> output, input, secondInput;
     ASSERT_EQ(driver->makeEndpoint(configuration(AudioDirection::Output, 0, played), output), 0);
     ASSERT_EQ(driver->makeEndpoint(configuration(AudioDirection::Input, 0, captured), input), 0);
     // A second endpoint of the same direction at the same time, on the dummy driver's second port.
     ASSERT_EQ(driver->makeEndpoint(configuration(AudioDirection::Input, 1, second), secondInput), 0);
-    EXPECT_EQ(clientsWithPorts(server), (std::set<std::string>{"system", "wire", "tavolar"}));
-    ASSERT_EQ(input->start(), 0);
-    ASSERT_EQ(secondInput->start(), 0);
-    ASSERT_EQ(output->start(), 0);
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-
-    for (AudioEndpoint* endpoint : {output.get(), input.get(), secondInput.get()})
-        ASSERT_EQ(endpoint->stop(), 0);
+    EXPECT_EQ(clientsWithPorts(*server), (std::set<std::string>{"system", "dut", "tavolar"}));
+    ASSERT_NO_FATAL_FAILURE(runForASecond({input.get(), secondInput.get(), output.get()}));
     const std::uint64_t playedCycles = played.cycles.load(), capturedCycles = captured.cycles.load();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(played.cycles.load(), playedCycles) << "a callback after stop() returned";
     EXPECT_EQ(captured.cycles.load(), capturedCycles) << "a callback after stop() returned";
     EXPECT_GT(second.cycles.load(), 100u);
-
-    // A second's worth of frames came back through the wire, each one period after it was played:
-    // the loop through another client is closed by the server with one period's buffer, which the
-    // channel reports as capture latency. The physical port heard no loop.
-    EXPECT_GT(captured.heard.load(), kRate / 2);
-    if (output->xrunCount() == 0)
-        EXPECT_EQ(captured.misplaced.load(), 0u);
-    else
-        ::testing::Test::RecordProperty("xruns", std::to_string(output->xrunCount()));
+    expectHeardThroughTheWire(captured, *output, "the loop delays one period");
     EXPECT_EQ(driver->latencyForChannel(AudioDirection::Input, 0), kPeriod);
     EXPECT_EQ(driver->latencyForChannel(AudioDirection::Input, 1), kPeriod) << "the dummy's own latency";
 
-    // Started again, the same endpoints flow again.
-    const std::uint64_t before = captured.cycles.load();
+    // Started again, the same endpoint flows again, with nothing fed into the wire.
     ASSERT_EQ(input->start(), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    EXPECT_GT(captured.cycles.load(), before);
-
+    EXPECT_GT(captured.cycles.load(), capturedCycles);
+    EXPECT_EQ(driver->latencyForChannel(AudioDirection::Input, 0), 0u) << "nothing feeds the wire";
     output.reset();
     input.reset();
     secondInput.reset();
-    EXPECT_EQ(clientsWithPorts(server), (std::set<std::string>{"system", "wire"})) << "ports left behind";
-}
+    EXPECT_EQ(clientsWithPorts(*server), (std::set<std::string>{"system", "dut"})) << "ports left behind";
 
-// The period of delay belongs to a loop through the device's own client: the same wire heard by
-// one device and fed by another comes back at once, and neither reports the period; a channel
-// that runs without the device feeding the wire reports no period either.
-TEST(JackDevice, OnlyALoopThroughTheDevicesOwnClientAddsAPeriodOfCaptureLatency) {
-    REQUIRE_JACK();
-    testing::JackTestServer server(kRate, kPeriod, 2, 2);
-    ASSERT_TRUE(server.isReady());
-    std::vector<float> wire(64, 0.0f);
-    wire[0] = 1.0f;
-    testing::JconvolverClient convolver(server, "wire", wire, kRate, kPeriod);
-    ASSERT_TRUE(convolver.isReady()) << convolver.log();
-    const std::string playerUID = server.deviceUID("out0=" + convolver.inputPort());
-    const std::string listenerUID = server.deviceUID("in0=" + convolver.outputPort());
-    std::shared_ptr<AudioDeviceDriver> player =
-        openJackDeviceDriver(*AudioDeviceUID::parse(playerUID), playerUID);
-    std::shared_ptr<AudioDeviceDriver> listener =
-        openJackDeviceDriver(*AudioDeviceUID::parse(listenerUID), listenerUID);
+    // One device feeds the wire, another hears it: two clients in a row delay nothing.
+    std::shared_ptr<AudioDeviceDriver> player = openDriver(server->deviceUID("out0=dut:in"));
+    std::shared_ptr<AudioDeviceDriver> listener = openDriver(server->deviceUID("in0=dut:out"));
     ASSERT_TRUE(player && listener);
-
-    Stream played, captured;
-    captured.delay = 0;
-    std::unique_ptr<AudioEndpoint> output, input;
-    ASSERT_EQ(player->makeEndpoint(configuration(AudioDirection::Output, 0, played), output), 0);
-    ASSERT_EQ(listener->makeEndpoint(configuration(AudioDirection::Input, 0, captured), input), 0);
-    ASSERT_EQ(input->start(), 0);
-    ASSERT_EQ(output->start(), 0);
-    std::this_thread::sleep_for(std::chrono::seconds(1));
-    ASSERT_EQ(output->stop(), 0);
-    ASSERT_EQ(input->stop(), 0);
-    EXPECT_GT(captured.heard.load(), kRate / 2);
-    if (output->xrunCount() == 0) {
-        EXPECT_EQ(captured.misplaced.load(), 0u) << "two clients in a row delay nothing";
-    }
+    Stream fed, heard;
+    heard.delay = 0;
+    ASSERT_EQ(player->makeEndpoint(configuration(AudioDirection::Output, 0, fed), output), 0);
+    ASSERT_EQ(listener->makeEndpoint(configuration(AudioDirection::Input, 0, heard), input), 0);
+    ASSERT_NO_FATAL_FAILURE(runForASecond({input.get(), output.get()}));
+    expectHeardThroughTheWire(heard, *output, "two clients in a row delay nothing");
     EXPECT_EQ(listener->latencyForChannel(AudioDirection::Input, 0), 0u);
-
-    // The device that heard a loop once, started again with nothing fed into the wire.
-    const std::string loopUID =
-        server.deviceUID("out0=" + convolver.inputPort() + "&in0=" + convolver.outputPort());
-    std::shared_ptr<AudioDeviceDriver> device =
-        openJackDeviceDriver(*AudioDeviceUID::parse(loopUID), loopUID);
-    ASSERT_TRUE(device);
-    Stream loopPlayed, loopCaptured;
-    std::unique_ptr<AudioEndpoint> loopOutput, loopInput;
-    ASSERT_EQ(device->makeEndpoint(configuration(AudioDirection::Output, 0, loopPlayed), loopOutput), 0);
-    ASSERT_EQ(device->makeEndpoint(configuration(AudioDirection::Input, 0, loopCaptured), loopInput), 0);
-    ASSERT_EQ(loopOutput->start(), 0);
-    ASSERT_EQ(loopInput->start(), 0);
-    ASSERT_EQ(loopInput->stop(), 0);
-    ASSERT_EQ(loopOutput->stop(), 0);
-    EXPECT_EQ(device->latencyForChannel(AudioDirection::Input, 0), kPeriod) << "playback started first";
-    ASSERT_EQ(loopInput->start(), 0);
-    EXPECT_EQ(device->latencyForChannel(AudioDirection::Input, 0), 0u) << "nothing feeds the wire";
-    ASSERT_EQ(loopInput->stop(), 0);
 }
 
-TEST(JackDevice, EndpointsMadeAndDestroyedOnSeveralThreadsAtOnce) {
-    REQUIRE_JACK();
-    testing::JackTestServer server(kRate, kPeriod, 2, 2);
-    ASSERT_TRUE(server.isReady());
-    const std::string uid = server.deviceUID();
-    std::shared_ptr<AudioDeviceDriver> driver = openJackDeviceDriver(*AudioDeviceUID::parse(uid), uid);
+TEST_F(JackDevice, EndpointsMadeAndDestroyedOnSeveralThreadsAtOnce) {
+    ASSERT_TRUE(start(kRate, kPeriod, 2));
+    std::shared_ptr<AudioDeviceDriver> driver = openDriver(server->deviceUID());
     ASSERT_TRUE(driver);
     std::atomic<int> failures{0};
     auto churn = [&](AudioDirection direction, std::uint32_t channel) {
@@ -220,7 +176,7 @@ TEST(JackDevice, EndpointsMadeAndDestroyedOnSeveralThreadsAtOnce) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(failures.load(), 0);
-    EXPECT_EQ(clientsWithPorts(server), (std::set<std::string>{"system"})) << "ports left behind";
+    EXPECT_EQ(clientsWithPorts(*server), (std::set<std::string>{"system"})) << "ports left behind";
 }
 
 } // namespace

@@ -1,10 +1,11 @@
 // Measurements through a real JACK server (dummy driver) with jconvolver as the device under test:
-// the measured impulse response matches the one jconvolver was loaded with, channels carry their
-// own latencies, level checks and averaging failures surface as errors, a server that shuts down
-// mid-sweep ends the measurement with an error at once, and the audio thread neither allocates nor
-// locks.
+// channels carry their own latencies, level checks and averaging failures surface as errors, a long
+// sweep at a small period loses no frame, a server that shuts down mid-sweep ends the measurement
+// with an error at once and is no longer answered, the next measurement gives the impulse response
+// jconvolver was loaded with, and the audio thread neither allocates nor locks.
 
 #include "JackTestServer.h"
+#include "audio/VELTAudioDeviceRegistry.h"
 #include "audio/devices/AudioThreadAllocationHooks.h"
 #include "audio/devices/VELTAudioDevice.h"
 #include "engine/VELTRZMeasurementController.h"
@@ -12,14 +13,13 @@
 #include "platform/UUID.h"
 #include "platform/UserDefaults.h"
 
+#include <atomic>
 #include <cmath>
 #include <complex>
 #include <cstdlib>
 #include <gtest/gtest.h>
-#include <mutex>
 #include <numbers>
 #include <optional>
-#include <thread>
 
 namespace tavolar {
 namespace {
@@ -33,7 +33,8 @@ const bool defaultsIsolated = [] {
     return true;
 }();
 
-constexpr unsigned kRate = 48000;
+// Not 48 kHz, the rate a device that answers nothing might be taken to have.
+constexpr unsigned kRate = 44100;
 
 // A response with a direct part, two early reflections and a decaying 1.5 kHz resonance.
 std::vector<float> knownImpulseResponse() {
@@ -54,26 +55,10 @@ double magnitudeDecibels(std::span<const float> response, double frequency) {
     return 20.0 * std::log10(std::abs(sum));
 }
 
-class Stages : public VELTRZMeasurementControllerDelegate {
-public:
-    void measurementControllerDidEndConvolution(VELTRZMeasurementController&) override {
-        std::lock_guard lock(mutex);
-        ended = true;
-    }
-    void measurementControllerDidAbort(VELTRZMeasurementController&) override {
-        std::lock_guard lock(mutex);
-        aborted = true;
-    }
-    bool hasEnded() {
-        std::lock_guard lock(mutex);
-        return ended;
-    }
-    bool hasAborted() {
-        std::lock_guard lock(mutex);
-        return aborted;
-    }
-    std::mutex mutex;
-    bool ended = false, aborted = false;
+struct Stages : VELTRZMeasurementControllerDelegate {
+    void measurementControllerDidEndConvolution(VELTRZMeasurementController&) override { ended = true; }
+    void measurementControllerDidAbort(VELTRZMeasurementController&) override { aborted = true; }
+    std::atomic<bool> ended{false}, aborted{false};
 };
 
 struct Measurement {
@@ -102,12 +87,9 @@ struct Measurement {
         controller->setDelegate(stages);
     }
     bool run(std::chrono::seconds timeout) {
-        {
-            std::lock_guard lock(stages->mutex);
-            stages->ended = false;
-        }
+        stages->ended = false;
         controller->measure();
-        return RunLoop::runUntil([&] { return stages->hasEnded(); }, timeout);
+        return RunLoop::runUntil([&] { return stages->ended.load(); }, timeout);
     }
     // The server's overloads (xruns) on a busy machine damage a sweep as they would on a studio's;
     // like a careful user, measure again, up to attempts times, until a sweep ran without one.
@@ -124,91 +106,53 @@ struct Measurement {
     }
 };
 
-#define REQUIRE_JACK()                                                                                       \
-    if (!testing::jackToolsAvailable())                                                                      \
-    GTEST_SKIP() << "jackd, jack_lsp and jconvolver are needed"
+using JackMeasurement = testing::JackTest;
 
-TEST(JackMeasurement, ImpulseResponseOfJconvolverIsMeasuredWithinATenthOfADecibel) {
-    REQUIRE_JACK();
-    testing::JackTestServer server(kRate, 256, 2, 2);
-    ASSERT_TRUE(server.isReady());
-    const std::vector<float> known = knownImpulseResponse();
-    testing::JconvolverClient convolver(server, "dut", known, kRate, 256);
-    ASSERT_TRUE(convolver.isReady()) << convolver.log();
-    const std::string uid =
-        server.deviceUID("out0=" + convolver.inputPort() + "&in0=" + convolver.outputPort());
-    VELTAudioDevice device(uid);
-    ASSERT_TRUE(device.isPresent());
-    EXPECT_EQ(device.sampleRateForDirection(1), 48000.0);
-    EXPECT_EQ(device.channelNameForDirection(1, 0), convolver.outputPort());
-    EXPECT_EQ(device.channelNameForDirection(0, 0), convolver.inputPort());
-
-    Measurement measurement(uid, {0}, 2000.0f);
-    const std::uint64_t allocationsBefore = testing::audioThreadAllocations();
-    const std::uint64_t locksBefore = testing::audioThreadLocks();
-    ASSERT_TRUE(measurement.runWithoutOverload(std::chrono::seconds(60)));
-    EXPECT_EQ(testing::audioThreadAllocations() - allocationsBefore, 0u) << "allocations on the JACK thread";
-    EXPECT_EQ(testing::audioThreadLocks() - locksBefore, 0u) << "locks on the JACK thread";
-    ASSERT_FALSE(measurement.controller->error()) << measurement.controller->error()->localizedDescription;
-    auto results = measurement.controller->measurementArray();
-    ASSERT_EQ(results.size(), 1u);
-    const VELTRealVector& measured = results[0]->impulseResponse();
-
-    // jconvolver adds no delay. The device is one client whose output feeds jconvolver and whose
-    // input hears it, a loop the server closes with one period's delay; the device reports that
-    // period as capture latency, so the response starts at once.
-    float peak = 0;
-    std::size_t peakIndex = 0;
-    measured.getMaximumMagnitude(peak, &peakIndex);
-    EXPECT_EQ(peakIndex, 0u);
-    EXPECT_EQ(device.recordingStreamLatencyForChannel(0), 256u);
-    std::span<const float> head = measured.span().subspan(0, 4096);
-    double worst = 0;
-    for (int index = 0; index <= 40; ++index) {
-        double frequency = 40.0 * std::pow(400.0, index / 40.0); // 40 Hz to 16 kHz, inside the sweep
-        double difference = magnitudeDecibels(head, frequency) - magnitudeDecibels(known, frequency);
-        worst = std::max(worst, std::abs(difference));
-        EXPECT_NEAR(difference, 0.0, 0.1) << frequency << " Hz";
-    }
-    ::testing::Test::RecordProperty("worstMagnitudeErrorDecibels", std::to_string(worst));
-}
-
-TEST(JackMeasurement, ChannelsKeepTheirLatenciesAndSilentInputsAreReported) {
-    REQUIRE_JACK();
-    testing::JackTestServer server(kRate, 256, 4, 2);
-    ASSERT_TRUE(server.isReady());
-    testing::JconvolverClient convolver(server, "dut", knownImpulseResponse(), kRate, 256);
-    ASSERT_TRUE(convolver.isReady()) << convolver.log();
-    // Channel 0 hears jconvolver; channel 3 is the dummy driver's fourth capture port (silent).
-    const std::string uid =
-        server.deviceUID("out0=" + convolver.inputPort() + "&in0=" + convolver.outputPort());
-    VELTAudioDevice device(uid);
-    EXPECT_EQ(device.channelCountForDirection(1), 4u);
+// A 10 s sweep at a period of 64 frames into eight inputs: channel 0 hears jconvolver, the dummy
+// driver's captures 1 to 7 are silent.
+TEST_F(JackMeasurement, LongSweepAtSmallPeriodKeepsEveryFrameAndEachChannelsLatency) {
+    ASSERT_TRUE(start(kRate, 64, 8, knownImpulseResponse()));
+    VELTAudioDevice device(loopUID());
+    EXPECT_EQ(device.channelCountForDirection(1), 8u);
     EXPECT_EQ(device.channelNameForDirection(1, 3), "system:capture_4");
-    EXPECT_EQ(device.recordingStreamLatencyForChannel(3), 256u) << "the dummy driver's capture latency";
+    EXPECT_EQ(device.recordingStreamLatencyForChannel(3), 64u) << "the dummy driver's capture latency";
     EXPECT_EQ(device.recordingStreamLatencyForChannel(0), 0u);
-
     {
-        Measurement measurement(uid, {0, 3}, 1000.0f);
-        ASSERT_TRUE(measurement.runWithoutOverload(std::chrono::seconds(60)));
-        ASSERT_TRUE(measurement.controller->error());
-        EXPECT_EQ(measurement.controller->error()->localizedDescription, "Error while recording response.");
-        auto results = measurement.controller->measurementArray();
-        ASSERT_EQ(results.size(), 1u) << "the silent channel is left out";
+        Measurement measurement(loopUID(), {0, 1, 2, 3, 4, 5, 6, 7}, 10000.0f);
+        ASSERT_TRUE(measurement.run(std::chrono::seconds(120)));
+        VELTRZMeasurementController& controller = *measurement.controller;
+        EXPECT_EQ(controller.audioInputController().droppedFrames(), 0u);
+        EXPECT_EQ(controller.audioOutputController().underruns(), 0u);
+        ASSERT_TRUE(controller.error());
+        EXPECT_EQ(controller.error()->localizedDescription, "Error while recording response.");
+        auto results = controller.measurementArray();
+        ASSERT_EQ(results.size(), 1u) << "the silent channels are left out";
         EXPECT_EQ(results[0]->recordChannelEntry().channel(), 0);
+        // At this period a busy machine overloads the server now and then, which may move the
+        // response; how often is recorded, not asserted.
+        float peak = 0;
+        std::size_t peakIndex = 0;
+        results[0]->impulseResponse().getMaximumMagnitude(peak, &peakIndex);
+        for (const auto& [key, value] :
+             {std::pair<const char*, double>{"peakIndex", double(peakIndex)},
+              {"peak", peak},
+              {"inputXruns", double(controller.audioInputController().xruns())},
+              {"outputXruns", double(controller.audioOutputController().xruns())},
+              {"inputSkippedFrames", double(controller.audioInputController().skippedFrames())},
+              {"outputSkippedFrames", double(controller.audioOutputController().skippedFrames())}})
+            ::testing::Test::RecordProperty(key, std::to_string(value));
     }
     // Once measured, channel 0 has been heard through the loop; the physical port has not.
-    EXPECT_EQ(device.recordingStreamLatencyForChannel(0), 256u);
-    EXPECT_EQ(device.recordingStreamLatencyForChannel(3), 256u) << "the dummy driver's capture latency";
+    EXPECT_EQ(device.recordingStreamLatencyForChannel(0), 64u);
+    EXPECT_EQ(device.recordingStreamLatencyForChannel(3), 64u) << "the dummy driver's capture latency";
+
     UserDefaults::standard().setBool(true, "ChecksRecordingLevel");
-    {
-        Measurement measurement(uid, {0, 3}, 1000.0f);
-        ASSERT_TRUE(measurement.run(std::chrono::seconds(60)));
-        ASSERT_TRUE(measurement.controller->error());
-        EXPECT_EQ(measurement.controller->error()->localizedDescription, "The Recording is Too Quiet");
-        EXPECT_TRUE(measurement.controller->measurementArray().empty());
-    }
+    Measurement measurement(loopUID(), {0, 3}, 1000.0f);
+    ASSERT_TRUE(measurement.run(std::chrono::seconds(60)));
     UserDefaults::standard().removeObjectForKey("ChecksRecordingLevel");
+    ASSERT_TRUE(measurement.controller->error());
+    EXPECT_EQ(measurement.controller->error()->localizedDescription, "The Recording is Too Quiet");
+    EXPECT_TRUE(measurement.controller->measurementArray().empty());
 }
 
 // Points the temporary directory at a fresh one of its own while alive.
@@ -243,11 +187,23 @@ private:
     std::optional<std::string> previous_;
 };
 
-TEST(JackMeasurement, AServerThatShutsDownMidSweepEndsTheMeasurementWithAnError) {
-    REQUIRE_JACK();
+TEST_F(JackMeasurement, AServerThatShutsDownMidSweepEndsTheMeasurementAndTheNextMeasuresJconvolver) {
     ScopedTemporaryDirectory temporary;
-    auto server = std::make_unique<testing::JackTestServer>(kRate, 256, 2, 2);
-    ASSERT_TRUE(server->isReady());
+    ASSERT_TRUE(start(kRate, 256, 4));
+    // Capture settings answer a server that nothing in the process has opened: its name is new, so
+    // nothing has registered it (listing asks no lookup).
+    const std::string plainUID = server->deviceUID();
+    for (const AudioDeviceDescription& known : VELTAudioDeviceRegistry::shared().devices())
+        ASSERT_NE(known.uid, plainUID);
+    VELTAudioCaptureSettings settings;
+    settings.setRecordDeviceUID(plainUID);
+    settings.setPlaybackDeviceUID(plainUID);
+    EXPECT_EQ(settings.recordDeviceSampleRate(), kRate);
+    EXPECT_EQ(settings.playbackDeviceSampleRate(), kRate);
+    ASSERT_TRUE(settings.recordDevice());
+    EXPECT_EQ(settings.recordDevice()->inputChannelCount, 4u);
+    EXPECT_EQ(settings.recordDevice()->outputChannelCount, 2u);
+
     const std::string uid = server->deviceUID("out0=system:playback_1");
     auto measurement = std::make_unique<Measurement>(uid, std::vector<std::int64_t>{0}, 20000.0f);
     measurement->controller->measure();
@@ -255,76 +211,77 @@ TEST(JackMeasurement, AServerThatShutsDownMidSweepEndsTheMeasurementWithAnError)
     EXPECT_EQ(temporary.files().size(), 2u) << "the stimulus and the recording";
     server->shutDown();
     // Well before the 20 s sweep could have played out, and without the host aborting.
-    ASSERT_TRUE(RunLoop::runUntil([&] { return measurement->stages->hasEnded(); }, std::chrono::seconds(5)));
+    ASSERT_TRUE(
+        RunLoop::runUntil([&] { return measurement->stages->ended.load(); }, std::chrono::seconds(5)));
     ASSERT_TRUE(measurement->controller->error());
     EXPECT_EQ(measurement->controller->error()->localizedDescription,
               "The audio server stopped during the measurement.");
     EXPECT_EQ(measurement->controller->error()->localizedRecoverySuggestion,
               "Start the JACK server again, then measure again.");
-    EXPECT_FALSE(measurement->stages->hasAborted());
+    EXPECT_FALSE(measurement->stages->aborted.load());
     EXPECT_TRUE(measurement->controller->measurementArray().empty());
     // The partial recording is gone; only the stimulus the controller keeps for its next sweep stays.
     EXPECT_EQ(temporary.files(), std::vector<std::filesystem::path>{
                                      measurement->controller->audioOutputController().playbackFileURL()});
     EXPECT_FALSE(VELTAudioDevice(uid).isPresent());
+    // The process hears of the stop from the server's shutdown callback, a moment later; what was
+    // learnt while it ran is not answered any more.
+    EXPECT_TRUE(RunLoop::runUntil([&] { return !settings.recordDevice(); }, std::chrono::seconds(10)))
+        << "the stopped server is still answered";
+    EXPECT_EQ(settings.recordDeviceSampleRate(), 0u);
+    EXPECT_EQ(settings.playbackDeviceSampleRate(), 0u);
+    EXPECT_FALSE(VELTAudioDeviceRegistry::shared().deviceWithUID(plainUID));
     // Aborting afterwards is harmless.
     measurement->controller->abortMeasurement();
     EXPECT_TRUE(
-        RunLoop::runUntil([&] { return measurement->stages->hasAborted(); }, std::chrono::seconds(10)));
-    server.reset();
+        RunLoop::runUntil([&] { return measurement->stages->aborted.load(); }, std::chrono::seconds(10)));
 
-    // The same controller measures again on a new server.
-    testing::JackTestServer replacement(kRate, 256, 2, 2);
-    ASSERT_TRUE(replacement.isReady());
-    testing::JconvolverClient convolver(replacement, "dut", knownImpulseResponse(), kRate, 256);
-    ASSERT_TRUE(convolver.isReady()) << convolver.log();
-    auto settings =
-        std::make_shared<VELTAudioCaptureSettings>(*measurement->controller->audioCaptureSettings());
-    const std::string next =
-        replacement.deviceUID("out0=" + convolver.inputPort() + "&in0=" + convolver.outputPort());
-    settings->setPlaybackDeviceUID(next);
-    settings->setRecordDeviceUID(next);
-    measurement->controller->setAudioCaptureSettings(settings);
+    // The same controller on a new server, through jconvolver.
+    const std::vector<float> known = knownImpulseResponse();
+    ASSERT_TRUE(start(kRate, 256, 2, known));
+    VELTAudioDevice device(loopUID());
+    ASSERT_TRUE(device.isPresent());
+    EXPECT_EQ(device.sampleRateForDirection(1), double(kRate));
+    EXPECT_EQ(device.channelNameForDirection(1, 0), "dut:out");
+    EXPECT_EQ(device.channelNameForDirection(0, 0), "dut:in");
+    auto again = std::make_shared<VELTAudioCaptureSettings>(*measurement->controller->audioCaptureSettings());
+    again->setPlaybackDeviceUID(loopUID());
+    again->setRecordDeviceUID(loopUID());
+    measurement->controller->setAudioCaptureSettings(again);
     auto sweep = measurement->controller->logSweepSettings();
-    sweep.setDuration(500.0f);
+    sweep.setDuration(2000.0f);
     measurement->controller->setLogSweepSettings(sweep);
+    const std::uint64_t allocationsBefore = testing::audioThreadAllocations();
+    const std::uint64_t locksBefore = testing::audioThreadLocks();
     ASSERT_TRUE(measurement->runWithoutOverload(std::chrono::seconds(60)));
-    EXPECT_FALSE(measurement->controller->error());
-    EXPECT_EQ(measurement->controller->measurementArray().size(), 1u);
+    EXPECT_EQ(testing::audioThreadAllocations() - allocationsBefore, 0u) << "allocations on the JACK thread";
+    EXPECT_EQ(testing::audioThreadLocks() - locksBefore, 0u) << "locks on the JACK thread";
+    ASSERT_FALSE(measurement->controller->error()) << measurement->controller->error()->localizedDescription;
+    auto results = measurement->controller->measurementArray();
+    ASSERT_EQ(results.size(), 1u);
+
+    // The measured response is the one jconvolver was loaded with. jconvolver adds no delay; the
+    // loop through the device's own client adds a period, which the device reports as capture
+    // latency, so the response starts at once.
+    const VELTRealVector& measured = results[0]->impulseResponse();
+    float peak = 0;
+    std::size_t peakIndex = 0;
+    measured.getMaximumMagnitude(peak, &peakIndex);
+    EXPECT_EQ(peakIndex, 0u);
+    EXPECT_EQ(device.recordingStreamLatencyForChannel(0), 256u);
+    std::span<const float> head = measured.span().subspan(0, 4096);
+    double worst = 0;
+    for (int index = 0; index <= 40; ++index) {
+        double frequency = 40.0 * std::pow(400.0, index / 40.0); // 40 Hz to 16 kHz, inside the sweep
+        double difference = magnitudeDecibels(head, frequency) - magnitudeDecibels(known, frequency);
+        worst = std::max(worst, std::abs(difference));
+        EXPECT_NEAR(difference, 0.0, 0.1) << frequency << " Hz";
+    }
+    ::testing::Test::RecordProperty("worstMagnitudeErrorDecibels", std::to_string(worst));
+    results.clear();
     measurement.reset();
     EXPECT_TRUE(RunLoop::runUntil([&] { return temporary.files().empty(); }, std::chrono::seconds(5)))
         << "temporary files outlive the controller";
-}
-
-TEST(JackMeasurement, LongSweepAtSmallPeriodWithEightCaptureChannels) {
-    REQUIRE_JACK();
-    testing::JackTestServer server(kRate, 64, 8, 2);
-    ASSERT_TRUE(server.isReady());
-    testing::JconvolverClient convolver(server, "dut", knownImpulseResponse(), kRate, 64);
-    ASSERT_TRUE(convolver.isReady()) << convolver.log();
-    const std::string uid =
-        server.deviceUID("out0=" + convolver.inputPort() + "&in0=" + convolver.outputPort());
-    Measurement measurement(uid, {0, 1, 2, 3, 4, 5, 6, 7}, 10000.0f);
-    ASSERT_TRUE(measurement.run(std::chrono::seconds(120)));
-    VELTRZMeasurementController& controller = *measurement.controller;
-    EXPECT_EQ(controller.audioInputController().droppedFrames(), 0u);
-    EXPECT_EQ(controller.audioOutputController().underruns(), 0u);
-    // Dummy captures 1 to 7 are silent; channel 0 is measured. At this period a busy machine
-    // overloads the server now and then; how often is recorded, not asserted.
-    auto results = controller.measurementArray();
-    ASSERT_EQ(results.size(), 1u);
-    float peak = 0;
-    std::size_t peakIndex = 0;
-    results[0]->impulseResponse().getMaximumMagnitude(peak, &peakIndex);
-    ::testing::Test::RecordProperty("peakIndex", std::to_string(peakIndex));
-    ::testing::Test::RecordProperty("peak", std::to_string(peak));
-    ::testing::Test::RecordProperty("inputXruns", std::to_string(controller.audioInputController().xruns()));
-    ::testing::Test::RecordProperty("outputXruns",
-                                    std::to_string(controller.audioOutputController().xruns()));
-    ::testing::Test::RecordProperty("inputSkippedFrames",
-                                    std::to_string(controller.audioInputController().skippedFrames()));
-    ::testing::Test::RecordProperty("outputSkippedFrames",
-                                    std::to_string(controller.audioOutputController().skippedFrames()));
 }
 
 } // namespace
