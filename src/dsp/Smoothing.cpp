@@ -26,9 +26,9 @@ inline std::size_t windowLimit(float position, std::size_t last) noexcept {
 // from any midpoint between floats, far more than the reciprocal's error of 2^-52.
 constexpr std::size_t kLargestReciprocalCount = std::size_t{1} << 26;
 
-} // namespace
-
-void smoothWithOctaveFraction(VELTMutableRealVector& vector, float fraction) {
+// The means of every bin's window, in place, from running sums stored as Sum (float: the sums the
+// stored analyses were made with; double: for values of a wide dynamic range).
+template <typename Sum> void smoothInPlace(VELTMutableRealVector& vector, float fraction) {
     const std::size_t length = vector.length();
     if (length == 0)
         return;
@@ -38,8 +38,8 @@ void smoothWithOctaveFraction(VELTMutableRealVector& vector, float fraction) {
     const float highFactor = std::exp2(fraction);
     const std::size_t last = length - 1;
     float* x = vector.mutableComponents();
-    AlignedBuffer<float> runningSums(length);
-    float* sums = runningSums.data();
+    AlignedBuffer<Sum> runningSums(length);
+    Sum* sums = runningSums.data();
 
     // One pass: the running sum advances bin by bin (a chain of dependent double additions that
     // sets the pace), and every bin whose window has just been summed is averaged in its shadow.
@@ -52,12 +52,12 @@ void smoothWithOctaveFraction(VELTMutableRealVector& vector, float fraction) {
     double cachedReciprocal = 0.0;
     for (std::size_t k = 0; k < length; ++k) {
         running += static_cast<double>(x[k]);
-        sums[k] = static_cast<float>(running);
+        sums[k] = static_cast<Sum>(running);
         while (nextHigh <= k) {
             const float position = static_cast<float>(next);
             const std::size_t low = windowLimit(position * lowFactor, last);
             const std::size_t high = windowLimit(position * highFactor, last);
-            const float difference = sums[high] - sums[low - 1];
+            const Sum difference = sums[high] - sums[low - 1];
             const std::size_t count = high - low + 1;
             if (count < kLargestReciprocalCount) {
                 if (count != cachedCount) {
@@ -73,6 +73,16 @@ void smoothWithOctaveFraction(VELTMutableRealVector& vector, float fraction) {
             nextHigh = std::max(windowLimit(static_cast<float>(next) * highFactor, last), next);
         }
     }
+}
+
+} // namespace
+
+void smoothWithOctaveFraction(VELTMutableRealVector& vector, float fraction) {
+    smoothInPlace<float>(vector, fraction);
+}
+
+void smoothPowersWithOctaveFraction(VELTMutableRealVector& vector, float fraction) {
+    smoothInPlace<double>(vector, fraction);
 }
 
 namespace {

@@ -25,6 +25,11 @@ namespace tavolar {
 // (parameter assertions).
 void smoothWithOctaveFraction(VELTMutableRealVector& vector, float fraction);
 
+// The same windows and means with the running sums kept in double precision, for values that span
+// a wide dynamic range, such as powers: float running sums resolve a window's sum only to about
+// 2^-24 of everything summed before it, which drowns a quiet band that follows a loud one.
+void smoothPowersWithOctaveFraction(VELTMutableRealVector& vector, float fraction);
+
 // The grid frequencies in Hz: 1000 * 2^(k f) for k from -(D - 1) up to U, where D is the first k
 // whose point lies at or below 10 Hz and U the first whose point lies at or above R / 2, so the
 // table holds 1000 Hz and the point at or above Nyquist but not the one at or below 10 Hz.

@@ -114,6 +114,21 @@ TEST(Smoothing, WorkedExamplesAndEdges) {
     EXPECT_THROW(smoothWithOctaveFraction(pair, -0.5f), ParameterAssertion);
 }
 
+// Powers span decades: a band 90 dB below a loud one keeps its level with double running sums,
+// where float ones resolve it only to 2^-24 of the loud band's sum.
+TEST(Smoothing, PowersKeepAQuietBandAfterALoudOne) {
+    VELTRealVector powers(4096);
+    for (std::size_t i = 0; i < powers.length(); ++i)
+        powers[i] = i < 400 ? 1.0f : 1e-9f * (1.0f + 0.5f * std::sin(0.01f * static_cast<float>(i)));
+    const std::vector<double> expected = slowSmoothing(powers, 1.0f / 12);
+    VELTRealVector smoothed = powers, floatSums = powers;
+    smoothPowersWithOctaveFraction(smoothed, 1.0f / 12);
+    smoothWithOctaveFraction(floatSums, 1.0f / 12);
+    for (std::size_t i = 0; i < powers.length(); ++i)
+        ASSERT_NEAR(smoothed[i], expected[i], 1e-5 * expected[i]) << "bin " << i;
+    EXPECT_GT(std::abs(floatSums[3000] - expected[3000]), 0.1 * expected[3000]);
+}
+
 // The grid's sizes from its closed form: U = ceil(log2(R / 2000) / f) points above 1000 Hz and
 // D = ceil(log2(100) / f) below it (none of these cases lies near a boundary).
 TEST(Smoothing, GridHasTheSizeAndPointsOfItsClosedForm) {
