@@ -11,6 +11,8 @@
 #include "core/HarmonicAnalysis.h"
 #include "dsp/Decibels.h"
 #include "dsp/Hilbert.h"
+#include "dsp/Smoothing.h"
+#include "dsp/WeightingFilters.h"
 #include "export/ExportText.h"
 #include "export/FRDExport.h"
 #include "export/VELTCSVExporter.h"
@@ -20,11 +22,13 @@
 #include <bit>
 #include <cctype>
 #include <cmath>
+#include <complex>
 #include <filesystem>
 #include <fmt/format.h>
 #include <functional>
 #include <map>
 #include <memory>
+#include <numbers>
 #include <optional>
 #include <set>
 #include <string>
@@ -88,37 +92,166 @@ struct ExportOptions {
     bool windowed = false;
     std::optional<float> timeStart;
     std::optional<float> timeEnd;
+    std::optional<int> smoothing;         // 1/N octave
+    std::string smoothingDomain = "db";   // or "power"
+    std::optional<int> pointsPerOctave;   // a logarithmic grid instead of the bins
+    std::optional<std::string> weighting; // "a" or "c"
 
     bool wants(std::string_view curve) const {
         return std::find(curves.begin(), curves.end(), curve) != curves.end();
     }
+    bool reshapesFrequencyAxis() const { return smoothing || pointsPerOctave; }
 };
 
-Expected<CurveGroup> frequencyGroup(const VELTMeasurementRecord& record, const ExportOptions& options,
-                                    std::size_t fftLength) {
+constexpr int kLargestSmoothingDenominator = 48;
+constexpr int kLargestPointsPerOctave = 96;
+
+bool isLevelCurve(std::string_view curve) {
+    return curve == "magnitude" || curve == "spl";
+}
+
+// The gain in dB of the weighting filter of the record's rate at each frequency: the same filter
+// that weights signals, so that a weighted curve and a weighted level agree.
+Expected<VELTRealVector> weightingDecibels(const VELTMeasurementRecord& record, std::size_t number,
+                                           const std::string& weighting, const VELTRealVector& frequencies) {
+    std::optional<VELTRealDoubleVector> a, b;
+    (weighting == "a" ? VELTGetAWeightingFilter : VELTGetCWeightingFilter)(record.sampleRate(), &a, &b);
+    if (!a || !b)
+        return failure(fmt::format("Record {} has a sample rate of {} Hz, for which there is no {}-weighting "
+                                   "filter.",
+                                   number, record.sampleRate(), weighting == "a" ? 'A' : 'C'),
+                       "Weighting works at 44100, 48000, 88200, 96000, 176400 and 192000 Hz.");
+    auto evaluate = [](const VELTRealDoubleVector& p, std::complex<double> zInverse) {
+        std::complex<double> sum = 0.0;
+        for (std::size_t k = p.length(); k-- > 0;)
+            sum = sum * zInverse + p[k];
+        return sum;
+    };
+    VELTRealVector gains(frequencies.length());
+    const double rate = static_cast<double>(record.sampleRate());
+    for (std::size_t i = 0; i < frequencies.length(); ++i) {
+        const std::complex<double> zInverse =
+            std::polar(1.0, -2.0 * std::numbers::pi * frequencies[i] / rate);
+        const double magnitude = std::abs(evaluate(*b, zInverse) / evaluate(*a, zInverse));
+        gains[i] = static_cast<float>(20.0 * std::log10(magnitude + kDecibelFloor));
+    }
+    return gains;
+}
+
+// Smooths a curve in dB over 1/N octave, averaging the decibels themselves (as the graphs do) or
+// the powers they stand for.
+void smoothLevels(VELTRealVector& decibels, int denominator, bool powerDomain) {
+    const float fraction = 1.0f / static_cast<float>(denominator);
+    if (!powerDomain) {
+        smoothWithOctaveFraction(decibels, fraction);
+        return;
+    }
+    convertPowerToAbs(decibels);
+    smoothPowersWithOctaveFraction(decibels, fraction);
+    convertAbsToPower(decibels);
+}
+
+VELTRealVector frequencyCurve(const VELTMeasurementRecord& record, std::string_view name,
+                              std::size_t fftLength) {
+    if (name == "magnitude")
+        return record.fftMagnitudeResponseWithFFTLength(fftLength);
+    if (name == "spl")
+        return record.fftSPLResponseWithFFTLength(fftLength);
+    if (name == "phase")
+        return record.fftPhaseResponseWithFFTLength(fftLength);
+    if (name == "minimum-phase")
+        return record.minimumPhaseResponseWithFFTLength(fftLength);
+    if (name == "excess-phase")
+        return record.excessPhaseResponseWithFFTLength(fftLength);
+    return record.groupDelayWithFFTLength(fftLength);
+}
+
+// The named frequency curves over one axis: the record's valid bins, or with --points-per-octave the
+// points of the logarithmic grid that lie within them. Weighting is added to magnitude and SPL, which
+// are then smoothed; smoothing runs over every bin from 0 Hz to Nyquist, as its windows are defined
+// in bins counted from 0 Hz, and the valid bins are taken afterwards. Phases and group delay are
+// picked, not averaged.
+Expected<CurveGroup> frequencyGroup(const VELTMeasurementRecord& record, std::size_t number,
+                                    const ExportOptions& options, std::size_t fftLength,
+                                    const std::vector<std::string_view>& names) {
+    const VELTMeasurementRecord* source = &record;
+    std::shared_ptr<VELTMeasurementRecord> wholeSpectrum;
+    if (options.reshapesFrequencyAxis()) {
+        wholeSpectrum = record.cachedCopy();
+        wholeSpectrum->setStartFrequency(0.0f);
+        wholeSpectrum->setEndFrequency(static_cast<float>(record.sampleRate()));
+        source = wholeSpectrum.get();
+    }
+    const VELTRealVector sourceAxis = source->frequencyTableWithFFTLength(fftLength);
+    const BinRange valid = record.validRangeForFFTLength(fftLength);
+    const std::size_t offset = valid.location - source->validRangeForFFTLength(fftLength).location;
+    std::optional<VELTRealVector> weights;
+    if (options.weighting) {
+        auto gains = weightingDecibels(record, number, *options.weighting, sourceAxis);
+        if (!gains)
+            return std::unexpected(gains.error());
+        weights = std::move(*gains);
+    }
+
     CurveGroup group;
-    group.axis = {"Frequency (Hz)", "frequency", record.frequencyTableWithFFTLength(fftLength)};
-    for (const CurveKind& kind : kFrequencyCurves) {
-        if (!options.wants(kind.name))
-            continue;
-        VELTRealVector values;
-        if (kind.name == "magnitude")
-            values = record.fftMagnitudeResponseWithFFTLength(fftLength);
-        else if (kind.name == "spl")
-            values = record.fftSPLResponseWithFFTLength(fftLength);
-        else if (kind.name == "phase")
-            values = record.fftPhaseResponseWithFFTLength(fftLength);
-        else if (kind.name == "minimum-phase")
-            values = record.minimumPhaseResponseWithFFTLength(fftLength);
-        else if (kind.name == "excess-phase")
-            values = record.excessPhaseResponseWithFFTLength(fftLength);
-        else
-            values = record.groupDelayWithFFTLength(fftLength);
+    std::function<VELTRealVector(const VELTRealVector&)> onAxis = [](const VELTRealVector& values) {
+        return values;
+    };
+    if (options.pointsPerOctave) {
+        // The grid points within the valid bins: never 0 Hz, never beyond Nyquist.
+        const auto rate = static_cast<std::uint32_t>(record.sampleRate());
+        const float fraction = 1.0f / static_cast<float>(*options.pointsPerOctave);
+        const VELTRealVector table = tableForSmoothedPointsWithFraction(fraction, rate);
+        std::vector<std::size_t> kept;
+        for (std::size_t at = 0; at < table.length() && valid.length > 0; ++at)
+            if (table[at] >= sourceAxis[offset] && table[at] <= sourceAxis[offset + valid.length - 1])
+                kept.push_back(at);
+        auto pick = [kept](const VELTRealVector& values) {
+            VELTRealVector picked(kept.size());
+            for (std::size_t at = 0; at < kept.size(); ++at)
+                picked[at] = values[kept[at]];
+            return picked;
+        };
+        group.axis.values = pick(table);
+        onAxis = [=](const VELTRealVector& values) {
+            return pick(smoothedPointsWithFraction(values, fraction, rate));
+        };
+    } else if (options.smoothing) {
+        group.axis.values = record.frequencyTableWithFFTLength(fftLength);
+        onAxis = [&](const VELTRealVector& values) { return values.realVectorInRange(offset, valid.length); };
+    } else {
+        group.axis.values = sourceAxis;
+    }
+    group.axis.header = "Frequency (Hz)";
+    group.axis.variable = "frequency";
+
+    for (std::string_view name : names) {
+        const CurveKind& kind =
+            *std::find_if(std::begin(kFrequencyCurves), std::end(kFrequencyCurves),
+                          [&](const CurveKind& candidate) { return candidate.name == name; });
+        std::string header(kind.header);
+        VELTRealVector values = frequencyCurve(*source, name, fftLength);
+        if (isLevelCurve(name)) {
+            if (weights) {
+                values.add(*weights);
+                header.replace(header.find("(dB)"), 4, *options.weighting == "a" ? "(dBA)" : "(dBC)");
+            }
+            if (options.smoothing && values.length() >= 2)
+                smoothLevels(values, *options.smoothing, options.smoothingDomain == "power");
+        }
         if (kind.header.ends_with("(deg)") && !options.unwrapped)
             wrapDegrees(values);
-        group.curves.push_back({std::string(kind.header), std::string(kind.variable), std::move(values)});
+        group.curves.push_back({std::move(header), std::string(kind.variable), onAxis(values)});
     }
     return group;
+}
+
+std::vector<std::string_view> requestedFrequencyCurves(const ExportOptions& options) {
+    std::vector<std::string_view> names;
+    for (const CurveKind& kind : kFrequencyCurves)
+        if (options.wants(kind.name))
+            names.push_back(kind.name);
+    return names;
 }
 
 struct HarmonicCurves {
@@ -342,6 +475,31 @@ bool wantsTimeCurves(const ExportOptions& options) {
     return options.wants("impulse") || options.wants("etc");
 }
 
+// Smoothing and weighting change magnitude and SPL curves (an FRD file of the response always holds
+// one); the grid changes every frequency curve.
+Expected<void> checkFrequencyOptions(const ExportOptions& options, const std::string& format) {
+    if (options.smoothing && (*options.smoothing < 1 || *options.smoothing > kLargestSmoothingDenominator))
+        return usageFailure(fmt::format("Smoothing runs from 1/1 to 1/{} octave (got --smoothing {}).",
+                                        kLargestSmoothingDenominator, *options.smoothing));
+    if (options.pointsPerOctave &&
+        (*options.pointsPerOctave < 1 || *options.pointsPerOctave > kLargestPointsPerOctave))
+        return usageFailure(
+            fmt::format("The grid has 1 to {} points per octave (got --points-per-octave {}).",
+                        kLargestPointsPerOctave, *options.pointsPerOctave));
+    const bool frequencyResponse = wantsFrequencyCurves(options);
+    const bool levels =
+        options.wants("magnitude") || options.wants("spl") || (format == "frd" && frequencyResponse);
+    for (const auto& [given, name] : {std::pair{options.smoothing.has_value(), "--smoothing"},
+                                      std::pair{options.weighting.has_value(), "--weighting"}})
+        if (given && !levels)
+            return usageFailure(fmt::format("{} applies to magnitude and spl curves.", name),
+                                "Add magnitude or spl to --curves.");
+    if (options.pointsPerOctave && !frequencyResponse)
+        return usageFailure("--points-per-octave applies to frequency curves (magnitude, spl, phases, group "
+                            "delay).");
+    return {};
+}
+
 // The files of one record, with their contents computed: a record that cannot give a curve fails
 // here, before anything is written.
 Expected<std::vector<PendingFile>> filesOfRecord(const std::shared_ptr<VELTMeasurementRecord>& record,
@@ -371,8 +529,8 @@ Expected<std::vector<PendingFile>> filesOfRecord(const std::shared_ptr<VELTMeasu
     }
 
     std::optional<CurveGroup> frequency;
-    if (wantsFrequencyCurves(options)) {
-        auto group = frequencyGroup(*record, options, fftLength);
+    if (wantsFrequencyCurves(options) && format != "frd") {
+        auto group = frequencyGroup(*record, number, options, fftLength, requestedFrequencyCurves(options));
         if (!group)
             return std::unexpected(group.error());
         frequency = std::move(*group);
@@ -417,22 +575,18 @@ Expected<std::vector<PendingFile>> filesOfRecord(const std::shared_ptr<VELTMeasu
 
     // FRD: the frequency response (magnitude or SPL, and one kind of phase), and one file per
     // harmonic order with its level relative to the fundamental.
-    if (frequency || !harmonics) {
-        VELTRealVector axis = record->frequencyTableWithFFTLength(fftLength);
-        VELTRealVector magnitude = options.wants("spl")
-                                       ? record->fftSPLResponseWithFFTLength(fftLength)
-                                       : record->fftMagnitudeResponseWithFFTLength(fftLength);
-        VELTRealVector phase;
-        if (options.wants("minimum-phase"))
-            phase = record->minimumPhaseResponseWithFFTLength(fftLength);
-        else if (options.wants("excess-phase"))
-            phase = record->excessPhaseResponseWithFFTLength(fftLength);
-        else if (options.wants("phase"))
-            phase = record->fftPhaseResponseWithFFTLength(fftLength);
-        else
-            phase = VELTRealVector(axis.length());
-        if (!options.unwrapped)
-            wrapDegrees(phase);
+    if (wantsFrequencyCurves(options) || !harmonics) {
+        std::vector<std::string_view> names{options.wants("spl") ? "spl" : "magnitude"};
+        for (std::string_view phase : {"phase", "minimum-phase", "excess-phase"})
+            if (options.wants(phase))
+                names.push_back(phase);
+        auto group = frequencyGroup(*record, number, options, fftLength, names);
+        if (!group)
+            return std::unexpected(group.error());
+        const VELTRealVector& axis = group->axis.values;
+        const VELTRealVector& magnitude = group->curves[0].values;
+        const VELTRealVector phase =
+            group->curves.size() > 1 ? group->curves[1].values : VELTRealVector(axis.length());
         if (magnitude.length() < axis.length() || phase.length() < axis.length())
             return failure(fmt::format("The curves of record {} do not cover its frequency axis.", number));
         files.push_back(
@@ -486,6 +640,29 @@ void addExportCommand(CLI::App& app, CommandList& commands) {
                       "WAV: the windowed impulse response instead of the whole");
     command->add_option("--time-start", options->timeStart, "Time curves from this time, ms (default: all)");
     command->add_option("--time-end", options->timeEnd, "Time curves up to this time, ms (default: all)");
+    CLI::Option* smoothing =
+        command
+            ->add_option(
+                "--smoothing", options->smoothing,
+                "Smooth magnitude and SPL over 1/N octave, N from 1 to 48 (12 when given without N), "
+                "averaging the decibels as the graphs do (see --smoothing-domain); phases and "
+                "group delay are not smoothed")
+            ->expected(0, 1)
+            ->default_str("12");
+    command
+        ->add_option("--smoothing-domain", options->smoothingDomain,
+                     "db: average the decibel values (default); power: average the powers they stand for, "
+                     "then take the decibels of the mean")
+        ->check(CLI::IsMember({"db", "power"}))
+        ->needs(smoothing);
+    command->add_option("--points-per-octave", options->pointsPerOctave,
+                        "Frequency curves at N points per octave (1 to 96) on a logarithmic grid through "
+                        "1 kHz, from about 10 Hz to the top of the record's range, instead of the linear "
+                        "bins; no 0 Hz line");
+    command
+        ->add_option("--weighting", options->weighting,
+                     "a or c: magnitude and SPL weighted by the A or C filter of the record's sample rate")
+        ->check(CLI::IsMember({"a", "c"}));
     commands.push_back(
         {command, [options]() -> Expected<void> {
              auto format = formatOf(*options);
@@ -495,6 +672,8 @@ void addExportCommand(CLI::App& app, CommandList& commands) {
                  options->curves = *format == "wav" ? std::vector<std::string>{"impulse"}
                                                     : std::vector<std::string>{"magnitude", "phase"};
              if (auto checked = checkCurves(*options, *format); !checked)
+                 return checked;
+             if (auto checked = checkFrequencyOptions(*options, *format); !checked)
                  return checked;
              if (options->fftLength &&
                  (!std::has_single_bit(*options->fftLength) || *options->fftLength < kSmallestFFTLength ||
