@@ -70,21 +70,20 @@ std::shared_ptr<AudioDeviceDriver> openDriver(const std::string& uid) {
     return openJackDeviceDriver(*AudioDeviceUID::parse(uid), uid);
 }
 
-// The clients that own ports on the server, by the part of the port name before the colon.
-std::set<std::string> clientsWithPorts(const testing::JackTestServer& server) {
-    std::set<std::string> clients;
-    for (const std::string& port : server.ports())
-        clients.insert(port.substr(0, port.find(':')));
-    return clients;
-}
-
-// jconvolver loaded with a unit impulse: a wire without delay.
 class JackDevice : public testing::JackTest {
 protected:
+    // jconvolver loaded with a unit impulse: a wire without delay.
     bool startWithWire() {
         std::vector<float> wire(64, 0.0f);
         wire[0] = 1.0f;
         return start(kRate, kPeriod, 2, wire);
+    }
+    // The clients that own ports on the server, by the part of the port name before the colon.
+    std::set<std::string> clientsWithPorts() const {
+        std::set<std::string> clients;
+        for (const std::string& port : ports())
+            clients.insert(port.substr(0, port.find(':')));
+        return clients;
     }
 };
 
@@ -120,7 +119,7 @@ TEST_F(JackDevice, OneClientCarriesEveryEndpointAndOnlyItsOwnLoopAddsAPeriodOfLa
     ASSERT_EQ(driver->makeEndpoint(configuration(AudioDirection::Input, 0, captured), input), 0);
     // A second endpoint of the same direction at the same time, on the dummy driver's second port.
     ASSERT_EQ(driver->makeEndpoint(configuration(AudioDirection::Input, 1, second), secondInput), 0);
-    EXPECT_EQ(clientsWithPorts(*server), (std::set<std::string>{"system", "dut", "tavolar"}));
+    EXPECT_EQ(clientsWithPorts(), (std::set<std::string>{"system", "dut", "tavolar"}));
     ASSERT_NO_FATAL_FAILURE(runForASecond({input.get(), secondInput.get(), output.get()}));
     const std::uint64_t playedCycles = played.cycles.load(), capturedCycles = captured.cycles.load();
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
@@ -139,11 +138,11 @@ TEST_F(JackDevice, OneClientCarriesEveryEndpointAndOnlyItsOwnLoopAddsAPeriodOfLa
     output.reset();
     input.reset();
     secondInput.reset();
-    EXPECT_EQ(clientsWithPorts(*server), (std::set<std::string>{"system", "dut"})) << "ports left behind";
+    EXPECT_EQ(clientsWithPorts(), (std::set<std::string>{"system", "dut"})) << "ports left behind";
 
     // One device feeds the wire, another hears it: two clients in a row delay nothing.
-    std::shared_ptr<AudioDeviceDriver> player = openDriver(server->deviceUID("out0=dut:in"));
-    std::shared_ptr<AudioDeviceDriver> listener = openDriver(server->deviceUID("in0=dut:out"));
+    std::shared_ptr<AudioDeviceDriver> player = openDriver(deviceUID("out0=dut:in"));
+    std::shared_ptr<AudioDeviceDriver> listener = openDriver(deviceUID("in0=dut:out"));
     ASSERT_TRUE(player && listener);
     Stream fed, heard;
     heard.delay = 0;
@@ -156,7 +155,7 @@ TEST_F(JackDevice, OneClientCarriesEveryEndpointAndOnlyItsOwnLoopAddsAPeriodOfLa
 
 TEST_F(JackDevice, EndpointsMadeAndDestroyedOnSeveralThreadsAtOnce) {
     ASSERT_TRUE(start(kRate, kPeriod, 2));
-    std::shared_ptr<AudioDeviceDriver> driver = openDriver(server->deviceUID());
+    std::shared_ptr<AudioDeviceDriver> driver = openDriver(deviceUID());
     ASSERT_TRUE(driver);
     std::atomic<int> failures{0};
     auto churn = [&](AudioDirection direction, std::uint32_t channel) {
@@ -176,7 +175,7 @@ TEST_F(JackDevice, EndpointsMadeAndDestroyedOnSeveralThreadsAtOnce) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(failures.load(), 0);
-    EXPECT_EQ(clientsWithPorts(*server), (std::set<std::string>{"system"})) << "ports left behind";
+    EXPECT_EQ(clientsWithPorts(), (std::set<std::string>{"system"})) << "ports left behind";
 }
 
 } // namespace

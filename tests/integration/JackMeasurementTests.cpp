@@ -24,13 +24,17 @@
 namespace tavolar {
 namespace {
 
+// The user defaults of these tests live in a file of their own, removed at the end.
 const bool defaultsIsolated = [] {
-    if (!std::getenv("TAVOLAR_DEFAULTS_FILE"))
-        setenv("TAVOLAR_DEFAULTS_FILE",
-               (std::filesystem::temp_directory_path() / ("tavolar-integration-" + newUUIDString() + ".json"))
-                   .c_str(),
-               1);
-    return true;
+    if (std::getenv("TAVOLAR_DEFAULTS_FILE"))
+        return false;
+    static const std::filesystem::path file =
+        std::filesystem::temp_directory_path() / ("tavolar-integration-" + newUUIDString() + ".json");
+    setenv("TAVOLAR_DEFAULTS_FILE", file.c_str(), 1);
+    return std::atexit([] {
+               std::error_code ignored;
+               std::filesystem::remove(file, ignored);
+           }) == 0;
 }();
 
 // Not 48 kHz, the rate a device that answers nothing might be taken to have.
@@ -192,7 +196,7 @@ TEST_F(JackMeasurement, AServerThatShutsDownMidSweepEndsTheMeasurementAndTheNext
     ASSERT_TRUE(start(kRate, 256, 4));
     // Capture settings answer a server that nothing in the process has opened: its name is new, so
     // nothing has registered it (listing asks no lookup).
-    const std::string plainUID = server->deviceUID();
+    const std::string plainUID = deviceUID();
     for (const AudioDeviceDescription& known : VELTAudioDeviceRegistry::shared().devices())
         ASSERT_NE(known.uid, plainUID);
     VELTAudioCaptureSettings settings;
@@ -204,12 +208,12 @@ TEST_F(JackMeasurement, AServerThatShutsDownMidSweepEndsTheMeasurementAndTheNext
     EXPECT_EQ(settings.recordDevice()->inputChannelCount, 4u);
     EXPECT_EQ(settings.recordDevice()->outputChannelCount, 2u);
 
-    const std::string uid = server->deviceUID("out0=system:playback_1");
+    const std::string uid = deviceUID("out0=system:playback_1");
     auto measurement = std::make_unique<Measurement>(uid, std::vector<std::int64_t>{0}, 20000.0f);
     measurement->controller->measure();
     RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(300));
     EXPECT_EQ(temporary.files().size(), 2u) << "the stimulus and the recording";
-    server->shutDown();
+    stopServer();
     // Well before the 20 s sweep could have played out, and without the host aborting.
     ASSERT_TRUE(
         RunLoop::runUntil([&] { return measurement->stages->ended.load(); }, std::chrono::seconds(5)));

@@ -11,7 +11,6 @@
 #include <signal.h>
 #include <sndfile.h>
 #include <spawn.h>
-#include <sstream>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -19,6 +18,8 @@
 extern char** environ;
 
 namespace tavolar::testing {
+
+using namespace std::chrono_literals;
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const std::filesystem::path& log) {
     std::vector<char*> argv;
@@ -44,118 +45,18 @@ bool ChildProcess::isRunning() {
     return !reaped_;
 }
 
-void ChildProcess::terminate() {
+ChildProcess::~ChildProcess() {
     if (!isRunning())
         return;
     ::kill(pid_, SIGTERM);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(3);
+    const auto deadline = std::chrono::steady_clock::now() + 3s;
     while (isRunning() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        std::this_thread::sleep_for(10ms);
     if (isRunning()) {
         ::kill(pid_, SIGKILL);
         int status = 0;
         waitpid(pid_, &status, 0);
-        reaped_ = true;
     }
-}
-
-JackTestServer::JackTestServer(unsigned sampleRate, unsigned period, unsigned captureChannels)
-    : name_(fmt::format("tavolar-{}-{}", getpid(), newUUIDString().substr(0, 8))),
-      directory_(std::filesystem::temp_directory_path() / name_) {
-    std::filesystem::create_directories(directory_);
-    process_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"jackd", "-n", name_, "-R", "-d", "dummy", "-r", std::to_string(sampleRate),
-                                 "-p", std::to_string(period), "-C", std::to_string(captureChannels), "-P",
-                                 "2"},
-        directory_ / "jackd.log");
-    // A loaded machine may take a while to start it.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!ready_ && process_->isRunning() && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        ready_ = jackServerIsRunning(name_);
-    }
-}
-
-JackTestServer::~JackTestServer() {
-    process_->terminate();
-    // A server that was killed leaves its sockets and semaphores named after it.
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", error)) {
-        const std::string file = entry.path().filename().string();
-        if (file.starts_with("jack_" + name_ + "_") || file.find("_" + name_ + "_") != std::string::npos)
-            std::filesystem::remove(entry.path(), error);
-    }
-    std::filesystem::remove_all(directory_, error);
-}
-
-std::string JackTestServer::deviceUID(const std::string& parameters) const {
-    return parameters.empty() ? "jack:" + name_ : "jack:" + name_ + "?" + parameters;
-}
-
-std::vector<std::string> JackTestServer::ports() const {
-    std::vector<std::string> ports;
-    const std::string command = fmt::format("jack_lsp -s {} 2>/dev/null", name_);
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    char line[512];
-    while (pipe && fgets(line, sizeof line, pipe.get()))
-        ports.emplace_back(std::string_view(line).substr(0, std::string_view(line).find('\n')));
-    return ports;
-}
-
-bool JackTestServer::waitForPort(const std::string& port, std::chrono::milliseconds timeout) const {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (std::ranges::count(ports(), port) > 0)
-            return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return false;
-}
-
-void JackTestServer::shutDown() {
-    process_->terminate();
-    ready_ = false;
-}
-
-JconvolverClient::JconvolverClient(const JackTestServer& server, const std::vector<float>& impulseResponse,
-                                   unsigned sampleRate, unsigned period)
-    : log_(server.directory() / "dut.log") {
-    const std::filesystem::path wave = server.directory() / "dut.wav";
-    SF_INFO info{};
-    info.samplerate = int(sampleRate);
-    info.channels = 1;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-    SNDFILE* file = sf_open(wave.c_str(), SFM_WRITE, &info);
-    if (!file)
-        return;
-    sf_writef_float(file, impulseResponse.data(), sf_count_t(impulseResponse.size()));
-    sf_close(file);
-    const std::filesystem::path configuration = server.directory() / "dut.conf";
-    // A partition of one period gives a convolution without added delay.
-    unsigned maximumLength = period;
-    while (maximumLength < impulseResponse.size())
-        maximumLength *= 2;
-    std::ofstream(configuration) << "/jack/server " << server.name() << "\n/jack/client dut\n"
-                                 << "/convolver/new 1 1 " << period << " " << maximumLength << " 1\n"
-                                 << "/input/name 1 in\n/output/name 1 out\n"
-                                 << "/impulse/read 1 1 1 0 0 0 1 " << wave.string() << "\n";
-    // On a busy machine a client can fail to come up at a small period; it is given a few chances,
-    // as a user would start it again.
-    while (!ready_ && attempts_ < 3) {
-        ++attempts_;
-        process_.reset();
-        process_ = std::make_unique<ChildProcess>(
-            std::vector<std::string>{"jconvolver", configuration.string()}, log_);
-        ready_ = server.waitForPort("dut:out", std::chrono::seconds(15)) &&
-                 server.waitForPort("dut:in", std::chrono::seconds(15));
-    }
-}
-
-std::string JconvolverClient::log() const {
-    std::ifstream in(log_);
-    std::stringstream text;
-    text << "jconvolver, start " << attempts_ << ":\n" << in.rdbuf();
-    return text.str();
 }
 
 void JackTest::SetUp() {
@@ -166,20 +67,95 @@ void JackTest::SetUp() {
 
 bool JackTest::start(unsigned sampleRate, unsigned period, unsigned captureChannels,
                      const std::vector<float>& impulseResponse) {
-    convolver.reset();
-    server.reset();
-    server = std::make_unique<JackTestServer>(sampleRate, period, captureChannels);
-    if (!server->isReady()) {
-        std::ifstream log(server->directory() / "jackd.log");
-        ADD_FAILURE() << "the JACK server did not start:\n" << log.rdbuf();
+    stopServer();
+    name_ = fmt::format("tavolar-{}-{}", getpid(), newUUIDString().substr(0, 8));
+    directory_ = std::filesystem::temp_directory_path() / name_;
+    std::filesystem::create_directories(directory_);
+    server_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{"jackd", "-n", name_, "-R", "-d", "dummy", "-r", std::to_string(sampleRate),
+                                 "-p", std::to_string(period), "-C", std::to_string(captureChannels), "-P",
+                                 "2"},
+        directory_ / "jackd.log");
+    // A loaded machine may take a while to start it.
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (!jackServerIsRunning(name_) && server_->isRunning() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(50ms);
+    if (!jackServerIsRunning(name_)) {
+        ADD_FAILURE() << "the JACK server did not start:\n"
+                      << std::ifstream(directory_ / "jackd.log").rdbuf();
         return false;
     }
     if (impulseResponse.empty())
         return true;
-    convolver = std::make_unique<JconvolverClient>(*server, impulseResponse, sampleRate, period);
-    if (!convolver->isReady())
-        ADD_FAILURE() << convolver->log();
-    return convolver->isReady();
+
+    const std::filesystem::path wave = directory_ / "dut.wav", configuration = directory_ / "dut.conf";
+    SF_INFO info{0, int(sampleRate), 1, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 0, 0};
+    SNDFILE* file = sf_open(wave.c_str(), SFM_WRITE, &info);
+    if (!file) {
+        ADD_FAILURE() << wave << ": " << sf_strerror(nullptr);
+        return false;
+    }
+    sf_writef_float(file, impulseResponse.data(), sf_count_t(impulseResponse.size()));
+    sf_close(file);
+    // A partition of one period gives a convolution without added delay.
+    unsigned maximumLength = period;
+    while (maximumLength < impulseResponse.size())
+        maximumLength *= 2;
+    std::ofstream(configuration) << "/jack/server " << name_ << "\n/jack/client dut\n"
+                                 << "/convolver/new 1 1 " << period << " " << maximumLength << " 1\n"
+                                 << "/input/name 1 in\n/output/name 1 out\n"
+                                 << "/impulse/read 1 1 1 0 0 0 1 " << wave.string() << "\n";
+    // On a busy machine a client can fail to come up at a small period; it is given a few chances,
+    // as a user would start it again.
+    for (int attempt = 1; attempt <= 3; ++attempt) {
+        convolver_.reset();
+        convolver_ = std::make_unique<ChildProcess>(
+            std::vector<std::string>{"jconvolver", configuration.string()}, directory_ / "dut.log");
+        if (waitForPort("dut:out") && waitForPort("dut:in"))
+            return true;
+        if (attempt == 3)
+            ADD_FAILURE() << "jconvolver did not come up:\n" << std::ifstream(directory_ / "dut.log").rdbuf();
+    }
+    return false;
+}
+
+std::string JackTest::deviceUID(const std::string& parameters) const {
+    return parameters.empty() ? "jack:" + name_ : "jack:" + name_ + "?" + parameters;
+}
+
+std::vector<std::string> JackTest::ports() const {
+    std::vector<std::string> ports;
+    const std::string command = fmt::format("jack_lsp -s {} 2>/dev/null", name_);
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+    char line[512];
+    while (pipe && fgets(line, sizeof line, pipe.get()))
+        ports.emplace_back(std::string_view(line).substr(0, std::string_view(line).find('\n')));
+    return ports;
+}
+
+bool JackTest::waitForPort(const std::string& port) const {
+    const auto deadline = std::chrono::steady_clock::now() + 15s;
+    while (std::ranges::count(ports(), port) == 0) {
+        if (std::chrono::steady_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(50ms);
+    }
+    return true;
+}
+
+void JackTest::stopServer() {
+    convolver_.reset();
+    server_.reset();
+    if (name_.empty())
+        return;
+    // A server that was killed leaves its sockets and semaphores named after it.
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", error)) {
+        const std::string file = entry.path().filename().string();
+        if (file.starts_with("jack_" + name_ + "_") || file.find("_" + name_ + "_") != std::string::npos)
+            std::filesystem::remove(entry.path(), error);
+    }
+    std::filesystem::remove_all(directory_, error);
 }
 
 } // namespace tavolar::testing
