@@ -48,6 +48,7 @@ void addInfoCommand(CLI::App& app, CommandList& commands);
 void addSetCommand(CLI::App& app, CommandList& commands);
 void addCalibrateCommand(CLI::App& app, CommandList& commands);
 void addExportCommand(CLI::App& app, CommandList& commands);
+void addBandsCommand(CLI::App& app, CommandList& commands);
 void addTuneCommand(CLI::App& app, CommandList& commands);
 
 // Loads the FFT tuning that `tavolar tune` kept, if any, so that transforms use measured plans.

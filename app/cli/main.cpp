@@ -89,6 +89,7 @@ int run(int argc, char** argv) {
     addSetCommand(app, commands);
     addCalibrateCommand(app, commands);
     addExportCommand(app, commands);
+    addBandsCommand(app, commands);
     addTuneCommand(app, commands);
 
     try {
