@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <fstream>
+#include <regex>
 #include <signal.h>
 #include <sndfile.h>
 #include <spawn.h>
@@ -48,8 +49,10 @@ bool ChildProcess::isRunning() {
 ChildProcess::~ChildProcess() {
     if (!isRunning())
         return;
+    // A JACK server killed outright keeps its place in the machine's registry of servers, which has
+    // room for eight, so it is given time to end cleanly even on a loaded machine.
     ::kill(pid_, SIGTERM);
-    const auto deadline = std::chrono::steady_clock::now() + 3s;
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
     while (isRunning() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(10ms);
     if (isRunning()) {
@@ -58,6 +61,39 @@ ChildProcess::~ChildProcess() {
         waitpid(pid_, &status, 0);
     }
 }
+
+namespace {
+
+std::string readText(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// jackd with the dummy driver and the options; null when it does not come up (a loaded machine may
+// take a while to start it).
+std::unique_ptr<ChildProcess> startJackd(const std::string& name, const std::vector<std::string>& options,
+                                         const std::filesystem::path& log) {
+    std::vector<std::string> arguments{"jackd", "-n", name, "-R", "-d", "dummy"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    auto server = std::make_unique<ChildProcess>(arguments, log);
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (!jackServerIsRunning(name) && server->isRunning() && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(50ms);
+    return jackServerIsRunning(name) ? std::move(server) : nullptr;
+}
+
+// A JACK server killed outright keeps its place in the machine's registry of servers, which has
+// room for eight, until a server of the same name starts. The servers of test processes that have
+// ended are started and stopped once more, which frees their places.
+void reclaimServersOfEndedTests() {
+    const std::string registry = readText("/dev/shm/jack-shm-registry");
+    const std::regex entry("jack-[0-9]+:(tavolar-([0-9]+)-[0-9A-F]{8}):");
+    for (std::sregex_iterator match(registry.begin(), registry.end(), entry), end; match != end; ++match)
+        if (::kill(std::stoi((*match)[2].str()), 0) != 0 && errno == ESRCH)
+            startJackd((*match)[1].str(), {}, "/dev/null");
+}
+
+} // namespace
 
 void JackTest::SetUp() {
     for (const char* program : {"jackd", "jconvolver", "jack_lsp"})
@@ -71,18 +107,16 @@ bool JackTest::start(unsigned sampleRate, unsigned period, unsigned captureChann
     name_ = fmt::format("tavolar-{}-{}", getpid(), newUUIDString().substr(0, 8));
     directory_ = std::filesystem::temp_directory_path() / name_;
     std::filesystem::create_directories(directory_);
-    server_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"jackd", "-n", name_, "-R", "-d", "dummy", "-r", std::to_string(sampleRate),
-                                 "-p", std::to_string(period), "-C", std::to_string(captureChannels), "-P",
-                                 "2"},
-        directory_ / "jackd.log");
-    // A loaded machine may take a while to start it.
-    const auto deadline = std::chrono::steady_clock::now() + 20s;
-    while (!jackServerIsRunning(name_) && server_->isRunning() && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(50ms);
-    if (!jackServerIsRunning(name_)) {
-        ADD_FAILURE() << "the JACK server did not start:\n"
-                      << std::ifstream(directory_ / "jackd.log").rdbuf();
+    const std::vector<std::string> options{
+        "-r", std::to_string(sampleRate),      "-p", std::to_string(period),
+        "-C", std::to_string(captureChannels), "-P", "2"};
+    server_ = startJackd(name_, options, directory_ / "jackd.log");
+    if (!server_ && readText(directory_ / "jackd.log").find("Too many servers") != std::string::npos) {
+        reclaimServersOfEndedTests();
+        server_ = startJackd(name_, options, directory_ / "jackd.log");
+    }
+    if (!server_) {
+        ADD_FAILURE() << "the JACK server did not start:\n" << readText(directory_ / "jackd.log");
         return false;
     }
     if (impulseResponse.empty())
@@ -114,7 +148,7 @@ bool JackTest::start(unsigned sampleRate, unsigned period, unsigned captureChann
         if (waitForPort("dut:out") && waitForPort("dut:in"))
             return true;
         if (attempt == 3)
-            ADD_FAILURE() << "jconvolver did not come up:\n" << std::ifstream(directory_ / "dut.log").rdbuf();
+            ADD_FAILURE() << "jconvolver did not come up:\n" << readText(directory_ / "dut.log");
     }
     return false;
 }

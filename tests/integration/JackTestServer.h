@@ -13,7 +13,7 @@
 namespace tavolar::testing {
 
 // A child process with its output sent to a log file, stopped when destroyed: SIGTERM, then
-// SIGKILL if it has not ended within 3 s.
+// SIGKILL if it has not ended within 10 s.
 class ChildProcess {
 public:
     ChildProcess(const std::vector<std::string>& arguments, const std::filesystem::path& log);
