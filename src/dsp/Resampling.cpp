@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <cstring>
 
 namespace tavolar {
 
@@ -28,6 +29,65 @@ VELTRealVector expandedTaps(const resampling_tables::LowpassPrototype& prototype
     for (std::size_t i = 0; i < prototype.halfTaps.size(); ++i)
         out[i] = out[prototype.length - 1 - i] = prototype.halfTaps[i] * gain;
     return taps;
+}
+
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__) && !defined(__SANITIZE_THREAD__)
+#define TAVOLAR_TAP_LOOP __attribute__((target_clones("avx2", "default")))
+#else
+#define TAVOLAR_TAP_LOOP
+#endif
+
+constexpr std::size_t kTapLanes = 8;
+using TapLanes = float __attribute__((vector_size(kTapLanes * sizeof(float))));
+
+// sum of a[i] b[i] over count values, eight partial sums at a time.
+TAVOLAR_TAP_LOOP float dotProduct(const float* a, const float* b, std::size_t count) noexcept {
+    TapLanes sums = {};
+    std::size_t i = 0;
+    for (; i + kTapLanes <= count; i += kTapLanes) {
+        TapLanes x, y;
+        std::memcpy(&x, a + i, sizeof x);
+        std::memcpy(&y, b + i, sizeof y);
+        sums += x * y;
+    }
+    float sum = 0.0f;
+    for (std::size_t lane = 0; lane < kTapLanes; ++lane)
+        sum += sums[lane];
+    for (; i < count; ++i)
+        sum += a[i] * b[i];
+    return sum;
+}
+
+// Every q-th sample, from index 0, of the circular convolution that fftFilteredVector forms (at N,
+// the signal zero-padded), computed directly: only the samples kept are formed, at a cost that
+// hardly depends on q, since the taps grow with it. The same values up to rounding.
+VELTRealVector keptSamplesOfCircularConvolution(const VELTRealVector& signal, const VELTRealVector& taps,
+                                                std::size_t q) {
+    const std::size_t length = signal.length(), count = taps.length();
+    const std::size_t transformLength = hilbertTransformLength(std::max(length, count));
+    VELTRealVector result((length + q - 1) / q);
+    if (length == 0 || count == 0)
+        return result;
+    // Reversed taps make each output a plain dot product with the samples before it.
+    VELTRealVector reversed = taps;
+    reversed.reverse();
+    const float* x = signal.components();
+    for (std::size_t k = 0; k < result.length(); ++k) {
+        const std::size_t n = k * q;
+        if (n + 1 >= count) {
+            result[k] = dotProduct(reversed.components(), x + n + 1 - count, count);
+            continue;
+        }
+        // Near the start the convolution reaches back round the end of the padded signal.
+        float sum = 0.0f;
+        for (std::size_t j = 0; j < count; ++j) {
+            const std::size_t index = (n + transformLength - j % transformLength) % transformLength;
+            if (index < length)
+                sum += taps[j] * x[index];
+        }
+        result[k] = sum;
+    }
+    return result;
 }
 
 void assertWholeFactor(float q) {
@@ -81,7 +141,9 @@ VELTRealVector decimate(const VELTRealVector& signal, float q) {
     TAVOLAR_PARAMETER_ASSERT(q >= 1.0f);
     std::optional<VELTRealVector> taps;
     VELTGetFIRLowpassDecimationFilter(&taps, q);
-    VELTRealVector result = taps ? fftFilteredVector(signal, *taps) : signal;
+    if (taps)
+        return keptSamplesOfCircularConvolution(signal, *taps, static_cast<std::size_t>(q));
+    VELTRealVector result = signal;
     result.downsampleBy(static_cast<std::size_t>(q), 0);
     return result;
 }

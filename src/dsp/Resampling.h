@@ -29,8 +29,9 @@ void VELTGetFIRLowpassInterpolationFilter(std::optional<VELTRealVector>* filter,
 VELTRealVector fftFilteredVector(const VELTRealVector& signal, const VELTRealVector& taps);
 
 // Low-pass filtered with the decimation taps of q, then every q-th sample from index 0: the length
-// becomes ceil(length / q). q must be a whole number (parameter assertion "q == rintf( q )"); a
-// whole factor without taps (3, 1024, ...) keeps every q-th sample unfiltered.
+// becomes ceil(length / q). The samples kept are those of fftFilteredVector with the taps, formed
+// directly (only they are computed; equal up to rounding). q must be a whole number (parameter assertion "q
+// == rintf( q )"); a whole factor without taps (3, 1024, ...) keeps every q-th sample unfiltered.
 VELTRealVector decimate(const VELTRealVector& signal, float q);
 
 // q - 1 zeros after every sample, low-pass filtered with the interpolation taps of q, scaled by q:

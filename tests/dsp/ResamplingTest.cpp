@@ -109,6 +109,21 @@ TEST(Resampling, DecimationAndInterpolationKeepLengthsLevelsAndWholeFactors) {
             ASSERT_NEAR(down[n], 0.75f / q, 1e-6f) << q << " " << n;
     }
 
+    // Decimation keeps every q-th sample of the filtered signal, wrapped start included.
+    std::mt19937 generator(9);
+    for (const auto& [length, q] :
+         {std::pair{1000, 2}, std::pair{4096, 4}, std::pair{100, 8}, std::pair{3000, 512}}) {
+        const VELTRealVector x = randomVector(static_cast<std::size_t>(length), generator);
+        std::optional<VELTRealVector> taps;
+        VELTGetFIRLowpassDecimationFilter(&taps, static_cast<float>(q));
+        VELTRealVector expected = fftFilteredVector(x, *taps);
+        expected.downsampleBy(static_cast<std::size_t>(q), 0);
+        const VELTRealVector decimated = decimate(x, static_cast<float>(q));
+        ASSERT_EQ(decimated.length(), expected.length());
+        for (std::size_t n = 0; n < expected.length(); ++n)
+            ASSERT_NEAR(decimated[n], expected[n], 1e-6f) << length << " " << q << " " << n;
+    }
+
     // A whole factor without taps only picks or stuffs samples.
     EXPECT_EQ(decimate(VELTRealVector{1, 2, 3, 4, 5, 6, 7}, 3.0f), (VELTRealVector{1, 4, 7}));
     EXPECT_EQ(interpolate(VELTRealVector{1, 2}, 3.0f), (VELTRealVector{3, 0, 0, 6, 0, 0}));
