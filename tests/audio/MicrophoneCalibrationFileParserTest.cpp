@@ -90,10 +90,6 @@ TEST(MicrophoneCalibrationFileParser, ReadsColumnsAndSkipsTextLines) {
         EXPECT_EQ(parsed.magnitude, (std::vector<float>{-1.5f, 0.0f, 2.0f}));
         EXPECT_EQ(parsed.phase, (std::vector<float>{3.25f, -0.45f, -0.5f}));
     }
-
-    // Numbers are not sorted or checked; duplicates are kept.
-    const Parsed unsorted = parse(bytes("100 1\n50 2\n50 3\n"));
-    EXPECT_EQ(unsorted.frequency, (std::vector<float>{100.0f, 50.0f, 50.0f}));
 }
 
 TEST(MicrophoneCalibrationFileParser, FrequencyWithoutMagnitudeEndsTheFile) {
@@ -249,6 +245,66 @@ TEST(NumberScanner, ScansLikeThePlatformScanner) {
     EXPECT_FALSE(end.isAtEnd());
     end.scanFloat();
     EXPECT_TRUE(end.isAtEnd());
+}
+
+// What makes the columns a curve: out-of-order points are sorted with a warning; repeated or too
+// close frequencies and values out of their column's range are refused naming the line; the
+// decimal-comma form is read as such; a frequency alone ends the data and says so.
+TEST(MicrophoneCalibrationFileParser, ColumnsMakeACurveOrTheFileIsRefused) {
+    struct Case {
+        std::string_view text;
+        std::vector<float> frequency, magnitude, phase; // empty: refused
+        std::string_view message;                       // in the log, or the refusal's suggestion
+    };
+    const Case cases[] = {
+        {"100 1\n50 2\n70 3 9\n",
+         {50, 70, 100},
+         {2, 3, 1},
+         {0, 9, 0},
+         "WARNING: The calibration file's frequencies are not in increasing order (50 Hz on line 2 follows "
+         "100 Hz on line 1); its 3 points were sorted by frequency."},
+        {"20 -1\n1000 0\n1000 0.5\n", {}, {}, {}, "Lines 2 and 3 both give the frequency 1000 Hz."},
+        {"1000 0\n20 1\n1000 2\n", {}, {}, {}, "Lines 1 and 3 both give the frequency 1000 Hz."},
+        {"20 0\n20.0005 1\n", {}, {}, {}, "Lines 1 and 2 give the frequencies 20 Hz and 20.0005 Hz, less"},
+        {"20 -1\n1000 1e39\n",
+         {},
+         {},
+         {},
+         "Line 2 gives the magnitude 1e39 dB; calibration files give it "
+         "within ±200 dB."},
+        {"1e400 0\n", {}, {}, {}, "Line 1 gives the frequency 1e400 Hz; calibration files give it from 0 Hz"},
+        {"30 1.2\n3e21 2\n", {}, {}, {}, "Line 2 gives the frequency 3e21 Hz;"},
+        {"20 0 -4e38\n", {}, {}, {}, "Line 1 gives the phase -4e38°;"},
+        {"* Hz dB\n-20 1\n", {}, {}, {}, "Line 2 gives the frequency -20 Hz;"},
+        {"10\t-2,5\t0\n20\t-1,25\t0,5\n", {10, 20}, {-2.5f, -1.25f}, {0, 0.5f}, ""},
+        {"Freq;dB;Phase\r\n20;-1,5;0\r\n1000;0;12,5\r\n", {20, 1000}, {-1.5f, 0}, {0, 12.5f}, ""},
+        {"20 -1,5\n1000 0,25\n", {20, 1000}, {-1.5f, 0.25f}, {0, 0}, ""},
+        {"20,5\n30,6\n", {20, 30}, {5, 6}, {0, 0}, ""},
+        {"20,-1.5,0\n25,-1,0\n", {20, 25}, {-1.5f, -1}, {0, 0}, ""},
+        {"20 -1\n30 -2\n1000\n40 -3\n50 -4\n",
+         {20, 30},
+         {-1, -2},
+         {0, 0},
+         "WARNING: Line 3 holds a frequency without a magnitude, and the data ends there; 2 lines of data "
+         "after it are not read."},
+        {"Calibration\n1000\n20 -1.5 0\n", {}, {}, {}, "Line 2 holds a frequency without a magnitude"},
+    };
+    setSystemLogEnabled(false);
+    for (const Case& c : cases) {
+        LogCapture capture;
+        MicrophoneCalibrationFileParser parser(bytes(c.text));
+        EXPECT_EQ(parser.parse(), !c.frequency.empty()) << c.text;
+        EXPECT_EQ(components(parser.frequency()), c.frequency) << c.text;
+        EXPECT_EQ(components(parser.magnitude()), c.magnitude) << c.text;
+        EXPECT_EQ(components(parser.phase()), c.phase) << c.text;
+        if (c.frequency.empty())
+            EXPECT_NE(parser.error()->localizedRecoverySuggestion.find(c.message), std::string::npos)
+                << parser.error()->localizedRecoverySuggestion;
+        else if (!c.message.empty())
+            EXPECT_TRUE(capture.contains(c.message)) << c.text;
+        else
+            EXPECT_TRUE(capture.texts().empty()) << c.text;
+    }
 }
 
 } // namespace
