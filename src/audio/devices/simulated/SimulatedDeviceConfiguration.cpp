@@ -263,6 +263,14 @@ Expected<void> SimulatedDeviceConfiguration::validate() const {
         return fail("loop-back on a channel the device does not have");
     if (impulseResponse.empty())
         return fail("empty impulse response");
+    // Levels in decibels become factors: beyond these ranges they overflow or mean nothing, and
+    // the samples would no longer be finite.
+    if (!(noiseLevel >= 0.0 && noiseLevel <= 1.0))
+        return fail("noise above 0 dBFS (noise is given in dBFS RMS, or off)");
+    if (!(inputGain >= 1e-10 && inputGain <= 1e3))
+        return fail("input gain outside -200 dB to +60 dB");
+    if (!(std::fabs(secondHarmonic) <= 10.0 && std::fabs(thirdHarmonic) <= 10.0))
+        return fail("harmonic coefficients h2 and h3 must lie from -10 to 10");
     if (delay > 10 * sampleRate)
         return fail("delay longer than ten seconds");
     for (std::uint32_t latency : inputLatencies)
