@@ -52,7 +52,7 @@ void addListCommand(CLI::App& app, CommandList& commands) {
                             for (std::size_t index = 0; index < store->summaries().size(); ++index)
                                 entries.push_back(describeSummary(store->summaries()[index], index + 1));
                             if (options->json) {
-                                printLine(entries.dump(2));
+                                printLine(jsonText(entries));
                             } else if (entries.empty()) {
                                 printLine(fmt::format("{} holds no records.", options->document));
                             } else {
@@ -93,7 +93,7 @@ void addInfoCommand(CLI::App& app, CommandList& commands) {
                                 descriptions.push_back(describeRecord(**record, index + 1));
                             }
                             if (options->json) {
-                                printLine(descriptions.dump(2));
+                                printLine(jsonText(descriptions));
                                 return {};
                             }
                             if (descriptions.empty())

@@ -108,15 +108,27 @@ std::string colorHex(const ArchivedColor& color) {
     return hex;
 }
 
-std::string isoDate(ArchivedDate date) {
+std::optional<std::string> isoDate(ArchivedDate date) {
     const double seconds = date.time_since_epoch().count();
+    constexpr double kFirstSecond = -62135596800.0; // 0001-01-01T00:00:00Z
+    constexpr double kEndSecond = 253402300800.0;   // 10000-01-01T00:00:00Z
+    if (!(seconds >= kFirstSecond && seconds < kEndSecond))
+        return std::nullopt;
     std::time_t whole = static_cast<std::time_t>(std::floor(seconds));
     std::tm parts{};
     gmtime_r(&whole, &parts);
     std::array<char, 32> text{};
     std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return text.data();
+    return std::string(text.data());
 }
+
+namespace {
+// A record's date for JSON: null when there is none or it cannot be written.
+nlohmann::json dateValue(const std::optional<ArchivedDate>& date) {
+    const std::optional<std::string> text = date ? isoDate(*date) : std::nullopt;
+    return text ? nlohmann::json(*text) : nlohmann::json(nullptr);
+}
+} // namespace
 
 nlohmann::json describeRecord(const VELTMeasurementRecord& record, std::size_t number) {
     nlohmann::json json;
@@ -125,7 +137,7 @@ nlohmann::json describeRecord(const VELTMeasurementRecord& record, std::size_t n
     json["name"] = record.comment().value_or("");
     json["comment"] = optionalText(record.comment());
     json["notes"] = optionalText(record.notes());
-    json["date"] = record.date() ? nlohmann::json(isoDate(*record.date())) : nlohmann::json(nullptr);
+    json["date"] = dateValue(record.date());
     json["sampleRate"] = record.sampleRate();
 
     std::shared_ptr<const VELTRealVector> impulse = record.impulseResponse();
@@ -296,7 +308,7 @@ nlohmann::json describeSummary(const RecordSummary& summary, std::size_t number)
     json["number"] = number;
     json["uuid"] = summary.uuid;
     json["name"] = summary.name;
-    json["date"] = summary.date ? nlohmann::json(isoDate(*summary.date)) : nlohmann::json(nullptr);
+    json["date"] = dateValue(summary.date);
     json["sampleRate"] =
         summary.impulseSampleRate ? nlohmann::json(*summary.impulseSampleRate) : nlohmann::json(nullptr);
     json["impulseLength"] =
@@ -322,6 +334,10 @@ std::string formatSummaryTable(const nlohmann::json& summaries) {
                             name.empty() ? "Untitled" : name);
     }
     return text;
+}
+
+std::string jsonText(const nlohmann::json& json) {
+    return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 } // namespace tavolar::cli

@@ -28,8 +28,9 @@ std::vector<std::string> windowTypeNames();
 std::optional<ArchivedColor> parseColor(std::string_view text);
 std::string colorHex(const ArchivedColor& color);
 
-// ISO 8601 in UTC, "2024-05-01T12:34:56Z".
-std::string isoDate(ArchivedDate date);
+// ISO 8601 in UTC, "2024-05-01T12:34:56Z"; nullopt for a date outside the years 1 to 9999, which
+// only a damaged document holds.
+std::optional<std::string> isoDate(ArchivedDate date);
 
 // Everything info shows of one record; number is its 1-based place in the document.
 nlohmann::json describeRecord(const VELTMeasurementRecord& record, std::size_t number);
@@ -39,5 +40,9 @@ std::string formatRecordDescription(const nlohmann::json& description);
 nlohmann::json describeSummary(const RecordSummary& summary, std::size_t number);
 // The table list prints.
 std::string formatSummaryTable(const nlohmann::json& summaries);
+
+// The JSON text list and info print: indented by two, and never failing on stored text that is not
+// valid UTF-8 (a damaged or old document's names), whose invalid bytes become U+FFFD.
+std::string jsonText(const nlohmann::json& json);
 
 } // namespace tavolar::cli
