@@ -65,19 +65,6 @@ inline double relativeErrorDecibels(std::span<const Complex> computed, std::span
     return 10.0 * std::log10(errorEnergy / referenceEnergy);
 }
 
-// Largest error of any component relative to the largest reference component, in dB: how far down
-// the dynamic range the worst bin's error lies.
-inline double peakErrorDecibels(std::span<const Complex> computed, std::span<const Complex> expected) {
-    double largestError = 0, largestValue = 0;
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        largestError = std::max(largestError, std::abs(computed[i] - expected[i]));
-        largestValue = std::max(largestValue, std::abs(expected[i]));
-    }
-    if (largestError == 0)
-        return -1000;
-    return 20.0 * std::log10(largestError / largestValue);
-}
-
 inline std::vector<double> randomValues(std::size_t n, unsigned seed, double low = -1.0, double high = 1.0) {
     std::mt19937 generator(seed);
     std::uniform_real_distribution<double> distribution(low, high);
