@@ -160,8 +160,14 @@ void filterGroup(std::span<const Filter* const> group, const VELTRealVector& sig
         runLanes17(filters, signal.components(), signal.length(), out);
 }
 
-// The signal through each filter, as filtered() gives it; filters of 7 or 17 coefficients with a
-// leading 1 go through the lanes four at a time.
+// The coefficient count a filter runs with in the lanes (7 or 17, with a leading 1), or 0.
+std::size_t laneCoefficients(const Filter& filter) {
+    if (!filter.exists() || (*filter.a)[0] != 1.0 || filter.a->length() != filter.b->length())
+        return 0;
+    return filter.a->length() == 7 || filter.a->length() == 17 ? filter.a->length() : 0;
+}
+
+// The signal through each filter, as filtered() gives it; those that fit the lanes go four at a time.
 std::vector<VELTRealVector> filteredByEach(std::span<const Filter* const> filters,
                                            const VELTRealVector& signal) {
     std::vector<VELTRealVector> outputs(filters.size());
@@ -179,26 +185,19 @@ std::vector<VELTRealVector> filteredByEach(std::span<const Filter* const> filter
             group.clear();
             positions.clear();
         };
-        for (std::size_t i = 0; i < filters.size(); ++i) {
-            const Filter& filter = *filters[i];
-            if (filter.exists() && filter.a->length() == coefficients && filter.b->length() == coefficients &&
-                (*filter.a)[0] == 1.0) {
-                group.push_back(&filter);
+        for (std::size_t i = 0; i < filters.size(); ++i)
+            if (laneCoefficients(*filters[i]) == coefficients) {
+                group.push_back(filters[i]);
                 positions.push_back(i);
                 if (group.size() == kLanes)
                     flush();
             }
-        }
         if (!group.empty())
             flush();
     }
-    for (std::size_t i = 0; i < filters.size(); ++i) {
-        const bool laned = filters[i]->exists() && (*filters[i]->a)[0] == 1.0 &&
-                           filters[i]->a->length() == filters[i]->b->length() &&
-                           (filters[i]->a->length() == 7 || filters[i]->a->length() == 17);
-        if (!laned)
+    for (std::size_t i = 0; i < filters.size(); ++i)
+        if (laneCoefficients(*filters[i]) == 0)
             outputs[i] = filtered(*filters[i], signal);
-    }
     return outputs;
 }
 
