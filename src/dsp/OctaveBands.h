@@ -7,16 +7,18 @@
 // multiples of 3. The tables hold third octaves -16 to 11 at 44100 and 48000, -16 to 13 at 88200,
 // 96000, 176400 and 192000, and octaves -15 to 12 at all six rates; nothing at any other rate.
 //
-// Only the top octave of each bank is filtered at the full rate (third octaves 13 down to 2,
+// Only the top bands of each bank are filtered at the full rate (third octaves 13 down to 2,
 // octaves 12 and 9); each lower octave halves the rate of the signal (decimate, Resampling.h) and
 // reuses the filters of the lowest full-rate octave, whose responses then fall one octave lower,
 // and scales the band by 2^m after m halvings. Every band so obtained, at every supported rate,
 // meets the class 1 limits of relative attenuation of IEC 61260-1:2014 at every breakpoint below
 // 0.95 times the input's Nyquist frequency, and has unit gain at its exact centre.
 //
-// Table rows below the full-rate octave exist for direct use of the filters; where the centre lies
-// below about 1/500 of the sample rate, the 64-bit coefficients of a sixth-order polynomial cannot
-// hold the design (some of those rows are unstable): use the band operations for those bands.
+// Table rows below the full-rate octave exist for direct use of the filters. From about 1/600 of the
+// sample rate down, the 64-bit coefficients of a polynomial cannot hold the design (the poles crowd
+// the unit circle): such rows miss class 1, and below about 1/900 of the rate they are unstable, as
+// is the row of third octave -16 at 44100, which is kept exactly as the system has always had it.
+// The band operations never use those rows: they reach those bands by decimation.
 //
 // Threads: every function may run on any number of threads at once.
 
