@@ -25,8 +25,6 @@ bool waitFor(std::atomic<int>& count, int target) {
 
 TEST(DispatchQueue, SerialQueueRunsItemsOneAtATimeInOrder) {
     DispatchQueue queue("com.tavolar.test.serial");
-    EXPECT_EQ(queue.label(), "com.tavolar.test.serial");
-    EXPECT_TRUE(queue.isSerial());
     std::vector<int> order;
     std::atomic<int> inside{0};
     std::atomic<int> overlaps{0};

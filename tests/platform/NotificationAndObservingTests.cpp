@@ -40,7 +40,6 @@ TEST(NotificationCenter, DeliversByNameAndSenderInRegistrationOrder) {
     center.post("WithInfo", nullptr, {{"channel", 3}});
     EXPECT_EQ(channel, 3);
     EXPECT_FALSE(wrongType);
-    EXPECT_EQ(&NotificationCenter::defaultCenter(), &NotificationCenter::defaultCenter());
 }
 
 TEST(NotificationCenter, RemovedObserversAreNotCalledEvenFromInsideAHandlerOrAQueue) {
