@@ -116,46 +116,8 @@ TEST(VELTLogSweepSettings, CopiesStoreTheEffectiveValues) {
     EXPECT_EQ(copy.amplitude(), 0.7f);
     EXPECT_EQ(copy.name(), preset.name());
 
-    // Assignment copies the same way, also onto itself; moving keeps what is stored.
-    VELTLogSweepSettings assigned = customSettings();
-    assigned = preset;
-    assigned.setFullRangeSweep(false);
-    EXPECT_EQ(assigned.endFreq(), 0.0f);
-    VELTLogSweepSettings source = preset;
-    VELTLogSweepSettings& alias = source;
-    source = alias;
-    source.setFullRangeSweep(false);
-    EXPECT_EQ(source.startFreq(), 1.0f);
-    VELTLogSweepSettings moved = std::move(preset);
-    moved.setFullRangeSweep(false);
-    EXPECT_EQ(moved.startFreq(), 50.0f);
-    EXPECT_EQ(moved.endFreq(), 5000.0f);
-
     // Settings without either switch copy unchanged.
     EXPECT_EQ(VELTLogSweepSettings(customSettings()), customSettings());
-}
-
-TEST(VELTLogSweepSettings, NilThroughKeyValueCodingStoresZero) {
-    VELTLogSweepSettings settings = customSettings();
-    const std::pair<const char*, float (VELTLogSweepSettings::*)() const noexcept> keys[] = {
-        {"startFreq", &VELTLogSweepSettings::startFreq},
-        {"endFreq", &VELTLogSweepSettings::endFreq},
-        {"beginSilence", &VELTLogSweepSettings::beginSilence},
-        {"endSilence", &VELTLogSweepSettings::endSilence},
-        {"amplitude", &VELTLogSweepSettings::amplitude},
-        {"duration", &VELTLogSweepSettings::duration},
-        {"leadIn", &VELTLogSweepSettings::leadIn},
-        {"leadOut", &VELTLogSweepSettings::leadOut}};
-    for (const auto& [key, getter] : keys) {
-        settings.setNilValueForKey(key);
-        EXPECT_EQ((settings.*getter)(), 0.0f) << key;
-    }
-    VELTLogSweepSettings switches;
-    switches.setNilValueForKey("fullRangeSweep");
-    switches.setNilValueForKey("defaultSilence");
-    EXPECT_FALSE(switches.fullRangeSweep());
-    EXPECT_FALSE(switches.defaultSilence());
-    EXPECT_THROW(settings.setNilValueForKey("loudness"), ParameterAssertion);
 }
 
 TEST(VELTLogSweepSettings, ArchiveKeysAndRoundTrip) {
