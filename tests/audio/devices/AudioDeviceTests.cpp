@@ -74,31 +74,6 @@ TEST(VELTAudioHardware, SimulatedDevicesArePresentAndUnknownOnesAreNot) {
     }
 }
 
-TEST(VELTAudioDevice, TimeTranslationsAreInversesAndFollowTheRate) {
-    VELTAudioDevice device("sim:translation?rate=44100");
-    ASSERT_TRUE(device.isPresent());
-    AudioTimeStamp sample{44100.0 * 3 + 0.25, 0, 0,
-                          kAudioTimeStampSampleTimeValid | kAudioTimeStampRateScalarValid};
-    TavolarError error;
-    AudioTimeStamp host = device.translateTimeSampleToHost(sample, &error);
-    ASSERT_EQ(host.flags, 7u);
-    AudioTimeStamp later = sample;
-    later.sampleTime += 44100.0;
-    AudioTimeStamp hostLater = device.translateTimeSampleToHost(later, &error);
-    EXPECT_NEAR(double(hostLater.hostTime - host.hostTime), 1e9, 1.0)
-        << "one second of samples is one second";
-
-    host.flags = kAudioTimeStampHostTimeValid | kAudioTimeStampRateScalarValid;
-    AudioTimeStamp back = device.translateTimeHostToSample(host, &error);
-    ASSERT_EQ(back.flags, 7u);
-    EXPECT_NEAR(back.sampleTime, sample.sampleTime, 1e-3);
-
-    AudioTimeStamp noSampleTime{5.0, 0, 1.0, kAudioTimeStampHostTimeValid};
-    EXPECT_EQ(device.translateTimeSampleToHost(noSampleTime, &error).flags, 0u);
-    EXPECT_EQ(error.domain, kTavolarErrorDomain);
-    EXPECT_NE(error.localizedDescription.find("sample time to host time"), std::string::npos);
-}
-
 TEST(VELTAudioIOUnit, ConfigurationStepsReportWhatIsWrong) {
     VELTAudioIOUnit unit;
     EXPECT_EQ(unit.setCurrentDevice(kAudioDeviceUnknown), kAudioStatusDeviceNotFound);
