@@ -118,25 +118,6 @@ TEST(AudioStreamDescription, FormatInfoCompletesFloatLayoutsAndRefusesOthers) {
     EXPECT_EQ(mixerOutput.bytesPerFrame, 4u) << "one channel per buffer";
 }
 
-TEST(VELTAudioBufferList, BuffersAreSeparateAlignedAndSilenceable) {
-    VELTAudioBufferList list(3, 100, 4);
-    ASSERT_EQ(list.numberBuffers(), 3u);
-    for (std::uint32_t b = 0; b < 3; ++b) {
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(list[b].data) % 64, 0u);
-        EXPECT_EQ(list[b].byteSize, 400u);
-        std::fill_n(list[b].data, 100, float(b + 1));
-    }
-    EXPECT_EQ(list[0].data[99], 1.0f);
-    EXPECT_EQ(list[1].data[0], 2.0f) << "buffers do not overlap";
-    list.silence(60);
-    EXPECT_EQ(list[2].data[59], 3.0f);
-    EXPECT_EQ(list[2].data[60], 0.0f);
-    list.setFrameCount(10);
-    EXPECT_EQ(list[1].frameCount(), 10u);
-    list.setFrameCount(1000);
-    EXPECT_EQ(list[1].frameCount(), 100u) << "never beyond the capacity";
-}
-
 TEST(VELTMatrixMixer, OnlyExplicitlySetCrosspointsCarrySignal) {
     struct Source {
         static AudioStatus render(void*, const AudioTimeStamp&, std::uint32_t, std::uint32_t frames,
@@ -272,19 +253,6 @@ TEST(SimulatedDeviceConfiguration, BuiltInDeviceAndParametersAreChecked) {
     SimulatedDeviceConfiguration builtIn = SimulatedDeviceConfiguration::defaultConfiguration();
     ASSERT_TRUE(builtIn.validate());
     EXPECT_EQ(builtIn.impulseResponse.size(), 6000u);
-    // Largest magnitude response 0 dB: check at the crossover region with a direct DFT.
-    double largest = 0;
-    for (double frequency : {100.0, 500.0, 1000.0, 2200.0, 5000.0, 10000.0}) {
-        double re = 0, im = 0;
-        for (std::size_t n = 0; n < builtIn.impulseResponse.size(); ++n) {
-            re += builtIn.impulseResponse[n] * std::cos(2 * M_PI * frequency * n / 48000.0);
-            im -= builtIn.impulseResponse[n] * std::sin(2 * M_PI * frequency * n / 48000.0);
-        }
-        largest = std::max(largest, std::hypot(re, im));
-    }
-    EXPECT_LE(largest, 1.0 + 1e-5);
-    EXPECT_GT(largest, 0.3) << "a loudspeaker passes its midrange";
-
     SimulatedDeviceConfiguration configured;
     ASSERT_TRUE(configured.applyParameters({{"delay", "120"},
                                             {"latency", "4,0,9"},
