@@ -102,34 +102,20 @@ struct Everything {
         coder.encodeUInt64(unsignedLarge, "unsignedLarge");
         coder.encodeFloat(single, "single");
         coder.encodeDouble(precise, "precise");
-        if (name)
-            coder.encodeString(*name, "name");
-        else
-            coder.encodeNull("name");
-        if (number)
-            coder.encodeNumber(*number, "number");
-        if (data)
-            coder.encodeData(*data, "data");
-        if (samples)
-            coder.encodeFloatVector(*samples, "samples");
-        if (date)
-            coder.encodeDate(*date, "date");
-        if (color)
-            coder.encodeColor(*color, "color");
-        if (channels)
-            coder.encodeIndexSet(*channels, "channels");
-        if (names)
-            coder.encodeStringArray(*names, "names");
-        if (labels)
-            coder.encodeStringDictionary(*labels, "labels");
-        if (adjustments)
-            coder.encodeDictionary(*adjustments, "adjustments");
-        if (window)
-            coder.encodeObject(*window, "window");
-        if (windows)
-            coder.encodeObjectArray(std::span<const Span>(*windows), "windows");
-        if (namedWindows)
-            coder.encodeObjectDictionary(*namedWindows, "namedWindows");
+        // Every value is present when an Everything is written.
+        coder.encodeString(*name, "name");
+        coder.encodeNumber(*number, "number");
+        coder.encodeData(*data, "data");
+        coder.encodeFloatVector(*samples, "samples");
+        coder.encodeDate(*date, "date");
+        coder.encodeColor(*color, "color");
+        coder.encodeIndexSet(*channels, "channels");
+        coder.encodeStringArray(*names, "names");
+        coder.encodeStringDictionary(*labels, "labels");
+        coder.encodeDictionary(*adjustments, "adjustments");
+        coder.encodeObject(*window, "window");
+        coder.encodeObjectArray(std::span<const Span>(*windows), "windows");
+        coder.encodeObjectDictionary(*namedWindows, "namedWindows");
     }
     static Everything initWithCoder(KeyedUnarchiver& coder) {
         Everything e;
@@ -175,14 +161,14 @@ struct Link {
 // Reads what is stored under the keys of an Everything archive instead of decoding it.
 struct Probe {
     static constexpr std::string_view className = "Probe";
-    std::map<std::string, std::string> kinds;
+    std::vector<std::string> kinds;
     bool unkeyed = true, containsNull = false, containsMissing = true;
     void encodeWithCoder(KeyedArchiver&) const {}
     static Probe initWithCoder(KeyedUnarchiver& coder) {
         Probe probe;
         for (const char* key : {"flag", "nothing", "name", "number", "data", "samples", "date", "color",
                                 "channels", "names", "labels", "window", "missing"})
-            probe.kinds[key] = coder.classNameForKey(key).value_or("absent");
+            probe.kinds.push_back(coder.classNameForKey(key).value_or("absent"));
         probe.unkeyed = coder.isUnkeyed();
         probe.containsNull = coder.containsValueForKey("nothing");
         probe.containsMissing = coder.containsValueForKey("missing");
@@ -229,13 +215,9 @@ Everything fullyPopulated() {
     e.data = std::vector<std::byte>(256);
     for (std::size_t i = 0; i < 256; ++i)
         (*e.data)[i] = static_cast<std::byte>(i);
-    e.samples = std::vector<float>{0.0f,
-                                   -0.0f,
-                                   1.0f,
-                                   -1.5f,
-                                   std::numeric_limits<float>::denorm_min(),
-                                   std::numeric_limits<float>::max(),
-                                   std::numeric_limits<float>::infinity()};
+    using Float = std::numeric_limits<float>;
+    e.samples =
+        std::vector<float>{0.0f, -0.0f, 1.0f, -1.5f, Float::denorm_min(), Float::max(), Float::infinity()};
     e.date = ArchivedDate(std::chrono::duration<double>(1.7e9 + 0.125));
     e.color = ArchivedColor{0.1, 0.2, 0.3, 0.4};
     e.channels = IndexSet{0, 2, 3, 1000, std::numeric_limits<std::uint64_t>::max()};
@@ -280,10 +262,11 @@ TEST(KeyedArchiver, WritesTheDocumentedStructure) {
               {"$top", {{"$class", "Span"}, {"Version", "2.0"}, {"Begin", 1}, {"End", 2}, {"Type", 3}}}}));
 
     // Floats as little-endian bytes, raw data as a byte string; base64 in the JSON form.
-    Everything e;
-    e.samples = std::vector<float>{1.0f, -2.0f};
-    e.data = std::vector<std::byte>{std::byte{0xDE}, std::byte{0xAD}};
-    auto cbor = KeyedArchiver::archivedDataWithRootObject(e);
+    KeyedArchiver archiver("Everything");
+    archiver.encodeFloatVector(std::vector<float>{1.0f, -2.0f}, "samples");
+    archiver.encodeData(std::vector<std::byte>{std::byte{0xDE}, std::byte{0xAD}}, "data");
+    archiver.encodeNull("name");
+    auto cbor = archiver.finish(ArchiveFormat::CBOR);
     json top = treeOf(cbor)["$top"];
     EXPECT_EQ(top["samples"]["$class"], "FloatVector");
     EXPECT_EQ(top["samples"]["$floats"].get_binary(),
@@ -291,7 +274,7 @@ TEST(KeyedArchiver, WritesTheDocumentedStructure) {
     EXPECT_EQ(top["data"].get_binary(), (std::vector<std::uint8_t>{0xDE, 0xAD}));
     EXPECT_TRUE(top["name"].is_null());
 
-    auto text = KeyedArchiver::archivedDataWithRootObject(e, ArchiveFormat::JSON);
+    auto text = archiver.finish(ArchiveFormat::JSON);
     json readable = json::parse(std::string(reinterpret_cast<const char*>(text.data()), text.size()));
     EXPECT_EQ(readable["$top"]["samples"]["$floats"], (json{{"$data", "AACAPwAAAMA="}}));
     EXPECT_EQ(readable["$top"]["data"], (json{{"$data", "3q0="}}));
@@ -334,19 +317,9 @@ TEST(KeyedArchiver, NumbersConvertAsBoxedNumbersAndMissingKeysDecodeAsNothing) {
     stored["nothing"] = nullptr;
     auto probe = KeyedUnarchiver::unarchivedObjectOfClass<Probe>(handBuiltArchive(stored));
     ASSERT_TRUE(probe);
-    EXPECT_EQ(probe->kinds, (std::map<std::string, std::string>{{"flag", "Number"},
-                                                                {"nothing", "Null"},
-                                                                {"name", "String"},
-                                                                {"number", "Number"},
-                                                                {"data", "Data"},
-                                                                {"samples", "FloatVector"},
-                                                                {"date", "Date"},
-                                                                {"color", "Color"},
-                                                                {"channels", "IndexSet"},
-                                                                {"names", "Array"},
-                                                                {"labels", "Dictionary"},
-                                                                {"window", "Span"},
-                                                                {"missing", "absent"}}));
+    EXPECT_EQ(probe->kinds,
+              (std::vector<std::string>{"Number", "Null", "String", "Number", "Data", "FloatVector", "Date",
+                                        "Color", "IndexSet", "Array", "Dictionary", "Span", "absent"}));
     EXPECT_FALSE(probe->unkeyed);
     EXPECT_TRUE(probe->containsNull);
     EXPECT_FALSE(probe->containsMissing);
