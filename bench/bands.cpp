@@ -90,8 +90,11 @@ std::optional<double> scipySeconds(const std::string& python) {
         out.write(reinterpret_cast<const char*>(response().components()),
                   static_cast<std::streamsize>(response().length() * sizeof(float)));
     }
-    const std::filesystem::path script =
-        std::filesystem::path(__FILE__).parent_path() / "peers" / "bands_scipy.py";
+    // The source's path as the build gave it, relative to the build folder two levels above the program.
+    std::filesystem::path source(__FILE__);
+    if (source.is_relative())
+        source = std::filesystem::canonical("/proc/self/exe").parent_path().parent_path() / source;
+    const std::filesystem::path script = source.parent_path() / "peers" / "bands_scipy.py";
     const std::string command =
         python + " '" + script.string() + "' '" + file.string() + "' " + std::to_string(kRate);
     std::optional<double> seconds;
