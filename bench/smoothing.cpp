@@ -157,8 +157,11 @@ std::map<int, double> numpyTimes(const std::string& python) {
     std::ofstream(file, std::ios::binary)
         .write(reinterpret_cast<const char*>(spectrum().components()),
                static_cast<std::streamsize>(kBins * sizeof(float)));
-    const std::filesystem::path script =
-        std::filesystem::path(__FILE__).parent_path() / "peers" / "smoothing_numpy.py";
+    // __FILE__ may be relative to the build tree, whose root holds this program's folder.
+    std::filesystem::path source(__FILE__);
+    if (source.is_relative())
+        source = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() / source;
+    const std::filesystem::path script = source.parent_path() / "peers" / "smoothing_numpy.py";
     std::map<int, double> times;
     std::string denominators;
     for (const auto& [name, _] : best)
