@@ -1,7 +1,7 @@
 #include "audio/MicrophoneCalibrationRecord.h"
 
+#include "audio/CalibrationFileCheck.h"
 #include "audio/DecimalNumberFormatter.h"
-#include "audio/MicrophoneCalibrationFileParser.h"
 #include "platform/TavolarLocalizedString.h"
 #include "platform/UUID.h"
 
@@ -72,11 +72,11 @@ MicrophoneCalibrationRecord::MicrophoneCalibrationRecord(std::string name,
 
 Expected<MicrophoneCalibrationRecord>
 MicrophoneCalibrationRecord::initWithCalibrationFileData(std::span<const std::byte> data, std::string name) {
-    MicrophoneCalibrationFileParser parser(data);
-    if (!parser.parse())
-        return std::unexpected(parser.error().value_or(calibrationParsingError({})));
-    auto magnitude = std::make_shared<const VELTSpline>(parser.frequency(), parser.magnitude());
-    auto phase = std::make_shared<const VELTSpline>(parser.frequency(), parser.phase());
+    auto points = checkedCalibrationFile(data);
+    if (!points)
+        return std::unexpected(std::move(points.error()));
+    auto magnitude = std::make_shared<const VELTSpline>(points->frequency, points->magnitude);
+    auto phase = std::make_shared<const VELTSpline>(points->frequency, points->phase);
     return MicrophoneCalibrationRecord(std::move(name), std::nullopt, std::move(magnitude), std::move(phase));
 }
 

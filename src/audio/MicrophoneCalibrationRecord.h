@@ -43,9 +43,9 @@ public:
                                 std::shared_ptr<const VELTSpline> magnitudeSpline,
                                 std::shared_ptr<const VELTSpline> phaseSpline);
 
-    // Parses a calibration file's bytes (see MicrophoneCalibrationFileParser). A file that cannot be
-    // parsed gives the error of domain "TavolarCalibrationParsing", code -1, "Failed to parse
-    // calibration file".
+    // Parses a calibration file's bytes and checks its points (see CalibrationFileCheck.h). A file
+    // that cannot be parsed, or whose points make no curve, gives the error of domain
+    // "TavolarCalibrationParsing", code -1, "Failed to parse calibration file".
     static Expected<MicrophoneCalibrationRecord> initWithCalibrationFileData(std::span<const std::byte> data,
                                                                              std::string name);
     // Reads the whole file, names the record after the file without its extension, and parses it.

@@ -1,5 +1,6 @@
 #include "audio/MicrophoneCalibrationFileParser.h"
 
+#include "audio/CalibrationFileCheck.h"
 #include "audio/NumberScanner.h"
 #include "audio/TextEncodingDetection.h"
 #include "platform/Logging.h"
@@ -90,6 +91,14 @@ TEST(MicrophoneCalibrationFileParser, ReadsColumnsAndSkipsTextLines) {
         EXPECT_EQ(parsed.magnitude, (std::vector<float>{-1.5f, 0.0f, 2.0f}));
         EXPECT_EQ(parsed.phase, (std::vector<float>{3.25f, -0.45f, -0.5f}));
     }
+
+    // Numbers are not sorted or checked; duplicates are kept.
+    const Parsed unsorted = parse(bytes("100 1\n50 2\n50 3\n"));
+    EXPECT_EQ(unsorted.frequency, (std::vector<float>{100.0f, 50.0f, 50.0f}));
+    // The decimal separator is the full stop: a comma separates columns.
+    const Parsed comma = parse(bytes("20\t-1,5\n"));
+    EXPECT_EQ(comma.magnitude, (std::vector<float>{-1.0f}));
+    EXPECT_EQ(comma.phase, (std::vector<float>{5.0f}));
 }
 
 TEST(MicrophoneCalibrationFileParser, FrequencyWithoutMagnitudeEndsTheFile) {
@@ -247,10 +256,10 @@ TEST(NumberScanner, ScansLikeThePlatformScanner) {
     EXPECT_TRUE(end.isAtEnd());
 }
 
-// What makes the columns a curve: out-of-order points are sorted with a warning; repeated or too
-// close frequencies and values out of their column's range are refused naming the line; the
+// What loading a file adds to the parser: out-of-order points are sorted with a warning; repeated or
+// too close frequencies and values out of their column's range are refused naming the line; the
 // decimal-comma form is read as such; a frequency alone ends the data and says so.
-TEST(MicrophoneCalibrationFileParser, ColumnsMakeACurveOrTheFileIsRefused) {
+TEST(CalibrationFileCheck, ColumnsMakeACurveOrTheFileIsRefused) {
     struct Case {
         std::string_view text;
         std::vector<float> frequency, magnitude, phase; // empty: refused
@@ -292,15 +301,18 @@ TEST(MicrophoneCalibrationFileParser, ColumnsMakeACurveOrTheFileIsRefused) {
     setSystemLogEnabled(false);
     for (const Case& c : cases) {
         LogCapture capture;
-        MicrophoneCalibrationFileParser parser(bytes(c.text));
-        EXPECT_EQ(parser.parse(), !c.frequency.empty()) << c.text;
-        EXPECT_EQ(components(parser.frequency()), c.frequency) << c.text;
-        EXPECT_EQ(components(parser.magnitude()), c.magnitude) << c.text;
-        EXPECT_EQ(components(parser.phase()), c.phase) << c.text;
-        if (c.frequency.empty())
-            EXPECT_NE(parser.error()->localizedRecoverySuggestion.find(c.message), std::string::npos)
-                << parser.error()->localizedRecoverySuggestion;
-        else if (!c.message.empty())
+        const auto points = checkedCalibrationFile(bytes(c.text));
+        ASSERT_EQ(points.has_value(), !c.frequency.empty()) << c.text;
+        if (!points) {
+            EXPECT_EQ(points.error().domain, "TavolarCalibrationParsing");
+            EXPECT_NE(points.error().localizedRecoverySuggestion.find(c.message), std::string::npos)
+                << points.error().localizedRecoverySuggestion;
+            continue;
+        }
+        EXPECT_EQ(components(points->frequency), c.frequency) << c.text;
+        EXPECT_EQ(components(points->magnitude), c.magnitude) << c.text;
+        EXPECT_EQ(components(points->phase), c.phase) << c.text;
+        if (!c.message.empty())
             EXPECT_TRUE(capture.contains(c.message)) << c.text;
         else
             EXPECT_TRUE(capture.texts().empty()) << c.text;
