@@ -361,11 +361,16 @@ void addCalibrateCommand(CLI::App& app, CommandList& commands) {
              if (options->file) {
                  auto calibration =
                      MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(*options->file);
-                 if (!calibration)
+                 if (!calibration) {
+                     // The loader's suggestion names the line at fault; the general shape of a file
+                     // is the fallback when it has none.
+                     const std::string& suggestion = calibration.error().localizedRecoverySuggestion;
                      return failure(
                          fmt::format("{}: {}", *options->file, calibration.error().localizedDescription),
-                         "A calibration file holds lines of frequency (Hz), magnitude (dB) "
-                         "and optionally phase (degrees).");
+                         suggestion.empty() ? "A calibration file holds lines of frequency (Hz), magnitude "
+                                              "(dB) and optionally phase (degrees)."
+                                            : suggestion);
+                 }
                  change.fromFile =
                      std::make_shared<const MicrophoneCalibrationRecord>(std::move(*calibration));
              }

@@ -140,6 +140,7 @@ TEST_F(CalibrateCommand, AttachesCalibrationFilesAndSensitivities) {
         << "\"Sens Factor =-38.5dB, SN 1234\"\r* Freq(Hz) Mag(dB) Phase(deg)\r20 -1.5 0\r"
            "1000, 0\r10000 2.0 -5\r20000 3.0 -10\r";
     std::ofstream(folder / "notes.txt") << "just some words\nand more words\n";
+    std::ofstream(folder / "repeated.txt") << "20 -1 0\n1000 0 0\n1000 0.5 0\n";
     ASSERT_TRUE(succeeds({"calibrate", "c.tavolar", "1", "--file", "ECM8000.txt", "--sensitivity", "12.5",
                           "--channel-sensitivity", "0", "--channel-unit", "dBV"}));
     nlohmann::json record = info("c.tavolar", "1");
@@ -157,6 +158,9 @@ TEST_F(CalibrateCommand, AttachesCalibrationFilesAndSensitivities) {
     expectRefused({"calibrate", "c.tavolar", "1", "--file", "notes.txt"}, 1,
                   "Failed to parse calibration file");
     expectRefused({"calibrate", "c.tavolar", "1", "--file", "absent.txt"}, 1);
+    // What is wrong with a file is told down to its lines.
+    expectRefused({"calibrate", "c.tavolar", "1", "--file", "repeated.txt"}, 1,
+                  "Lines 2 and 3 both give the frequency 1000 Hz.");
     EXPECT_EQ(info("c.tavolar", "1")["calibration"], record["calibration"]);
 
     // A new sensitivity for the calibration already attached; then removal.
