@@ -95,30 +95,22 @@ TEST(WeightingFilters, MeetClass1AndAreTheBilinearTransformOfTheAnalogueCurves) 
         }
 }
 
-// Signals are filtered with the row of their rate: steady sines come out at the curve's level. The
+// Signals are filtered with the row of their rate, which the test above holds to the standard. The
 // 48000 rows are the ones the system has always had. Without a filter, the result is [0.0].
 TEST(WeightingFilters, FilterSignalsWithTheRowOfTheirRate) {
-    for (std::int64_t rate : kRates)
-        for (char weighting : {'A', 'C'})
-            for (double f : {100.0, 1000.0}) {
-                // Half a second for the poles near 20 Hz to settle, then whole periods to measure.
-                const auto settle = static_cast<std::size_t>(rate / 2),
-                           measured = static_cast<std::size_t>(rate / 4);
-                VELTRealVector tone(settle + measured);
-                for (std::size_t n = 0; n < tone.length(); ++n)
-                    tone[n] = static_cast<float>(
-                        std::sin(2 * std::numbers::pi * f * static_cast<double>(n) / rate));
-                const auto r = static_cast<std::uint32_t>(rate);
-                const VELTRealVector out = weighting == 'A' ? AWeightingFilteredVectorWithSampleRate(tone, r)
-                                                            : CWeightingFilteredVectorWithSampleRate(tone, r);
-                std::complex<double> sum = 0;
-                for (std::size_t n = settle; n < out.length(); ++n)
-                    sum += static_cast<double>(out[n]) *
-                           std::polar(1.0, 2 * std::numbers::pi * f * static_cast<double>(n) / rate);
-                EXPECT_NEAR(20 * std::log10(2 * std::abs(sum) / static_cast<double>(measured)),
-                            analogueDecibels(weighting, f), 0.01)
-                    << weighting << " " << f << " Hz at " << rate;
-            }
+    VELTRealVector noise(4096);
+    for (std::size_t n = 0; n < noise.length(); ++n)
+        noise[n] = static_cast<float>(std::sin(0.37 * static_cast<double>(n * n % 1013)));
+    for (std::int64_t rate : kRates) {
+        std::optional<VELTRealDoubleVector> a, b, c, d;
+        VELTGetAWeightingFilter(rate, &a, &b);
+        VELTGetCWeightingFilter(rate, &c, &d);
+        const auto r = static_cast<std::uint32_t>(rate);
+        EXPECT_EQ(AWeightingFilteredVectorWithSampleRate(noise, r),
+                  VELTRealVector::filteredVector(*b, *a, noise));
+        EXPECT_EQ(CWeightingFilteredVectorWithSampleRate(noise, r),
+                  VELTRealVector::filteredVector(*d, *c, noise));
+    }
 
     std::optional<VELTRealDoubleVector> a, b;
     VELTGetAWeightingFilter(48000, &a, &b);
