@@ -5,8 +5,6 @@
 #include <cmath>
 #include <complex>
 #include <gtest/gtest.h>
-#include <numbers>
-#include <random>
 #include <vector>
 
 namespace tavolar {
@@ -30,13 +28,6 @@ std::vector<double> polynomialFromZeros(const std::vector<std::complex<double>>&
     for (std::complex<double> c : coefficients)
         real.push_back(gain * c.real());
     return real;
-}
-
-std::complex<double> dtft(std::span<const float> signal, double omega) {
-    std::complex<double> sum = 0.0;
-    for (std::size_t n = 0; n < signal.size(); ++n)
-        sum += static_cast<double>(signal[n]) * std::polar(1.0, -omega * static_cast<double>(n));
-    return sum;
 }
 
 TEST(Cepstrum, RealCepstrumOfAFirstOrderSectionIsItsLogSeries) {
@@ -80,50 +71,10 @@ TEST(Cepstrum, MinimumPhaseReconstructionReflectsZerosInsideTheUnitCircle) {
     ASSERT_EQ(reconstruction.length(), 1024u);
     for (std::size_t n = 0; n < reconstruction.length(); ++n)
         ASSERT_NEAR(reconstruction[n], n < minimum.size() ? minimum[n] : 0.0, 1e-4) << n;
-
-    // Given back a minimum-phase signal it returns it unchanged: no excess phase anywhere.
-    VELTRealVector minimumPhase(1024);
-    for (std::size_t n = 0; n < minimum.size(); ++n)
-        minimumPhase[n] = static_cast<float>(minimum[n]);
-    const VELTRealVector again = minimumPhaseReconstruction(minimumPhase);
-    for (double omega = 0.01; omega < std::numbers::pi; omega += 0.05) {
-        const std::complex<double> original = dtft(minimumPhase.span(), omega);
-        const std::complex<double> rebuilt = dtft(again.span(), omega);
-        ASSERT_NEAR(std::abs(rebuilt) / std::abs(original), 1.0, 1e-4) << omega;
-        ASSERT_NEAR(std::arg(rebuilt / original) * 180.0 / std::numbers::pi, 0.0, 0.01) << omega;
-    }
-
-    // A decaying exponential (one pole inside) stays as it is.
-    VELTRealVector exponential(1024);
-    for (std::size_t n = 0; n < exponential.length(); ++n)
-        exponential[n] = static_cast<float>(std::pow(0.9, static_cast<double>(n)));
-    const VELTRealVector exponentialAgain = minimumPhaseReconstruction(exponential);
-    for (std::size_t n = 0; n < exponential.length(); ++n)
-        ASSERT_NEAR(exponentialAgain[n], exponential[n], 1e-4) << n;
 }
 
-TEST(Cepstrum, MinimumPhaseReconstructionKeepsAnyMagnitudeAndHandlesTinySizes) {
-    // Whatever the phase (here noise, so the cepstrum aliases), the magnitude spectrum is kept.
-    std::mt19937 generator(11);
-    std::normal_distribution<float> noise(0.0f, 1.0f);
-    VELTRealVector signal(256);
-    for (std::size_t n = 0; n < 64; ++n)
-        signal[n] = noise(generator);
-    const VELTRealVector reconstruction = minimumPhaseReconstruction(signal);
-    for (std::size_t k = 0; k <= 128; ++k) {
-        const double omega = 2.0 * std::numbers::pi * static_cast<double>(k) / 256.0;
-        const double expected = std::abs(dtft(signal.span(), omega));
-        ASSERT_NEAR(std::abs(dtft(reconstruction.span(), omega)), expected, 1e-4 * (1.0 + expected)) << k;
-    }
-
-    // A delayed impulse becomes an impulse at time zero.
-    VELTRealVector delayedImpulse(512);
-    delayedImpulse[100] = -2.0f;
-    const VELTRealVector impulse = minimumPhaseReconstruction(delayedImpulse);
-    EXPECT_NEAR(impulse[0], 2.0f, 1e-5f);
-    for (std::size_t n = 1; n < impulse.length(); ++n)
-        ASSERT_NEAR(impulse[n], 0.0f, 1e-5f) << n;
-
+// The folding at the smallest sizes, where the middle term w[N/2] is most of the result.
+TEST(Cepstrum, MinimumPhaseReconstructionOfTinySignals) {
     // N = 2 keeps w[0] = c[0] and w[1] = c[1]: a maximum-phase pair becomes its minimum-phase twin.
     const VELTRealVector pair = minimumPhaseReconstruction(VELTRealVector{0.5f, 1.0f});
     ASSERT_EQ(pair.length(), 2u);

@@ -36,12 +36,10 @@ std::vector<std::complex<double>> referenceAnalyticSignal(const VELTRealVector& 
 }
 
 TEST(Hilbert, AnalyticSignalMatchesItsDefinitionAtAwkwardSizes) {
-    EXPECT_EQ(hilbertTransformLength(1000), 1024u);
-    EXPECT_EQ(hilbertTransformLength(1024), 1024u);
-    EXPECT_EQ(hilbertTransformLength(1025), 2048u);
-    EXPECT_EQ(hilbertTransformLength(3), 4u);
-    EXPECT_EQ(hilbertTransformLength(1), 1u);
-    EXPECT_EQ(hilbertTransformLength(0), 0u);
+    const std::pair<std::size_t, std::size_t> lengths[] = {{1000, 1024}, {1024, 1024}, {1025, 2048},
+                                                           {3, 4},       {1, 1},       {0, 0}};
+    for (auto [length, rounded] : lengths)
+        EXPECT_EQ(hilbertTransformLength(length), rounded) << length;
     EXPECT_THROW(hilbertTransformLength((std::size_t{1} << 31) + 1), ParameterAssertion);
 
     std::mt19937 generator(3);
@@ -71,39 +69,6 @@ TEST(Hilbert, AnalyticSignalMatchesItsDefinitionAtAwkwardSizes) {
     EXPECT_EQ(hilbertTransformedVector(VELTRealVector()).length(), 0u);
     EXPECT_EQ(energyTimeCurve(VELTRealVector()).length(), 0u);
     EXPECT_EQ(doublet(VELTRealVector()).length(), 0u);
-}
-
-TEST(Hilbert, CosineBecomesSineAndEnvelopesFollowTheAmplitude) {
-    // A cosine over whole periods: its Hilbert transform is the matching sine, its envelope flat.
-    constexpr std::size_t kLength = 1024;
-    VELTRealVector cosine(kLength);
-    for (std::size_t n = 0; n < kLength; ++n)
-        cosine[n] = static_cast<float>(0.8 * std::cos(2.0 * std::numbers::pi * 37.0 * n / kLength));
-    const VELTRealVector sine = doublet(cosine);
-    const VELTRealVector flat = energyTimeCurve(cosine);
-    for (std::size_t n = 0; n < kLength; ++n) {
-        ASSERT_NEAR(sine[n], 0.8 * std::sin(2.0 * std::numbers::pi * 37.0 * n / kLength), 1e-5) << n;
-        ASSERT_NEAR(flat[n], 0.8, 1e-5) << n;
-    }
-
-    // A unit impulse at time zero: the curve is exactly 1 there.
-    VELTRealVector impulse(1000);
-    impulse[0] = 1.0f;
-    const VELTRealVector curve = energyTimeCurve(impulse);
-    ASSERT_EQ(curve.length(), 1024u);
-    EXPECT_NEAR(curve[0], 1.0f, 1e-6f);
-    EXPECT_LT(curve[512], 0.01f);
-
-    // A tone burst under a slow Gaussian: the energy-time curve traces the Gaussian.
-    constexpr std::size_t kBurstLength = 4096;
-    VELTRealVector burst(kBurstLength);
-    auto gaussian = [](double n) { return std::exp(-0.5 * std::pow((n - 2048.0) / 300.0, 2.0)); };
-    for (std::size_t n = 0; n < kBurstLength; ++n)
-        burst[n] =
-            static_cast<float>(gaussian(static_cast<double>(n)) * std::sin(0.9 * static_cast<double>(n)));
-    const VELTRealVector burstEnvelope = energyTimeCurve(burst);
-    for (std::size_t n = 0; n < kBurstLength; n += 16)
-        ASSERT_NEAR(burstEnvelope[n], gaussian(static_cast<double>(n)), 1e-3) << n;
 }
 
 } // namespace

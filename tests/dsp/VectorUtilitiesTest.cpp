@@ -25,32 +25,25 @@ constexpr float kNaN = std::numeric_limits<float>::quiet_NaN();
 constexpr float kInfinity = std::numeric_limits<float>::infinity();
 
 TEST(Decibels, LinearValuesToDecibelsAndBack) {
-    VELTRealVector magnitudes{1.0f, 0.0f, 10.0f, 0.5f, 1e-3f, -1.0f};
-    auto powers = magnitudes;
+    // Zero reads as the smallest normal float: 20 log10(2^-126), not minus infinity; negative values
+    // have no level.
+    const VELTRealVector linear{1.0f, 10.0f, 0.5f, 1e-3f, 0.0f, -1.0f};
+    const float decibels[] = {0.0f, 20.0f, -6.0206f, -60.0f, -758.5956f, kNaN};
+    auto magnitudes = linear, powers = linear;
     convertAbsToMagnitude(magnitudes);
     convertAbsToPower(powers);
-    EXPECT_EQ(magnitudes[0], 0.0f);
-    EXPECT_EQ(powers[0], 0.0f);
-    // Zero reads as the smallest normal float: 20 log10(2^-126) and 10 log10(2^-126), not minus infinity.
-    EXPECT_NEAR(magnitudes[1], -126.0 * 20.0 * std::log10(2.0), 1e-3);
-    EXPECT_NEAR(magnitudes[1], -758.6, 0.01);
-    EXPECT_NEAR(powers[1], -379.3, 0.01);
-    EXPECT_NEAR(magnitudes[2], 20.0, 1e-5);
-    EXPECT_NEAR(powers[2], 10.0, 1e-5);
-    EXPECT_NEAR(magnitudes[3], 20.0 * std::log10(0.5), 1e-5);
-    EXPECT_NEAR(magnitudes[4], -60.0, 1e-4);
-    EXPECT_TRUE(std::isnan(magnitudes[5]));
-
-    VELTRealVector levels{0.0f, 20.0f, -6.0206f, -60.0f};
-    auto powerLevels = levels;
-    convertMagnitudeToAbs(levels);
-    convertPowerToAbs(powerLevels);
-    EXPECT_NEAR(levels[0], 1.0, 1e-7);
-    EXPECT_NEAR(levels[1], 10.0, 1e-5);
-    EXPECT_NEAR(levels[2], 0.5, 1e-5);
-    EXPECT_NEAR(levels[3], 1e-3, 1e-9);
-    EXPECT_NEAR(powerLevels[1], 100.0, 1e-4);
-    EXPECT_NEAR(powerLevels[3], 1e-6, 1e-11);
+    auto linearFromMagnitudes = magnitudes, linearFromPowers = powers;
+    convertMagnitudeToAbs(linearFromMagnitudes);
+    convertPowerToAbs(linearFromPowers);
+    for (std::size_t i = 0; i < 4; ++i) {
+        EXPECT_NEAR(magnitudes[i], decibels[i], 1e-3) << i;
+        EXPECT_NEAR(powers[i], decibels[i] / 2, 1e-3) << i;
+        EXPECT_NEAR(linearFromMagnitudes[i], linear[i], 1e-5 * linear[i]) << i;
+        EXPECT_NEAR(linearFromPowers[i], linear[i], 1e-5 * linear[i]) << i;
+    }
+    EXPECT_NEAR(magnitudes[4], decibels[4], 1e-3);
+    EXPECT_NEAR(powers[4], decibels[4] / 2, 1e-3);
+    EXPECT_TRUE(std::isnan(magnitudes[5]) && std::isnan(powers[5]));
 }
 
 TEST(Decibels, SoundPressureLevelShiftsToTheCalibratorLevel) {
@@ -165,15 +158,20 @@ TEST(ZeroCrossing, FirstChangeOfSideFromTheFirstComponent) {
 
 TEST(Fitting, LeastSquaresLineAgainstADoublePrecisionFit) {
     float m = 0, b = 0, r = 0;
-    getSlope(&m, &b, &r, VELTRealVector{0, 1, 2, 3, 4}, VELTRealVector{1, 3, 5, 7, 9});
-    EXPECT_FLOAT_EQ(m, 2.0f);
-    EXPECT_FLOAT_EQ(b, 1.0f);
-    EXPECT_FLOAT_EQ(r, 1.0f);
-    // A falling line still has a non-negative r.
-    getSlope(&m, &b, &r, VELTRealVector{0, 1, 2, 3}, VELTRealVector{4, 1, -2, -5});
-    EXPECT_FLOAT_EQ(m, -3.0f);
-    EXPECT_FLOAT_EQ(b, 4.0f);
-    EXPECT_FLOAT_EQ(r, 1.0f);
+    // Exact lines, rising and falling (r is |Pearson r|), and a flat one, whose r divides zero by zero.
+    struct Case {
+        VELTRealVector x, y;
+        float m, b, r;
+    };
+    const Case lines[] = {{{0, 1, 2, 3, 4}, {1, 3, 5, 7, 9}, 2.0f, 1.0f, 1.0f},
+                          {{0, 1, 2, 3}, {4, 1, -2, -5}, -3.0f, 4.0f, 1.0f},
+                          {{1, 2, 3}, {5, 5, 5}, 0.0f, 5.0f, kNaN}};
+    for (const Case& c : lines) {
+        getSlope(&m, &b, &r, c.x, c.y);
+        EXPECT_FLOAT_EQ(m, c.m);
+        EXPECT_FLOAT_EQ(b, c.b);
+        EXPECT_TRUE(std::isnan(c.r) ? std::isnan(r) : r == c.r) << r;
+    }
 
     // Noisy data: slope, intercept and |Pearson r| worked out in double.
     std::mt19937 generator(3);
@@ -188,21 +186,13 @@ TEST(Fitting, LeastSquaresLineAgainstADoublePrecisionFit) {
             syy += double(y[i]) * y[i];
     }
     const double slope = (n * sxy - sx * sy) / (n * sxx - sx * sx);
-    const double intercept = (sy - slope * sx) / n;
     const double pearson = (n * sxy - sx * sy) / std::sqrt((n * sxx - sx * sx) * (n * syy - sy * sy));
-    float rOnly = 0;
-    getSlope(&m, &b, &rOnly, x, y);
+    getSlope(&m, &b, &r, x, y);
     EXPECT_NEAR(m, slope, 1e-4);
-    EXPECT_NEAR(b, intercept, 1e-3);
-    EXPECT_NEAR(rOnly, std::fabs(pearson), 1e-4);
-    // r is optional.
-    getSlope(&m, &b, nullptr, x, y);
+    EXPECT_NEAR(b, (sy - slope * sx) / n, 1e-3);
+    EXPECT_NEAR(r, std::fabs(pearson), 1e-4);
+    getSlope(&m, &b, nullptr, x, y); // r is optional
     EXPECT_NEAR(m, slope, 1e-4);
-    // A flat line divides zero by zero for r.
-    getSlope(&m, &b, &r, VELTRealVector{1, 2, 3}, VELTRealVector{5, 5, 5});
-    EXPECT_EQ(m, 0.0f);
-    EXPECT_EQ(b, 5.0f);
-    EXPECT_TRUE(std::isnan(r));
 }
 
 TEST(Fitting, PreconditionsAreParameterAssertions) {
