@@ -1,8 +1,8 @@
 #pragma once
 // A swept-sine measurement worked out in the test, independently of the library's analysis: devices
 // under test made of bilinear-transform biquads (whose exact response is evaluated on the unit
-// circle), a delay, memoryless polynomials and noise, driven by the stimulus the engine plays and
-// deconvolved as the engine does.
+// circle) and memoryless polynomials, driven by the stimulus the engine plays and deconvolved as the
+// engine does.
 
 #include "engine/SweptSineDeconvolution.h"
 #include "engine/VELTLogSweepSettings.h"
@@ -13,7 +13,6 @@
 #include <cstdint>
 #include <functional>
 #include <numbers>
-#include <random>
 #include <vector>
 
 namespace tavolar::simulation {
@@ -57,11 +56,6 @@ inline Biquad lowPass(double frequency, double q, double sampleRate) {
     return normalised((1 - c) / 2, 1 - c, (1 - c) / 2, 1 + alpha, -2 * c, 1 - alpha);
 }
 
-inline Biquad highPass(double frequency, double q, double sampleRate) {
-    double w = 2.0 * kPi * frequency / sampleRate, alpha = std::sin(w) / (2.0 * q), c = std::cos(w);
-    return normalised((1 + c) / 2, -(1 + c), (1 + c) / 2, 1 + alpha, -2 * c, 1 - alpha);
-}
-
 inline Biquad peaking(double frequency, double gainDecibels, double q, double sampleRate) {
     double w = 2.0 * kPi * frequency / sampleRate, alpha = std::sin(w) / (2.0 * q), c = std::cos(w);
     double a = std::pow(10.0, gainDecibels / 40.0);
@@ -100,22 +94,6 @@ inline VELTRealVector toFloat(const std::vector<double>& values) {
     return vector;
 }
 
-// Delays by whole samples, keeping the length (what falls off the end is the silent tail).
-inline std::vector<double> delayed(const std::vector<double>& x, std::size_t delay) {
-    std::vector<double> y(x.size(), 0.0);
-    for (std::size_t n = delay; n < x.size(); ++n)
-        y[n] = x[n - delay];
-    return y;
-}
-
-// White Gaussian noise of the given RMS level, the same on every run.
-inline void addNoise(std::vector<double>& x, double rms, unsigned seed) {
-    std::mt19937 generator(seed);
-    std::normal_distribution<double> distribution(0.0, rms);
-    for (double& sample : x)
-        sample += distribution(generator);
-}
-
 // The engine's deconvolution by plain spectral division, as a measurement without loop-back uses it.
 inline VELTRealVector deconvolved(const std::vector<double>& response, const VELTRealVector& stimulus) {
     return realVectorByDeconvolvingResponseWithoutRegularization(toFloat(response), stimulus, nullptr);
@@ -128,10 +106,9 @@ inline std::vector<double> shaped(std::vector<double> x, const std::function<dou
     return x;
 }
 
-// The phase difference a - b in degrees, brought into -180 .. 180.
+// An angle in degrees brought into -180 .. 180.
 inline double wrappedDegrees(double degrees) {
-    double wrapped = std::remainder(degrees, 360.0);
-    return wrapped;
+    return std::remainder(degrees, 360.0);
 }
 
 inline double decibels(double linear) {
