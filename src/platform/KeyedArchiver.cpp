@@ -740,7 +740,14 @@ Expected<std::string> KeyedUnarchiver::jsonDescription(std::span<const std::byte
     if (auto root = openEnvelope(*tree); !root)
         return std::unexpected(root.error());
     binaryToTagged(*tree);
-    return tree->dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+    std::string written = tree->dump(2, ' ', false, json::error_handler_t::replace);
+    // Keys that were not valid UTF-8 were sorted by their raw bytes but are written with replacement
+    // characters; reading the text back sorts them as they are written, so that a description read
+    // again describes itself.
+    json readable = json::parse(written, nullptr, false);
+    if (!readable.is_discarded())
+        written = readable.dump(2, ' ', false, json::error_handler_t::replace);
+    return written + "\n";
 }
 
 TavolarError KeyedUnarchiver::decodingError(std::string_view what) {
