@@ -220,7 +220,6 @@ SynchronousAverager::SynchronousAverager(const VELTRealVector& stimulusSignal)
 Expected<VELTRealVector>
 SynchronousAverager::impulseResponseForChannel(std::span<const VELTRZSweptSineRecording> recordings,
                                                std::size_t channelIndex) {
-    TAVOLAR_PARAMETER_ASSERT(!recordings.empty());
     const std::size_t channelIndices[] = {channelIndex};
     return std::move(Work::averageChannels(recordings, channelIndices, stimulus_, deconvolver_, scratch_,
                                            scratchLength_, false)
@@ -230,7 +229,6 @@ SynchronousAverager::impulseResponseForChannel(std::span<const VELTRZSweptSineRe
 Expected<VELTRealVector>
 impulseResponseFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
                                   std::size_t channelIndex, const VELTRealVector& stimulusSignal) {
-    TAVOLAR_PARAMETER_ASSERT(!recordings.empty());
     const std::size_t channelIndices[] = {channelIndex};
     SweptSineDeconvolver deconvolver(stimulusSignal.span());
     VELTRealVector scratch;

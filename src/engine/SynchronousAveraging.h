@@ -25,11 +25,13 @@ namespace tavolar {
 //  - an impulse response that is all zero, holds a NaN or is not finite fails with
 //    "Error while deconvolving response.";
 // both with the recovery suggestion "Check that all your cables are connected properly, and
-// inputs are not muted.", domain kTavolarErrorDomain, code -1; later recordings are not examined.
+// inputs are not muted.", domain kTavolarErrorDomain, code kTavolarInvalidDataError; later
+// recordings are not examined.
 // Otherwise every impulse response is zero-padded to the longest among them, the first one's peak
 // (greatest magnitude, first index on ties) is found, every later one is rotated so that its peak
 // lands there and added, and the sum is scaled by 1 / count in single precision.
-// recordings must not be empty and each one reached must hold the channel (parameter assertions).
+// No recordings give an empty vector (nothing averaged) and no error. Each recording reached must
+// hold the channel (parameter assertion).
 Expected<VELTRealVector>
 impulseResponseFromAveragingArray(std::span<const VELTRZSweptSineRecording> recordings,
                                   std::size_t channelIndex, const VELTRealVector& stimulusSignal);

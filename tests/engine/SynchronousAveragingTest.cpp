@@ -207,6 +207,7 @@ TEST(SynchronousAveraging, AllChannelsAtOnceMatchChannelByChannel) {
     }
 
     EXPECT_TRUE(impulseResponsesFromAveragingArray({}, stimulus).empty());
+    EXPECT_EQ(averager.impulseResponseForChannel({}, 3).value().length(), 0u);
     recordings.emplace_back(std::vector<VELTRealVector>{recordings[0].recordChannels()[0]}, std::nullopt);
     EXPECT_THROW(impulseResponsesFromAveragingArray(recordings, stimulus), ParameterAssertion);
 }
@@ -235,7 +236,7 @@ TEST(SynchronousAveraging, ReportsUnusableRecordingsAndDeconvolutions) {
         const Expected<VELTRealVector> result = impulseResponseFromAveragingArray(recordings, 0, stimulus);
         ASSERT_FALSE(result.has_value());
         EXPECT_EQ(result.error().domain, "TavolarErrorDomain");
-        EXPECT_EQ(result.error().code, -1);
+        EXPECT_EQ(result.error().code, kTavolarInvalidDataError);
         EXPECT_EQ(result.error().localizedDescription, "Error while recording response.");
         EXPECT_EQ(result.error().localizedRecoverySuggestion, kRecoverySuggestion);
     }
@@ -248,7 +249,7 @@ TEST(SynchronousAveraging, ReportsUnusableRecordingsAndDeconvolutions) {
     ASSERT_FALSE(result.has_value());
     EXPECT_EQ(result.error().localizedDescription, "Error while deconvolving response.");
     EXPECT_EQ(result.error().localizedRecoverySuggestion, kRecoverySuggestion);
-    EXPECT_EQ(result.error().code, -1);
+    EXPECT_EQ(result.error().code, kTavolarInvalidDataError);
 
     // A silent stimulus likewise, and a one-sample recording against an empty stimulus has nothing to
     // transform at all.
@@ -260,8 +261,9 @@ TEST(SynchronousAveraging, ReportsUnusableRecordingsAndDeconvolutions) {
     EXPECT_EQ(impulseResponseFromAveragingArray(recordings, 0, VELTRealVector()).error().localizedDescription,
               "Error while deconvolving response.");
 
-    // Programming errors: no recordings, or a channel the recording does not have.
-    EXPECT_THROW(impulseResponseFromAveragingArray({}, 0, stimulus), ParameterAssertion);
+    // No recordings average to nothing, without an error; a channel the recording does not have is
+    // a programming error.
+    EXPECT_EQ(impulseResponseFromAveragingArray({}, 0, stimulus).value().length(), 0u);
     recordings = recordingsOf({{good}, {good}});
     EXPECT_THROW(impulseResponseFromAveragingArray(recordings, 1, stimulus), ParameterAssertion);
 }
