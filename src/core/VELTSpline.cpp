@@ -1,5 +1,6 @@
 #include "core/VELTSpline.h"
 
+#include "core/ArchivedRealVector.h"
 #include "platform/Assertions.h"
 
 namespace tavolar {
@@ -9,6 +10,16 @@ constexpr std::string_view kVersionKey = "VELTSplineVersion";
 constexpr std::string_view kVersion = "1.0";
 constexpr std::string_view kXKey = "X";
 constexpr std::string_view kYKey = "Y";
+
+// A column as a vector object, or as a bare float vector (the form this program wrote before it
+// wrote vector objects); absent gives an empty vector.
+VELTRealVector decodeColumn(KeyedUnarchiver& coder, std::string_view key) {
+    if (coder.classNameForKey(key) == "FloatVector")
+        return VELTRealVector(
+            std::span<const float>(coder.decodeFloatVector(key).value_or(std::vector<float>{})));
+    auto archived = coder.decodeObjectOfClass<ArchivedRealVector>(key);
+    return archived ? archived->takeVector() : VELTRealVector();
+}
 } // namespace
 
 VELTSpline::VELTSpline(VELTRealVector x, VELTRealVector y)
@@ -134,14 +145,14 @@ float VELTSpline::xMaximum() const noexcept {
 
 void VELTSpline::encodeWithCoder(KeyedArchiver& coder) const {
     coder.encodeString(kVersion, kVersionKey);
-    coder.encodeFloatVector(x_.span(), kXKey);
-    coder.encodeFloatVector(y_.span(), kYKey);
+    coder.encodeObject(ArchivedRealVector(x_), kXKey);
+    coder.encodeObject(ArchivedRealVector(y_), kYKey);
 }
 
 VELTSpline VELTSpline::initWithCoder(KeyedUnarchiver& coder) {
     // The version is written for future readers; every version so far has the same layout.
-    VELTRealVector x(std::span<const float>(coder.decodeFloatVector(kXKey).value_or(std::vector<float>{})));
-    VELTRealVector y(std::span<const float>(coder.decodeFloatVector(kYKey).value_or(std::vector<float>{})));
+    VELTRealVector x = decodeColumn(coder, kXKey);
+    VELTRealVector y = decodeColumn(coder, kYKey);
     if (x.length() != y.length()) {
         coder.failWithError(TavolarError::make("The spline's X and Y vectors differ in length."));
         return VELTSpline({}, {});

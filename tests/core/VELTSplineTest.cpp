@@ -1,5 +1,6 @@
 #include "core/VELTSpline.h"
 
+#include "core/ArchivedRealVector.h"
 #include "platform/Assertions.h"
 #include "platform/KeyedArchiver.h"
 
@@ -154,22 +155,31 @@ TEST(VELTSpline, ConcurrentFirstEvaluationsAgree) {
         EXPECT_EQ(result, serial);
 }
 
-// Writes a spline archive with whatever keys a test needs, to check the reader's rules.
+// Writes a spline archive with whatever keys a test needs, its columns as vector objects or as bare
+// float vectors, to check the reader's rules; reads back what the writer wrote.
 struct HandWrittenSpline {
     static constexpr std::string_view className = "VELTSpline";
     std::optional<std::string> version;
     std::optional<std::vector<float>> x, y;
+    bool bare = false;
+    std::optional<std::string> xKind;
     void encodeWithCoder(KeyedArchiver& coder) const {
         if (version)
             coder.encodeString(*version, "VELTSplineVersion");
-        if (x)
-            coder.encodeFloatVector(*x, "X");
-        if (y)
-            coder.encodeFloatVector(*y, "Y");
+        for (const auto& [column, key] : {std::pair{&x, "X"}, std::pair{&y, "Y"}}) {
+            if (!*column)
+                continue;
+            if (bare)
+                coder.encodeFloatVector(**column, key);
+            else
+                coder.encodeObject(ArchivedRealVector(VELTRealVector(std::span<const float>(**column))), key);
+        }
     }
     static HandWrittenSpline initWithCoder(KeyedUnarchiver& coder) {
-        return {coder.decodeString("VELTSplineVersion"), coder.decodeFloatVector("X"),
-                coder.decodeFloatVector("Y")};
+        HandWrittenSpline written;
+        written.version = coder.decodeString("VELTSplineVersion");
+        written.xKind = coder.classNameForKey("X");
+        return written;
     }
 };
 
@@ -188,17 +198,22 @@ TEST(VELTSpline, ArchiveRoundTripAndDecodingRules) {
         EXPECT_EQ(decoded->y2().length(), 4u);
         EXPECT_EQ(decoded->valueForX(700.0f), value);
 
+        // The columns are written as vector objects.
         auto written = KeyedUnarchiver::unarchivedObjectOfClass<HandWrittenSpline>(data, format);
         ASSERT_TRUE(written.has_value());
         EXPECT_EQ(written->version, "1.0");
+        EXPECT_EQ(written->xKind, "VELTRealVector");
     }
 
-    // The version is not checked; absent columns give a spline without knots.
-    const auto other = KeyedArchiver::archivedDataWithRootObject(
-        HandWrittenSpline{"0.9", std::vector<float>{1.0f, 2.0f}, std::vector<float>{3.0f, 4.0f}});
-    auto decodedOther = KeyedUnarchiver::unarchivedObjectOfClass<VELTSpline>(other);
-    ASSERT_TRUE(decodedOther.has_value());
-    EXPECT_FLOAT_EQ(decodedOther->valueForX(1.5f), 3.5f);
+    // Both forms of the columns are read, and the version is not checked; absent columns give a
+    // spline without knots.
+    for (bool bare : {false, true}) {
+        const auto other = KeyedArchiver::archivedDataWithRootObject(HandWrittenSpline{
+            "0.9", std::vector<float>{1.0f, 2.0f}, std::vector<float>{3.0f, 4.0f}, bare, {}});
+        auto decodedOther = KeyedUnarchiver::unarchivedObjectOfClass<VELTSpline>(other);
+        ASSERT_TRUE(decodedOther.has_value()) << "bare " << bare;
+        EXPECT_FLOAT_EQ(decodedOther->valueForX(1.5f), 3.5f) << "bare " << bare;
+    }
     auto bare = KeyedUnarchiver::unarchivedObjectOfClass<VELTSpline>(
         KeyedArchiver::archivedDataWithRootObject(HandWrittenSpline{}));
     ASSERT_TRUE(bare.has_value());
@@ -206,9 +221,9 @@ TEST(VELTSpline, ArchiveRoundTripAndDecodingRules) {
     EXPECT_EQ(bare->xMaximum(), 0.0f);
 
     // Columns of different lengths are a damaged archive, reported rather than crashing later.
-    auto uneven =
-        KeyedUnarchiver::unarchivedObjectOfClass<VELTSpline>(KeyedArchiver::archivedDataWithRootObject(
-            HandWrittenSpline{"1.0", std::vector<float>{1.0f, 2.0f, 3.0f}, std::vector<float>{3.0f, 4.0f}}));
+    auto uneven = KeyedUnarchiver::unarchivedObjectOfClass<VELTSpline>(
+        KeyedArchiver::archivedDataWithRootObject(HandWrittenSpline{
+            "1.0", std::vector<float>{1.0f, 2.0f, 3.0f}, std::vector<float>{3.0f, 4.0f}, true, {}}));
     EXPECT_FALSE(uneven.has_value());
 }
 
