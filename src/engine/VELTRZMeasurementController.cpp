@@ -331,6 +331,7 @@ bool VELTRZMeasurementController::measurements(const std::vector<VELTRZSweptSine
                                                const RecordingTest& passedTest) {
     if (!passedTest)
         return false;
+    // A test that sets stop ends the walk; what it tested so far passed.
     bool tested = false;
     bool stop = false;
     for (const VELTRZSweptSineRecording& recording : recordings) {
@@ -338,11 +339,15 @@ bool VELTRZMeasurementController::measurements(const std::vector<VELTRZSweptSine
             tested = true;
             if (!passedTest(channel, stop))
                 return false;
+            if (stop)
+                return true;
         }
         if (recording.correctionChannel()) {
             tested = true;
             if (!passedTest(*recording.correctionChannel(), stop))
                 return false;
+            if (stop)
+                return true;
         }
     }
     return tested;

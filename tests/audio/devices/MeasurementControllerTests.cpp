@@ -263,6 +263,13 @@ TEST(VELTRZMeasurementController, LevelChecksStopProcessingUnlessBypassed) {
                                                                return false;
                                                            }));
     EXPECT_EQ(visited, 1) << "the walk stops at the first failure";
+    visited = 0;
+    EXPECT_TRUE(VELTRZMeasurementController::measurements(recordings({0.5f, 0.5f}),
+                                                          [&](const VELTRealVector&, bool& stop) {
+                                                              stop = ++visited == 1;
+                                                              return true;
+                                                          }));
+    EXPECT_EQ(visited, 1) << "the walk stops when the test sets stop";
     EXPECT_FALSE(VELTRZMeasurementController::measurements(recordings({0.5f}), nullptr));
 }
 
