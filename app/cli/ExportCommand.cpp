@@ -75,6 +75,7 @@ struct NamedVector {
 // The curves of one file: an axis and the curves over it.
 struct CurveGroup {
     std::string suffix; // added to the file name when several files are written
+    bool timeDomain = false;
     NamedVector axis;
     std::vector<NamedVector> curves;
 };
@@ -92,10 +93,11 @@ struct ExportOptions {
     bool windowed = false;
     std::optional<float> timeStart;
     std::optional<float> timeEnd;
-    std::optional<int> smoothing;         // 1/N octave
-    std::string smoothingDomain = "db";   // or "power"
-    std::optional<int> pointsPerOctave;   // a logarithmic grid instead of the bins
-    std::optional<std::string> weighting; // "a" or "c"
+    std::optional<int> smoothing;              // 1/N octave
+    std::string smoothingDomain = "db";        // or "power"
+    std::optional<int> pointsPerOctave;        // a logarithmic grid instead of the bins
+    std::optional<std::string> weighting;      // "a" or "c"
+    std::optional<std::string> phaseReference; // "zero" (the default), "window" or "peak"
 
     bool wants(std::string_view curve) const {
         return std::find(curves.begin(), curves.end(), curve) != curves.end();
@@ -149,6 +151,33 @@ void smoothLevels(VELTRealVector& decibels, int denominator, bool powerDomain) {
     convertPowerToAbs(decibels);
     smoothPowersWithOctaveFraction(decibels, fraction);
     convertAbsToPower(decibels);
+}
+
+// The time, in seconds, that phase and group delay are counted from, less the window's begin that the
+// record's own curves count from: time zero (where a wire's response sits), the window's begin, or
+// the impulse's peak (what crossover work aligns drivers by).
+double phaseReferenceShift(const VELTMeasurementRecord& record, std::string_view reference) {
+    const double rate = static_cast<double>(record.sampleRate());
+    const double begin = static_cast<double>(record.windowBegin()) / rate;
+    if (reference == "window")
+        return 0.0;
+    if (reference == "peak")
+        return static_cast<double>(record.impulsePeak()) / rate - begin;
+    return -begin;
+}
+
+// Moves a phase (degrees) or group delay (ms) curve to another time reference: a delay of shift
+// seconds is a phase of -360 f shift degrees.
+void shiftTimeReference(VELTRealVector& values, std::string_view curve, const VELTRealVector& frequencies,
+                        double shift) {
+    if (shift == 0.0)
+        return;
+    const std::size_t count = std::min(values.length(), frequencies.length());
+    for (std::size_t at = 0; at < count; ++at) {
+        const double value = values[at];
+        values[at] = static_cast<float>(curve == "group-delay" ? value - 1000.0 * shift
+                                                               : value + 360.0 * frequencies[at] * shift);
+    }
 }
 
 VELTRealVector frequencyCurve(const VELTMeasurementRecord& record, std::string_view name,
@@ -231,6 +260,9 @@ Expected<CurveGroup> frequencyGroup(const VELTMeasurementRecord& record, std::si
                           [&](const CurveKind& candidate) { return candidate.name == name; });
         std::string header(kind.header);
         VELTRealVector values = frequencyCurve(*source, name, fftLength);
+        if (name == "phase" || name == "excess-phase" || name == "group-delay")
+            shiftTimeReference(values, name, sourceAxis,
+                               phaseReferenceShift(record, options.phaseReference.value_or("zero")));
         if (isLevelCurve(name)) {
             if (weights) {
                 values.add(*weights);
@@ -365,6 +397,7 @@ Expected<CurveGroup> timeGroup(const VELTMeasurementRecord& record, std::size_t 
     };
     CurveGroup group;
     group.suffix = "-time";
+    group.timeDomain = true;
     group.axis = {"Time (ms)", "time", pick(timeline)};
     if (options.wants("impulse"))
         group.curves.push_back({"Impulse response", "impulse_response", pick(impulse)});
@@ -375,6 +408,9 @@ Expected<CurveGroup> timeGroup(const VELTMeasurementRecord& record, std::size_t 
 
 Expected<void> writeCSV(const CurveGroup& group, const std::filesystem::path& path) {
     VELTCSVExporter exporter;
+    // Time curves keep every digit: most samples of an impulse response's tail are below the six
+    // decimals that frequency curves are written with.
+    exporter.setWritesEverySignificantDigit(group.timeDomain);
     exporter.addColumn(group.axis.values, group.axis.header);
     for (const NamedVector& curve : group.curves)
         exporter.addColumn(curve.values, curve.header);
@@ -494,6 +530,10 @@ Expected<void> checkFrequencyOptions(const ExportOptions& options, const std::st
         if (given && !levels)
             return usageFailure(fmt::format("{} applies to magnitude and spl curves.", name),
                                 "Add magnitude or spl to --curves.");
+    if (options.phaseReference && !options.wants("phase") && !options.wants("excess-phase") &&
+        !options.wants("group-delay"))
+        return usageFailure("--phase-reference applies to phase, excess-phase and group-delay curves.",
+                            "Add one of them to --curves.");
     if (options.pointsPerOctave && !frequencyResponse)
         return usageFailure("--points-per-octave applies to frequency curves (magnitude, spl, phases, group "
                             "delay).");
@@ -659,6 +699,13 @@ void addExportCommand(CLI::App& app, CommandList& commands) {
                         "Frequency curves at N points per octave (1 to 96) on a logarithmic grid through "
                         "1 kHz, from about 10 Hz to the top of the record's range, instead of the linear "
                         "bins; no 0 Hz line");
+    command
+        ->add_option("--phase-reference", options->phaseReference,
+                     "What phase, excess phase and group delay count time from: zero (time zero, where "
+                     "a wire reads 0 ms), peak (the impulse's peak, for aligning drivers) or window (the "
+                     "window's begin)")
+        ->check(CLI::IsMember({"zero", "peak", "window"}))
+        ->default_str("zero");
     command
         ->add_option("--weighting", options->weighting,
                      "a or c: magnitude and SPL weighted by the A or C filter of the record's sample rate")

@@ -36,13 +36,25 @@ void VELTCSVExporter::addColumn(const VELTRealVector& column, std::string header
     headers_.push_back(std::move(header));
 }
 
+bool VELTCSVExporter::writesEverySignificantDigit() const {
+    std::lock_guard lock(mutex_);
+    return everySignificantDigit_;
+}
+
+void VELTCSVExporter::setWritesEverySignificantDigit(bool everyDigit) {
+    std::lock_guard lock(mutex_);
+    everySignificantDigit_ = everyDigit;
+}
+
 std::optional<std::string> VELTCSVExporter::csvText() const {
     std::vector<VELTRealVector> columns;
     std::vector<std::string> headers;
+    bool everyDigit = false;
     {
         std::lock_guard lock(mutex_);
         columns = columns_;
         headers = headers_;
+        everyDigit = everySignificantDigit_;
     }
     if (columns.empty())
         return std::nullopt;
@@ -67,7 +79,9 @@ std::optional<std::string> VELTCSVExporter::csvText() const {
         for (const VELTRealVector& column : columns) {
             // A read past the end of a shorter column answers 0.
             float sample = row < column.length() ? column[row] : 0.0f;
-            int length = std::snprintf(field, sizeof field, "%f,", static_cast<double>(sample));
+            const auto value = static_cast<double>(sample);
+            int length = everyDigit ? std::snprintf(field, sizeof field, "%.9g,", value)
+                                    : std::snprintf(field, sizeof field, "%f,", value);
             text.append(field, static_cast<std::size_t>(length));
         }
         text += '\n';

@@ -26,10 +26,16 @@ public:
     // Appends the vector to the columns and the title to the headers.
     void addColumn(const VELTRealVector& column, std::string header);
 
+    // Off by default. When on, every sample is written as "%.9g," instead of "%f,": nine significant
+    // digits give back every float exactly, where six decimals read the small samples of an
+    // impulse response's tail as 0.000000.
+    bool writesEverySignificantDigit() const;
+    void setWritesEverySignificantDigit(bool everyDigit);
+
     // Writes the text to the file: a header line of every title followed by a comma, then one line
-    // per row with every column's sample as "%f," (so lines end with a comma; kept deliberately),
-    // lines separated by a single line feed, converted lossily to ASCII. Titles are neither quoted
-    // nor escaped. The row count is the longest column's length; a shorter column writes 0 past its
+    // per row with every column's sample as "%f," (or "%.9g,", see above; so lines end with a comma; kept
+    // deliberately), lines separated by a single line feed, converted lossily to ASCII. Titles are neither
+    // quoted nor escaped. The row count is the longest column's length; a shorter column writes 0 past its
     // end. With no columns, or only empty ones, no file is written. A failed write is logged as
     // "Error writing to URL <path>. <reason>" and not returned.
     void writeToURL(const std::filesystem::path& url) const;
@@ -41,6 +47,7 @@ private:
     mutable std::mutex mutex_;
     std::vector<VELTRealVector> columns_;
     std::vector<std::string> headers_;
+    bool everySignificantDigit_ = false;
 };
 
 } // namespace tavolar

@@ -33,8 +33,8 @@ double wrappedDegrees(double degrees) {
 }
 
 TEST_F(ExportCommand, FrequencyCurvesMatchTheSystem) {
-    // Phase and group delay count from the window's begin: put it at time zero.
-    ASSERT_TRUE(succeeds({"set", "d.tavolar", "1", "--window-begin", "0", "--window-end", "40"}));
+    // The window begins 2 ms before the peak, at -1.75 ms; phase and group delay count from time zero.
+    ASSERT_TRUE(succeeds({"set", "d.tavolar", "1", "--window-end", "40"}));
     RunResult written = run({"export", "d.tavolar", "1", "-o", "curves.csv", "--fft-length", "4096",
                              "--curves", "magnitude,phase,group-delay,excess-phase"});
     ASSERT_EQ(written.exitCode, 0) << written.err;
@@ -55,6 +55,22 @@ TEST_F(ExportCommand, FrequencyCurvesMatchTheSystem) {
         EXPECT_LE(row[2], 180.0);
         EXPECT_NEAR(row[4], 1000.0 * kDelay / kRate, 1e-3) << frequency;
     }
+
+    // Counted from the peak, the delay is gone; from the window's begin, 96 samples (2 ms) of it.
+    for (const auto& [reference, delay] : {std::pair{"peak", 0.0}, std::pair{"window", 96.0}}) {
+        ASSERT_TRUE(succeeds({"export", "d.tavolar", "1", "-o", "r.csv", "--fft-length", "4096", "--curves",
+                              "phase,group-delay", "--phase-reference", reference}));
+        const Table referenced = readCSV(folder / "r.csv");
+        ASSERT_EQ(referenced.rows.size(), 2048u);
+        for (std::size_t bin : {1u, 100u, 1000u, 2047u}) {
+            const std::vector<double>& row = referenced.rows[bin];
+            EXPECT_NEAR(wrappedDegrees(row[1] + 360.0 * row[0] * delay / kRate), 0.0, 0.05) << reference;
+            EXPECT_NEAR(row[2], 1000.0 * delay / kRate, 1e-3) << reference;
+        }
+    }
+    expectRefused(
+        {"export", "d.tavolar", "-o", "x.csv", "--curves", "magnitude", "--phase-reference", "peak"}, 2,
+        "--phase-reference");
 
     // FRD: the two header lines, then frequency, magnitude and wrapped phase of the same bins.
     ASSERT_TRUE(succeeds({"export", "d.tavolar", "-o", "d.frd", "--fft-length", "4096"}));
@@ -82,9 +98,13 @@ TEST_F(ExportCommand, FrequencyCurvesMatchTheSystem) {
 }
 
 TEST_F(ExportCommand, TimeCurvesWavAndSeveralRecordsIntoAFolder) {
-    ASSERT_TRUE(succeeds({"import", "delay.wav", "-o", "d.tavolar", "--name", "Second/one"}));
+    // The second record has a tail sample far below the six decimals of the frequency curves.
+    std::vector<float> tail = pureDelay();
+    tail[kDelay + 24] = 3e-7f;
+    writeSound(folder / "tail.wav", tail, kRate);
+    ASSERT_TRUE(succeeds({"import", "tail.wav", "-o", "d.tavolar", "--name", "Second/one"}));
     // The impulse and its energy-time curve over -1 to +1 ms of the centred time axis.
-    ASSERT_TRUE(succeeds({"export", "d.tavolar", "1", "-o", "t.csv", "--curves", "impulse,etc",
+    ASSERT_TRUE(succeeds({"export", "d.tavolar", "2", "-o", "t.csv", "--curves", "impulse,etc",
                           "--time-start", "-1.001", "--time-end", "1.001"}));
     Table time = readCSV(folder / "t.csv");
     EXPECT_EQ(time.headers, (std::vector<std::string>{"Time (ms)", "Impulse response", "ETC (dB)"}));
@@ -95,6 +115,7 @@ TEST_F(ExportCommand, TimeCurvesWavAndSeveralRecordsIntoAFolder) {
     EXPECT_NEAR((*peak)[0], 0.25, 1e-6);
     EXPECT_NEAR((*peak)[1], 0.5, 1e-6);
     EXPECT_NEAR((*peak)[2], 20.0 * std::log10(0.5), 0.01);
+    EXPECT_EQ(static_cast<float>(time.rows[48 + kDelay + 24][1]), 3e-7f) << "a time sample was rounded";
 
     // WAV: the impulse response as stored, sample for sample; with --windowed, the window's part.
     ASSERT_TRUE(succeeds({"export", "d.tavolar", "1", "-o", "ir.wav"}));

@@ -49,6 +49,7 @@ TEST(VELTCSVExporter, WritesHeadersAndRowsByteForByte) {
         std::vector<std::string> headers;
         std::vector<VELTRealVector> columns;
         std::string expected;
+        bool everyDigit = false;
     };
     const Case cases[] = {
         {{"Freq"}, {VELTRealVector{20.0f, 40.0f}}, "Freq,\n20.000000,\n40.000000,\n"},
@@ -69,6 +70,11 @@ TEST(VELTCSVExporter, WritesHeadersAndRowsByteForByte) {
         {{"Phase (°)", "Fréquence – Hz", "Extra"},
          {VELTRealVector{1.0f}},
          "Phase (?),Fr?quence ? Hz,Extra,\n1.000000,\n"},
+        // Every significant digit: the samples that six decimals lose read back exactly.
+        {{"Time (ms)", "Impulse response"},
+         {VELTRealVector{-0.0208333f, 0.1f}, VELTRealVector{2.5e-6f, -1e-30f}},
+         "Time (ms),Impulse response,\n-0.0208333004,2.49999994e-06,\n0.100000001,-1e-30,\n",
+         true},
     };
     ExportFolder folder;
     const auto path = folder / "response.csv";
@@ -76,6 +82,7 @@ TEST(VELTCSVExporter, WritesHeadersAndRowsByteForByte) {
         VELTCSVExporter exporter;
         exporter.setColumns(c.columns);
         exporter.setHeaders(c.headers);
+        exporter.setWritesEverySignificantDigit(c.everyDigit);
         exporter.writeToURL(path); // replaces what the case before wrote
         EXPECT_EQ(fileContents(path), c.expected);
     }
