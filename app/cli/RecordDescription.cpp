@@ -153,13 +153,21 @@ nlohmann::json describeRecord(const VELTMeasurementRecord& record, std::size_t n
         json["distanceMetres"] = nullptr;
     }
 
+    // The window's edges are signed offsets from time zero and its end is exclusive: an end at the
+    // response's midpoint is its last positive time, not the first negative one that the record's
+    // circular time axis reads there.
+    const std::int64_t begin = record.windowBegin(), end = record.windowEnd();
+    auto milliseconds = [rate = record.sampleRate()](std::int64_t samples) {
+        return rate > 0 ? shortest(static_cast<float>(1000.0 * static_cast<double>(samples) /
+                                                      static_cast<double>(rate)))
+                        : 0.0;
+    };
     json["window"] = {
-        {"beginSample", record.windowBegin()},
-        {"endSample", record.windowEnd()},
-        {"beginMilliseconds", record.sampleRate() > 0 ? shortest(record.windowBeginInMilliseconds()) : 0.0},
-        {"endMilliseconds", record.sampleRate() > 0 ? shortest(record.windowEndInMilliseconds()) : 0.0},
-        {"durationMilliseconds",
-         record.sampleRate() > 0 ? shortest(record.windowDurationInMilliseconds()) : 0.0},
+        {"beginSample", begin},
+        {"endSample", end},
+        {"beginMilliseconds", milliseconds(begin)},
+        {"endMilliseconds", milliseconds(end)},
+        {"durationMilliseconds", milliseconds(end - begin)},
         {"type", windowTypeName(record.windowType())},
     };
     json["validRange"] = {{"startFrequency", shortest(record.startFrequency())},

@@ -33,6 +33,10 @@ double wrappedDegrees(double degrees) {
 }
 
 TEST_F(ExportCommand, FrequencyCurvesMatchTheSystem) {
+    // The default window ends at the response's last positive time, 4096 samples after time zero.
+    const nlohmann::json window = info("d.tavolar", "1")["window"];
+    EXPECT_NEAR(window["endMilliseconds"].get<double>(), 4096000.0 / kRate, 1e-4);
+    EXPECT_NEAR(window["durationMilliseconds"].get<double>(), (4096 + 84) * 1000.0 / kRate, 1e-4);
     // The window begins 2 ms before the peak, at -1.75 ms; phase and group delay count from time zero.
     ASSERT_TRUE(succeeds({"set", "d.tavolar", "1", "--window-end", "40"}));
     RunResult written = run({"export", "d.tavolar", "1", "-o", "curves.csv", "--fft-length", "4096",
