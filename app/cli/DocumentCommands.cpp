@@ -1,4 +1,4 @@
-// list, info, set and calibrate: reading and changing the records of a document.
+// list, info, set, calibrate, rename, delete and copy: reading and changing the records of a document.
 
 #include "CommandLine.h"
 #include "RecordDescription.h"
@@ -6,10 +6,13 @@
 #include "audio/AudioChannelSensitivity.h"
 #include "audio/MicrophoneCalibrationRecord.h"
 
+#include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -64,46 +67,162 @@ void addListCommand(CLI::App& app, CommandList& commands) {
                         }});
 }
 
+namespace {
+
+// What info --capture-settings shows: the devices, output channels, loop-back and input channels
+// (with their calibrations and sensitivities) that measure uses next; null when there are none.
+nlohmann::json describeCaptureSettings(const std::optional<VELTAudioCaptureSettings>& settings) {
+    if (!settings)
+        return nullptr;
+    auto text = [](const std::optional<std::string>& value) {
+        return value ? nlohmann::json(*value) : nlohmann::json(nullptr);
+    };
+    nlohmann::json json;
+    json["recordDevice"] = text(settings->recordDeviceUID());
+    json["playbackDevice"] = text(settings->playbackDeviceUID());
+    json["playbackChannels"] = settings->playbackDeviceUID() || settings->playbackChannels()
+                                   ? nlohmann::json(settings->playbackChannelArray())
+                                   : nlohmann::json(nullptr);
+    json["loopback"] = settings->correctionEnabled()
+                           ? nlohmann::json{{"output", settings->correctionPlaybackChannel()},
+                                            {"input", settings->correctionRecordChannel()}}
+                           : nlohmann::json(nullptr);
+    json["inputs"] = nlohmann::json::array();
+    for (const RecordChannelEntry& entry : settings->recordChannelEntries()) {
+        nlohmann::json input{{"channel", entry.channel()},
+                             {"sensitivity", entry.sensitivity()
+                                                 ? nlohmann::json(entry.sensitivity()->stringValue())
+                                                 : nlohmann::json(nullptr)},
+                             {"splOffsetDecibels", entry.dBSPLOffsetValue()}};
+        if (const auto& calibration = entry.calibrationRecord())
+            input["calibration"] = {
+                {"microphone", calibration->name()},
+                {"sensitivity", calibration->sensitivity()},
+                {"sensitivityUnit",
+                 std::string(labelForMicrophoneSensitivityUnit(calibration->sensitivityUnits()))},
+                {"points",
+                 calibration->magnitudeSpline() ? calibration->magnitudeSpline()->x().length() : 0}};
+        else
+            input["calibration"] = nullptr;
+        json["inputs"].push_back(std::move(input));
+    }
+    return json;
+}
+
+std::string formatCaptureSettings(const nlohmann::json& json) {
+    auto textOr = [](const nlohmann::json& value, std::string_view otherwise) {
+        return value.is_string() ? value.get<std::string>() : std::string(otherwise);
+    };
+    std::string text = "Capture settings:\n";
+    text += fmt::format("  Record device    {}\n", textOr(json["recordDevice"], "not chosen"));
+    std::string playback = textOr(json["playbackDevice"], "not chosen");
+    if (json["playbackChannels"].is_array())
+        playback += fmt::format(", output {}",
+                                fmt::join(json["playbackChannels"].get<std::vector<std::uint64_t>>(), ","));
+    text += fmt::format("  Playback device  {}\n", playback);
+    if (const auto& loopback = json["loopback"]; loopback.is_object())
+        text += fmt::format("  Loop-back        output {} to input {}\n",
+                            loopback["output"].get<std::int64_t>(), loopback["input"].get<std::int64_t>());
+    else
+        text += "  Loop-back        none\n";
+    if (json["inputs"].empty())
+        text += "  Inputs           none\n";
+    for (const nlohmann::json& input : json["inputs"]) {
+        std::string value = "no calibration";
+        if (const auto& calibration = input["calibration"]; calibration.is_object())
+            value = fmt::format("{}, {:g} {}, {} points", calibration["microphone"].get<std::string>(),
+                                calibration["sensitivity"].get<double>(),
+                                calibration["sensitivityUnit"].get<std::string>(),
+                                calibration["points"].get<std::size_t>());
+        if (input["sensitivity"].is_string())
+            value += fmt::format(", full scale {}", input["sensitivity"].get<std::string>());
+        value += fmt::format(" (SPL offset {:.2f} dB)", input["splOffsetDecibels"].get<double>());
+        text += fmt::format("  Input {:<10} {}\n", input["channel"].get<std::int64_t>(), value);
+    }
+    return text;
+}
+
+} // namespace
+
 void addInfoCommand(CLI::App& app, CommandList& commands) {
     struct Options {
         std::string document;
         std::vector<std::string> records;
         bool json = false;
+        bool captureSettings = false;
     };
     auto options = std::make_shared<Options>();
     CLI::App* command =
         app.add_subcommand("info", "Show everything about records: peak, delay, window, sweep, "
-                                   "calibration, comments");
+                                   "calibration, comments; or the document's capture settings");
     command->add_option("document", options->document, "The document (*.tavolar)")->required();
     command->add_option("records", options->records,
                         "Records by number (as list shows), UUID or UUID prefix; default: all");
+    command->add_flag("--capture-settings", options->captureSettings,
+                      "Show the document's capture settings (devices, channels, calibrations) instead of "
+                      "records");
     command->add_flag("--json", options->json, "Print JSON for scripts");
     commands.push_back({command, [options]() -> Expected<void> {
+                            if (options->captureSettings && !options->records.empty())
+                                return usageFailure("--capture-settings shows the document's channels, not "
+                                                    "records: leave out the record numbers.");
                             auto store = RecordStore::open(options->document, RecordStore::Mode::ReadOnly);
                             if (!store)
                                 return std::unexpected(store.error());
+                            if (options->captureSettings) {
+                                auto settings = store->captureSettings();
+                                if (!settings)
+                                    return std::unexpected(settings.error());
+                                nlohmann::json description = describeCaptureSettings(*settings);
+                                if (options->json) {
+                                    printLine(jsonText(description));
+                                } else if (description.is_null()) {
+                                    printLine(fmt::format("{} holds no capture settings: measure keeps them, "
+                                                          "and calibrate --capture-settings sets them.",
+                                                          options->document));
+                                } else {
+                                    std::string text = formatCaptureSettings(description);
+                                    text.pop_back();
+                                    printLine(text);
+                                }
+                                return {};
+                            }
                             auto indices = store->select(options->records, true);
                             if (!indices)
                                 return std::unexpected(indices.error());
+                            // A record that cannot be read does not hide the others: they are shown,
+                            // and the first failure is reported after them.
                             nlohmann::json descriptions = nlohmann::json::array();
+                            std::optional<TavolarError> unreadable;
+                            std::size_t unreadableCount = 0;
                             for (std::size_t index : *indices) {
                                 auto record = store->load(index);
-                                if (!record)
-                                    return std::unexpected(record.error());
+                                if (!record) {
+                                    if (!unreadable)
+                                        unreadable = record.error();
+                                    ++unreadableCount;
+                                    continue;
+                                }
                                 descriptions.push_back(describeRecord(**record, index + 1));
                             }
+                            if (unreadableCount > 1)
+                                unreadable->localizedDescription +=
+                                    fmt::format(" ({} records cannot be read.)", unreadableCount);
                             if (options->json) {
-                                printLine(jsonText(descriptions));
-                                return {};
+                                if (!descriptions.empty() || !unreadable)
+                                    printLine(jsonText(descriptions));
+                            } else {
+                                if (descriptions.empty() && !unreadable)
+                                    printLine(fmt::format("{} holds no records.", options->document));
+                                for (std::size_t at = 0; at < descriptions.size(); ++at) {
+                                    std::string text = formatRecordDescription(descriptions[at]);
+                                    if (at + 1 == descriptions.size())
+                                        text.pop_back();
+                                    printLine(text);
+                                }
                             }
-                            if (descriptions.empty())
-                                printLine(fmt::format("{} holds no records.", options->document));
-                            for (std::size_t at = 0; at < descriptions.size(); ++at) {
-                                std::string text = formatRecordDescription(descriptions[at]);
-                                if (at + 1 == descriptions.size())
-                                    text.pop_back();
-                                printLine(text);
-                            }
+                            if (unreadable)
+                                return std::unexpected(*unreadable);
                             return {};
                         }});
 }
@@ -445,6 +564,170 @@ void addCalibrateCommand(CLI::App& app, CommandList& commands) {
                  options->remove ? "Removed the microphone calibration of" : "Changed the calibration of";
              printLine(
                  fmt::format("{} {} in {}.", what, plural(records->size(), "record"), options->document));
+             return {};
+         }});
+}
+
+void addRenameCommand(CLI::App& app, CommandList& commands) {
+    struct Options {
+        std::string document;
+        std::string record;
+        std::string name;
+    };
+    auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand("rename", "Give a record a new name (its comment)");
+    command->add_option("document", options->document, "The document (*.tavolar)")->required();
+    command->add_option("record", options->record, "The record by number, UUID or UUID prefix")->required();
+    command->add_option("name", options->name, "The new name")->required();
+    commands.push_back({command, [options]() -> Expected<void> {
+                            if (options->name.empty())
+                                return usageFailure("The new name is empty.",
+                                                    "Give a name, or clear it with set --comment \"\".");
+                            auto store = RecordStore::open(options->document, RecordStore::Mode::ReadWrite);
+                            if (!store)
+                                return std::unexpected(store.error());
+                            const std::vector<std::string> selector{options->record};
+                            auto indices = store->select(selector, false);
+                            if (!indices)
+                                return std::unexpected(indices.error());
+                            if (indices->size() != 1)
+                                return usageFailure(
+                                    "rename changes one record: name it by its number or UUID.");
+                            auto record = store->load(indices->front());
+                            if (!record)
+                                return std::unexpected(record.error());
+                            (*record)->setComment(options->name);
+                            const std::shared_ptr<VELTMeasurementRecord> changed[] = {*record};
+                            if (auto saved = store->save(changed, {}); !saved)
+                                return saved;
+                            printLine(fmt::format("Renamed record {} of {} to {}.", indices->front() + 1,
+                                                  options->document, RecordStore::displayName(**record)));
+                            return {};
+                        }});
+}
+
+void addDeleteCommand(CLI::App& app, CommandList& commands) {
+    struct Options {
+        std::string document;
+        std::vector<std::string> records;
+    };
+    auto options = std::make_shared<Options>();
+    CLI::App* command =
+        app.add_subcommand("delete", "Remove records and their impulse responses from a document");
+    command->add_option("document", options->document, "The document (*.tavolar)")->required();
+    command->add_option("records", options->records, "Records by number, UUID or UUID prefix, or all")
+        ->required();
+    commands.push_back(
+        {command, [options]() -> Expected<void> {
+             auto store = RecordStore::open(options->document, RecordStore::Mode::ReadWrite);
+             if (!store)
+                 return std::unexpected(store.error());
+             auto indices = store->select(options->records, false);
+             if (!indices)
+                 return std::unexpected(indices.error());
+             // A damaged record can be deleted too: nothing of it is read.
+             MeasurementDocument& document = store->document();
+             auto removed = document.performBatch([&]() -> Expected<void> {
+                 for (std::size_t index : *indices)
+                     if (auto gone = document.removeRecord(store->summaries()[index].uuid); !gone)
+                         return std::unexpected(gone.error());
+                 return {};
+             });
+             if (!removed)
+                 return std::unexpected(documentError(options->document, removed.error()));
+             std::vector<std::size_t> numbers;
+             for (std::size_t index : *indices)
+                 numbers.push_back(index + 1);
+             std::sort(numbers.begin(), numbers.end());
+             printLine(fmt::format("Deleted record{} {} from {}.", numbers.size() == 1 ? "" : "s",
+                                   fmt::join(numbers, ", "), options->document));
+             return {};
+         }});
+}
+
+void addCopyCommand(CLI::App& app, CommandList& commands) {
+    struct Options {
+        std::string document;
+        std::vector<std::string> records;
+        std::string target;
+    };
+    auto options = std::make_shared<Options>();
+    CLI::App* command = app.add_subcommand(
+        "copy", "Copy records, with their impulse responses, calibrations and settings, into another "
+                "document (created if missing)");
+    command->add_option("document", options->document, "The document to copy from (*.tavolar)")->required();
+    command->add_option("records", options->records, "Records by number, UUID or UUID prefix, or all")
+        ->required();
+    command->add_option("-o,--output", options->target, "The document to copy into (created if missing)")
+        ->required();
+    commands.push_back(
+        {command, [options]() -> Expected<void> {
+             std::error_code sameError;
+             if (std::filesystem::exists(options->target) &&
+                 std::filesystem::equivalent(options->document, options->target, sameError))
+                 return usageFailure("The records are in that document already: give another one with -o.");
+             auto source = RecordStore::open(options->document, RecordStore::Mode::ReadOnly);
+             if (!source)
+                 return std::unexpected(source.error());
+             auto indices = source->select(options->records, false);
+             if (!indices)
+                 return std::unexpected(indices.error());
+             // Every record is read (and its checksums checked) before anything is written, so that a
+             // damaged one stops the copy before the target is created or changed.
+             struct Stored {
+                 const RecordSummary* summary;
+                 std::vector<std::byte> archive;
+                 std::optional<StoredImpulseResponse> impulse;
+             };
+             std::vector<Stored> copies;
+             for (std::size_t index : *indices) {
+                 // Decoding proves the record readable; the stored bytes are what is copied.
+                 if (auto record = source->load(index); !record)
+                     return failure(record.error().localizedDescription,
+                                    "Leave that record out: name the others, as list shows them.");
+                 const RecordSummary& summary = source->summaries()[index];
+                 auto archive = source->document().recordArchive(summary.uuid);
+                 auto impulse = source->document().impulseResponse(summary.uuid);
+                 if (!archive || !*archive || !impulse)
+                     return failure(fmt::format("Record {} of {} changed while it was copied.", index + 1,
+                                                options->document),
+                                    "Try again.");
+                 copies.push_back({&summary, std::move(**archive), std::move(*impulse)});
+             }
+             auto target = RecordStore::open(options->target, RecordStore::Mode::CreateIfMissing);
+             if (!target)
+                 return std::unexpected(target.error());
+             std::set<std::string, std::less<>> present;
+             for (const RecordSummary& summary : target->summaries())
+                 present.insert(summary.uuid);
+             for (std::size_t at = 0; at < copies.size(); ++at)
+                 if (present.contains(copies[at].summary->uuid))
+                     return failure(fmt::format("Record {} ({}) is in {} already.", (*indices)[at] + 1,
+                                                copies[at].summary->uuid, options->target),
+                                    "Leave it out, or delete it from that document first.");
+             MeasurementDocument& document = target->document();
+             const std::size_t firstNumber = target->summaries().size() + 1;
+             auto written = document.performBatch([&]() -> Expected<void> {
+                 for (const Stored& copy : copies) {
+                     if (copy.impulse)
+                         if (auto put = document.putImpulseResponse(copy.summary->uuid, copy.impulse->samples,
+                                                                    copy.impulse->sampleRate);
+                             !put)
+                             return put;
+                     if (auto put = document.putRecord(copy.summary->uuid, copy.archive,
+                                                       {copy.summary->name, copy.summary->date});
+                         !put)
+                         return put;
+                 }
+                 return {};
+             });
+             if (!written)
+                 return std::unexpected(documentError(options->target, written.error()));
+             printLine(fmt::format(
+                 "Copied {} from {} into {} as record{} {}.", plural(copies.size(), "record"),
+                 options->document, options->target, copies.size() == 1 ? "" : "s",
+                 copies.size() == 1 ? std::to_string(firstNumber)
+                                    : fmt::format("{} to {}", firstNumber, firstNumber + copies.size() - 1)));
              return {};
          }});
 }

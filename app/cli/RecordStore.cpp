@@ -52,10 +52,10 @@ Expected<RecordStore> RecordStore::open(const std::filesystem::path& path, Mode 
     if (!document)
         return std::unexpected(documentError(path, document.error()));
     store.document_ = std::move(*document);
-    // Nothing is written into a document that is already damaged somewhere: the damage is reported
-    // while the rest can still be saved from it.
+    // Nothing is written into a document whose structure is damaged: the damage is reported while the
+    // rest can still be saved from it. A record that fails its checksum blocks only itself.
     if (exists && mode != Mode::ReadOnly)
-        if (auto intact = store.document_->checkIntegrity(); !intact)
+        if (auto intact = store.document_->checkStructure(); !intact)
             return std::unexpected(documentError(path, intact.error()));
     auto summaries = store.document_->listRecords();
     if (!summaries)
@@ -142,11 +142,13 @@ Expected<std::vector<std::size_t>> RecordStore::select(std::span<const std::stri
 Expected<std::shared_ptr<VELTMeasurementRecord>> RecordStore::load(std::size_t index) const {
     const RecordSummary& summary = summaries_.at(index);
     auto describe = [&](const TavolarError& error) {
-        return failure(fmt::format("Record {} ({}) of {} cannot be read: {}", index + 1, summary.uuid,
-                                   path_.string(), error.localizedDescription),
-                       error.localizedRecoverySuggestion.empty()
-                           ? "The document may be damaged; its other records can still be used."
-                           : error.localizedRecoverySuggestion);
+        return failure(
+            fmt::format("Record {} ({}) of {} cannot be read: {}", index + 1, summary.uuid, path_.string(),
+                        error.localizedDescription),
+            fmt::format("The other records of the document can still be read and changed. "
+                        "Remove this one with: tavolar delete {} {}; or copy the others into a new "
+                        "document with: tavolar copy {} RECORDS -o NEW.tavolar",
+                        path_.string(), index + 1, path_.string()));
     };
     auto archive = document_->recordArchive(summary.uuid);
     if (!archive)

@@ -74,6 +74,10 @@ public:
     Expected<std::optional<VELTAudioCaptureSettings>> captureSettings() const;
     Expected<void> putCaptureSettings(const VELTAudioCaptureSettings& settings);
 
+    // The document itself, for what goes past records as the command line decodes them (deleting
+    // records, copying their stored bytes).
+    MeasurementDocument& document() const noexcept { return *document_; }
+
     // The name a record is shown under: its comment, or "Untitled".
     static std::string displayName(const VELTMeasurementRecord& record);
 

@@ -66,6 +66,9 @@ int run(int argc, char** argv) {
     addInfoCommand(app, commands);
     addSetCommand(app, commands);
     addCalibrateCommand(app, commands);
+    addRenameCommand(app, commands);
+    addDeleteCommand(app, commands);
+    addCopyCommand(app, commands);
     addExportCommand(app, commands);
     addBandsCommand(app, commands);
     addTuneCommand(app, commands);

@@ -175,6 +175,15 @@ TavolarError MeasurementDocument::damagedError(std::string_view what) const {
                          "into a new document.");
 }
 
+TavolarError MeasurementDocument::damagedItemError(std::string_view what) const {
+    return documentError(MeasurementDocumentErrorCode::Damaged,
+                         localizedFormat("The document “{}” is damaged: {}.",
+                                         "Description of a document error", path_.string(), what),
+                         "The damage is confined to that item: the document's other records can still be "
+                         "read and changed. Remove the damaged record, or copy the other records into a new "
+                         "document.");
+}
+
 TavolarError MeasurementDocument::errorFor(const SQLiteFailure& failure) const {
     const std::string name = path_.string();
     const char* comment = "Description of a document error";
@@ -527,8 +536,8 @@ MeasurementDocument::recordArchive(std::string_view uuid) const {
         return std::nullopt;
     std::span<const std::byte> archive = statement.columnBlob(1);
     if (checksumOf(archive) != statement.columnInt64(0))
-        return failure(damagedError(localizedFormat("the record “{}” does not match its checksum",
-                                                    "Reason a document is damaged", uuid)));
+        return failure(damagedItemError(localizedFormat("the record “{}” does not match its checksum",
+                                                        "Reason a document is damaged", uuid)));
     return copyOf(archive);
 }
 
@@ -656,8 +665,8 @@ MeasurementDocument::impulseResponse(std::string_view uuid) const {
         bytes.size() != static_cast<std::uint64_t>(sampleCount) * sizeof(float) ||
         impulseChecksumOf(sampleRate, bytes) != statement.columnInt64(2))
         return failure(
-            damagedError(localizedFormat("the impulse response of “{}” does not match its checksum",
-                                         "Reason a document is damaged", uuid)));
+            damagedItemError(localizedFormat("the impulse response of “{}” does not match its checksum",
+                                             "Reason a document is damaged", uuid)));
     return StoredImpulseResponse{samplesFromLittleEndian(bytes), sampleRate};
 }
 
@@ -724,8 +733,8 @@ MeasurementDocument::namedArchive(std::string_view kind, std::string_view name) 
         return std::nullopt;
     std::span<const std::byte> archive = statement.columnBlob(1);
     if (checksumOf(archive) != statement.columnInt64(0))
-        return failure(damagedError(localizedFormat("the settings “{}” do not match their checksum",
-                                                    "Reason a document is damaged", name)));
+        return failure(damagedItemError(localizedFormat("the settings “{}” do not match their checksum",
+                                                        "Reason a document is damaged", name)));
     return copyOf(archive);
 }
 
@@ -795,7 +804,7 @@ Expected<bool> MeasurementDocument::removeSweepPreset(std::string_view name) {
 
 // MARK: Integrity
 
-Expected<void> MeasurementDocument::checkIntegrity() const {
+Expected<void> MeasurementDocument::checkStructure() const {
     std::lock_guard lock(mutex_);
     SQLiteDatabase& database = *database_;
     SQLiteStatement check;
@@ -820,7 +829,14 @@ Expected<void> MeasurementDocument::checkIntegrity() const {
             joined += (joined.empty() ? "" : "; ") + finding;
         return failure(damagedError(joined));
     }
+    return {};
+}
 
+Expected<void> MeasurementDocument::checkIntegrity() const {
+    std::lock_guard lock(mutex_);
+    if (Expected<void> structure = checkStructure(); !structure)
+        return structure;
+    SQLiteDatabase& database = *database_;
     // Every stored blob against its checksum.
     struct Table {
         const char* sql;
@@ -848,7 +864,7 @@ Expected<void> MeasurementDocument::checkIntegrity() const {
                 table.isImpulse ? impulseChecksumOf(statement.columnInt64(3), statement.columnBlob(2))
                                 : checksumOf(statement.columnBlob(2));
             if (checksum != statement.columnInt64(1))
-                return failure(damagedError(
+                return failure(damagedItemError(
                     localizedFormat(table.what, "Reason a document is damaged", statement.columnText(0))));
         }
     }

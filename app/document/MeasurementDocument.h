@@ -135,6 +135,10 @@ public:
     // Checks the whole file: the database's own integrity check and every stored checksum. Reads
     // everything, so it is for an explicit check, not for every open.
     Expected<void> checkIntegrity() const;
+    // The database's own integrity check alone: damage to the file's structure, which a write could
+    // spread, as opposed to a stored blob that fails its checksum, which stays confined to its record
+    // (and is reported when that record is read).
+    Expected<void> checkStructure() const;
 
 private:
     struct Statements;
@@ -145,6 +149,9 @@ private:
     Expected<void> verifyOpenedFile();
     TavolarError errorFor(const SQLiteFailure& failure) const;
     TavolarError damagedError(std::string_view what) const;
+    // Damage to one stored item (a record, an impulse response, named settings) that leaves the rest
+    // of the document readable and writable.
+    TavolarError damagedItemError(std::string_view what) const;
     Expected<void> requireWritable() const;
     // Runs body inside a savepoint: released when body succeeds, rolled back when it fails or throws.
     Expected<void> inTransaction(const std::function<Expected<void>()>& body);

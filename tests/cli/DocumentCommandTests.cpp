@@ -189,21 +189,77 @@ TEST_F(Documents, DamagedOrForeignFilesAreReportedAndLeftAsTheyAre) {
     for (const std::string name : {"text.tavolar", "half.tavolar", "flipped.tavolar"}) {
         const std::string before = fileBytes(folder / name);
         // Listing reads only the table of records, which may have survived the damage; everything
-        // that reads the records or writes is refused, naming the document.
+        // that reads the damaged record, or writes into a damaged file, is refused, naming the
+        // document. Damage within one record's data (flipped) leaves the file writable.
         std::vector<Arguments> commands{{"info", name},
                                         {"export", name, "-o", "out.csv"},
                                         {"set", name, "1", "--comment", "x"},
                                         {"calibrate", name, "1", "--remove"},
-                                        {"import", "ir.wav", "-o", name}};
+                                        {"rename", name, "1", "x"},
+                                        {"copy", name, "1", "-o", "copy.tavolar"}};
         if (name != "flipped.tavolar")
-            commands.push_back({"list", name});
+            commands.insert(commands.end(), {{"list", name}, {"import", "ir.wav", "-o", name}});
         for (const Arguments& arguments : commands)
             expectRefused(arguments, 1, name);
         EXPECT_TRUE(fileBytes(folder / name) == before) << name << " was changed";
     }
+    EXPECT_FALSE(std::filesystem::exists(folder / "copy.tavolar"));
     EXPECT_FALSE(std::filesystem::exists(folder / "out.csv"));
     expectRefused({"list", "nowhere.tavolar"}, 1, "does not exist");
     EXPECT_FALSE(std::filesystem::exists(folder / "nowhere.tavolar"));
+}
+
+TEST_F(Documents, ADamagedRecordBlocksOnlyItselfAndRecordsAreRenamedCopiedAndDeleted) {
+    for (const char* name : {"Left", "Right", "Centre"})
+        ASSERT_TRUE(succeeds({"import", "ir.wav", "-o", "d.tavolar", "--name", name}));
+    ASSERT_TRUE(succeeds({"set", "d.tavolar", "1", "--notes", "on axis", "--window-end", "20"}));
+    const nlohmann::json left = info("d.tavolar", "1");
+    sql(folder / "d.tavolar", "UPDATE records SET checksum = checksum + 1 WHERE name = 'Right'");
+
+    // The damaged record is refused, with a way out that exists; the others read and change.
+    expectRefused({"set", "d.tavolar", "2", "--notes", "x"}, 1, "tavolar delete d.tavolar 2");
+    ASSERT_TRUE(succeeds({"rename", "d.tavolar", "3", "Centre fill"}));
+    RunResult all = run({"info", "d.tavolar", "--json"});
+    EXPECT_EQ(all.exitCode, 1);
+    EXPECT_NE(all.err.find("Record 2"), std::string::npos) << all.err;
+    nlohmann::json shown = nlohmann::json::parse(all.out, nullptr, false);
+    ASSERT_EQ(shown.size(), 2u) << all.out;
+    EXPECT_EQ(shown[1]["name"], "Centre fill");
+
+    // Copies keep everything a record carries; a damaged record, one already there and copying into
+    // the same document are refused.
+    expectRefused({"copy", "d.tavolar", "all", "-o", "new.tavolar"}, 1, "Record 2");
+    EXPECT_FALSE(std::filesystem::exists(folder / "new.tavolar"));
+    ASSERT_TRUE(succeeds({"copy", "d.tavolar", "3", "1", "-o", "new.tavolar"}));
+    nlohmann::json copied = info("new.tavolar", "2");
+    copied["number"] = 1;
+    EXPECT_EQ(copied, left);
+    expectRefused({"copy", "d.tavolar", "1", "-o", "new.tavolar"}, 1, "already");
+    expectRefused({"copy", "d.tavolar", "1", "-o", "./d.tavolar"}, 2);
+
+    // Deleting takes the damaged record too; the others move up.
+    ASSERT_TRUE(succeeds({"delete", "d.tavolar", "2"}));
+    EXPECT_EQ(info("d.tavolar", "2")["name"], "Centre fill");
+    EXPECT_EQ(infoOfAll("d.tavolar").size(), 2u);
+    expectRefused({"delete", "d.tavolar", "3"}, 1, "no record 3");
+    expectRefused({"rename", "d.tavolar", "1", ""}, 2);
+}
+
+TEST_F(CalibrateCommand, InfoShowsTheCaptureSettings) {
+    ASSERT_TRUE(succeeds({"import", "ir.wav", "-o", "c.tavolar"}));
+    EXPECT_TRUE(json({"info", "c.tavolar", "--capture-settings", "--json"}).is_null());
+    std::ofstream(folder / "mic.txt") << "20 -1 0\n1000 0 0\n20000 2 0\n";
+    ASSERT_TRUE(succeeds({"calibrate", "c.tavolar", "--capture-settings", "--channel", "1", "--file",
+                          "mic.txt", "--channel-sensitivity", "0"}));
+    nlohmann::json settings = json({"info", "c.tavolar", "--capture-settings", "--json"});
+    // Input 0 is there from the start; input 1 is the one calibrated.
+    ASSERT_EQ(settings["inputs"].size(), 2u);
+    const nlohmann::json& input = settings["inputs"][1];
+    EXPECT_EQ(input["channel"], 1);
+    EXPECT_EQ(input["calibration"]["microphone"], "mic");
+    EXPECT_EQ(input["sensitivity"], "0 dBV");
+    EXPECT_NE(run({"info", "c.tavolar", "--capture-settings"}).out.find("Input 1"), std::string::npos);
+    expectRefused({"info", "c.tavolar", "1", "--capture-settings"}, 2);
 }
 
 } // namespace
