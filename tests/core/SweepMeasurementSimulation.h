@@ -6,8 +6,11 @@
 
 #include "engine/SweptSineDeconvolution.h"
 #include "engine/VELTLogSweepSettings.h"
+#include "math/VELTFFTSetup.h"
 #include "math/VELTRealVector.h"
 
+#include <algorithm>
+#include <bit>
 #include <cmath>
 #include <complex>
 #include <cstdint>
@@ -54,6 +57,11 @@ inline Biquad normalised(double b0, double b1, double b2, double a0, double a1, 
 inline Biquad lowPass(double frequency, double q, double sampleRate) {
     double w = 2.0 * kPi * frequency / sampleRate, alpha = std::sin(w) / (2.0 * q), c = std::cos(w);
     return normalised((1 - c) / 2, 1 - c, (1 - c) / 2, 1 + alpha, -2 * c, 1 - alpha);
+}
+
+inline Biquad highPass(double frequency, double q, double sampleRate) {
+    double w = 2.0 * kPi * frequency / sampleRate, alpha = std::sin(w) / (2.0 * q), c = std::cos(w);
+    return normalised((1 + c) / 2, -(1 + c), (1 + c) / 2, 1 + alpha, -2 * c, 1 - alpha);
 }
 
 inline Biquad peaking(double frequency, double gainDecibels, double q, double sampleRate) {
@@ -104,6 +112,34 @@ inline std::vector<double> shaped(std::vector<double> x, const std::function<dou
     for (double& sample : x)
         sample = curve(sample);
     return x;
+}
+
+// Applies a memoryless nonlinearity as an analogue device recorded through an ideal converter would:
+// evaluated at four times the rate (exact for polynomials up to the third power), so that harmonics
+// above half the sample rate are removed instead of folding back into the band.
+inline std::vector<double> shapedWithoutAliasing(const std::vector<double>& x,
+                                                 const std::function<double(double)>& curve) {
+    constexpr std::size_t factor = 4;
+    std::size_t length = std::bit_ceil(x.size()), upLength = length * factor;
+    VELTFFTDoubleSetup setup = VELTFFTDoubleSetup::FFTSetupWithLength(length);
+    VELTFFTDoubleSetup upSetup = VELTFFTDoubleSetup::FFTSetupWithLength(upLength);
+    std::vector<double> padded(length, 0.0), real(upLength / 2 + 1, 0.0), imag(upLength / 2 + 1, 0.0);
+    std::copy(x.begin(), x.end(), padded.begin());
+    setup.forwardReal(padded.data(), real.data(), imag.data());
+    real[length / 2] /= 2.0; // the Nyquist bin is shared by the positive and negative halves
+    imag[length / 2] = 0.0;
+    std::vector<double> up(upLength);
+    upSetup.inverseReal(real.data(), imag.data(), up.data());
+    for (double& sample : up)
+        sample = curve(sample * factor);
+    upSetup.forwardReal(up.data(), real.data(), imag.data());
+    std::fill(real.begin() + std::ptrdiff_t(length / 2), real.end(), 0.0);
+    std::fill(imag.begin() + std::ptrdiff_t(length / 2), imag.end(), 0.0);
+    setup.inverseReal(real.data(), imag.data(), padded.data());
+    for (double& sample : padded)
+        sample /= factor;
+    padded.resize(x.size());
+    return padded;
 }
 
 // An angle in degrees brought into -180 .. 180.
