@@ -86,8 +86,9 @@ Expected<MonoSignal> readMonoFloatWav(const std::filesystem::path& path, std::st
     if (info.frames <= 0)
         return failure(fmt::format("The {} file {} holds no samples.", role, name),
                        "Check that the recording was saved completely.");
-    if (info.samplerate <= 0)
-        return failure(fmt::format("The {} file {} has no valid sample rate.", role, name));
+    if (auto supported = checkSampleRate(info.samplerate, fmt::format("The {} file {}", role, name), false);
+        !supported)
+        return std::unexpected(supported.error());
 
     MonoSignal signal;
     signal.sampleRate = info.samplerate;
@@ -151,6 +152,16 @@ Expected<void> writeMonoFloatWav(const std::filesystem::path& path, std::span<co
         return failure(fmt::format("Cannot write {}: {}", name, status.message()));
     }
     return {};
+}
+
+Expected<void> checkSampleRate(std::int64_t sampleRate, std::string_view what, bool option) {
+    if (sampleRate >= kLowestSampleRate && sampleRate <= kHighestSampleRate)
+        return {};
+    std::string message = fmt::format("{}: {} Hz is outside the sample rates tavolar works at, {} to {} Hz.",
+                                      what, sampleRate, kLowestSampleRate, kHighestSampleRate);
+    if (option)
+        return usageFailure(std::move(message));
+    return failure(std::move(message), "Resample the sound to a rate within that range, such as 48000 Hz.");
 }
 
 Expected<void> requireSampleRate(const MonoSignal& signal, std::int64_t stimulusRate,

@@ -18,9 +18,6 @@ namespace tavolar::cli {
 
 namespace {
 
-constexpr std::int64_t kLowestSampleRate = 8000;
-constexpr std::int64_t kHighestSampleRate = 768000;
-
 // Deconvolves a recorded response by its stimulus (and a loop-back reference recorded with it), as
 // the measurement engine does after a sweep, refusing a silent recording or an unusable result.
 Expected<VELTRealVector> deconvolveSignals(const MonoSignal& stimulus, const MonoSignal& response,
@@ -69,13 +66,13 @@ void addSweepCommand(CLI::App& app, CommandList& commands) {
         app.add_subcommand("sweep", "Write the sweep stimulus as a 32-bit float mono WAV file");
     // Positional, or -o like the other commands that write a file.
     command->add_option("output,-o,--output", options->output, "The WAV file to write")->required();
-    command->add_option("-r,--rate", options->sampleRate, "Sample rate, Hz")->capture_default_str();
+    command->add_option("-r,--rate", options->sampleRate, "Sample rate, Hz (1000 to 768000)")
+        ->capture_default_str();
     options->sweep.addTo(*command);
     commands.push_back(
         {command, [options]() -> Expected<void> {
-             if (options->sampleRate < kLowestSampleRate || options->sampleRate > kHighestSampleRate)
-                 return usageFailure(fmt::format("The sample rate must be between {} and {} Hz.",
-                                                 kLowestSampleRate, kHighestSampleRate));
+             if (auto supported = checkSampleRate(options->sampleRate, "--rate", true); !supported)
+                 return supported;
              auto settings = options->sweep.settings(options->sampleRate);
              if (!settings)
                  return std::unexpected(settings.error());

@@ -1,5 +1,6 @@
 #include "SweepOptions.h"
 
+#include "AudioFiles.h"
 #include "CommandLine.h"
 
 #include <cmath>
@@ -36,6 +37,8 @@ bool SweepOptions::given(const CLI::App& app) const {
 }
 
 Expected<VELTLogSweepSettings> SweepOptions::settings(std::int64_t sampleRate) const {
+    if (auto supported = checkSampleRate(sampleRate, "The sweep's sample rate", false); !supported)
+        return std::unexpected(supported.error());
     VELTLogSweepSettings sweep = preset == "long" ? VELTLogSweepSettings::longLogSweepSettings()
                                                   : VELTLogSweepSettings::shortLogSweepSettings();
     const float nyquist = static_cast<float>(sampleRate) / 2.0f;

@@ -34,7 +34,7 @@ struct SweepOptions {
     // The settings for a stimulus at sampleRate Hz. With neither --start nor --end the sweep covers
     // the full range (1 Hz to half the sample rate); with either, the other defaults to that bound.
     // A range outside 0 < start < end <= sampleRate / 2, a length outside (0, 300 s], a level above
-    // 0 dBFS or a negative silence is a usage error.
+    // 0 dBFS or a negative silence is a usage error; a sample rate outside the supported ones an error.
     Expected<VELTLogSweepSettings> settings(std::int64_t sampleRate) const;
 };
 

@@ -5,6 +5,7 @@
 // in a file; every later run of the program loads it, so its transforms are the measured ones from
 // the start at no cost.
 
+#include "AudioFiles.h"
 #include "CommandLine.h"
 #include "engine/SweptSineDeconvolution.h"
 #include "engine/VELTLogSweepSettings.h"
@@ -74,9 +75,8 @@ Expected<void> runTune(const TuneOptions& options) {
         const VELTLogSweepSettings sweep = preset == "long" ? VELTLogSweepSettings::longLogSweepSettings()
                                                             : VELTLogSweepSettings::shortLogSweepSettings();
         for (std::int64_t rate : options.rates) {
-            if (rate < 1000 || rate > 768000)
-                return usageFailure(
-                    fmt::format("A sample rate of {} Hz is outside 1000 to 768000 Hz.", rate));
+            if (auto supported = checkSampleRate(rate, "--rates", true); !supported)
+                return supported;
             const std::size_t samples = sweep.stimulusSignalWithSampleRate(std::uint64_t(rate)).length();
             lengths.insert(deconvolutionTransformLength(samples, samples));
         }
