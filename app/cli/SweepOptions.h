@@ -20,9 +20,10 @@ struct SweepOptions {
     std::optional<float> level;          // dBFS, the sweep's peak
     std::optional<float> beginSilence;   // ms
     std::optional<float> endSilence;     // ms
-    // The level without --level: full scale for a stimulus file; below it for a measurement, where a
-    // loop-back reference at unity gain would otherwise read as clipped.
-    float defaultLevel = 0.0f; // dBFS
+    // The level without --level, the same for every command, so that a stimulus file written by sweep
+    // is what measure plays and what import rebuilds from the sweep options: below full scale, where
+    // a loop-back reference at unity gain would otherwise read as clipped.
+    float defaultLevel = -3.0f; // dBFS
 
     // Registers --preset, --start, --end, --length, --level, --begin-silence, --end-silence.
     void addTo(CLI::App& app);

@@ -161,12 +161,12 @@ TEST_F(ExportCommand, TimeCurvesWavAndSeveralRecordsIntoAFolder) {
 // A response recorded through y = x + a2 x^2 + a3 x^3, 40 samples late, imported once with its
 // stimulus file and once with the stimulus rebuilt from the sweep options.
 TEST_F(ExportCommand, HarmonicDistortionOfAKnownNonlinearity) {
-    // Driven by a sine of amplitude 1, the fundamental becomes 1 + 3/4 a3, the second harmonic
-    // a2 / 2 and the third a3 / 4.
-    const double a2 = 0.1, a3 = 0.08;
-    const double fundamental = 1.0 + 0.75 * a3;
-    const double second = 100.0 * (a2 / 2.0) / fundamental;
-    const double third = 100.0 * (a3 / 4.0) / fundamental;
+    // Driven by a sine of amplitude A (the default level, -3 dBFS), the fundamental becomes
+    // A + 3/4 a3 A^3, the second harmonic a2 A^2 / 2 and the third a3 A^3 / 4.
+    const double a2 = 0.1, a3 = 0.08, A = std::pow(10.0, -3.0 / 20.0);
+    const double fundamental = A + 0.75 * a3 * A * A * A;
+    const double second = 100.0 * (a2 * A * A / 2.0) / fundamental;
+    const double third = 100.0 * (a3 * A * A * A / 4.0) / fundamental;
     // The sweep stops at 2500 Hz so that no product up to the third lies above the Nyquist frequency.
     const Arguments sweep{"--start",         "20", "--end",         "2500", "--length", "2000",
                           "--begin-silence", "50", "--end-silence", "300"};
@@ -188,6 +188,7 @@ TEST_F(ExportCommand, HarmonicDistortionOfAKnownNonlinearity) {
         EXPECT_EQ(record["sweep"]["endFrequency"], 2500.0);
         EXPECT_EQ(record["sweep"]["durationMilliseconds"], 2000.0);
         EXPECT_EQ(record["sweep"]["beginSilenceMilliseconds"], 50.0);
+        EXPECT_NEAR(record["sweep"]["levelDecibels"].get<double>(), -3.0, 1e-5) << "as measure plays it";
         EXPECT_EQ(record["validRange"]["startFrequency"], 20.0);
         EXPECT_EQ(record["validRange"]["endFrequency"], 2500.0);
     }
