@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <bit>
 #include <cctype>
+#include <charconv>
 #include <cmath>
 #include <complex>
 #include <filesystem>
@@ -53,9 +54,9 @@ constexpr CurveKind kFrequencyCurves[] = {
     {"group-delay", "Group delay (ms)", "group_delay"},
 };
 
-const std::vector<std::string> kCurveNames = {"magnitude",     "spl",          "phase",
-                                              "minimum-phase", "excess-phase", "group-delay",
-                                              "harmonics",     "impulse",      "etc"};
+const std::vector<std::string> kCurveNames = {"magnitude",    "spl",         "phase",     "minimum-phase",
+                                              "excess-phase", "group-delay", "harmonics", "thd",
+                                              "noise-floor",  "impulse",     "etc"};
 
 constexpr std::size_t kSmallestFFTLength = 256;
 constexpr std::size_t kLargestFFTLength = std::size_t{1} << 22;
@@ -87,7 +88,8 @@ struct ExportOptions {
     std::optional<std::string> format;
     std::vector<std::string> curves;
     std::optional<std::size_t> fftLength;
-    std::vector<std::int64_t> orders{2, 3};
+    std::vector<std::string> orderTexts;    // as given: orders and ranges such as 2-9
+    std::vector<std::int64_t> orders{2, 3}; // parsed, sorted, without repeats
     bool percent = false;
     bool unwrapped = false;
     bool windowed = false;
@@ -286,6 +288,30 @@ std::vector<std::string_view> requestedFrequencyCurves(const ExportOptions& opti
     return names;
 }
 
+// Orders as given to --orders: numbers and ranges (2-9), each from 2 to 20.
+Expected<std::vector<std::int64_t>> parsedOrders(const std::vector<std::string>& texts) {
+    std::vector<std::int64_t> orders;
+    for (const std::string& text : texts) {
+        std::int64_t first = 0, last = 0;
+        const char* end = text.data() + text.size();
+        std::from_chars_result read = std::from_chars(text.data(), end, first);
+        last = first;
+        if (read.ec == std::errc() && read.ptr != end && *read.ptr == '-')
+            read = std::from_chars(read.ptr + 1, end, last);
+        const char* next = read.ptr;
+        std::errc error = read.ec;
+        if (error != std::errc() || next != end || text.empty())
+            return usageFailure(fmt::format("\"{}\" is not a harmonic order or a range of them; write orders "
+                                            "as 2,3 or 2-9.",
+                                            text));
+        if (first < 2 || last > 20 || first > last)
+            return usageFailure(fmt::format("Harmonic orders run from 2 to 20 (got {}).", text));
+        for (std::int64_t order = first; order <= last; ++order)
+            orders.push_back(order);
+    }
+    return orders;
+}
+
 struct HarmonicCurves {
     CurveGroup relative;                                  // levels re the fundamental, dB or percent
     std::map<std::int64_t, VELTRealVector> orderPhase;    // degrees, same rows
@@ -319,20 +345,48 @@ Expected<HarmonicCurves> harmonicCurves(const VELTMeasurementRecord& record, std
     std::map<std::int64_t, HarmonicDistortion> distortion;
     std::map<std::int64_t, HarmonicResponse> response;
     std::size_t rows = std::numeric_limits<std::size_t>::max();
-    for (std::int64_t order : options.orders) {
+    const std::vector<std::int64_t> orders =
+        options.wants("harmonics") ? options.orders : std::vector<std::int64_t>{};
+    for (std::int64_t order : orders) {
         distortion.emplace(order, analysis.distortionOfOrder(order, length));
         response.emplace(order, analysis.responseOfOrder(order, length));
         rows = std::min(rows, distortion.at(order).frequencies.length());
     }
-    const VELTRealVector& excitation = distortion.at(options.orders.front()).frequencies;
+    // Total distortion sums orders 2 to 9, or as many as the response holds apart.
+    const std::int64_t summedOrders = std::min(HarmonicAnalysis::kTotalDistortionOrders, highest);
+    std::optional<HarmonicDistortion> total, noise;
+    if ((options.wants("thd") || options.wants("noise-floor")) && summedOrders < 2)
+        return failure(
+            fmt::format("Record {} is too short to tell its 2nd harmonic from the linear response, "
+                        "so it has no total harmonic distortion.",
+                        number),
+            "Measure with a longer sweep or a longer response.");
+    if (options.wants("thd")) {
+        total = analysis.totalHarmonicDistortion(length, summedOrders);
+        rows = std::min(rows, total->frequencies.length());
+    }
+    if (options.wants("noise-floor")) {
+        noise = analysis.noiseFloor(length, summedOrders);
+        if (!noise)
+            return failure(fmt::format("Record {} is too short to hold a stretch without harmonics, so its "
+                                       "noise floor cannot be read.",
+                                       number),
+                           "Measure with a longer sweep or a longer response, or leave out noise-floor.");
+        rows = std::min(rows, noise->frequencies.length());
+    }
+    const VELTRealVector& excitation = !orders.empty() ? distortion.at(orders.front()).frequencies
+                                       : total         ? total->frequencies
+                                                       : noise->frequencies;
     const float lowest = std::max(record.startFrequency(), record.sweepStartFrequency());
     // Order n of an excitation at f lies at n f, and is measured only where the sweep had energy
     // there too: every chosen order is, up to the sweep's end divided by the highest order.
     const float validEnd = record.endFrequency() > 0.0f
                                ? std::min(record.endFrequency(), record.sweepEndFrequency())
                                : record.sweepEndFrequency();
-    const float top =
-        std::min(validEnd, record.sweepEndFrequency() / static_cast<float>(options.orders.back()));
+    // Without order curves the rows reach as far as the total distortion does, to the 2nd order's end.
+    const bool orderCurves = options.wants("harmonics");
+    const float top = std::min(validEnd, record.sweepEndFrequency() /
+                                             static_cast<float>(orderCurves ? options.orders.back() : 2));
     std::vector<std::size_t> kept;
     for (std::size_t row = 0; row < rows; ++row)
         if (excitation[row] > 0.0f && excitation[row] >= lowest && excitation[row] <= top)
@@ -348,14 +402,16 @@ Expected<HarmonicCurves> harmonicCurves(const VELTMeasurementRecord& record, std
     HarmonicCurves curves;
     curves.relative.suffix = "-harmonics";
     curves.relative.axis = {"Frequency (Hz)", "harmonic_frequency", pick(excitation, same)};
-    for (std::int64_t order : options.orders) {
+    auto relative = [&](const VELTRealVector& levels) {
+        return options.percent
+                   ? pick(levels, [](float decibels) { return 100.0f * std::pow(10.0f, decibels / 20.0f); })
+                   : pick(levels, same);
+    };
+    const char* unit = options.percent ? "%" : "dB";
+    for (std::int64_t order : orders) {
         const VELTRealVector& levels = distortion.at(order).levels;
-        VELTRealVector values =
-            options.percent
-                ? pick(levels, [](float decibels) { return 100.0f * std::pow(10.0f, decibels / 20.0f); })
-                : pick(levels, same);
-        curves.relative.curves.push_back({fmt::format("H{} ({})", order, options.percent ? "%" : "dB"),
-                                          fmt::format("harmonic_{}", order), std::move(values)});
+        curves.relative.curves.push_back(
+            {fmt::format("H{} ({})", order, unit), fmt::format("harmonic_{}", order), relative(levels)});
         curves.orderDecibels[order] = pick(levels, same);
         VELTRealVector phase = pick(response.at(order).phase, [](float radians) {
             return static_cast<float>(static_cast<double>(radians) * 180.0 / 3.141592653589793);
@@ -363,6 +419,12 @@ Expected<HarmonicCurves> harmonicCurves(const VELTMeasurementRecord& record, std
         wrapDegrees(phase);
         curves.orderPhase[order] = std::move(phase);
     }
+    if (total)
+        curves.relative.curves.push_back(
+            {fmt::format("THD H2-H{} ({})", summedOrders, unit), "thd", relative(total->levels)});
+    if (noise)
+        curves.relative.curves.push_back(
+            {fmt::format("Noise floor ({})", unit), "noise_floor", relative(noise->levels)});
     return curves;
 }
 
@@ -498,6 +560,9 @@ Expected<void> checkCurves(const ExportOptions& options, const std::string& form
             return usageFailure("An FRD file holds one phase: choose phase, minimum-phase or excess-phase.");
         if (options.wants("harmonics") && options.percent)
             return usageFailure("FRD files hold levels in dB: leave out --percent.");
+        if (options.wants("thd") || options.wants("noise-floor"))
+            return usageFailure("FRD files hold a response with its phase, which total distortion and the "
+                                "noise floor have not: export them as CSV or MATLAB text.");
     }
     return {};
 }
@@ -576,7 +641,7 @@ Expected<std::vector<PendingFile>> filesOfRecord(const std::shared_ptr<VELTMeasu
         frequency = std::move(*group);
     }
     std::optional<HarmonicCurves> harmonics;
-    if (options.wants("harmonics")) {
+    if (options.wants("harmonics") || options.wants("thd") || options.wants("noise-floor")) {
         auto curves = harmonicCurves(*record, number, options, fftLength);
         if (!curves)
             return std::unexpected(curves.error());
@@ -669,11 +734,16 @@ void addExportCommand(CLI::App& app, CommandList& commands) {
         ->check(CLI::IsMember(kCurveNames));
     command->add_option("--fft-length", options->fftLength,
                         "FFT length, a power of two (default: the record's, at least 32768)");
-    command->add_option("--orders", options->orders, "Harmonic orders, comma-separated")
-        ->delimiter(',')
-        ->capture_default_str();
+    command
+        ->add_option("--orders", options->orderTexts,
+                     "Harmonic orders for the harmonics curves, comma-separated, ranges allowed: 2-9 "
+                     "(default: 2,3)")
+        ->delimiter(',');
     command->add_flag("--percent", options->percent,
-                      "Harmonic distortion in percent of the fundamental (default dB)");
+                      "Harmonic distortion, total distortion (thd: orders 2 to 9, each where its output lies "
+                      "below the sweep's end and 0.95 times half the sample rate) and the noise floor (the "
+                      "distortion the measurement's noise alone reads) in percent of the fundamental "
+                      "(default dB)");
     command->add_flag("--unwrapped", options->unwrapped,
                       "Phases unwrapped rather than within -180 to 180 degrees");
     command->add_flag("--windowed", options->windowed,
@@ -728,9 +798,12 @@ void addExportCommand(CLI::App& app, CommandList& commands) {
                  return usageFailure(fmt::format("The FFT length must be a power of two from {} to {} "
                                                  "(got {}).",
                                                  kSmallestFFTLength, kLargestFFTLength, *options->fftLength));
-             for (std::int64_t order : options->orders)
-                 if (order < 2 || order > 20)
-                     return usageFailure(fmt::format("Harmonic orders run from 2 to 20 (got {}).", order));
+             if (!options->orderTexts.empty()) {
+                 auto orders = parsedOrders(options->orderTexts);
+                 if (!orders)
+                     return std::unexpected(orders.error());
+                 options->orders = std::move(*orders);
+             }
              std::sort(options->orders.begin(), options->orders.end());
              options->orders.erase(std::unique(options->orders.begin(), options->orders.end()),
                                    options->orders.end());

@@ -150,7 +150,10 @@ TEST_F(ExportCommand, TimeCurvesWavAndSeveralRecordsIntoAFolder) {
                                  {"-o", "x.csv", "--fft-length", "1000"},
                                  {"-o", "x.csv", "--curves", "loudness"},
                                  {"-o", "x.xyz"},
-                                 {"-o", "x.csv", "--curves", "harmonics", "--orders", "1"}})
+                                 {"-o", "x.csv", "--curves", "harmonics", "--orders", "1"},
+                                 {"-o", "x.csv", "--curves", "harmonics", "--orders", "9-3"},
+                                 {"-o", "x.csv", "--curves", "harmonics", "--orders", "2-x"},
+                                 {"-o", "x.frd", "--curves", "thd"}})
         expectRefused(Arguments{"export", "d.tavolar"} + bad, 2);
     expectRefused({"export", "d.tavolar", "-o", "x.csv", "--curves", "harmonics"}, 1);
     expectRefused({"export", "d.tavolar", "3", "-o", "x.csv"}, 1);
@@ -199,8 +202,8 @@ TEST_F(ExportCommand, HarmonicDistortionOfAKnownNonlinearity) {
     expectRefused({"import", "r.wav", "--reference", "s.wav", "-o", "h.tavolar"}, 2);
     EXPECT_EQ(json({"list", "h.tavolar", "--json"}).size(), 2u);
 
-    ASSERT_TRUE(succeeds({"export", "h.tavolar", "1", "-o", "h.csv", "--curves", "harmonics", "--orders",
-                          "2,3", "--percent"}));
+    ASSERT_TRUE(succeeds({"export", "h.tavolar", "1", "-o", "h.csv", "--curves", "harmonics,thd", "--orders",
+                          "2-3", "--percent"}));
     Table table = readCSV(folder / "h.csv");
     EXPECT_EQ(table.headers, (std::vector<std::string>{"Frequency (Hz)", "H2 (%)", "H3 (%)"}));
     ASSERT_FALSE(table.rows.empty());
@@ -216,6 +219,7 @@ TEST_F(ExportCommand, HarmonicDistortionOfAKnownNonlinearity) {
             continue;
         EXPECT_NEAR(row[1], second, 0.1) << row[0] << " Hz";
         EXPECT_NEAR(row[2], third, 0.1) << row[0] << " Hz";
+        EXPECT_NEAR(row[3], std::hypot(second, third), 0.1) << row[0] << " Hz";
         ++checked;
     }
     EXPECT_GT(checked, 100u);
