@@ -163,6 +163,11 @@ MeasurementDocument::~MeasurementDocument() {
     // Statements must be finalised before their connection closes.
     statements_.reset();
     database_.reset();
+    if (!temporaryCopy_.empty()) {
+        std::error_code ignored;
+        std::filesystem::remove(temporaryCopy_, ignored);
+        std::filesystem::remove(temporaryCopy_.string() + "-journal", ignored);
+    }
 }
 
 // MARK: Errors
@@ -212,10 +217,11 @@ TavolarError MeasurementDocument::errorFor(const SQLiteFailure& failure) const {
         if (failure.code == SQLITE_READONLY_ROLLBACK)
             return documentError(
                 MeasurementDocumentErrorCode::ReadOnly,
-                localizedFormat("The document “{}” was left unfinished by an interrupted save "
-                                "and must be restored before it can be read.",
+                localizedFormat("The document “{}” was left unfinished by an interrupted save, and "
+                                "this program may not write the file to restore it.",
                                 comment, name),
-                "Open the document with write access once, so that it can be restored.");
+                "Open it once as a user who may write the file and its folder, which restores it; until "
+                "then it can be read as it was before that save.");
         [[fallthrough]];
     case SQLITE_PERM:
     case SQLITE_CANTOPEN:
@@ -353,14 +359,85 @@ Expected<std::unique_ptr<MeasurementDocument>> MeasurementDocument::open(const s
 }
 
 Expected<std::unique_ptr<MeasurementDocument>>
-MeasurementDocument::openChecked(const std::filesystem::path& path, Access access) {
+MeasurementDocument::openFile(const std::filesystem::path& path, const std::filesystem::path& file,
+                              Access access, bool& leftByInterruptedWrite) {
     std::unique_ptr<MeasurementDocument> document(new MeasurementDocument(path, access));
+    document->file_ = file;
     if (auto problem =
-            SQLiteDatabase::open(path.string(), access == Access::ReadOnly, false, *document->database_))
+            SQLiteDatabase::open(file.string(), access == Access::ReadOnly, false, *document->database_))
         return failure(document->errorFor(*problem));
-    if (Expected<void> verified = document->verifyOpenedFile(); !verified)
+    if (Expected<void> verified = document->verifyOpenedFile(); !verified) {
+        leftByInterruptedWrite = document->leftByInterruptedWrite_;
         return failure(std::move(verified.error()));
+    }
     return document;
+}
+
+namespace {
+
+// Rolls back the journal a killed writer left beside file: the first read of a connection with write
+// access restores the file to its last committed state.
+std::optional<SQLiteFailure> rollBackInterruptedWrite(const std::filesystem::path& file) {
+    SQLiteDatabase database;
+    std::optional<SQLiteFailure> problem = SQLiteDatabase::open(file.string(), false, false, database);
+    std::int64_t ignored = 0;
+    if (!problem)
+        problem = database.queryInt64("PRAGMA application_id", ignored);
+    return problem;
+}
+
+bool mayWrite(const std::filesystem::path& path) {
+    const std::filesystem::path folder =
+        path.parent_path().empty() ? std::filesystem::path(".") : path.parent_path();
+    // Restoring writes the file and removes the journal beside it.
+    return ::access(path.c_str(), W_OK) == 0 && ::access(folder.c_str(), W_OK) == 0;
+}
+
+} // namespace
+
+Expected<std::unique_ptr<MeasurementDocument>>
+MeasurementDocument::openChecked(const std::filesystem::path& path, Access access) {
+    bool leftByInterruptedWrite = false;
+    auto document = openFile(path, path, access, leftByInterruptedWrite);
+    if (document || !leftByInterruptedWrite)
+        return document;
+
+    // A writer was killed in the middle of a write, and a read-only connection cannot restore the
+    // file. Whoever may write to it restores it now, whatever they opened it for.
+    if (mayWrite(path)) {
+        if (auto problem = rollBackInterruptedWrite(path))
+            return failure(document.error());
+        return openFile(path, path, access, leftByInterruptedWrite);
+    }
+    // Changes are never made to a copy, where they would be lost.
+    if (access == Access::ReadWrite)
+        return document;
+    // A file this program may not write is read as it was before the interrupted write, from a
+    // private copy restored in the temporary folder; the file itself is left as it is. The journal is
+    // copied first, so that a restoration by someone else in between leaves the copy consistent.
+    std::error_code copyError;
+    const std::filesystem::path copy =
+        std::filesystem::temp_directory_path(copyError) / ("tavolar-" + newUUIDString() + ".restored");
+    auto removeCopy = [&] {
+        std::error_code ignored;
+        std::filesystem::remove(copy, ignored);
+        std::filesystem::remove(copy.string() + "-journal", ignored);
+    };
+    if (!copyError)
+        std::filesystem::copy_file(path.string() + "-journal", copy.string() + "-journal", copyError);
+    if (!copyError)
+        std::filesystem::copy_file(path, copy, copyError);
+    if (copyError || rollBackInterruptedWrite(copy)) {
+        removeCopy();
+        return failure(document.error());
+    }
+    auto restored = openFile(path, copy, access, leftByInterruptedWrite);
+    if (!restored) {
+        removeCopy();
+        return restored;
+    }
+    (*restored)->temporaryCopy_ = copy;
+    return restored;
 }
 
 Expected<void> MeasurementDocument::verifyOpenedFile() {
@@ -369,10 +446,13 @@ Expected<void> MeasurementDocument::verifyOpenedFile() {
     sqlite3_db_config(database.handle(), SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
     sqlite3_db_config(database.handle(), SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
 
-    // The first read restores the document from a journal left by an interrupted write.
+    // The first read restores the document from a journal left by an interrupted write, or fails when
+    // the connection is read-only.
     std::int64_t applicationID = 0, version = 0, pageCount = 0, pageSize = 0;
-    if (auto problem = database.queryInt64("PRAGMA application_id", applicationID))
+    if (auto problem = database.queryInt64("PRAGMA application_id", applicationID)) {
+        leftByInterruptedWrite_ = problem->code == SQLITE_READONLY_ROLLBACK;
         return failure(errorFor(*problem));
+    }
     if (auto problem = database.queryInt64("PRAGMA user_version", version))
         return failure(errorFor(*problem));
     const char* comment = "Description of a document error";
@@ -399,7 +479,7 @@ Expected<void> MeasurementDocument::verifyOpenedFile() {
     if (auto problem = database.queryInt64("PRAGMA page_size", pageSize))
         return failure(errorFor(*problem));
     std::error_code sizeError;
-    const std::uintmax_t fileSize = std::filesystem::file_size(path_, sizeError);
+    const std::uintmax_t fileSize = std::filesystem::file_size(file_, sizeError);
     if (!sizeError &&
         static_cast<std::uintmax_t>(pageCount) * static_cast<std::uintmax_t>(pageSize) > fileSize)
         return failure(damagedError(TavolarLocalizedString(

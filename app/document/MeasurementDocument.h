@@ -79,7 +79,9 @@ public:
     static Expected<std::unique_ptr<MeasurementDocument>> create(const std::filesystem::path& path);
     // Opens an existing document. Nothing but the file's header and table layout is read; records
     // and samples are read when asked for. A document left by an interrupted write is restored to
-    // its last complete state here (which needs write access).
+    // its last complete state here whenever this process may write the file, whatever the access
+    // asked for; a file it may not write is read in that state from a private copy, and left as it
+    // is.
     static Expected<std::unique_ptr<MeasurementDocument>> open(const std::filesystem::path& path,
                                                                Access access = Access::ReadWrite);
 
@@ -146,6 +148,12 @@ private:
 
     static Expected<std::unique_ptr<MeasurementDocument>> openChecked(const std::filesystem::path& path,
                                                                       Access access);
+    // Opens file as the document at path; leftByInterruptedWrite tells a failure for want of a
+    // restoration that a read-only connection cannot make.
+    static Expected<std::unique_ptr<MeasurementDocument>> openFile(const std::filesystem::path& path,
+                                                                   const std::filesystem::path& file,
+                                                                   Access access,
+                                                                   bool& leftByInterruptedWrite);
     Expected<void> verifyOpenedFile();
     TavolarError errorFor(const SQLiteFailure& failure) const;
     TavolarError damagedError(std::string_view what) const;
@@ -164,6 +172,11 @@ private:
     Expected<bool> removeNamedArchive(std::string_view kind, std::string_view name);
 
     std::filesystem::path path_;
+    // The file the connection reads: path_, or a private restored copy of it (temporaryCopy_, removed
+    // when the document closes).
+    std::filesystem::path file_;
+    std::filesystem::path temporaryCopy_;
+    bool leftByInterruptedWrite_ = false;
     Access access_;
     mutable std::recursive_mutex mutex_;
     std::unique_ptr<SQLiteDatabase> database_;

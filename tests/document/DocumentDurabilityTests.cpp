@@ -165,6 +165,85 @@ std::string sixRecordDocument(const ScratchFolder& folder, std::uint64_t version
     return fileBytes(path);
 }
 
+// True when every record of the document reads as written at version (six records).
+bool holdsSixRecordsOf(const std::filesystem::path& path, MeasurementDocument::Access access,
+                       std::uint64_t version) {
+    auto document = MeasurementDocument::open(path, access);
+    if (!document)
+        return false;
+    for (std::uint64_t key = 0; key < 6; ++key) {
+        auto archive = (*document)->recordArchive(recordUUID(key));
+        auto impulse = (*document)->impulseResponse(recordUUID(key));
+        if (!archive || !*archive || **archive != archiveBytes(key, version) || !impulse || !*impulse ||
+            (*impulse)->samples != impulseSamples(key, version))
+            return false;
+    }
+    return true;
+}
+
+TEST(MeasurementDocumentDurability, AWriteInterruptedByAKillIsUndoneByTheNextOpenThatMayWrite) {
+    ScratchFolder folder;
+    const std::string original = sixRecordDocument(folder, 2);
+    const auto path = folder / "Killed.tavolar";
+    const std::filesystem::path journal = path.string() + "-journal";
+    std::ofstream(path, std::ios::binary) << original;
+
+    // The writer replaces every record with responses that outgrow the page cache, so that pages of
+    // the file itself are overwritten, and is killed before the write ends.
+    pid_t writer = fork();
+    ASSERT_GE(writer, 0);
+    if (writer == 0) {
+        auto document = MeasurementDocument::open(path);
+        if (!document)
+            _exit(2);
+        (void)(*document)->performBatch([&]() -> Expected<void> {
+            for (std::uint64_t key = 0; key < 6; ++key) {
+                (void)(*document)->putRecord(recordUUID(key), archiveBytes(key, 3));
+                (void)(*document)->putImpulseResponse(recordUUID(key), impulseSamples(key, 3, 1000000),
+                                                      48000);
+            }
+            kill(getpid(), SIGKILL);
+            return {};
+        });
+        _exit(3);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(writer, &status, 0), writer);
+    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    ASSERT_TRUE(std::filesystem::exists(journal));
+    ASSERT_NE(fileBytes(path), original) << "the kill came before the file was written";
+    const std::string killedBytes = fileBytes(path);
+
+    // Whoever may not write the file reads it as it was before the write, and leaves it as it is: a
+    // reader without write permission (another user, when the tests run as root).
+    const bool root = geteuid() == 0;
+    if (!root) {
+        std::filesystem::permissions(path, std::filesystem::perms::owner_read);
+        std::filesystem::permissions(folder.path(),
+                                     std::filesystem::perms::owner_read | std::filesystem::perms::owner_exec);
+    }
+    pid_t reader = fork();
+    ASSERT_GE(reader, 0);
+    if (reader == 0) {
+        if (root && setuid(65534) != 0)
+            _exit(2);
+        _exit(holdsSixRecordsOf(path, MeasurementDocument::Access::ReadOnly, 2) ? 0 : 1);
+    }
+    ASSERT_EQ(waitpid(reader, &status, 0), reader);
+    std::filesystem::permissions(folder.path(), std::filesystem::perms::owner_all);
+    std::filesystem::permissions(path,
+                                 std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << "the reader did not read the committed state";
+    EXPECT_EQ(fileBytes(path), killedBytes);
+    EXPECT_TRUE(std::filesystem::exists(journal));
+
+    // Whoever may write restores it, even when opening it read-only.
+    EXPECT_TRUE(holdsSixRecordsOf(path, MeasurementDocument::Access::ReadOnly, 2));
+    EXPECT_FALSE(std::filesystem::exists(journal));
+    EXPECT_TRUE(openDocument(path)->checkIntegrity());
+}
+
 TEST(MeasurementDocumentDurability, DamagedFilesGiveErrorsOrTheTrueData) {
     ScratchFolder folder;
     const std::string contents = sixRecordDocument(folder, 2);
