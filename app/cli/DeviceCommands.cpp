@@ -167,10 +167,26 @@ std::string withFastPace(const std::string& uid) {
     return parsed->canonicalString();
 }
 
+// A simulated device is the built-in one, or one described by parameters: a misspelt name with
+// neither would otherwise measure a new default device without a word.
+Expected<void> requireKnownSimulatedDevice(const std::string& uid) {
+    auto parsed = AudioDeviceUID::parse(uid);
+    if (!parsed || parsed->scheme != "sim" || parsed->name == "default" || !parsed->parameters.empty())
+        return {};
+    return usageFailure(fmt::format("There is no simulated device {}; the built-in one is sim:default.", uid),
+                        fmt::format("Give sim:default, or describe a device with parameters, such as "
+                                    "sim:{}?delay=48 (tavolar devices lists the devices present).",
+                                    parsed->name));
+}
+
 Expected<VELTAudioDevice> presentDevice(const std::string& uid) {
     if (!AudioDeviceUID::parse(uid))
         return usageFailure(fmt::format("{} is not a device UID.", uid),
                             "Device UIDs look like sim:default or jack; run tavolar devices to see them.");
+    if (auto problem = VELTAudioHardware::deviceUIDProblem(uid))
+        return usageFailure(fmt::format("The device UID {} cannot be used: {}",
+                                        uid.size() > 60 ? uid.substr(0, 57) + "..." : uid, *problem),
+                            "Run tavolar devices to see the devices present and their ports.");
     if (VELTAudioHardware::deviceIDForDeviceUID(uid) == kAudioDeviceUnknown)
         return failure(fmt::format("The audio device {} is not present.", uid),
                        uid.starts_with("jack")
@@ -187,6 +203,11 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     if (!recordChannels)
         return usageFailure(
             fmt::format("--channels {} is not a list of input channels such as 0 or 0,1.", options.channels));
+    for (std::size_t at = 0; at < recordChannels->size(); ++at)
+        if (std::count(recordChannels->begin(), recordChannels->begin() + at, (*recordChannels)[at]) > 0)
+            return usageFailure(
+                fmt::format("--channels {} names input {} twice.", options.channels, (*recordChannels)[at]),
+                "Name each input once: each gives one record.");
     if (options.outputChannel < 0)
         return usageFailure("Channels are counted from 0.");
     std::optional<std::pair<std::int64_t, std::int64_t>> loopback;
@@ -200,7 +221,19 @@ Expected<void> runMeasurement(MeasureOptions& options) {
             return usageFailure(fmt::format("--loopback {} is not an OUTPUT:INPUT channel pair such as 1:1.",
                                             *options.loopback));
         loopback = std::pair{(*pair)[0], (*pair)[1]};
+        if (std::find(recordChannels->begin(), recordChannels->end(), loopback->second) !=
+            recordChannels->end())
+            return usageFailure(
+                fmt::format("--loopback {} takes the reference from input {}, which is also measured: the "
+                            "measurement would be divided by itself.",
+                            *options.loopback, loopback->second),
+                "Connect the output to a spare input and name that one, such as --loopback 1:1 on "
+                "sim:default.");
     }
+    for (const std::optional<std::string>& uid : {std::optional(options.device), options.playbackDevice})
+        if (uid)
+            if (auto known = requireKnownSimulatedDevice(*uid); !known)
+                return known;
 
     std::string recordUID = options.fast ? withFastPace(options.device) : options.device;
     std::string playbackUID = options.playbackDevice ? (options.fast ? withFastPace(*options.playbackDevice)

@@ -1,6 +1,7 @@
 #include "engine/VELTRZMeasurementController.h"
 
 #include "audio/devices/VELTAudioDevice.h"
+#include "audio/devices/VELTAudioHardware.h"
 #include "engine/SynchronousAveraging.h"
 #include "platform/Assertions.h"
 #include "platform/Logging.h"
@@ -225,8 +226,13 @@ void VELTRZMeasurementController::watchAudioServer(std::uint64_t generation) {
             self->audioOutputController_->stopPlayback();
             self->audioInputController_->stopRecording();
             self->audioInputController_->clearRecording();
-            self->setError(engineError("The audio server stopped during the measurement.",
-                                       "Start the JACK server again, then measure again."));
+            self->setError(self->audioServerStalled()
+                               ? engineError("The audio server stopped running during the measurement.",
+                                             "The JACK server stopped running its cycles: it may be "
+                                             "suspended or hung. Resume or restart it, then measure "
+                                             "again.")
+                               : engineError("The audio server stopped during the measurement.",
+                                             "Start the JACK server again, then measure again."));
         });
         if (stopped)
             self->tellDelegateAsynchronously(
@@ -236,6 +242,15 @@ void VELTRZMeasurementController::watchAudioServer(std::uint64_t generation) {
         else if (current)
             self->watchAudioServer(generation);
     });
+}
+
+bool VELTRZMeasurementController::audioServerStalled() const {
+    std::shared_ptr<VELTAudioCaptureSettings> settings = audioCaptureSettings();
+    for (const std::optional<std::string>& uid : {settings->recordDeviceUID(), settings->playbackDeviceUID()})
+        if (uid)
+            if (auto driver = VELTAudioHardware::driverForDeviceUID(*uid); driver && driver->hasStalled())
+                return true;
+    return false;
 }
 
 void VELTRZMeasurementController::audioOutputControllerDidReachEndOfBuffer(const Notification&) {

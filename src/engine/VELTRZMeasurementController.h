@@ -115,6 +115,8 @@ private:
     // Checks every 100 ms, while the sweep of this generation runs, whether the audio server has
     // gone; if so, ends the measurement with an error instead of waiting for the end of the buffer.
     void watchAudioServer(std::uint64_t generation);
+    // Whether the record or playback device stopped running its cycles (rather than going away).
+    bool audioServerStalled() const;
 
     mutable std::mutex mutex_; // guards the properties that several threads read and write
     std::weak_ptr<VELTRZMeasurementControllerDelegate> delegate_;

@@ -117,8 +117,16 @@ TEST_F(MeasureCommand, FailuresAreReportedAndLeaveNoDocument) {
           Case{{"--device", "no scheme here"}, 2, "not a device UID"},
           Case{{"--channels", "5"}, 2, "no input 5"}, Case{{"--channels", "0,,1"}, 2, "not a list"},
           Case{{"--output-channel", "2"}, 2, "no output 2"}, Case{{"--loopback", "1-1"}, 2, "OUTPUT:INPUT"},
+          // A reference from the measured input divides the measurement by itself; an input named
+          // twice makes two copies of one record; a misspelt device would be a new default one.
+          Case{{"--loopback", "0:0"}, 2, "divided by itself"},
+          Case{{"--channels", "0,1,0"}, 2, "input 0 twice"},
+          Case{{"--device", "sim:defualt"}, 2, "no simulated device sim:defualt"},
+          Case{{"--playback-device", "sim:x"}, 2, "the built-in one is sim:default"},
           Case{{"--loopback", "1:7"}, 2, "does not exist"}, Case{{"--averages", "0"}, 2, "--averages"},
           Case{{"--end", "30000"}, 2, "half the sample rate"},
+          // JACK would overflow its own buffers on a name this long.
+          Case{{"--device", "jack:" + std::string(300, 'x')}, 2, "a JACK server name has at most"},
           // A recording 60 dB down fails the level check, and the advice names the option.
           Case{{"--device", "sim:default?gain=-60"}, 1, "--no-level-check"}}) {
         expectRefused(Arguments{"measure", "-o", "f.tavolar"} + kShortSweep + bad.arguments, bad.exitCode,

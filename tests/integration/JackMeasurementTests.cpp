@@ -1,8 +1,9 @@
 // Measurements through a real JACK server (dummy driver) with jconvolver as the device under test:
 // channels carry their own latencies, level checks and averaging failures surface as errors, a long
 // sweep at a small period loses no frame, a server that shuts down mid-sweep ends the measurement
-// with an error at once and is no longer answered, the next measurement gives the impulse response
-// jconvolver was loaded with, and the audio thread neither allocates nor locks.
+// with an error at once and is no longer answered, one that freezes ends it within two seconds, the
+// next measurement gives the impulse response jconvolver was loaded with, and the audio thread neither
+// allocates nor locks.
 
 #include "JackTestServer.h"
 #include "audio/VELTAudioDeviceRegistry.h"
@@ -20,6 +21,7 @@
 #include <gtest/gtest.h>
 #include <numbers>
 #include <optional>
+#include <signal.h>
 
 namespace tavolar {
 namespace {
@@ -286,6 +288,33 @@ TEST_F(JackMeasurement, AServerThatShutsDownMidSweepEndsTheMeasurementAndTheNext
     measurement.reset();
     EXPECT_TRUE(RunLoop::runUntil([&] { return temporary.files().empty(); }, std::chrono::seconds(5)))
         << "temporary files outlive the controller";
+}
+
+// A server frozen mid-sweep (SIGSTOP) runs no more cycles and answers no request: the measurement ends
+// with an error within two seconds, and an abort returns within one.
+TEST_F(JackMeasurement, AFrozenServerEndsTheMeasurementAndAnAbortStillReturns) {
+    for (const bool aborting : {false, true}) {
+        ASSERT_TRUE(start(kRate, 256, 2));
+        Measurement measurement(deviceUID("out0=system:playback_1"), {0}, 20000.0f);
+        measurement.controller->measure();
+        RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(300));
+        signalServer(SIGSTOP);
+        const auto frozen = std::chrono::steady_clock::now();
+        if (aborting) {
+            measurement.controller->abortMeasurement();
+            EXPECT_LT(std::chrono::steady_clock::now() - frozen, std::chrono::seconds(1));
+            EXPECT_TRUE(RunLoop::runUntil([&] { return measurement.stages->aborted.load(); },
+                                          std::chrono::seconds(1)));
+        } else {
+            ASSERT_TRUE(
+                RunLoop::runUntil([&] { return measurement.stages->ended.load(); }, std::chrono::seconds(2)));
+            ASSERT_TRUE(measurement.controller->error());
+            EXPECT_EQ(measurement.controller->error()->localizedDescription,
+                      "The audio server stopped running during the measurement.");
+        }
+        EXPECT_TRUE(measurement.controller->measurementArray().empty());
+        signalServer(SIGCONT);
+    }
 }
 
 } // namespace

@@ -46,9 +46,15 @@ bool ChildProcess::isRunning() {
     return !reaped_;
 }
 
+void ChildProcess::signal(int number) {
+    if (isRunning())
+        ::kill(pid_, number);
+}
+
 ChildProcess::~ChildProcess() {
     if (!isRunning())
         return;
+    ::kill(pid_, SIGCONT); // a frozen process ends only once it runs again
     // A JACK server killed outright keeps its place in the machine's registry of servers, which has
     // room for eight, so it is given time to end cleanly even on a loaded machine.
     ::kill(pid_, SIGTERM);
@@ -175,6 +181,11 @@ bool JackTest::waitForPort(const std::string& port) const {
         std::this_thread::sleep_for(50ms);
     }
     return true;
+}
+
+void JackTest::signalServer(int number) {
+    if (server_)
+        server_->signal(number);
 }
 
 void JackTest::stopServer() {

@@ -21,6 +21,7 @@ public:
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;
     bool isRunning();
+    void signal(int number);
 
 private:
     pid_t pid_ = -1;
@@ -44,6 +45,8 @@ protected:
     std::string loopUID() const { return deviceUID("out0=dut:in&in0=dut:out"); }
     // The ports the server lists now ("client:port").
     std::vector<std::string> ports() const;
+    // Sends the server a signal (SIGSTOP freezes it, SIGCONT lets it go on).
+    void signalServer(int number);
     // Stops the server while clients are connected, as when a user quits it, and removes what it
     // left behind.
     void stopServer();

@@ -57,6 +57,8 @@ public:
     virtual std::string name() const = 0;
     // False once the device has gone (its server shut down); a new lookup makes a new driver.
     virtual bool isAlive() const noexcept = 0;
+    // True once a present device stopped running its cycles while it streamed (a frozen server).
+    virtual bool hasStalled() const noexcept { return false; }
     virtual std::uint32_t channelCount(AudioDirection direction) const = 0;
     // A name for a channel that a person can read (a port name).
     virtual std::string channelName(AudioDirection direction, std::uint32_t channel) const = 0;

@@ -216,6 +216,17 @@ void VELTAudioHardware::removeSimulatedDevice(const std::string& name) {
     HardwareState::shared().removeSimulated(name);
 }
 
+std::optional<std::string> VELTAudioHardware::deviceUIDProblem(std::string_view deviceUID) {
+    auto parsed = AudioDeviceUID::parse(deviceUID);
+    if (!parsed)
+        return std::string(deviceUID) + " is not a device UID.";
+#if defined(TAVOLAR_WITH_JACK)
+    if (parsed->scheme == "jack")
+        return jackDeviceUIDProblem(*parsed);
+#endif
+    return std::nullopt;
+}
+
 bool VELTAudioHardware::hasJackBackend() noexcept {
 #if defined(TAVOLAR_WITH_JACK)
     return true;

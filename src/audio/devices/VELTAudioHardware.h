@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -42,6 +43,11 @@ public:
     // (opening its device) and not only for devices already looked up through this class. Done when
     // the program starts; calling it again changes nothing.
     static void installDeviceLookup();
+
+    // Why no device could ever have this UID (malformed, or naming what its backend cannot take,
+    // such as a JACK name longer than JACK holds), for a person to read; nullopt when the UID
+    // itself is sound, whether or not its device is present.
+    static std::optional<std::string> deviceUIDProblem(std::string_view deviceUID);
 
     // Whether this build has the JACK backend.
     static bool hasJackBackend() noexcept;

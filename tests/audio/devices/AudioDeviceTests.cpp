@@ -72,6 +72,15 @@ TEST(VELTAudioHardware, SimulatedDevicesArePresentAndUnknownOnesAreNot) {
         EXPECT_EQ(missing.translateTimeSampleToHost(stamp, &error).flags, 0u);
         EXPECT_EQ(error.code, kAudioStatusDeviceNotFound);
     }
+    // Names JACK would overflow or misread are refused, with the reason, before JACK sees them.
+    EXPECT_FALSE(VELTAudioHardware::deviceUIDProblem("jack:no-such-server-for-tavolar?in0=a:b&client=c"));
+    for (const std::string& uid : std::vector<std::string>{
+             "jack:" + std::string(300, 'x'), "jack:a/b", "jack:x?in0=capture_1",
+             "jack:x?out1=" + std::string(400, 'p') + ":q", "jack:x?client=a:b",
+             "jack:x?client=" + std::string(65, 'c'), "jack:x?connect=maybe", "jack:x?y=z"}) {
+        EXPECT_TRUE(VELTAudioHardware::deviceUIDProblem(uid)) << uid;
+        EXPECT_FALSE(VELTAudioDevice(uid).isPresent()) << uid;
+    }
 }
 
 TEST(VELTAudioIOUnit, ConfigurationStepsReportWhatIsWrong) {

@@ -2,19 +2,23 @@
 
 #include "audio/devices/RealTimeContext.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 #include <fmt/format.h>
 #include <jack/jack.h>
 #include <map>
 #include <mutex>
 #include <optional>
 #include <string_view>
+#include <sys/un.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace tavolar {
@@ -30,6 +34,67 @@ void silenceJack() {
         jack_set_error_function(ignoreJackMessage);
         jack_set_info_function(ignoreJackMessage);
     });
+}
+
+bool hasControlCharacter(std::string_view text) {
+    return std::ranges::any_of(text,
+                               [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; });
+}
+
+// A server listens on a socket named /dev/shm/jack_NAME_UID_0, so a longer name than that path
+// holds belongs to no server that can run; libjack copies names into fixed buffers unchecked, so
+// every name is checked here before it reaches the library.
+std::size_t maximumServerNameLength() {
+    const std::size_t path = sizeof(sockaddr_un{}.sun_path) - 1;
+    return path - std::string_view("/dev/shm/jack_").size() - fmt::format("_{}_0", getuid()).size();
+}
+
+std::optional<std::string> serverNameProblem(std::string_view name, std::string_view what) {
+    if (name.empty() || hasControlCharacter(name) || name.find('/') != std::string_view::npos)
+        return fmt::format("{} is not a JACK server name: give the name the server was started with "
+                           "(jackd -n NAME), without '/' or control characters.",
+                           what);
+    if (name.size() > maximumServerNameLength())
+        return fmt::format("{} is {} characters long; a JACK server name has at most {}.", what, name.size(),
+                           maximumServerNameLength());
+    return std::nullopt;
+}
+
+std::optional<std::string> clientNameProblem(std::string_view name, std::string_view what) {
+    const std::size_t longest = std::size_t(jack_client_name_size() - 1);
+    if (name.empty() || hasControlCharacter(name) || name.find(':') != std::string_view::npos)
+        return fmt::format("{} is not a JACK client name: give a name without ':' or control characters.",
+                           what);
+    if (name.size() > longest)
+        return fmt::format("{} is {} characters long; a JACK client name has at most {}.", what, name.size(),
+                           longest);
+    return std::nullopt;
+}
+
+std::optional<std::string> portNameProblem(std::string_view name, std::string_view what) {
+    const std::size_t colon = name.find(':');
+    if (colon == std::string_view::npos || colon + 1 == name.size() || hasControlCharacter(name))
+        return fmt::format("{} is not a JACK port name such as system:capture_1 (CLIENT:PORT; jack_lsp "
+                           "lists them).",
+                           what);
+    if (auto problem = clientNameProblem(name.substr(0, colon), what))
+        return problem;
+    const std::size_t longest = std::size_t(jack_port_name_size() - 1);
+    if (name.size() > longest)
+        return fmt::format("{} is {} characters long; a JACK port name has at most {}.", what, name.size(),
+                           longest);
+    return std::nullopt;
+}
+
+// The server JACK picks for the default: $JACK_DEFAULT_SERVER, a name handed to the library too.
+std::optional<std::string> defaultServerProblem() {
+    if (const char* name = std::getenv("JACK_DEFAULT_SERVER"))
+        return serverNameProblem(name, "The JACK_DEFAULT_SERVER environment variable");
+    return std::nullopt;
+}
+
+bool isDefaultServer(const std::string& serverName) {
+    return serverName.empty() || serverName == "default";
 }
 
 jack_client_t* openClient(const std::string& clientName, const std::string& serverName,
@@ -190,10 +255,12 @@ public:
 
     JackDeviceDriver(std::string uid, std::string serverName, jack_client_t* client,
                      std::map<std::uint32_t, std::string> inputRoutes,
-                     std::map<std::uint32_t, std::string> outputRoutes)
-        : uid_(std::move(uid)), serverName_(std::move(serverName)), client_(client) {
+                     std::map<std::uint32_t, std::string> outputRoutes, bool connects)
+        : uid_(std::move(uid)), serverName_(std::move(serverName)), client_(client), connects_(connects) {
         jack_on_info_shutdown(client_, &JackDeviceDriver::shutdown, this);
         frames_.seed(jack_frame_time(client_));
+        periodFrames_.store(jack_get_buffer_size(client_), std::memory_order_relaxed);
+        lastCycle_.store(now(), std::memory_order_relaxed);
         jack_set_process_callback(client_, &JackDeviceDriver::process, this);
         jack_set_xrun_callback(client_, &JackDeviceDriver::xrun, this);
         jack_activate(client_);
@@ -217,7 +284,7 @@ public:
     // A client whose server has gone is left alone: the library cannot talk to the server any more.
     // Endpoints hold the driver, so none is left when it goes.
     ~JackDeviceDriver() override {
-        if (!isAlive())
+        if (!answersRequests())
             return;
         jack_deactivate(client_);
         jack_client_close(client_);
@@ -228,6 +295,38 @@ public:
         return fmt::format("JACK server {}", serverName_.empty() ? std::string("default") : serverName_);
     }
     bool isAlive() const noexcept override { return alive_.load(std::memory_order_acquire); }
+    // A server that runs no cycle for a few periods while the device streams has stopped (frozen,
+    // suspended or hung): nothing it was asked would be answered, so it is asked nothing more. The
+    // device stays present meanwhile, so that a lookup never opens a new client on a server that
+    // cannot answer; once cycles come back it counts as gone, and the next lookup starts afresh.
+    bool hasStalled() const noexcept {
+        const std::int64_t silence = now() - lastCycle_.load(std::memory_order_acquire);
+        if (stalled_.load(std::memory_order_acquire)) {
+            if (silence <= stallNanoseconds())
+                alive_.store(false, std::memory_order_release);
+            return true;
+        }
+        if (streaming_.load(std::memory_order_acquire) == 0 || !isAlive() || silence <= stallNanoseconds())
+            return false;
+        stalled_.store(true, std::memory_order_release);
+        return true;
+    }
+    // Whether the server may be asked something now: a request to a server that runs no cycles
+    // would never return. Waits for a cycle to begin, at most as long as a stall takes to notice.
+    bool answersRequests() const noexcept {
+        const std::int64_t asked = now();
+        while (isAlive() && !hasStalled()) {
+            if (lastCycle_.load(std::memory_order_acquire) >= asked)
+                return true;
+            if (now() - asked > stallNanoseconds())
+                return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return false;
+    }
+    // Whether endpoints connect their ports to the channels' ports (no when the user connects them).
+    bool connects() const noexcept { return connects_; }
+    void noteStreaming(bool streaming) noexcept { streaming_.fetch_add(streaming ? 1 : -1); }
     std::uint32_t channelCount(AudioDirection direction) const override {
         return static_cast<std::uint32_t>(ports(direction).size());
     }
@@ -237,7 +336,7 @@ public:
     }
     double sampleRate() const override { return sampleRate_; }
     std::uint32_t bufferSizeInFrames() const override {
-        return isAlive() ? jack_get_buffer_size(client_) : 0;
+        return isAlive() && !hasStalled() ? jack_get_buffer_size(client_) : 0;
     }
     // The port's own latency, and for a capture channel that hears a loop through another client
     // (see noteRunning) one period more: that period is the server's, not the device under test's.
@@ -303,6 +402,8 @@ public:
                              std::unique_ptr<AudioEndpoint>& endpoint) override {
         if (!isAlive())
             return kAudioStatusDeviceNotFound;
+        if (!answersRequests())
+            return kAudioStatusServerFailure;
         if (!configuration.callback)
             return kAudioStatusInvalidParameter;
         std::vector<std::string> targets;
@@ -414,6 +515,19 @@ private:
                 return true;
         return false;
     }
+    static std::int64_t now() noexcept {
+        return std::chrono::duration_cast<std::chrono::nanoseconds>(
+                   std::chrono::steady_clock::now().time_since_epoch())
+            .count();
+    }
+    std::int64_t periodNanoseconds() const noexcept {
+        return std::int64_t(double(periodFrames_.load(std::memory_order_relaxed)) / sampleRate_ * 1e9);
+    }
+    // Four periods, but never less than half a second (a loaded machine delays cycles that long)
+    // nor more than one and a half (a stopped server is noticed well within two).
+    std::int64_t stallNanoseconds() const noexcept {
+        return std::clamp<std::int64_t>(4 * periodNanoseconds(), 500'000'000, 1'500'000'000);
+    }
     static void shutdown(jack_status_t, const char*, void* argument) {
         static_cast<JackDeviceDriver*>(argument)->alive_.store(false, std::memory_order_release);
     }
@@ -459,6 +573,8 @@ private:
         RealTimeCallbackScope scope;
         auto* self = static_cast<JackDeviceDriver*>(argument);
         self->cyclesBegun_.fetch_add(1, std::memory_order_seq_cst);
+        self->lastCycle_.store(now(), std::memory_order_release);
+        self->periodFrames_.store(frames, std::memory_order_relaxed);
         const AudioTimeStamp timeStamp = self->noteCycle(frames);
         for (auto& slot : self->capture_)
             if (JackEndpoint* endpoint = slot.load(std::memory_order_seq_cst))
@@ -477,7 +593,12 @@ private:
     double sampleRate_ = 0.0;
     mutable FrameCounter frames_;
     CycleHistory history_;
-    std::atomic<bool> alive_{true};
+    mutable std::atomic<bool> alive_{true};
+    bool connects_ = true;
+    mutable std::atomic<bool> stalled_{false};
+    std::atomic<int> streaming_{0};          // endpoints running
+    std::atomic<std::int64_t> lastCycle_{0}; // steady clock, nanoseconds
+    std::atomic<std::uint32_t> periodFrames_{0};
     std::atomic<std::uint64_t> xruns_{0};
     Slots capture_{}, playback_{};
     std::atomic<std::uint64_t> cyclesBegun_{0}, cyclesEnded_{0};
@@ -507,7 +628,7 @@ AudioStatus JackEndpoint::registerPorts() {
 }
 
 bool JackEndpoint::isDisconnected() const noexcept {
-    return !driver_->isAlive();
+    return !driver_->isAlive() || driver_->hasStalled();
 }
 
 std::uint64_t JackEndpoint::xrunCount() const noexcept {
@@ -519,19 +640,20 @@ std::uint64_t JackEndpoint::xrunCount() const noexcept {
 AudioStatus JackEndpoint::start() {
     if (running_.load())
         return kAudioStatusNoError;
-    if (isDisconnected())
+    if (isDisconnected() || !driver_->answersRequests())
         return kAudioStatusServerFailure;
     flowing_ = false;
     connected_.store(false, std::memory_order_release);
     running_.store(true, std::memory_order_release);
     xrunsAtStart_.store(driver_->xruns(), std::memory_order_relaxed);
+    driver_->noteStreaming(true);
     driver_->publish(*this, slot_);
     jack_client_t* client = driver_->client();
     const bool output = configuration_.direction == AudioDirection::Output;
     bool connected = true;
     {
         std::lock_guard lock(driver_->requestMutex());
-        for (std::size_t index = 0; index < ports_.size() && connected; ++index) {
+        for (std::size_t index = 0; index < ports_.size() && connected && driver_->connects(); ++index) {
             const char* own = jack_port_name(ports_[index]);
             int result = output ? jack_connect(client, own, targets_[index].c_str())
                                 : jack_connect(client, targets_[index].c_str(), own);
@@ -555,13 +677,14 @@ AudioStatus JackEndpoint::stop() {
         return kAudioStatusNoError;
     connected_.store(false, std::memory_order_release);
     AudioStatus status = kAudioStatusNoError;
-    if (driver_->isAlive()) {
+    if (driver_->connects() && driver_->answersRequests()) {
         std::lock_guard lock(driver_->requestMutex());
         for (jack_port_t* port : ports_)
             if (int result = jack_port_disconnect(driver_->client(), port); result && !status)
                 status = AudioStatus(result);
     }
     driver_->withdraw(configuration_.direction, slot_);
+    driver_->noteStreaming(false);
     if (noted_.exchange(false))
         driver_->noteRunning(configuration_.direction, configuration_.channels, false);
     const std::uint64_t since = xrunsAtStart_.exchange(kNotCounting, std::memory_order_relaxed);
@@ -573,7 +696,7 @@ AudioStatus JackEndpoint::stop() {
 // Ports of a server that has gone are left alone: the library cannot talk to it any more.
 JackEndpoint::~JackEndpoint() {
     stop();
-    if (driver_->isAlive()) {
+    if (driver_->answersRequests()) {
         std::lock_guard lock(driver_->requestMutex());
         for (jack_port_t* port : ports_)
             jack_port_unregister(driver_->client(), port);
@@ -593,10 +716,13 @@ void JackEndpoint::process(jack_nframes_t frames, const AudioTimeStamp& timeStam
         return;
     // Until every port is connected in the graph this cycle runs on, nothing flows: a stimulus
     // rendered now would go nowhere, and the first time stamp would not be the first heard.
+    // When the user makes the connections, one port connected is enough: the other channels may
+    // be left unused on purpose.
     if (!flowing_) {
-        for (jack_port_t* port : ports_)
-            if (jack_port_connected(port) <= 0)
-                return;
+        const auto isConnected = [](jack_port_t* port) { return jack_port_connected(port) > 0; };
+        if (driver_->connects() ? !std::ranges::all_of(ports_, isConnected)
+                                : std::ranges::none_of(ports_, isConnected))
+            return;
         flowing_ = true;
     }
     configuration_.callback(configuration_.context, timeStamp, frames, buffers_.data(),
@@ -610,8 +736,34 @@ bool parseChannel(const std::string& text, std::uint32_t& channel) {
 
 } // namespace
 
+std::optional<std::string> jackDeviceUIDProblem(const AudioDeviceUID& uid) {
+    if (auto problem = isDefaultServer(uid.name) ? defaultServerProblem()
+                                                 : serverNameProblem(uid.name, "The server name"))
+        return problem;
+    for (const auto& [key, value] : uid.parameters) {
+        std::uint32_t channel = 0;
+        std::optional<std::string> problem;
+        if ((key.starts_with("in") && parseChannel(key.substr(2), channel)) ||
+            (key.starts_with("out") && parseChannel(key.substr(3), channel)))
+            problem = portNameProblem(value, fmt::format("The port of {}", key));
+        else if (key == "client")
+            problem = clientNameProblem(value, "The client name");
+        else if (key == "connect" && value != "yes" && value != "no")
+            problem = fmt::format("connect={} is neither connect=yes nor connect=no.", value);
+        else if (key != "connect")
+            problem = fmt::format("{} is not a parameter of a JACK device: the parameters are inN=PORT and "
+                                  "outN=PORT (routes), client=NAME and connect=no.",
+                                  key);
+        if (problem)
+            return problem;
+    }
+    return std::nullopt;
+}
+
 std::shared_ptr<AudioDeviceDriver> openJackDeviceDriver(const AudioDeviceUID& uid,
                                                         const std::string& givenUID) {
+    if (jackDeviceUIDProblem(uid))
+        return nullptr;
     std::map<std::uint32_t, std::string> inputRoutes, outputRoutes;
     for (const auto& [key, value] : uid.parameters) {
         std::uint32_t channel = 0;
@@ -619,18 +771,19 @@ std::shared_ptr<AudioDeviceDriver> openJackDeviceDriver(const AudioDeviceUID& ui
             inputRoutes[channel] = value;
         else if (key.starts_with("out") && parseChannel(key.substr(3), channel))
             outputRoutes[channel] = value;
-        else
-            return nullptr;
     }
     jack_status_t status{};
-    jack_client_t* client = openClient("tavolar", uid.name, status);
+    jack_client_t* client = openClient(uid.parameter("client").value_or("tavolar"), uid.name, status);
     if (!client)
         return nullptr;
-    return std::make_shared<JackDeviceDriver>(givenUID, uid.name == "default" ? std::string() : uid.name,
-                                              client, std::move(inputRoutes), std::move(outputRoutes));
+    return std::make_shared<JackDeviceDriver>(givenUID, isDefaultServer(uid.name) ? std::string() : uid.name,
+                                              client, std::move(inputRoutes), std::move(outputRoutes),
+                                              uid.parameter("connect") != "no");
 }
 
 bool jackServerIsRunning(const std::string& serverName) {
+    if (isDefaultServer(serverName) ? defaultServerProblem() : serverNameProblem(serverName, {}))
+        return false;
     jack_status_t status{};
     jack_client_t* client = openClient("tavolar-probe", serverName, status);
     if (!client)

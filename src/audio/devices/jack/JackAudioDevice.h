@@ -2,7 +2,10 @@
 // The JACK backend. A device is one JACK server ("jack" for the default server, "jack:NAME" for a
 // named one). Its channels are the server's physical capture and playback ports in the server's
 // order; the UID parameters "inN=PORT" and "outN=PORT" route channel N to any port instead, so a
-// measurement can run through other JACK clients. A device is one JACK client; each endpoint
+// measurement can run through other JACK clients. "client=NAME" names the device's JACK client
+// ("tavolar" otherwise), so that two processes can measure side by side; with "connect=no" the
+// device connects nothing and leaves every connection to the user (a stream flows once one of
+// its ports is connected). A device is one JACK client; each endpoint
 // registers ports of its own on it, connected to the channels' ports while it runs. A capture channel
 // that hears another client which the device's own playback feeds reports one period more latency:
 // the server closes that loop through the device's client with a period's delay. The device's clock
@@ -13,9 +16,14 @@
 #include "audio/devices/AudioDeviceUID.h"
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace tavolar {
+
+// Why JACK cannot be handed this UID (a name longer than JACK holds, a port name that is not
+// CLIENT:PORT, an unknown parameter), for a person to read; nullopt when it can.
+std::optional<std::string> jackDeviceUIDProblem(const AudioDeviceUID& uid);
 
 // A driver for the server the UID names, or null when no such server runs or the UID is malformed.
 std::shared_ptr<AudioDeviceDriver> openJackDeviceDriver(const AudioDeviceUID& uid,
