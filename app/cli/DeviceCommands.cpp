@@ -397,6 +397,9 @@ Expected<void> runMeasurement(MeasureOptions& options) {
             name += fmt::format(" (input {})", entry.channel());
         record->setComment(name);
         applyDefaultAnalysisSettings(*record);
+        if (loopback)
+            store->setLoopbackReference(record->impulseUUID(),
+                                        {{"output", loopback->first}, {"input", loopback->second}});
         impulses.push_back(record->impulseUUID());
         records.push_back(std::move(record));
     }

@@ -203,7 +203,9 @@ void addInfoCommand(CLI::App& app, CommandList& commands) {
                                     ++unreadableCount;
                                     continue;
                                 }
-                                descriptions.push_back(describeRecord(**record, index + 1));
+                                descriptions.push_back(
+                                    describeRecord(**record, index + 1,
+                                                   store->loopbackReference(store->summaries()[index].uuid)));
                             }
                             if (unreadableCount > 1)
                                 unreadable->localizedDescription +=

@@ -130,7 +130,8 @@ nlohmann::json dateValue(const std::optional<ArchivedDate>& date) {
 }
 } // namespace
 
-nlohmann::json describeRecord(const VELTMeasurementRecord& record, std::size_t number) {
+nlohmann::json describeRecord(const VELTMeasurementRecord& record, std::size_t number,
+                              const nlohmann::json& loopbackReference) {
     nlohmann::json json;
     json["number"] = number;
     json["uuid"] = record.impulseUUID();
@@ -188,6 +189,7 @@ nlohmann::json describeRecord(const VELTMeasurementRecord& record, std::size_t n
         json["sweep"] = nullptr;
     }
     json["averages"] = record.synchronousAverages();
+    json["loopback"] = loopbackReference.is_object() ? loopbackReference : nlohmann::json(nullptr);
 
     if (auto calibration = record.microphoneCalibrationRecord()) {
         json["calibration"] = {
@@ -278,6 +280,14 @@ std::string formatRecordDescription(const nlohmann::json& json) {
     else
         line("Sweep", "unknown");
     line("Averages", std::to_string(json["averages"].get<std::int64_t>()));
+    if (const auto& loopback = json["loopback"]; loopback.contains("file"))
+        line("Loop-back", fmt::format("{}, divided out", loopback["file"].get<std::string>()));
+    else if (loopback.is_object())
+        line("Loop-back",
+             fmt::format("output {} to input {}, divided out", loopback["output"].get<std::int64_t>(),
+                         loopback["input"].get<std::int64_t>()));
+    else
+        line("Loop-back", "none");
     if (const auto& calibration = json["calibration"]; calibration.is_object())
         line("Calibration", fmt::format("{}, {:g} {}, {} points, {} (SPL offset {:.2f} dB)",
                                         calibration["microphone"].get<std::string>(),

@@ -32,8 +32,10 @@ std::string colorHex(const ArchivedColor& color);
 // only a damaged document holds.
 std::optional<std::string> isoDate(ArchivedDate date);
 
-// Everything info shows of one record; number is its 1-based place in the document.
-nlohmann::json describeRecord(const VELTMeasurementRecord& record, std::size_t number);
+// Everything info shows of one record; number is its 1-based place in the document, loopbackReference
+// what RecordStore::loopbackReference answers for it.
+nlohmann::json describeRecord(const VELTMeasurementRecord& record, std::size_t number,
+                              const nlohmann::json& loopbackReference = nullptr);
 std::string formatRecordDescription(const nlohmann::json& description);
 
 // One entry of list, from the document's summary alone (nothing is decoded).

@@ -66,6 +66,29 @@ Expected<RecordStore> RecordStore::open(const std::filesystem::path& path, Mode 
 
 namespace {
 
+// A record's archive: the record's own values, and beside them what the command line keeps of it.
+struct StoredRecord {
+    static constexpr std::string_view className = VELTMeasurementRecord::className;
+    static constexpr std::string_view kLoopbackReferenceKey = "tavolarLoopbackReference";
+
+    std::shared_ptr<VELTMeasurementRecord> record;
+    nlohmann::json loopbackReference;
+
+    void encodeWithCoder(KeyedArchiver& coder) const {
+        record->encodeWithCoder(coder);
+        if (loopbackReference.is_object())
+            coder.encodeDictionary(loopbackReference, kLoopbackReferenceKey);
+    }
+    static StoredRecord initWithCoder(KeyedUnarchiver& coder) {
+        StoredRecord stored{
+            std::make_shared<VELTMeasurementRecord>(VELTMeasurementRecord::initWithCoder(coder)), nullptr};
+        if (auto reference = coder.decodeDictionary(kLoopbackReferenceKey);
+            reference && reference->is_object())
+            stored.loopbackReference = std::move(*reference);
+        return stored;
+    }
+};
+
 std::string lowercase(std::string_view text) {
     std::string result(text);
     std::transform(result.begin(), result.end(), result.begin(),
@@ -155,10 +178,12 @@ Expected<std::shared_ptr<VELTMeasurementRecord>> RecordStore::load(std::size_t i
         return describe(archive.error());
     if (!*archive)
         return describe(TavolarError::make("it has been removed"));
-    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<VELTMeasurementRecord>(**archive);
+    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<StoredRecord>(**archive);
     if (!decoded)
         return describe(decoded.error());
-    auto record = std::make_shared<VELTMeasurementRecord>(std::move(*decoded));
+    std::shared_ptr<VELTMeasurementRecord> record = std::move(decoded->record);
+    if (decoded->loopbackReference.is_object())
+        loopbackReferences_[summary.uuid] = std::move(decoded->loopbackReference);
     // The document's table of impulse responses is the record's impulse cache; a response kept in
     // the archive itself (older documents) moves into the cache and is replaced by the table's.
     record->setImpulseCache(cache_);
@@ -192,7 +217,8 @@ Expected<void> RecordStore::save(std::span<const std::shared_ptr<VELTMeasurement
             }
             // The impulse response lives in the document's own table, not in the record's archive.
             record->setDontSaveImpulse(true);
-            std::vector<std::byte> archive = KeyedArchiver::archivedDataWithRootObject(*record);
+            std::vector<std::byte> archive =
+                KeyedArchiver::archivedDataWithRootObject(StoredRecord{record, loopbackReference(uuid)});
             RecordMetadata metadata{record->comment().value_or(""), record->date()};
             if (auto stored = document_->putRecord(uuid, archive, metadata); !stored)
                 return stored;
@@ -235,6 +261,15 @@ Expected<void> RecordStore::putCaptureSettings(const VELTAudioCaptureSettings& s
     if (auto stored = document_->putCaptureSettings(kCaptureSettingsName, archive); !stored)
         return std::unexpected(documentError(path_, stored.error()));
     return {};
+}
+
+nlohmann::json RecordStore::loopbackReference(const std::string& uuid) const {
+    auto found = loopbackReferences_.find(uuid);
+    return found == loopbackReferences_.end() ? nlohmann::json(nullptr) : found->second;
+}
+
+void RecordStore::setLoopbackReference(const std::string& uuid, nlohmann::json reference) {
+    loopbackReferences_[uuid] = std::move(reference);
 }
 
 std::string RecordStore::displayName(const VELTMeasurementRecord& record) {

@@ -15,6 +15,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <span>
 #include <string>
@@ -78,6 +79,13 @@ public:
     // records, copying their stored bytes).
     MeasurementDocument& document() const noexcept { return *document_; }
 
+    // The loop-back reference a record's response was divided by: {"output": N, "input": N} for a
+    // measurement, {"file": PATH} for an import; null when there was none. It is kept in the record's
+    // archive beside the record's own values, so it stays with the record when the record is changed.
+    // Known for records loaded or given one here.
+    nlohmann::json loopbackReference(const std::string& uuid) const;
+    void setLoopbackReference(const std::string& uuid, nlohmann::json reference);
+
     // The name a record is shown under: its comment, or "Untitled".
     static std::string displayName(const VELTMeasurementRecord& record);
 
@@ -88,6 +96,7 @@ private:
     std::unique_ptr<MeasurementDocument> document_;
     std::shared_ptr<MemoryImpulseCache> cache_;
     std::vector<RecordSummary> summaries_;
+    mutable std::map<std::string, nlohmann::json, std::less<>> loopbackReferences_; // by UUID
 };
 
 // Gives a new record its analysis defaults: a window from 2 ms before the impulse's peak to 500 ms

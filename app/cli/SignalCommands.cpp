@@ -246,6 +246,8 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
                      std::chrono::system_clock::now().time_since_epoch()))));
              if (sweep)
                  record->setLogSweepSettings(*sweep);
+             if (options->reference)
+                 store->setLoopbackReference(record->impulseUUID(), {{"file", *options->reference}});
              applyDefaultAnalysisSettings(*record);
              const std::string uuid = record->impulseUUID();
              std::vector<std::shared_ptr<VELTMeasurementRecord>> records{record};

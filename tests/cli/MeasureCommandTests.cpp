@@ -53,6 +53,8 @@ TEST_F(MeasureCommand, MeasuresTheSimulatedLoudspeakerWithTheDocumentsCalibratio
                         sweep);
     ASSERT_EQ(far.exitCode, 0) << far.err;
     EXPECT_NE(far.out.find("Record 2: Far"), std::string::npos) << far.out;
+    // What the loop-back was stays with the record when the record is changed.
+    ASSERT_TRUE(succeeds({"set", "m.tavolar", "2", "--notes", "changed"}));
 
     nlohmann::json records = infoOfAll("m.tavolar");
     ASSERT_EQ(records.size(), 2u);
@@ -65,6 +67,8 @@ TEST_F(MeasureCommand, MeasuresTheSimulatedLoudspeakerWithTheDocumentsCalibratio
     EXPECT_EQ(near["sweep"]["durationMilliseconds"], 500.0);
     EXPECT_EQ(near["sweep"]["fullRange"], true);
     EXPECT_EQ(farRecord["name"], "Far");
+    EXPECT_TRUE(near["loopback"].is_null());
+    EXPECT_EQ(farRecord["loopback"], (nlohmann::json{{"output", 1}, {"input", 1}}));
 
     // The built-in device's own impulse response peaks where the measured one does.
     std::vector<float> builtIn = defaultLoudspeakerRoomImpulseResponse(48000);
