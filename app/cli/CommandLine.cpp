@@ -1,10 +1,66 @@
-// Parsers of command-line values shared by several subcommands.
+// Parsers of command-line values and text checks shared by several subcommands.
 
 #include "CommandLine.h"
 
 #include <charconv>
 
 namespace tavolar::cli {
+
+namespace {
+
+// The length of the well-formed UTF-8 sequence at the start of text (no overlong forms, surrogates
+// or values past U+10FFFF), or 0 when it does not start with one.
+std::size_t sequenceLength(std::string_view text) {
+    const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(text[at]); };
+    const unsigned char lead = byte(0);
+    if (lead < 0x80)
+        return 1;
+    std::size_t length = 0;
+    unsigned char low = 0x80, high = 0xBF; // the range of the second byte
+    if (lead >= 0xC2 && lead <= 0xDF)
+        length = 2;
+    else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        low = lead == 0xE0 ? 0xA0 : 0x80;
+        high = lead == 0xED ? 0x9F : 0xBF;
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        low = lead == 0xF0 ? 0x90 : 0x80;
+        high = lead == 0xF4 ? 0x8F : 0xBF;
+    } else
+        return 0;
+    if (text.size() < length || byte(1) < low || byte(1) > high)
+        return 0;
+    for (std::size_t at = 2; at < length; ++at)
+        if (byte(at) < 0x80 || byte(at) > 0xBF)
+            return 0;
+    return length;
+}
+
+} // namespace
+
+std::string validUTF8(std::string_view text) {
+    std::string result;
+    result.reserve(text.size());
+    while (!text.empty()) {
+        const std::size_t length = sequenceLength(text);
+        if (length == 0) {
+            result += "\xEF\xBF\xBD";
+            text.remove_prefix(1);
+        } else {
+            result += text.substr(0, length);
+            text.remove_prefix(length);
+        }
+    }
+    return result;
+}
+
+bool isValidUTF8(std::string_view text) {
+    for (std::size_t length = 0; !text.empty(); text.remove_prefix(length))
+        if ((length = sequenceLength(text)) == 0)
+            return false;
+    return true;
+}
 
 std::optional<std::vector<std::int64_t>> parseIndexList(std::string_view text) {
     std::vector<std::int64_t> values;

@@ -68,6 +68,11 @@ bool standardErrorIsTerminal();
 void printLine(std::string_view text);
 void printNote(std::string_view text);
 
+// text with every byte that is not part of well-formed UTF-8 replaced by U+FFFD, so that what is
+// stored reads back as text everywhere (JSON included).
+std::string validUTF8(std::string_view text);
+bool isValidUTF8(std::string_view text);
+
 // Parses a list such as "0,1,3" into numbers; nullopt when an item is not a non-negative integer.
 std::optional<std::vector<std::int64_t>> parseIndexList(std::string_view text);
 

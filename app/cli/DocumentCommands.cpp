@@ -271,6 +271,12 @@ void addSetCommand(CLI::App& app, CommandList& commands) {
                  return usageFailure("Nothing to change: give at least one option such as "
                                      "--window-end or --comment.",
                                      "Run tavolar set --help to see them.");
+             for (const auto* text : {&options->comment, &options->notes})
+                 if (*text && !isValidUTF8(**text))
+                     return usageFailure(
+                         fmt::format("The text given to {} is not valid UTF-8.",
+                                     text == &options->comment ? "--comment" : "--notes"),
+                         "Give text in UTF-8 (check the terminal's encoding and the locale).");
              std::optional<ArchivedColor> color;
              if (options->color) {
                  color = parseColor(*options->color);
@@ -492,6 +498,8 @@ void addCalibrateCommand(CLI::App& app, CommandList& commands) {
                                               "(dB) and optionally phase (degrees)."
                                             : suggestion);
                  }
+                 // The microphone is named after the file, whose name may be in any encoding.
+                 calibration->setName(validUTF8(calibration->name()));
                  change.fromFile =
                      std::make_shared<const MicrophoneCalibrationRecord>(std::move(*calibration));
              }
@@ -581,31 +589,34 @@ void addRenameCommand(CLI::App& app, CommandList& commands) {
     command->add_option("document", options->document, "The document (*.tavolar)")->required();
     command->add_option("record", options->record, "The record by number, UUID or UUID prefix")->required();
     command->add_option("name", options->name, "The new name")->required();
-    commands.push_back({command, [options]() -> Expected<void> {
-                            if (options->name.empty())
-                                return usageFailure("The new name is empty.",
-                                                    "Give a name, or clear it with set --comment \"\".");
-                            auto store = RecordStore::open(options->document, RecordStore::Mode::ReadWrite);
-                            if (!store)
-                                return std::unexpected(store.error());
-                            const std::vector<std::string> selector{options->record};
-                            auto indices = store->select(selector, false);
-                            if (!indices)
-                                return std::unexpected(indices.error());
-                            if (indices->size() != 1)
-                                return usageFailure(
-                                    "rename changes one record: name it by its number or UUID.");
-                            auto record = store->load(indices->front());
-                            if (!record)
-                                return std::unexpected(record.error());
-                            (*record)->setComment(options->name);
-                            const std::shared_ptr<VELTMeasurementRecord> changed[] = {*record};
-                            if (auto saved = store->save(changed, {}); !saved)
-                                return saved;
-                            printLine(fmt::format("Renamed record {} of {} to {}.", indices->front() + 1,
-                                                  options->document, RecordStore::displayName(**record)));
-                            return {};
-                        }});
+    commands.push_back(
+        {command, [options]() -> Expected<void> {
+             if (options->name.empty())
+                 return usageFailure("The new name is empty.",
+                                     "Give a name, or clear it with set --comment \"\".");
+             if (!isValidUTF8(options->name))
+                 return usageFailure("The new name is not valid UTF-8 text.",
+                                     "Give text in UTF-8 (check the terminal's encoding and the locale).");
+             auto store = RecordStore::open(options->document, RecordStore::Mode::ReadWrite);
+             if (!store)
+                 return std::unexpected(store.error());
+             const std::vector<std::string> selector{options->record};
+             auto indices = store->select(selector, false);
+             if (!indices)
+                 return std::unexpected(indices.error());
+             if (indices->size() != 1)
+                 return usageFailure("rename changes one record: name it by its number or UUID.");
+             auto record = store->load(indices->front());
+             if (!record)
+                 return std::unexpected(record.error());
+             (*record)->setComment(options->name);
+             const std::shared_ptr<VELTMeasurementRecord> changed[] = {*record};
+             if (auto saved = store->save(changed, {}); !saved)
+                 return saved;
+             printLine(fmt::format("Renamed record {} of {} to {}.", indices->front() + 1, options->document,
+                                   RecordStore::displayName(**record)));
+             return {};
+         }});
 }
 
 void addDeleteCommand(CLI::App& app, CommandList& commands) {

@@ -215,6 +215,11 @@ Expected<void> RecordStore::save(std::span<const std::shared_ptr<VELTMeasurement
                     !stored)
                     return stored;
             }
+            // Names and notes (from arguments and file names in any encoding) are stored as UTF-8.
+            if (auto comment = record->comment(); comment && !isValidUTF8(*comment))
+                record->setComment(validUTF8(*comment));
+            if (auto notes = record->notes(); notes && !isValidUTF8(*notes))
+                record->setNotes(validUTF8(*notes));
             // The impulse response lives in the document's own table, not in the record's archive.
             record->setDontSaveImpulse(true);
             std::vector<std::byte> archive =

@@ -83,6 +83,18 @@ TEST_F(ImportCommand, StoresImpulseResponsesThatListAndInfoDescribe) {
         expectRefused({"info", "room.tavolar", missing}, 1, "no record");
 }
 
+TEST_F(ImportCommand, StoresNamesFromOtherEncodingsAsUTF8) {
+    // A Latin-1 name and a calibration file named in Latin-1: their bad bytes become U+FFFD.
+    ASSERT_TRUE(succeeds({"import", "ir.wav", "-o", "u.tavolar", "--name", "Caf\xE9"}));
+    std::ofstream(folder / "mic\xE9.txt") << "20 -1 0\n1000 0 0\n20000 2 0\n";
+    ASSERT_TRUE(succeeds({"calibrate", "u.tavolar", "1", "--file", "mic\xE9.txt"}));
+    EXPECT_EQ(sql(folder / "u.tavolar", "SELECT name FROM records")[0][0], "Caf\uFFFD");
+    const nlohmann::json record = info("u.tavolar", "1");
+    EXPECT_EQ(record["comment"], "Caf\uFFFD");
+    EXPECT_EQ(record["calibration"]["microphone"], "mic\uFFFD");
+    expectRefused({"rename", "u.tavolar", "1", "Caf\xE9"}, 2, "not valid UTF-8");
+}
+
 TEST_F(SetCommand, ChangesRecordsAndRefusesWindowsOutsideTheResponse) {
     ASSERT_TRUE(succeeds({"import", "ir.wav", "-o", "d.tavolar"}));
     ASSERT_TRUE(succeeds({"import", "ir.wav", "-o", "d.tavolar"}));
@@ -117,15 +129,16 @@ TEST_F(SetCommand, ChangesRecordsAndRefusesWindowsOutsideTheResponse) {
         int exitCode;
         std::string message;
     };
-    for (const Case& bad : {Case{{"all", "--window-end", "50"}, 1, "outside the impulse response"},
-                            Case{{"1", "--window-begin", "-43"}, 1, "outside the impulse response"},
-                            Case{{"1", "--window-begin", "25", "--window-end", "10"}, 1, "before it begins"},
-                            Case{{"1", "3", "--comment", "x"}, 1, "no record 3"},
-                            Case{{"1", "--color", "#12345"}, 2, "not a colour"},
-                            Case{{"1", "--window-type", "triangle"}, 2, ""},
-                            Case{{"1", "--speed-of-sound", "0"}, 2, "speed of sound"},
-                            Case{{"1", "--spl-reference", "80", "--no-spl-reference"}, 2, ""},
-                            Case{{"1"}, 2, "Nothing to change"}})
+    for (const Case& bad :
+         {Case{{"all", "--window-end", "50"}, 1, "outside the impulse response"},
+          Case{{"1", "--window-begin", "-43"}, 1, "outside the impulse response"},
+          Case{{"1", "--window-begin", "25", "--window-end", "10"}, 1, "before it begins"},
+          Case{{"1", "3", "--comment", "x"}, 1, "no record 3"},
+          Case{{"1", "--color", "#12345"}, 2, "not a colour"},
+          Case{{"1", "--window-type", "triangle"}, 2, ""},
+          Case{{"1", "--speed-of-sound", "0"}, 2, "speed of sound"},
+          Case{{"1", "--spl-reference", "80", "--no-spl-reference"}, 2, ""},
+          Case{{"1", "--notes", "bad \xFF"}, 2, "not valid UTF-8"}, Case{{"1"}, 2, "Nothing to change"}})
         expectRefused(Arguments{"set", "d.tavolar"} + bad.arguments, bad.exitCode, bad.message);
     EXPECT_EQ(infoOfAll("d.tavolar"), before);
     // The edge of the response itself is allowed.
