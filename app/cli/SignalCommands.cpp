@@ -233,6 +233,12 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
                                                 "sample.",
                                                 options->input, input->samples.length()));
                  impulse = std::move(input->samples);
+                 // A record's response is circular, its second half the times before zero, and its
+                 // peak and time axis are read from a copy turned by half its length: for an odd
+                 // length every time would read one sample late. A zero after the last sample evens
+                 // the length and changes nothing else.
+                 if (impulse.length() % 2 == 1)
+                     impulse.setLength(impulse.length() + 1);
              }
 
              auto store = RecordStore::open(options->document, RecordStore::Mode::CreateIfMissing);
