@@ -2,14 +2,11 @@
 // C-weighted, as a table, as JSON or as a CSV file.
 
 #include "CommandLine.h"
+#include "RecordDescription.h"
 #include "RecordStore.h"
-#include "dsp/Decibels.h"
-#include "dsp/OctaveBands.h"
-#include "dsp/SPL.h"
-#include "dsp/SplineCorrection.h"
-#include "dsp/WeightingFilters.h"
 #include "export/ExportText.h"
 #include "export/VELTCSVExporter.h"
+#include "graphcalc/RecordCurves.h"
 
 #include <algorithm>
 #include <cctype>
@@ -23,8 +20,6 @@
 namespace tavolar::cli {
 
 namespace {
-
-constexpr std::int64_t kBandRates[] = {44100, 48000, 88200, 96000, 176400, 192000};
 
 struct BandsOptions {
     std::string document;
@@ -48,44 +43,24 @@ struct RecordBands {
 
 Expected<RecordBands> bandsOfRecord(const VELTMeasurementRecord& record, std::size_t number,
                                     const BandsOptions& options) {
-    if (!record.impulseResponse() || record.sampleRate() <= 0)
+    auto [bands, fault] = bandLevelsOfRecord(record, options.octave, options.weighting.front());
+    if (fault == BandLevelFailure::NoImpulseResponse)
         return failure(fmt::format("Record {} has no impulse response.", number));
-    const std::int64_t rate = record.sampleRate();
-    if (std::find(std::begin(kBandRates), std::end(kBandRates), rate) == std::end(kBandRates))
+    if (fault == BandLevelFailure::UnsupportedSampleRate)
         return failure(
             fmt::format("Record {} has a sample rate of {} Hz, for which there are no band filters.", number,
-                        rate),
+                        record.sampleRate()),
             "Band levels work at 44100, 48000, 88200, 96000, 176400 and 192000 Hz.");
-    VELTRealVector signal = record.windowedImpulseResponse();
-    if (signal.length() == 0)
+    if (fault == BandLevelFailure::EmptyWindow)
         return failure(fmt::format("The window of record {} holds no samples.", number),
                        "Set a window within the response with tavolar set.");
-    if (options.weighting == "a")
-        signal = AWeightingFilteredVectorWithSampleRate(signal, static_cast<std::uint32_t>(rate));
-    else if (options.weighting == "c")
-        signal = CWeightingFilteredVectorWithSampleRate(signal, static_cast<std::uint32_t>(rate));
-    const BandDecomposition bands = options.octave ? octaveBandsWithSampleRate(signal, rate)
-                                                   : thirdOctaveBandsWithSampleRate(signal, rate);
-
-    RecordBands result{number,        RecordStore::displayName(record),
-                       rate,          bands.displayBands(),
-                       bands.bands(), bands.powerValues(),
-                       std::nullopt};
-    convertAbsToMagnitude(result.levels);
-    // As the SPL curve of the frequency response: 94 dB at the reference, less the microphone's
-    // correction at each band's centre.
-    const bool reference = record.useSPLReferenceLevel() && record.hasSPLReference();
-    const auto calibration =
-        record.useMicrophoneCalibrationRecord() ? record.microphoneCalibrationRecord() : nullptr;
-    if (reference || calibration) {
-        result.spl = bands.powerValues();
-        convertAbsToMagnitudeWithReference(*result.spl,
-                                           record.useSPLReferenceLevel() ? record.SPLReferenceLevel() : 0.0f);
-        if (calibration && calibration->magnitudeSpline())
-            applyFrequencyDomainCorrectionFromSpline(*result.spl, *calibration->magnitudeSpline(),
-                                                     result.exact);
-    }
-    return result;
+    return RecordBands{number,
+                       RecordStore::displayName(record),
+                       record.sampleRate(),
+                       std::move(bands->nominal),
+                       std::move(bands->exact),
+                       std::move(bands->levels),
+                       std::move(bands->spl)};
 }
 
 std::string describeBank(const BandsOptions& options) {
@@ -194,7 +169,7 @@ void addBandsCommand(CLI::App& app, CommandList& commands) {
                                 nlohmann::json list = nlohmann::json::array();
                                 for (const RecordBands& bands : all)
                                     list.push_back(describe(bands, *options));
-                                printLine(list.dump(2));
+                                printLine(jsonText(list));
                                 return {};
                             }
                             for (std::size_t at = 0; at < all.size(); ++at) {

@@ -55,8 +55,15 @@ Expected<RecordStore> RecordStore::open(const std::filesystem::path& path, Mode 
     // Nothing is written into a document whose structure is damaged: the damage is reported while the
     // rest can still be saved from it. A record that fails its checksum blocks only itself.
     if (exists && mode != Mode::ReadOnly)
-        if (auto intact = store.document_->checkStructure(); !intact)
-            return std::unexpected(documentError(path, intact.error()));
+        if (auto intact = store.document_->checkStructure(); !intact) {
+            TavolarError damaged = documentError(path, intact.error());
+            if (damaged.code == static_cast<std::int64_t>(MeasurementDocumentErrorCode::Damaged))
+                damaged.localizedRecoverySuggestion = fmt::format(
+                    "Copy the records that can still be read into a new document with: tavolar copy "
+                    "{} RECORDS -o NEW.tavolar; or open a backup copy of the document.",
+                    path.string());
+            return std::unexpected(damaged);
+        }
     auto summaries = store.document_->listRecords();
     if (!summaries)
         return std::unexpected(documentError(path, summaries.error()));
@@ -165,13 +172,20 @@ Expected<std::vector<std::size_t>> RecordStore::select(std::span<const std::stri
 Expected<std::shared_ptr<VELTMeasurementRecord>> RecordStore::load(std::size_t index) const {
     const RecordSummary& summary = summaries_.at(index);
     auto describe = [&](const TavolarError& error) {
+        // Damage confined to the record leaves the document writable; damage to the file's structure
+        // leaves only copying out what can still be read.
+        const bool fileIntact = document_->checkStructure().has_value();
         return failure(
             fmt::format("Record {} ({}) of {} cannot be read: {}", index + 1, summary.uuid, path_.string(),
                         error.localizedDescription),
-            fmt::format("The other records of the document can still be read and changed. "
-                        "Remove this one with: tavolar delete {} {}; or copy the others into a new "
-                        "document with: tavolar copy {} RECORDS -o NEW.tavolar",
-                        path_.string(), index + 1, path_.string()));
+            fileIntact ? fmt::format("The other records of the document can still be read and changed. "
+                                     "Remove this one with: tavolar delete {} {}; or copy the others into a "
+                                     "new document with: tavolar copy {} RECORDS -o NEW.tavolar",
+                                     path_.string(), index + 1, path_.string())
+                       : fmt::format("The file itself is damaged. Copy the records that can still be read "
+                                     "into a new document with: tavolar copy {} RECORDS -o NEW.tavolar; or "
+                                     "open a backup copy of the document.",
+                                     path_.string()));
     };
     auto archive = document_->recordArchive(summary.uuid);
     if (!archive)

@@ -89,10 +89,30 @@ TEST_F(ImportCommand, StoresNamesFromOtherEncodingsAsUTF8) {
     std::ofstream(folder / "mic\xE9.txt") << "20 -1 0\n1000 0 0\n20000 2 0\n";
     ASSERT_TRUE(succeeds({"calibrate", "u.tavolar", "1", "--file", "mic\xE9.txt"}));
     EXPECT_EQ(sql(folder / "u.tavolar", "SELECT name FROM records")[0][0], "Caf\uFFFD");
-    const nlohmann::json record = info("u.tavolar", "1");
-    EXPECT_EQ(record["comment"], "Caf\uFFFD");
-    EXPECT_EQ(record["calibration"]["microphone"], "mic\uFFFD");
+    const nlohmann::json described = info("u.tavolar", "1");
+    EXPECT_EQ(described["comment"], "Caf\uFFFD");
+    EXPECT_EQ(described["calibration"]["microphone"], "mic\uFFFD");
     expectRefused({"rename", "u.tavolar", "1", "Caf\xE9"}, 2, "not valid UTF-8");
+
+    // Text stored by older versions or other programs: every JSON answer still reads.
+    auto record = VELTMeasurementRecord::record();
+    record->setSampleRate(48000);
+    record->setImpulseResponse(VELTRealVector(std::span<const float>(delayedImpulse())));
+    record->setImpulseResponseWindow(VELTWindow(0, 1000, 0));
+    record->setComment("L\xFF"
+                       "ft");
+    {
+        auto document = openDocument(folder / "u.tavolar");
+        ASSERT_TRUE(document);
+        ASSERT_TRUE(document->putRecord(record->impulseUUID(),
+                                        KeyedArchiver::archivedDataWithRootObject(*record),
+                                        {"L\xFF"
+                                         "ft",
+                                         std::nullopt}));
+    }
+    EXPECT_EQ(json({"list", "u.tavolar", "--json"})[1]["name"], "L\uFFFDft");
+    EXPECT_EQ(info("u.tavolar", "2")["name"], "L\uFFFDft");
+    EXPECT_EQ(json({"bands", "u.tavolar", "2", "--json"})[0]["name"], "L\uFFFDft");
 }
 
 TEST_F(SetCommand, ChangesRecordsAndRefusesWindowsOutsideTheResponse) {
