@@ -487,10 +487,17 @@ Expected<void> writeMATLAB(const std::vector<CurveGroup>& groups, const std::fil
     auto output = VELTMATLABOutput::withFilename(path);
     if (!output)
         return std::unexpected(output.error());
+    // Time curves keep every digit, as in CSV.
     for (const CurveGroup& group : groups) {
-        output->writeVector(group.axis.values, group.axis.variable);
+        auto write = [&](const NamedVector& vector) {
+            if (group.timeDomain)
+                output->writeVectorWithEveryDigit(vector.values, vector.variable);
+            else
+                output->writeVector(vector.values, vector.variable);
+        };
+        write(group.axis);
         for (const NamedVector& curve : group.curves)
-            output->writeVector(curve.values, curve.variable);
+            write(curve);
     }
     return {};
 }

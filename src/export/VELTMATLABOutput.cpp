@@ -60,6 +60,15 @@ void VELTMATLABOutput::writeVector(const VELTRealVector& vector, const std::stri
     VELT_vecfprint(mFile.get(), name.c_str(), vector);
 }
 
+void VELTMATLABOutput::writeVectorWithEveryDigit(const VELTRealVector& vector, const std::string& name) {
+    CNumericFormattingScope numericFormatting;
+    std::FILE* stream = mFile.get();
+    std::fprintf(stream, "%s = [", name.c_str());
+    for (float sample : vector.span())
+        std::fprintf(stream, "%.9g, ", static_cast<double>(sample));
+    std::fputs("];\n", stream);
+}
+
 void VELTMATLABOutput::writeComplexVector(const VELTComplexVector& vector, const std::string& name) {
     VELT_cvecfprint(mFile.get(), name.c_str(), vector);
 }

@@ -44,6 +44,9 @@ public:
     // Statements are appended in the order of the calls, with no flush in between; the file is
     // closed when the object is destroyed. Write failures are not reported.
     void writeVector(const VELTRealVector& vector, const std::string& name);
+    // The same statement with each sample as "%.9g, ": every float written back exactly, for signals
+    // whose small samples six decimals would read as 0.
+    void writeVectorWithEveryDigit(const VELTRealVector& vector, const std::string& name);
     void writeComplexVector(const VELTComplexVector& vector, const std::string& name);
     void writeMatrix(const VELTRealMatrix& matrix, const std::string& name);
     void writeFloatArray(std::span<const double> numbers, const std::string& name);

@@ -207,6 +207,7 @@ TEST(VELTMATLABOutput, ReplacesTheFileWithStatementsInCallOrder) {
         output->writeComplexVector(complexVector({{1, 2}, {0.25f, -3}, {-1, 0}}), "z");
         output->writeFloatArray(numbers, "a");
         output->writeVector(VELTRealVector{0.0f}, "größe"); // names are written as given
+        output->writeVectorWithEveryDigit(VELTRealVector{2.5e-6f, -1.0f}, "h");
     }
     EXPECT_EQ(fileContents(path),
               "x = [1.000000, 2.000000, ];\n"
@@ -217,7 +218,8 @@ TEST(VELTMATLABOutput, ReplacesTheFileWithStatementsInCallOrder) {
               "z = [1.000000 + 2.000000i, 0.250000 + -3.000000i, -1.000000 + 0.000000i, ];\n"
               // Numbers are written by their single-precision value: 16777217 has none.
               "a = [0.100000, 16777216.000000, -2.000000, ];\n"
-              "größe = [0.000000, ];\n");
+              "größe = [0.000000, ];\n"
+              "h = [2.49999994e-06, -1, ];\n");
 }
 
 TEST(VELTMATLABOutput, RefusesAFileItCannotOpen) {
