@@ -90,9 +90,18 @@ struct StoredRecord {
         StoredRecord stored{
             std::make_shared<VELTMeasurementRecord>(VELTMeasurementRecord::initWithCoder(coder)), nullptr};
         if (auto reference = coder.decodeDictionary(kLoopbackReferenceKey);
-            reference && reference->is_object())
+            reference && isWellFormed(*reference))
             stored.loopbackReference = std::move(*reference);
         return stored;
+    }
+    // Anything else, which only a damaged archive holds, is left out rather than shown.
+    static bool isWellFormed(const nlohmann::json& reference) {
+        if (!reference.is_object())
+            return false;
+        if (reference.size() == 1 && reference.contains("file"))
+            return reference["file"].is_string();
+        return reference.size() == 2 && reference.contains("output") && reference.contains("input") &&
+               reference["output"].is_number_integer() && reference["input"].is_number_integer();
     }
 };
 

@@ -253,7 +253,8 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
              if (sweep)
                  record->setLogSweepSettings(*sweep);
              if (options->reference)
-                 store->setLoopbackReference(record->impulseUUID(), {{"file", *options->reference}});
+                 store->setLoopbackReference(record->impulseUUID(),
+                                             {{"file", validUTF8(*options->reference)}});
              applyDefaultAnalysisSettings(*record);
              const std::string uuid = record->impulseUUID();
              std::vector<std::shared_ptr<VELTMeasurementRecord>> records{record};
