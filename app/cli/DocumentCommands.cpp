@@ -583,12 +583,14 @@ void addRenameCommand(CLI::App& app, CommandList& commands) {
         std::string document;
         std::string record;
         std::string name;
+        bool json = false;
     };
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand("rename", "Give a record a new name (its comment)");
     command->add_option("document", options->document, "The document (*.tavolar)")->required();
     command->add_option("record", options->record, "The record by number, UUID or UUID prefix")->required();
     command->add_option("name", options->name, "The new name")->required();
+    command->add_flag("--json", options->json, "Print JSON for scripts");
     commands.push_back(
         {command, [options]() -> Expected<void> {
              if (options->name.empty())
@@ -613,8 +615,13 @@ void addRenameCommand(CLI::App& app, CommandList& commands) {
              const std::shared_ptr<VELTMeasurementRecord> changed[] = {*record};
              if (auto saved = store->save(changed, {}); !saved)
                  return saved;
-             printLine(fmt::format("Renamed record {} of {} to {}.", indices->front() + 1, options->document,
-                                   RecordStore::displayName(**record)));
+             if (options->json)
+                 printLine(jsonText({{"number", indices->front() + 1},
+                                     {"uuid", (*record)->impulseUUID()},
+                                     {"name", RecordStore::displayName(**record)}}));
+             else
+                 printLine(fmt::format("Renamed record {} of {} to {}.", indices->front() + 1,
+                                       options->document, RecordStore::displayName(**record)));
              return {};
          }});
 }
@@ -623,6 +630,7 @@ void addDeleteCommand(CLI::App& app, CommandList& commands) {
     struct Options {
         std::string document;
         std::vector<std::string> records;
+        bool json = false;
     };
     auto options = std::make_shared<Options>();
     CLI::App* command =
@@ -630,6 +638,7 @@ void addDeleteCommand(CLI::App& app, CommandList& commands) {
     command->add_option("document", options->document, "The document (*.tavolar)")->required();
     command->add_option("records", options->records, "Records by number, UUID or UUID prefix, or all")
         ->required();
+    command->add_flag("--json", options->json, "Print JSON for scripts");
     commands.push_back(
         {command, [options]() -> Expected<void> {
              auto store = RecordStore::open(options->document, RecordStore::Mode::ReadWrite);
@@ -652,6 +661,13 @@ void addDeleteCommand(CLI::App& app, CommandList& commands) {
              for (std::size_t index : *indices)
                  numbers.push_back(index + 1);
              std::sort(numbers.begin(), numbers.end());
+             if (options->json) {
+                 nlohmann::json deleted = nlohmann::json::array();
+                 for (std::size_t number : numbers)
+                     deleted.push_back({{"number", number}, {"uuid", store->summaries()[number - 1].uuid}});
+                 printLine(jsonText({{"deleted", deleted}}));
+                 return {};
+             }
              printLine(fmt::format("Deleted record{} {} from {}.", numbers.size() == 1 ? "" : "s",
                                    fmt::join(numbers, ", "), options->document));
              return {};
@@ -663,6 +679,7 @@ void addCopyCommand(CLI::App& app, CommandList& commands) {
         std::string document;
         std::vector<std::string> records;
         std::string target;
+        bool json = false;
     };
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
@@ -673,6 +690,7 @@ void addCopyCommand(CLI::App& app, CommandList& commands) {
         ->required();
     command->add_option("-o,--output", options->target, "The document to copy into (created if missing)")
         ->required();
+    command->add_flag("--json", options->json, "Print JSON for scripts");
     commands.push_back(
         {command, [options]() -> Expected<void> {
              std::error_code sameError;
@@ -736,6 +754,15 @@ void addCopyCommand(CLI::App& app, CommandList& commands) {
              });
              if (!written)
                  return std::unexpected(documentError(options->target, written.error()));
+             if (options->json) {
+                 nlohmann::json copied = nlohmann::json::array();
+                 for (std::size_t at = 0; at < copies.size(); ++at)
+                     copied.push_back({{"number", (*indices)[at] + 1},
+                                       {"uuid", copies[at].summary->uuid},
+                                       {"newNumber", firstNumber + at}});
+                 printLine(jsonText({{"copied", copied}, {"document", options->target}}));
+                 return {};
+             }
              printLine(fmt::format(
                  "Copied {} from {} into {} as record{} {}.", plural(copies.size(), "record"),
                  options->document, options->target, copies.size() == 1 ? "" : "s",
