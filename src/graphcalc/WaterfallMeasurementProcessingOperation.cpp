@@ -1,0 +1,144 @@
+#include "graphcalc/WaterfallMeasurementProcessingOperation.h"
+
+#include "graphcalc/WaterfallSliceOperation.h"
+#include "platform/Assertions.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace tavolar {
+
+namespace {
+
+// Every window of a plan starts at a begin and runs fftLength samples, cut at the response's midpoint.
+VELTWindow sliceWindow(std::int64_t begin, std::int64_t fftLength, std::size_t responseLength) {
+    const auto midpoint = static_cast<std::int64_t>(responseLength / 2);
+    return VELTWindow::windowWithBegin(begin, std::min(begin + fftLength, midpoint));
+}
+
+} // namespace
+
+WaterfallMeasurementProcessingOperation::WaterfallMeasurementProcessingOperation(
+    std::shared_ptr<VELTMeasurementRecord> record, WaterfallSettings settings)
+    : MeasurementProcessingOperation(std::move(record)), settings_(settings),
+      width_(OperationQueue::processorCount()) {
+    TAVOLAR_PARAMETER_ASSERT(settings_.fftLength >= 2 &&
+                             (settings_.fftLength & (settings_.fftLength - 1)) == 0);
+}
+
+void WaterfallMeasurementProcessingOperation::setMaxConcurrentSliceCount(int count) {
+    TAVOLAR_PARAMETER_ASSERT(count >= 1);
+    width_ = count;
+}
+
+std::int64_t WaterfallMeasurementProcessingOperation::originSample() const {
+    return settings_.startAtPeak ? record()->impulsePeak() : 0;
+}
+
+WaterfallSlicePlan WaterfallMeasurementProcessingOperation::slicePlan(std::size_t responseLength) const {
+    WaterfallSlicePlan plan;
+    if (settings_.sliceCount <= 0)
+        return plan;
+    const VELTMeasurementRecord& record = *this->record();
+    const std::int64_t first = record.samplesFromMilliseconds(settings_.startTime);
+    const std::int64_t spread = settings_.duration > 0.0f ? record.samplesFromMilliseconds(settings_.duration)
+                                                          : settings_.fftLength / 4;
+    const std::int64_t spacing =
+        settings_.sliceCount > 1
+            ? std::max<std::int64_t>(1, std::llround(double(spread) / double(settings_.sliceCount - 1)))
+            : 0;
+    const std::int64_t origin = originSample();
+    const double millisecondsPerSample = 1000.0 / double(record.sampleRate());
+    plan.times = VELTRealVector(static_cast<std::size_t>(settings_.sliceCount));
+    for (std::int64_t k = 0; k < settings_.sliceCount; ++k) {
+        const std::int64_t offset = first + k * spacing;
+        plan.windows.push_back(sliceWindow(origin + offset, settings_.fftLength, responseLength));
+        plan.times[std::size_t(k)] = static_cast<float>(double(offset) * millisecondsPerSample);
+    }
+    return plan;
+}
+
+WaterfallSlicePlan SpectrogramMeasurementProcessingOperation::slicePlan(std::size_t responseLength) const {
+    const WaterfallSettings& settings = this->settings();
+    const VELTMeasurementRecord& record = *this->record();
+    const std::int64_t origin = originSample();
+    const std::int64_t first = record.samplesFromMilliseconds(settings.startTime);
+    const std::int64_t end = settings.duration > 0.0f
+                                 ? first + record.samplesFromMilliseconds(settings.duration)
+                                 : static_cast<std::int64_t>(responseLength / 2) - origin;
+    const std::int64_t hop = std::max<std::int64_t>(
+        1, std::llround(double(settings.fftLength) * (1.0 - double(settings.overlap))));
+    const std::int64_t count =
+        end - first > settings.fftLength ? (end - first - settings.fftLength) / hop + 1 : 1;
+    const double millisecondsPerSample = 1000.0 / double(record.sampleRate());
+    WaterfallSlicePlan plan;
+    plan.times = VELTRealVector(static_cast<std::size_t>(count));
+    for (std::int64_t k = 0; k < count; ++k) {
+        const std::int64_t offset = first + k * hop;
+        plan.windows.push_back(sliceWindow(origin + offset, settings.fftLength, responseLength));
+        plan.times[std::size_t(k)] =
+            static_cast<float>((double(offset) + double(settings.fftLength) / 2.0) * millisecondsPerSample);
+    }
+    return plan;
+}
+
+void WaterfallMeasurementProcessingOperation::cancel() {
+    MeasurementProcessingOperation::cancel();
+    std::lock_guard lock(mutex_);
+    if (slices_)
+        slices_->cancelAllOperations();
+}
+
+void WaterfallMeasurementProcessingOperation::main() {
+    if (isCancelled())
+        return;
+    std::shared_ptr<const VELTRealVector> response = record()->impulseResponse();
+    if (!response || response->length() == 0)
+        return;
+    WaterfallSlicePlan plan = slicePlan(response->length());
+    if (plan.windows.empty())
+        return;
+    const auto fftLength = static_cast<std::size_t>(settings_.fftLength);
+    const std::size_t rows = plan.windows.size(), columns = fftLength / 2 + 1;
+    auto matrix = std::make_shared<VELTMutableRealMatrix>(rows, columns);
+    auto slices = std::make_shared<OperationQueue>("com.tavolar.graphcalc.waterfallSlices");
+    slices->setMaxConcurrentOperationCount(width_);
+    auto output = std::make_shared<OperationQueue>("com.tavolar.graphcalc.waterfallOutput");
+    output->setMaxConcurrentOperationCount(1);
+    auto pool = std::make_shared<FFTWaterfallWorkingSetPool>([fftLength, type = settings_.windowType] {
+        return std::make_unique<FFTWaterfallWorkingSet>(fftLength, type);
+    });
+    {
+        // Published before the cancellation check, so that a cancel either sees the queue or is seen here.
+        std::lock_guard lock(mutex_);
+        slices_ = slices;
+    }
+    if (!isCancelled()) {
+        std::vector<std::shared_ptr<Operation>> operations;
+        operations.reserve(rows);
+        for (std::size_t row = 0; row < rows; ++row)
+            operations.push_back(std::make_shared<FFTWaterfallSliceOperation>(response, plan.windows[row],
+                                                                              matrix, row, output, pool));
+        slices->addOperations(operations, true);
+    }
+    output->waitUntilAllOperationsAreFinished();
+    {
+        std::lock_guard lock(mutex_);
+        slices_.reset();
+    }
+    if (isCancelled())
+        return;
+
+    // One normalisation for the whole surface: the loudest bin of all slices is 0 dB.
+    matrix->mutableVector().normalizeDecibels();
+    auto surface = std::make_shared<GraphData3D>(std::move(matrix->mutableVector()), rows, columns);
+    surface->setXZ(VELTRealVector::realVectorWithFrequencyTable(
+                       static_cast<std::uint64_t>(record()->sampleRate()), fftLength),
+                   std::move(plan.times));
+    surface->setInfoDictionary({{kGraphDataSampleRateKey, record()->sampleRate()}});
+    surface->setName(record()->comment().value_or(""));
+    surface->setQuantities({"Frequency", "Hz"}, {"Time", "ms"}, {"Level", "dB"});
+    appendGraphData(std::move(surface));
+}
+
+} // namespace tavolar

@@ -1,0 +1,68 @@
+#pragma once
+// One slice of a waterfall or spectrogram: the stretch of an impulse response between a window's
+// begin and end, zero-padded to the FFT length, tapered, transformed and written in dB into one row
+// of the output matrix. Slices run in parallel; rows are written only on the serial output queue, so
+// no two writes to the matrix overlap.
+//
+// A slice holds the shared impulse response and its window rather than a copy of its samples: the
+// samples are read when the slice runs, straight into the working set, so that slices waiting on the
+// queue hold no memory and a waterfall's working memory is its working sets plus its output matrix,
+// whatever the slice count.
+
+#include "core/VELTWindow.h"
+#include "graphcalc/FFTWaterfallWorkingSet.h"
+#include "graphcalc/ResourcePool.h"
+#include "math/VELTRealMatrix.h"
+#include "platform/OperationQueue.h"
+
+#include <cstddef>
+#include <memory>
+
+namespace tavolar {
+
+using FFTWaterfallWorkingSetPool = ResourcePool<FFTWaterfallWorkingSet>;
+
+class WaterfallSliceOperation : public Operation {
+public:
+    // The window's begin and end are sample indices of the circular response (negative: before time
+    // zero); its type is not used (the working set's taper applies). A window that cannot be cut (an
+    // empty one, or one reaching past the response's midpoint) gives a silent slice.
+    WaterfallSliceOperation(std::shared_ptr<const VELTRealVector> impulseResponse, VELTWindow window,
+                            std::shared_ptr<VELTMutableRealMatrix> outputMatrix, std::size_t matrixRow,
+                            std::shared_ptr<OperationQueue> outputQueue,
+                            std::shared_ptr<FFTWaterfallWorkingSetPool> workingSetPool);
+
+    const VELTWindow& window() const noexcept { return window_; }
+    std::size_t matrixRow() const noexcept { return matrixRow_; }
+    // The samples of this slice (a copy, made on request).
+    VELTRealVector inputVector() const;
+
+protected:
+    // Clears the destination and copies the slice's samples into its start (at most its length).
+    std::size_t copyInputInto(VELTMutableRealVector& destination) const;
+
+    const std::shared_ptr<VELTMutableRealMatrix>& outputMatrix() const noexcept { return outputMatrix_; }
+    const std::shared_ptr<OperationQueue>& outputQueue() const noexcept { return outputQueue_; }
+    const std::shared_ptr<FFTWaterfallWorkingSetPool>& workingSetPool() const noexcept { return pool_; }
+
+private:
+    std::shared_ptr<const VELTRealVector> impulseResponse_;
+    VELTWindow window_;
+    std::shared_ptr<VELTMutableRealMatrix> outputMatrix_;
+    std::size_t matrixRow_;
+    std::shared_ptr<OperationQueue> outputQueue_;
+    std::shared_ptr<FFTWaterfallWorkingSetPool> pool_;
+};
+
+// The slice's magnitude spectrum, bins 0 to fftLength / 2, in dB (20 log10 |X[k]|, the unscaled
+// forward transform of the tapered slice). The working set is borrowed for the whole computation and
+// goes back to the pool once its row has been written.
+class FFTWaterfallSliceOperation final : public WaterfallSliceOperation {
+public:
+    using WaterfallSliceOperation::WaterfallSliceOperation;
+
+protected:
+    void main() override;
+};
+
+} // namespace tavolar
