@@ -17,6 +17,7 @@
 #include "export/FRDExport.h"
 #include "export/VELTCSVExporter.h"
 #include "export/VELTMATLABOutput.h"
+#include "graphcalc/SpectrogramGraphCalculationController.h"
 
 #include <algorithm>
 #include <bit>
@@ -54,9 +55,9 @@ constexpr CurveKind kFrequencyCurves[] = {
     {"group-delay", "Group delay (ms)", "group_delay"},
 };
 
-const std::vector<std::string> kCurveNames = {"magnitude",    "spl",         "phase",     "minimum-phase",
-                                              "excess-phase", "group-delay", "harmonics", "thd",
-                                              "noise-floor",  "impulse",     "etc"};
+const std::vector<std::string> kCurveNames = {
+    "magnitude", "spl",         "phase",   "minimum-phase", "excess-phase", "group-delay", "harmonics",
+    "thd",       "noise-floor", "impulse", "etc",           "waterfall",    "spectrogram"};
 
 constexpr std::size_t kSmallestFFTLength = 256;
 constexpr std::size_t kLargestFFTLength = std::size_t{1} << 22;
@@ -100,6 +101,13 @@ struct ExportOptions {
     std::optional<int> pointsPerOctave;        // a logarithmic grid instead of the bins
     std::optional<std::string> weighting;      // "a" or "c"
     std::optional<std::string> phaseReference; // "zero" (the default), "window" or "peak"
+    // Waterfall and spectrogram.
+    std::optional<std::int64_t> slices;
+    std::optional<float> start;    // ms
+    std::optional<float> duration; // ms
+    std::optional<std::string> windowType;
+    std::optional<float> overlap;
+    bool startAtPeak = false;
 
     bool wants(std::string_view curve) const {
         return std::find(curves.begin(), curves.end(), curve) != curves.end();
@@ -515,6 +523,112 @@ std::string slug(std::string_view name) {
     return result.substr(0, 40);
 }
 
+// ---- Waterfall and spectrogram: one surface per file, a row per slice.
+
+constexpr std::pair<std::string_view, std::int64_t> kWindowTypes[] = {
+    {"rectangular", 0},  {"hamming", 1}, {"half-hamming", 2}, {"hanning", 3},
+    {"half-hanning", 4}, {"bingham", 5}, {"half-bingham", 6}};
+constexpr std::int64_t kLargestSliceCount = 1000;
+
+bool wantsSurface(const ExportOptions& options) {
+    return options.wants("waterfall") || options.wants("spectrogram");
+}
+
+// The record's surface as its graph computes it. The waterfall defaults to a half Hanning window
+// (each slice's abrupt start kept, its end faded) and 8192 points; the spectrogram to a Hanning window,
+// 4096 points and slices overlapping by half.
+Expected<std::shared_ptr<const GraphData3D>>
+surfaceOfRecord(const std::shared_ptr<VELTMeasurementRecord>& record, std::size_t number,
+                const ExportOptions& options) {
+    const bool spectrogram = options.wants("spectrogram");
+    GraphCalculationSettings settings;
+    WaterfallSettings& waterfall = settings.waterfall;
+    waterfall.fftLength = static_cast<std::int64_t>(options.fftLength.value_or(spectrogram ? 4096 : 8192));
+    waterfall.sliceCount = options.slices.value_or(25);
+    waterfall.startTime = options.start.value_or(0.0f);
+    waterfall.duration = options.duration.value_or(0.0f);
+    waterfall.startAtPeak = options.startAtPeak;
+    waterfall.overlap = options.overlap.value_or(0.5f);
+    waterfall.windowType = spectrogram ? 3 : 4;
+    for (const auto& [name, type] : kWindowTypes)
+        if (options.windowType == name)
+            waterfall.windowType = type;
+    std::unique_ptr<WaterfallGraphCalculationController> controller =
+        spectrogram ? std::make_unique<SpectrogramGraphCalculationController>(settings)
+                    : std::make_unique<WaterfallGraphCalculationController>(settings);
+    GraphDataArray result = controller->calculate({record});
+    auto surface = result.empty() ? nullptr : std::dynamic_pointer_cast<const GraphData3D>(result.front());
+    if (!surface)
+        return failure(fmt::format("Record {} gives no slices.", number));
+    return surface;
+}
+
+// A header of frequencies after "Time (ms)", then each slice's time and levels: the separators and
+// "%f" of the other CSV files, every field followed by a comma.
+Expected<void> writeSurfaceCSV(const GraphData3D& surface, const std::filesystem::path& path) {
+    CNumericFormattingScope numericFormatting;
+    std::string text = "Time (ms),";
+    char field[64];
+    auto append = [&](float value) {
+        const int length = std::snprintf(field, sizeof field, "%f,", static_cast<double>(value));
+        text.append(field, static_cast<std::size_t>(length));
+    };
+    for (float frequency : surface.x().span())
+        append(frequency);
+    text += '\n';
+    for (std::size_t row = 0; row < surface.rows(); ++row) {
+        append(surface.z()[row]);
+        for (float level : surface.rowAtIndex(row))
+            append(level);
+        text += '\n';
+    }
+    return writeFileContents(path, text);
+}
+
+// frequency (a vector), time (a vector) and the levels as a matrix named after the curve, a row per
+// slice.
+Expected<void> writeSurfaceMATLAB(const GraphData3D& surface, const std::string& name,
+                                  const std::filesystem::path& path) {
+    auto output = VELTMATLABOutput::withFilename(path);
+    if (!output)
+        return std::unexpected(output.error());
+    output->writeVector(surface.x(), "frequency");
+    output->writeVector(surface.z(), "time");
+    output->writeMatrix(VELTRealMatrix(surface.y(), surface.rows(), surface.columns()), name);
+    return {};
+}
+
+Expected<void> checkSurfaceOptions(const ExportOptions& options, const std::string& format) {
+    const bool given = options.slices || options.start || options.duration || options.windowType ||
+                       options.overlap || options.startAtPeak;
+    if (!wantsSurface(options)) {
+        if (given)
+            return usageFailure("--slices, --start, --duration, --window-type, --overlap and --start-at-peak "
+                                "apply to the waterfall and spectrogram curves.");
+        return {};
+    }
+    if (options.curves.size() != 1)
+        return usageFailure("A waterfall or spectrogram is written alone, one surface per file.",
+                            "Export it with --curves waterfall or --curves spectrogram only.");
+    if (format != "csv" && format != "matlab")
+        return usageFailure("A waterfall or spectrogram is written as CSV or MATLAB text.");
+    if (options.slices && options.wants("spectrogram"))
+        return usageFailure(
+            "A spectrogram's slices follow from --duration, --fft-length and --overlap: leave out "
+            "--slices.");
+    if (options.overlap && options.wants("waterfall"))
+        return usageFailure("--overlap applies to the spectrogram; a waterfall's slices are spread over "
+                            "--duration.");
+    if (options.slices && (*options.slices < 1 || *options.slices > kLargestSliceCount))
+        return usageFailure(
+            fmt::format("--slices runs from 1 to {} (got {}).", kLargestSliceCount, *options.slices));
+    if (options.duration && !(*options.duration >= 0.0f))
+        return usageFailure("--duration cannot be negative.");
+    if (options.overlap && !(*options.overlap >= 0.0f && *options.overlap <= 0.9f))
+        return usageFailure(fmt::format("--overlap runs from 0 to 0.9 (got {}).", *options.overlap));
+    return {};
+}
+
 // One file to write: where (relative to a folder, when several are written) and how.
 struct PendingFile {
     std::string name;
@@ -639,6 +753,18 @@ Expected<std::vector<PendingFile>> filesOfRecord(const std::shared_ptr<VELTMeasu
              }});
         return files;
     }
+    if (wantsSurface(options)) {
+        auto surface = surfaceOfRecord(record, number, options);
+        if (!surface)
+            return std::unexpected(surface.error());
+        const std::string curve = options.curves.front();
+        files.push_back({fmt::format("{}-{}", base, curve), format == "matlab" ? "m" : "csv",
+                         [surface = *surface, curve, format](const std::filesystem::path& path) {
+                             return format == "matlab" ? writeSurfaceMATLAB(*surface, curve, path)
+                                                       : writeSurfaceCSV(*surface, path);
+                         }});
+        return files;
+    }
 
     std::optional<CurveGroup> frequency;
     if (wantsFrequencyCurves(options) && format != "frd") {
@@ -736,7 +862,8 @@ void addExportCommand(CLI::App& app, CommandList& commands) {
     command
         ->add_option("-c,--curves", options->curves,
                      "Comma-separated: magnitude, spl, phase, minimum-phase, excess-phase, group-delay, "
-                     "harmonics, impulse, etc (default: magnitude,phase; impulse for WAV)")
+                     "harmonics, impulse, etc, waterfall, spectrogram (default: magnitude,phase; impulse "
+                     "for WAV)")
         ->delimiter(',')
         ->check(CLI::IsMember(kCurveNames));
     command->add_option("--fft-length", options->fftLength,
@@ -787,6 +914,27 @@ void addExportCommand(CLI::App& app, CommandList& commands) {
         ->add_option("--weighting", options->weighting,
                      "a or c: magnitude and SPL weighted by the A or C filter of the record's sample rate")
         ->check(CLI::IsMember({"a", "c"}));
+    command->add_option("--slices", options->slices,
+                        "Waterfall: the number of slices, 1 to 1000 (default 25)");
+    command->add_option("--start", options->start,
+                        "Waterfall and spectrogram: the first slice's start, ms after time zero or the peak "
+                        "(default 0)");
+    command->add_option("--duration", options->duration,
+                        "Waterfall: ms from the first slice's start to the last one's (default: a quarter of "
+                        "the FFT length); spectrogram: the stretch the slices cover (default: to the "
+                        "response's end)");
+    command
+        ->add_option("--window-type", options->windowType,
+                     "The window of each slice: rectangular, hamming, half-hamming, hanning, half-hanning, "
+                     "bingham or half-bingham (default: half-hanning for the waterfall, hanning for the "
+                     "spectrogram)")
+        ->check(CLI::IsMember({"rectangular", "hamming", "half-hamming", "hanning", "half-hanning", "bingham",
+                               "half-bingham"}));
+    command->add_option(
+        "--overlap", options->overlap,
+        "Spectrogram: the fraction of a slice its neighbour overlaps, 0 to 0.9 (default 0.5)");
+    command->add_flag("--start-at-peak", options->startAtPeak,
+                      "Waterfall and spectrogram: count time from the impulse's peak instead of time zero");
     commands.push_back(
         {command, [options]() -> Expected<void> {
              auto format = formatOf(*options);
@@ -798,6 +946,8 @@ void addExportCommand(CLI::App& app, CommandList& commands) {
              if (auto checked = checkCurves(*options, *format); !checked)
                  return checked;
              if (auto checked = checkFrequencyOptions(*options, *format); !checked)
+                 return checked;
+             if (auto checked = checkSurfaceOptions(*options, *format); !checked)
                  return checked;
              if (options->fftLength &&
                  (!std::has_single_bit(*options->fftLength) || *options->fftLength < kSmallestFFTLength ||

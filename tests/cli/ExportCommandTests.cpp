@@ -240,5 +240,53 @@ TEST_F(ExportCommand, HarmonicDistortionOfAKnownNonlinearity) {
     expectRefused({"export", "h.tavolar", "1", "-o", "x.frd", "--curves", "harmonics", "--percent"}, 2);
 }
 
+// The delay's waterfall: the slices that still hold the impulse read 0 dB in every bin (it is the
+// loudest part of the surface), the later ones silence.
+TEST_F(ExportCommand, WaterfallAndSpectrogramSurfaces) {
+    ASSERT_TRUE(succeeds({"export", "d.tavolar", "1", "-o", "w.csv", "--curves", "waterfall", "--fft-length",
+                          "1024", "--slices", "4", "--duration", "0.5", "--window-type", "rectangular"}));
+    Table table = readCSV(folder / "w.csv");
+    ASSERT_EQ(table.headers.size(), 1u + 513u);
+    EXPECT_EQ(table.headers[0], "Time (ms)");
+    EXPECT_EQ(table.headers[2], "46.875000");
+    ASSERT_EQ(table.rows.size(), 4u);
+    for (std::size_t row = 0; row < 4; ++row) {
+        EXPECT_NEAR(table.rows[row][0], double(row) * 8.0 / 48.0, 1e-6); // 24 samples over 3 gaps
+        for (std::size_t column = 1; column < table.rows[row].size(); column += 64)
+            if (row < 2) // slices from samples 0 and 8 hold the impulse at 12
+                EXPECT_NEAR(table.rows[row][column], 0.0, 1e-4) << row;
+            else
+                EXPECT_LT(table.rows[row][column], -700.0) << row;
+    }
+    // Counted from the peak, the first slice starts at it and the next one after it.
+    ASSERT_TRUE(succeeds({"export", "d.tavolar", "1", "-o", "p.csv", "--curves", "waterfall", "--fft-length",
+                          "1024", "--slices", "2", "--duration", "0.5", "--start-at-peak"}));
+    table = readCSV(folder / "p.csv");
+    ASSERT_EQ(table.rows.size(), 2u);
+    EXPECT_EQ(table.rows[1][0], 0.5);
+    EXPECT_NEAR(table.rows[0][1], 0.0, 1e-4);
+    EXPECT_LT(table.rows[1][1], -700.0);
+
+    // The spectrogram in MATLAB text: slices of 1024 overlapping by half over the 4096 samples of
+    // positive time, timed at their centres.
+    ASSERT_TRUE(succeeds({"export", "d.tavolar", "1", "-o", "s.m", "--curves", "spectrogram", "--fft-length",
+                          "1024", "--overlap", "0.5"}));
+    std::vector<std::string> statements = lines(fileBytes(folder / "s.m"));
+    ASSERT_EQ(statements.size(), 3u);
+    EXPECT_TRUE(statements[0].starts_with("frequency = [0.000000, 46.875000, ")) << statements[0];
+    EXPECT_EQ(statements[1], "time = [10.666667, 21.333334, 32.000000, 42.666668, 53.333332, 64.000000, "
+                             "74.666664, ];");
+    EXPECT_TRUE(statements[2].starts_with("spectrogram = [")) << statements[2];
+    EXPECT_EQ(std::count(statements[2].begin(), statements[2].end(), ';'), 7 + 1);
+
+    for (const auto& refused : std::vector<Arguments>{
+             {"export", "d.tavolar", "-o", "x.csv", "--curves", "waterfall,magnitude"},
+             {"export", "d.tavolar", "-o", "x.frd", "--curves", "waterfall"},
+             {"export", "d.tavolar", "-o", "x.csv", "--curves", "magnitude", "--slices", "4"},
+             {"export", "d.tavolar", "-o", "x.csv", "--curves", "spectrogram", "--slices", "4"},
+             {"export", "d.tavolar", "-o", "x.csv", "--curves", "waterfall", "--slices", "0"}})
+        expectRefused(refused, 2);
+}
+
 } // namespace
 } // namespace tavolar::testing
