@@ -66,14 +66,21 @@ std::string formatDevice(const nlohmann::json& json) {
 void addDevicesCommand(CLI::App& app, CommandList& commands) {
     auto json = std::make_shared<bool>(false);
     CLI::App* command = app.add_subcommand(
-        "devices", "List the audio devices: JACK when a server runs, and the simulated devices");
+        "devices", "List the audio devices: the simulated devices and every JACK server that runs");
     command->add_flag("--json", *json, "Print JSON for scripts");
     commands.push_back({command, [json]() -> Expected<void> {
+                            // One at a time: a program can use only one JACK server at once.
                             nlohmann::json devices = nlohmann::json::array();
-                            for (const VELTAudioDevice& device : VELTAudioHardware::devices())
-                                devices.push_back(describeDevice(device));
+                            for (const std::string& uid : VELTAudioHardware::deviceUIDs()) {
+                                if (VELTAudioDevice device(uid); device.isPresent())
+                                    devices.push_back(describeDevice(device));
+                                VELTAudioHardware::releaseDevice(uid);
+                            }
                             if (*json) {
-                                printLine(devices.dump(2));
+                                // Names come from other programs and may not be UTF-8 (the UIDs
+                                // are): such bytes are shown as replacement characters.
+                                printLine(
+                                    devices.dump(2, ' ', false, nlohmann::json::error_handler_t::replace));
                                 return {};
                             }
                             std::string text;
@@ -152,6 +159,8 @@ struct MeasureOptions {
     std::optional<std::string> loopback;
     std::int64_t averages = 1;
     bool noLevelCheck = false;
+    std::optional<std::string> clientName;
+    bool noConnect = false;
     bool fast = false;
     bool quiet = false;
     std::optional<std::string> name;
@@ -177,6 +186,28 @@ Expected<void> requireKnownSimulatedDevice(const std::string& uid) {
                         fmt::format("Give sim:default, or describe a device with parameters, such as "
                                     "sim:{}?delay=48 (tavolar devices lists the devices present).",
                                     parsed->name));
+}
+
+// --client-name and --no-connect, as parameters of a JACK device's UID.
+Expected<std::string> withJackClientOptions(const std::string& uid, const MeasureOptions& options) {
+    auto parsed = AudioDeviceUID::parse(uid);
+    if ((!options.clientName && !options.noConnect) || !parsed)
+        return uid;
+    if (parsed->scheme != "jack")
+        return usageFailure(
+            fmt::format("--client-name and --no-connect apply to JACK devices; {} is not one.", uid));
+    if (options.noConnect && std::ranges::any_of(parsed->parameters, [](const auto& parameter) {
+            return parameter.first.starts_with("in") || parameter.first.starts_with("out");
+        }))
+        return usageFailure(
+            fmt::format("--no-connect leaves every connection to you, so the routes of {} would not be made.",
+                        uid),
+            "Give either the routes (inN=PORT, outN=PORT) or --no-connect.");
+    if (options.clientName)
+        parsed->parameters["client"] = *options.clientName;
+    if (options.noConnect)
+        parsed->parameters["connect"] = "no";
+    return parsed->canonicalString();
 }
 
 Expected<VELTAudioDevice> presentDevice(const std::string& uid) {
@@ -235,10 +266,16 @@ Expected<void> runMeasurement(MeasureOptions& options) {
             if (auto known = requireKnownSimulatedDevice(*uid); !known)
                 return known;
 
-    std::string recordUID = options.fast ? withFastPace(options.device) : options.device;
-    std::string playbackUID = options.playbackDevice ? (options.fast ? withFastPace(*options.playbackDevice)
-                                                                     : *options.playbackDevice)
-                                                     : recordUID;
+    auto recordJackUID = withJackClientOptions(options.device, options);
+    if (!recordJackUID)
+        return std::unexpected(recordJackUID.error());
+    auto playbackJackUID = withJackClientOptions(options.playbackDevice.value_or(options.device), options);
+    if (!playbackJackUID)
+        return std::unexpected(playbackJackUID.error());
+    std::string recordUID = options.fast ? withFastPace(*recordJackUID) : *recordJackUID;
+    std::string playbackUID = options.playbackDevice
+                                  ? (options.fast ? withFastPace(*playbackJackUID) : *playbackJackUID)
+                                  : recordUID;
     auto recordDevice = presentDevice(recordUID);
     if (!recordDevice)
         return std::unexpected(recordDevice.error());
@@ -327,6 +364,11 @@ Expected<void> runMeasurement(MeasureOptions& options) {
                               recordChannels->size() == 1 ? "" : "s", options.channels, recordUID,
                               describeSweep(*sweep, recordRate), options.averages,
                               options.averages == 1 ? "" : "s"));
+    if (!options.quiet && options.noConnect)
+        printNote(
+            fmt::format("Connect the ports of the JACK client {} now (jack_lsp lists them), inputs first: "
+                        "the sweep plays once an input and an output are connected.",
+                        options.clientName.value_or("tavolar")));
     interrupted.store(false);
     // Ctrl-C aborts the measurement cleanly; a program started with SIGINT ignored keeps ignoring it.
     auto previousHandler = std::signal(SIGINT, noteInterrupt);
@@ -356,6 +398,9 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     std::signal(SIGINT, previousHandler);
     VELTRZMeasurementController::setModifierFlagsProvider(nullptr);
 
+    if (timedOut && options.noConnect)
+        return failure("The measurement did not finish in time: the client's ports were not connected.",
+                       "Connect an input and then an output port of the client while tavolar waits.");
     if (timedOut)
         return failure("The measurement did not finish in time: the audio device stopped delivering sound.",
                        "Check the device with tavolar devices and try again.");
@@ -452,6 +497,13 @@ void addMeasureCommand(CLI::App& app, CommandList& commands) {
     command->add_option("-a,--averages", options->averages, "Sweeps averaged")->capture_default_str();
     command->add_flag("--no-level-check", options->noLevelCheck,
                       "Keep recordings that are too quiet or clipped");
+    command->add_option("--client-name", options->clientName,
+                        "The JACK client's name (default: tavolar), so that measurements can run side by "
+                        "side and connections can name it");
+    command->add_flag("--no-connect", options->noConnect,
+                      "Connect no JACK port: connect the client's ports yourself, inputs first (each sweep "
+                      "waits until an input and an output port are connected; connections are kept "
+                      "between sweeps)");
     command->add_flag("--fast", options->fast, "Run simulated devices as fast as the machine allows");
     command->add_option("--name", options->name, "The records' name (default: the device's name and input)");
     command->add_flag("-q,--quiet", options->quiet, "Print nothing but errors");

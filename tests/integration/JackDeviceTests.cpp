@@ -6,6 +6,7 @@
 
 #include "JackTestServer.h"
 #include "audio/devices/AudioDeviceUID.h"
+#include "audio/devices/VELTAudioHardware.h"
 #include "audio/devices/jack/JackAudioDevice.h"
 
 #include <atomic>
@@ -157,6 +158,10 @@ TEST_F(JackDevice, EndpointsMadeAndDestroyedOnSeveralThreadsAtOnce) {
     ASSERT_TRUE(start(kRate, kPeriod, 2));
     std::shared_ptr<AudioDeviceDriver> driver = openDriver(deviceUID());
     ASSERT_TRUE(driver);
+    // libjack would connect a client of another server to this one without a word.
+    EXPECT_FALSE(openDriver("jack:elsewhere"));
+    EXPECT_NE(VELTAudioHardware::deviceUIDProblem("jack:elsewhere").value_or("").find("one server at a time"),
+              std::string::npos);
     std::atomic<int> failures{0};
     auto churn = [&](AudioDirection direction, std::uint32_t channel) {
         Stream stream;

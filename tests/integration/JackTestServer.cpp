@@ -108,9 +108,9 @@ void JackTest::SetUp() {
 }
 
 bool JackTest::start(unsigned sampleRate, unsigned period, unsigned captureChannels,
-                     const std::vector<float>& impulseResponse) {
+                     const std::vector<float>& impulseResponse, const std::string& nameSuffix) {
     stopServer();
-    name_ = fmt::format("tavolar-{}-{}", getpid(), newUUIDString().substr(0, 8));
+    name_ = fmt::format("tavolar-{}-{}{}", getpid(), newUUIDString().substr(0, 8), nameSuffix);
     directory_ = std::filesystem::temp_directory_path() / name_;
     std::filesystem::create_directories(directory_);
     const std::vector<std::string> options{

@@ -36,9 +36,10 @@ protected:
     void SetUp() override;
     void TearDown() override { stopServer(); }
     // Starts a new server, and jconvolver with the impulse response (mono, at the server's rate)
-    // unless it is empty; a test failure when either does not come up.
+    // unless it is empty; a test failure when either does not come up. The server's name ends in
+    // nameSuffix.
     bool start(unsigned sampleRate, unsigned period, unsigned captureChannels,
-               const std::vector<float>& impulseResponse = {});
+               const std::vector<float>& impulseResponse = {}, const std::string& nameSuffix = {});
     // "jack:<name>" followed by any routing parameters.
     std::string deviceUID(const std::string& parameters = {}) const;
     // The device whose output 0 feeds jconvolver and whose input 0 hears it.
@@ -51,9 +52,10 @@ protected:
     // left behind.
     void stopServer();
 
-private:
+    // Waits up to 15 s for the port to be listed.
     bool waitForPort(const std::string& port) const;
 
+private:
     std::string name_;
     std::filesystem::path directory_;
     std::unique_ptr<ChildProcess> server_, convolver_;

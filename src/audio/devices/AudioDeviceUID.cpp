@@ -76,16 +76,56 @@ std::optional<AudioDeviceUID> AudioDeviceUID::parse(std::string_view text) {
     return uid;
 }
 
+namespace {
+
+// The length of the well-formed UTF-8 sequence that text begins with, 0 when it begins with none.
+std::size_t utf8SequenceLength(std::string_view text) {
+    const auto byte = [&](std::size_t index) { return static_cast<unsigned char>(text[index]); };
+    const unsigned char lead = byte(0);
+    if (lead < 0x80)
+        return 1;
+    std::size_t length = 0;
+    unsigned char low = 0x80, high = 0xBF; // the second byte's range, narrower after some leads
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        low = lead == 0xE0 ? 0xA0 : low;   // no overlong forms
+        high = lead == 0xED ? 0x9F : high; // no surrogates
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        low = lead == 0xF0 ? 0x90 : low;
+        high = lead == 0xF4 ? 0x8F : high; // nothing above U+10FFFF
+    } else {
+        return 0;
+    }
+    if (text.size() < length || byte(1) < low || byte(1) > high)
+        return 0;
+    for (std::size_t index = 2; index < length; ++index)
+        if (byte(index) < 0x80 || byte(index) > 0xBF)
+            return 0;
+    return length;
+}
+
+} // namespace
+
+// Bytes that are not UTF-8 (a server or port named in another encoding) are encoded too, so that
+// the text of a UID is always valid UTF-8 and still names the same bytes.
 std::string percentEncodeDeviceUIDValue(std::string_view value) {
     static const char digits[] = "0123456789ABCDEF";
     std::string result;
-    for (char c : value) {
-        if (c == '%' || c == '&' || c == '=' || c == '?' || static_cast<unsigned char>(c) < 0x20) {
+    for (std::size_t index = 0; index < value.size();) {
+        const char c = value[index];
+        const std::size_t length = utf8SequenceLength(value.substr(index));
+        if (length == 0 || c == '%' || c == '&' || c == '=' || c == '?' ||
+            static_cast<unsigned char>(c) < 0x20) {
             result.push_back('%');
             result.push_back(digits[static_cast<unsigned char>(c) >> 4]);
             result.push_back(digits[static_cast<unsigned char>(c) & 15]);
+            ++index;
         } else {
-            result.push_back(c);
+            result.append(value.substr(index, length));
+            index += length;
         }
     }
     return result;

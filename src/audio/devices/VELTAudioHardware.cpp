@@ -76,6 +76,13 @@ public:
             forget(found);
     }
 
+    void release(std::string_view uid) {
+        std::lock_guard lock(mutex_);
+        if (auto parsed = AudioDeviceUID::parse(uid))
+            if (auto found = known_.find(parsed->canonicalString()); found != known_.end())
+                forget(found);
+    }
+
     std::vector<std::string> simulatedNames() {
         std::lock_guard lock(mutex_);
         std::vector<std::string> names{"default"};
@@ -193,19 +200,33 @@ VELTAudioDevice VELTAudioHardware::deviceWithUID(std::string_view deviceUID) {
     return VELTAudioDevice(std::string(deviceUID));
 }
 
-std::vector<VELTAudioDevice> VELTAudioHardware::devices() {
-    std::vector<VELTAudioDevice> result;
-    for (const std::string& name : HardwareState::shared().simulatedNames()) {
-        VELTAudioDevice device("sim:" + name);
-        if (device.isPresent())
-            result.push_back(std::move(device));
-    }
+std::vector<std::string> VELTAudioHardware::deviceUIDs() {
+    std::vector<std::string> result;
+    for (const std::string& name : HardwareState::shared().simulatedNames())
+        result.push_back("sim:" + name);
 #if defined(TAVOLAR_WITH_JACK)
-    if (jackServerIsRunning(""))
-        if (VELTAudioDevice device("jack"); device.isPresent())
-            result.push_back(std::move(device));
+    for (const std::string& name : runningJackServerNames())
+        result.push_back(name == "default" ? "jack" : AudioDeviceUID{"jack", name, {}}.canonicalString());
 #endif
     return result;
+}
+
+std::vector<VELTAudioDevice> VELTAudioHardware::devices() {
+    std::vector<VELTAudioDevice> result;
+    for (const std::string& uid : deviceUIDs()) {
+        VELTAudioDevice device(uid);
+        const bool present = device.isPresent();
+        // The table keeps no JACK server open for the listing: the devices returned hold theirs.
+        if (uid.starts_with("jack"))
+            releaseDevice(uid);
+        if (present)
+            result.push_back(std::move(device));
+    }
+    return result;
+}
+
+void VELTAudioHardware::releaseDevice(std::string_view deviceUID) {
+    HardwareState::shared().release(deviceUID);
 }
 
 void VELTAudioHardware::registerSimulatedDevice(const SimulatedDeviceConfiguration& configuration) {
@@ -222,7 +243,7 @@ std::optional<std::string> VELTAudioHardware::deviceUIDProblem(std::string_view 
         return std::string(deviceUID) + " is not a device UID.";
 #if defined(TAVOLAR_WITH_JACK)
     if (parsed->scheme == "jack")
-        return jackDeviceUIDProblem(*parsed);
+        return jackRoutingProblem(*parsed);
 #endif
     return std::nullopt;
 }

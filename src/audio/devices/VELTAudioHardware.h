@@ -29,9 +29,17 @@ public:
     static std::shared_ptr<AudioDeviceDriver> driverForDeviceID(AudioDeviceID deviceID);
     static std::shared_ptr<AudioDeviceDriver> driverForDeviceUID(std::string_view deviceUID);
 
-    // The devices present now: the registered simulated devices (sim:default first) and the
-    // default JACK server when it runs.
+    // The UIDs of the devices present now, without opening any: the registered simulated devices
+    // (sim:default first) and every JACK server of this user that runs (the default one as
+    // "jack", the others as "jack:NAME").
+    static std::vector<std::string> deviceUIDs();
+    // The devices of deviceUIDs() that can be opened together: of the JACK servers, only the first,
+    // since a program uses one JACK server at a time (see releaseDevice). A JACK server stays open
+    // only while the device returned for it is held.
     static std::vector<VELTAudioDevice> devices();
+    // Closes the device of this UID once nothing else holds it, so that another JACK server can be
+    // opened; a later lookup opens it again.
+    static void releaseDevice(std::string_view deviceUID);
     static VELTAudioDevice deviceWithUID(std::string_view deviceUID);
 
     // Makes (or replaces) the simulated device "sim:<configuration.name>". A replaced device keeps
@@ -45,8 +53,9 @@ public:
     static void installDeviceLookup();
 
     // Why no device could ever have this UID (malformed, or naming what its backend cannot take,
-    // such as a JACK name longer than JACK holds), for a person to read; nullopt when the UID
-    // itself is sound, whether or not its device is present.
+    // such as a JACK name longer than JACK holds), or why its present device cannot be used as it
+    // says (a routed JACK port its server does not have), for a person to read; nullopt otherwise,
+    // whether or not its device is present.
     static std::optional<std::string> deviceUIDProblem(std::string_view deviceUID);
 
     // Whether this build has the JACK backend.

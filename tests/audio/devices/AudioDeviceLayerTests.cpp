@@ -82,6 +82,10 @@ TEST(AudioDeviceUID, ParsesSchemesNamesAndRoutingAndRejectsMalformedText) {
     // The canonical text orders parameters and re-encodes, so it parses back to the same identity.
     EXPECT_EQ(routed->canonicalString(), "jack:studio?in3=jconv:Out%261&out0=jconv:In-1");
     EXPECT_EQ(AudioDeviceUID::parse(routed->canonicalString()), routed);
+    // Bytes that are not UTF-8 are encoded; UTF-8 text is kept.
+    const AudioDeviceUID latin1{"jack", "caf\xE9\xC3", {{"in0", "caf\xC3\xA9:\xED\xA0\x80"}}};
+    EXPECT_EQ(latin1.canonicalString(), "jack:caf%E9%C3?in0=caf\xC3\xA9:%ED%A0%80");
+    EXPECT_EQ(AudioDeviceUID::parse(latin1.canonicalString()), latin1);
 
     for (const char* malformed : {"", ":name", "sim:", "sim:a?delay", "sim:a?delay=%4", "sim:a?de lay=4"})
         EXPECT_FALSE(AudioDeviceUID::parse(malformed)) << malformed;

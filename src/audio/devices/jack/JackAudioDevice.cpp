@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <fmt/format.h>
 #include <jack/jack.h>
 #include <map>
@@ -326,6 +327,40 @@ public:
     }
     // Whether endpoints connect their ports to the channels' ports (no when the user connects them).
     bool connects() const noexcept { return connects_; }
+
+    // When the user makes the connections, they must outlive the endpoints, which the hosts make
+    // anew for every sweep: an endpoint's ports are parked on the device when it goes, and the next
+    // endpoint that registers a port of the same name takes it, connections and all. Called with
+    // requestMutex() held.
+    jack_port_t* takeParkedPort(const std::string& name) {
+        for (auto port = parked_.begin(); port != parked_.end(); ++port)
+            if (name == jack_port_short_name(*port)) {
+                jack_port_t* taken = *port;
+                parked_.erase(port);
+                return taken;
+            }
+        return nullptr;
+    }
+    void parkPorts(const std::vector<jack_port_t*>& ports) {
+        parked_.insert(parked_.end(), ports.begin(), ports.end());
+    }
+    // Output ports that stay connected while no endpoint serves them are silenced by the process
+    // callback; an output buffer nobody writes would otherwise be heard again every cycle.
+    void silence(const std::vector<jack_port_t*>& ports) noexcept {
+        for (jack_port_t* port : ports)
+            for (auto& slot : silenced_) {
+                jack_port_t* empty = nullptr;
+                if (slot.compare_exchange_strong(empty, port))
+                    break;
+            }
+    }
+    void unsilence(const std::vector<jack_port_t*>& ports) noexcept {
+        for (jack_port_t* port : ports)
+            for (auto& slot : silenced_) {
+                jack_port_t* expected = port;
+                slot.compare_exchange_strong(expected, nullptr);
+            }
+    }
     void noteStreaming(bool streaming) noexcept { streaming_.fetch_add(streaming ? 1 : -1); }
     std::uint32_t channelCount(AudioDirection direction) const override {
         return static_cast<std::uint32_t>(ports(direction).size());
@@ -576,6 +611,9 @@ private:
         self->lastCycle_.store(now(), std::memory_order_release);
         self->periodFrames_.store(frames, std::memory_order_relaxed);
         const AudioTimeStamp timeStamp = self->noteCycle(frames);
+        for (auto& slot : self->silenced_)
+            if (jack_port_t* port = slot.load(std::memory_order_acquire))
+                std::fill_n(static_cast<float*>(jack_port_get_buffer(port, frames)), frames, 0.0f);
         for (auto& slot : self->capture_)
             if (JackEndpoint* endpoint = slot.load(std::memory_order_seq_cst))
                 endpoint->process(frames, timeStamp);
@@ -599,6 +637,8 @@ private:
     std::atomic<int> streaming_{0};          // endpoints running
     std::atomic<std::int64_t> lastCycle_{0}; // steady clock, nanoseconds
     std::atomic<std::uint32_t> periodFrames_{0};
+    std::vector<jack_port_t*> parked_; // guarded by requestMutex_
+    std::array<std::atomic<jack_port_t*>, 256> silenced_{};
     std::atomic<std::uint64_t> xruns_{0};
     Slots capture_{}, playback_{};
     std::atomic<std::uint64_t> cyclesBegun_{0}, cyclesEnded_{0};
@@ -617,8 +657,10 @@ AudioStatus JackEndpoint::registerPorts() {
         fmt::format("{}{}", output ? "out" : "in", slot_ == 0 ? "" : std::to_string(slot_ + 1));
     for (std::size_t index = 0; index < targets_.size(); ++index) {
         std::string name = fmt::format("{}_{}", prefix, index + 1);
-        jack_port_t* port = jack_port_register(driver_->client(), name.c_str(), JACK_DEFAULT_AUDIO_TYPE,
-                                               output ? JackPortIsOutput : JackPortIsInput, 0);
+        jack_port_t* port = driver_->connects() ? nullptr : driver_->takeParkedPort(name);
+        if (!port)
+            port = jack_port_register(driver_->client(), name.c_str(), JACK_DEFAULT_AUDIO_TYPE,
+                                      output ? JackPortIsOutput : JackPortIsInput, 0);
         if (!port)
             return kAudioStatusServerFailure;
         ports_.push_back(port);
@@ -648,6 +690,7 @@ AudioStatus JackEndpoint::start() {
     xrunsAtStart_.store(driver_->xruns(), std::memory_order_relaxed);
     driver_->noteStreaming(true);
     driver_->publish(*this, slot_);
+    driver_->unsilence(ports_);
     jack_client_t* client = driver_->client();
     const bool output = configuration_.direction == AudioDirection::Output;
     bool connected = true;
@@ -683,6 +726,8 @@ AudioStatus JackEndpoint::stop() {
             if (int result = jack_port_disconnect(driver_->client(), port); result && !status)
                 status = AudioStatus(result);
     }
+    if (!driver_->connects() && configuration_.direction == AudioDirection::Output)
+        driver_->silence(ports_);
     driver_->withdraw(configuration_.direction, slot_);
     driver_->noteStreaming(false);
     if (noted_.exchange(false))
@@ -696,7 +741,10 @@ AudioStatus JackEndpoint::stop() {
 // Ports of a server that has gone are left alone: the library cannot talk to it any more.
 JackEndpoint::~JackEndpoint() {
     stop();
-    if (driver_->answersRequests()) {
+    if (!driver_->connects()) {
+        std::lock_guard lock(driver_->requestMutex());
+        driver_->parkPorts(ports_);
+    } else if (driver_->answersRequests()) {
         std::lock_guard lock(driver_->requestMutex());
         for (jack_port_t* port : ports_)
             jack_port_unregister(driver_->client(), port);
@@ -760,6 +808,77 @@ std::optional<std::string> jackDeviceUIDProblem(const AudioDeviceUID& uid) {
     return std::nullopt;
 }
 
+namespace {
+
+// libjack binds a process to the server of its first client: a client opened on another server
+// while one is open talks to the first server without a word (its ports, its clock). So clients
+// are opened only on the server of the devices still alive; the lock also keeps probes and
+// openings from interleaving.
+struct OpenServers {
+    std::mutex mutex;
+    std::vector<std::pair<std::string, std::weak_ptr<AudioDeviceDriver>>> drivers;
+
+    static OpenServers& shared() {
+        static auto* servers = new OpenServers; // never destroyed: drivers may outlive statics
+        return *servers;
+    }
+    // The server other than this one that a live device uses, if any. Called with mutex held.
+    std::optional<std::string> otherServer(const std::string& serverName) {
+        const std::string name = isDefaultServer(serverName) ? "default" : serverName;
+        std::erase_if(drivers, [](const auto& entry) { return entry.second.expired(); });
+        for (const auto& [server, weak] : drivers)
+            if (auto driver = weak.lock(); driver && driver->isAlive() && server != name)
+                return server;
+        return std::nullopt;
+    }
+    void add(const std::string& serverName, const std::shared_ptr<AudioDeviceDriver>& driver) {
+        drivers.emplace_back(isDefaultServer(serverName) ? "default" : serverName, driver);
+    }
+};
+
+std::string otherServerProblem(const std::string& other) {
+    return fmt::format("JACK lets a program use one server at a time, and this one uses the server {} "
+                       "already: measure with devices of one server.",
+                       other);
+}
+
+} // namespace
+
+std::optional<std::string> jackRoutingProblem(const AudioDeviceUID& uid) {
+    if (auto problem = jackDeviceUIDProblem(uid))
+        return problem;
+    std::lock_guard lock(OpenServers::shared().mutex);
+    if (auto other = OpenServers::shared().otherServer(uid.name))
+        return otherServerProblem(*other);
+    jack_status_t status{};
+    jack_client_t* client = nullptr;
+    std::optional<std::string> problem;
+    for (const auto& [key, value] : uid.parameters) {
+        const bool input = key.starts_with("in");
+        if (!input && !key.starts_with("out"))
+            continue;
+        if (!client && !(client = openClient("tavolar-probe", uid.name, status)))
+            return std::nullopt; // no such server: said where the device is looked up
+        jack_port_t* port = jack_port_by_name(client, value.c_str());
+        if (!port)
+            problem = fmt::format("{}={}: the server has no port {} (jack_lsp lists its ports).", key, value,
+                                  value);
+        else if (input && !(jack_port_flags(port) & JackPortIsOutput))
+            problem = fmt::format("{}={}: an input channel records a port that sends sound, such as "
+                                  "system:capture_1; {} receives sound.",
+                                  key, value, value);
+        else if (!input && !(jack_port_flags(port) & JackPortIsInput))
+            problem = fmt::format("{}={}: an output channel plays into a port that receives sound, such as "
+                                  "system:playback_1; {} sends sound.",
+                                  key, value, value);
+        if (problem)
+            break;
+    }
+    if (client)
+        jack_client_close(client);
+    return problem;
+}
+
 std::shared_ptr<AudioDeviceDriver> openJackDeviceDriver(const AudioDeviceUID& uid,
                                                         const std::string& givenUID) {
     if (jackDeviceUIDProblem(uid))
@@ -773,23 +892,50 @@ std::shared_ptr<AudioDeviceDriver> openJackDeviceDriver(const AudioDeviceUID& ui
             outputRoutes[channel] = value;
     }
     jack_status_t status{};
+    std::lock_guard lock(OpenServers::shared().mutex);
+    if (OpenServers::shared().otherServer(uid.name))
+        return nullptr;
     jack_client_t* client = openClient(uid.parameter("client").value_or("tavolar"), uid.name, status);
     if (!client)
         return nullptr;
-    return std::make_shared<JackDeviceDriver>(givenUID, isDefaultServer(uid.name) ? std::string() : uid.name,
-                                              client, std::move(inputRoutes), std::move(outputRoutes),
-                                              uid.parameter("connect") != "no");
+    auto driver = std::make_shared<JackDeviceDriver>(
+        givenUID, isDefaultServer(uid.name) ? std::string() : uid.name, client, std::move(inputRoutes),
+        std::move(outputRoutes), uid.parameter("connect") != "no");
+    OpenServers::shared().add(uid.name, driver);
+    return driver;
 }
 
 bool jackServerIsRunning(const std::string& serverName) {
     if (isDefaultServer(serverName) ? defaultServerProblem() : serverNameProblem(serverName, {}))
         return false;
+    std::lock_guard lock(OpenServers::shared().mutex);
+    if (OpenServers::shared().otherServer(serverName))
+        return false; // cannot be told while another server's devices are open
     jack_status_t status{};
     jack_client_t* client = openClient("tavolar-probe", serverName, status);
     if (!client)
         return false;
     jack_client_close(client);
     return true;
+}
+
+std::vector<std::string> runningJackServerNames() {
+    const std::string suffix = fmt::format("_{}_0", getuid());
+    std::vector<std::string> names;
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator("/dev/shm", error)) {
+        const std::string file = entry.path().filename().string();
+        if (!file.starts_with("jack_") || !file.ends_with(suffix) || file.size() <= 5 + suffix.size() ||
+            !entry.is_socket(error))
+            continue;
+        std::string name = file.substr(5, file.size() - 5 - suffix.size());
+        if (jackServerIsRunning(name))
+            names.push_back(std::move(name));
+    }
+    std::ranges::sort(names, [](const std::string& a, const std::string& b) {
+        return std::pair(a != "default", a) < std::pair(b != "default", b);
+    });
+    return names;
 }
 
 } // namespace tavolar

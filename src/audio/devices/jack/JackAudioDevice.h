@@ -18,18 +18,30 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tavolar {
 
 // Why JACK cannot be handed this UID (a name longer than JACK holds, a port name that is not
 // CLIENT:PORT, an unknown parameter), for a person to read; nullopt when it can.
 std::optional<std::string> jackDeviceUIDProblem(const AudioDeviceUID& uid);
+// The same, then whether the program already uses another server (JACK binds a program to one),
+// and whether the ports the UID routes channels to exist on its server (when it runs) with the
+// direction the channel needs.
+std::optional<std::string> jackRoutingProblem(const AudioDeviceUID& uid);
 
-// A driver for the server the UID names, or null when no such server runs or the UID is malformed.
+// A driver for the server the UID names, or null when no such server runs, the UID is malformed or
+// a device of another server is open.
 std::shared_ptr<AudioDeviceDriver> openJackDeviceDriver(const AudioDeviceUID& uid,
                                                         const std::string& givenUID);
 
-// Whether a JACK server of this name runs ("" or "default" for the default server).
+// Whether a JACK server of this name runs ("" or "default" for the default server). A program
+// uses one server at a time: while a device of another server is open, the answer is no.
 bool jackServerIsRunning(const std::string& serverName);
+
+// The names of this user's JACK servers that run now, "default" first: every server listens on a
+// socket in /dev/shm named after it, and a client opened on each confirms that it runs (a socket
+// left by a server that was killed refuses the client at once).
+std::vector<std::string> runningJackServerNames();
 
 } // namespace tavolar
