@@ -4,16 +4,12 @@
 #include "JackTestServer.h"
 #include "audio/devices/AudioDeviceUID.h"
 
-#include <fcntl.h>
+#include <cstdio>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <nlohmann/json.hpp>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <thread>
-#include <unistd.h>
-
-extern char** environ;
 
 #if defined(TAVOLAR_CLI_PATH)
 
@@ -22,34 +18,16 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// What the program printed on standard output; an empty text when it failed.
-std::string runTavolar(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), TAVOLAR_CLI_PATH);
-    std::vector<char*> argv;
-    for (std::string& argument : arguments)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    int pipeEnds[2];
-    if (pipe(pipeEnds) != 0)
-        return {};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], 1);
-    posix_spawn_file_actions_addclose(&actions, pipeEnds[0]);
-    posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-    pid_t pid = -1;
-    const bool spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) == 0;
-    posix_spawn_file_actions_destroy(&actions);
-    close(pipeEnds[1]);
+// What the program printed on standard output; an empty text when it failed. The arguments are
+// passed through the shell unquoted.
+std::string runTavolar(const std::string& arguments) {
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(
+        popen((TAVOLAR_CLI_PATH " " + arguments + " 2>/dev/null").c_str(), "r"), pclose);
     std::string output;
     char buffer[4096];
-    for (ssize_t count; spawned && (count = read(pipeEnds[0], buffer, sizeof buffer)) > 0;)
-        output.append(buffer, std::size_t(count));
-    close(pipeEnds[0]);
-    int status = 0;
-    return spawned && waitpid(pid, &status, 0) == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0
-               ? output
-               : "";
+    for (std::size_t count; pipe && (count = fread(buffer, 1, sizeof buffer, pipe.get())) > 0;)
+        output.append(buffer, count);
+    return pipe && pclose(pipe.release()) == 0 ? output : std::string();
 }
 
 using JackCommandLine = testing::JackTest;
@@ -59,7 +37,7 @@ TEST_F(JackCommandLine, DevicesListsEveryRunningServerWhateverItsName) {
     ASSERT_TRUE(start(48000, 256, 3, {}, "-caf\xE9"));
     const std::string uid = AudioDeviceUID::parse(deviceUID())->canonicalString();
     ASSERT_TRUE(uid.ends_with("-caf%E9")) << uid;
-    const std::string text = runTavolar({"devices", "--json"});
+    const std::string text = runTavolar("devices --json");
     ASSERT_FALSE(text.empty()) << "tavolar devices --json failed";
     const nlohmann::json devices = nlohmann::json::parse(text);
     auto listed = std::find_if(devices.begin(), devices.end(),
@@ -87,7 +65,7 @@ TEST_F(JackCommandLine, ConnectionsTheUserMadeHoldForEverySweep) {
     const auto deadline = std::chrono::steady_clock::now() + 60s;
     while (measuring.isRunning() && std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(50ms);
-    const std::string text = runTavolar({"info", document.string(), "--json"});
+    const std::string text = runTavolar("info " + document.string() + " --json");
     std::filesystem::remove(document);
     ASSERT_FALSE(text.empty()) << "the measurement stored nothing";
     const nlohmann::json record = nlohmann::json::parse(text)[0];
