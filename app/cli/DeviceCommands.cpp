@@ -374,6 +374,12 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     auto previousHandler = std::signal(SIGINT, noteInterrupt);
     if (previousHandler == SIG_IGN)
         std::signal(SIGINT, SIG_IGN);
+    // Restored when the command ends: a Ctrl-C after the sweeps stops the command before the
+    // document is touched, or once it is saved, and never cuts a save short.
+    struct RestoreHandler {
+        void (*handler)(int);
+        ~RestoreHandler() { std::signal(SIGINT, handler); }
+    } restoreHandler{previousHandler};
     const double sweepSeconds = (sweep->duration() + sweep->beginSilence() + sweep->endSilence()) / 1000.0 *
                                 static_cast<double>(options.averages);
     const auto deadline = std::chrono::steady_clock::now() +
@@ -395,7 +401,6 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     }
     // Let progress notes queued before the end reach the terminal.
     RunLoop::runOnce();
-    std::signal(SIGINT, previousHandler);
     VELTRZMeasurementController::setModifierFlagsProvider(nullptr);
 
     if (timedOut && options.noConnect)
@@ -405,7 +410,7 @@ Expected<void> runMeasurement(MeasureOptions& options) {
         return failure("The measurement did not finish in time: the audio device stopped delivering sound.",
                        "Check the device with tavolar devices and try again.");
     std::optional<TavolarError> error = controller->error();
-    if (aborted)
+    if (aborted || interrupted.load())
         return failure("Measurement Aborted", "The measurement was interrupted; nothing was stored.");
     std::vector<std::shared_ptr<const VELTRZMeasurement>> results = controller->measurementArray();
     if (results.empty())
