@@ -1,16 +1,19 @@
+// The per-sample loops are maths kernels, vectorised with a remainder loop as the math layer's are.
+// The option comes before the includes, so that the header functions inlined here are built alike.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC optimize("vect-cost-model=dynamic")
+#endif
+
 #include "graphcalc/FFTWaterfallWorkingSet.h"
 
 #include "dsp/Decibels.h"
 #include "dsp/Windowing.h"
 
-#include <cmath>
-
 namespace tavolar {
 
 FFTWaterfallWorkingSet::FFTWaterfallWorkingSet(std::size_t fftLength, std::int64_t windowType)
     : fftSetup_(VELTFFTSetup::FFTSetupWithLength(fftLength)), windowType_(windowType),
-      tapered_(windowType >= 1 && windowType <= 6), workingTD_(fftLength), workingFD_(fftLength / 2 + 1),
-      levels_(fftLength / 2 + 1) {
+      tapered_(windowType >= 1 && windowType <= 6), workingTD_(fftLength), workingFD_(fftLength / 2 + 1) {
     if (tapered_) {
         taper_ = VELTRealVector::onesWithLength(fftLength);
         applyWindowWithType(taper_, windowType);
@@ -26,16 +29,12 @@ void FFTWaterfallWorkingSet::applyWindow() noexcept {
         samples[i] *= taper[i];
 }
 
-void FFTWaterfallWorkingSet::spectrumToLevels() noexcept {
+void FFTWaterfallWorkingSet::spectrumToLevels(std::span<float> levels) const noexcept {
     const float* real = workingFD_.realComponents();
     const float* imaginary = workingFD_.imaginaryComponents();
-    float* levels = levels_.mutableComponents();
-    const std::size_t bins = levels_.length();
-    // Magnitudes in double, so that no bin overflows or underflows before its logarithm.
-    for (std::size_t k = 0; k < bins; ++k)
-        levels[k] =
-            static_cast<float>(std::sqrt(double(real[k]) * real[k] + double(imaginary[k]) * imaginary[k]));
-    convertAbsToMagnitude(levels_);
+    float* out = levels.data();
+    for (std::size_t k = 0, bins = fftLength() / 2 + 1; k < bins; ++k)
+        out[k] = decibelsOfPower(real[k] * real[k] + imaginary[k] * imaginary[k]);
 }
 
 } // namespace tavolar

@@ -21,7 +21,8 @@
 //   with startAtPeak). A slice count of 0 (or less) makes no surface.
 //
 // Working memory: the slices hold no samples until they run, so it is the working sets in flight
-// (one per slice running, at most one more per row waiting to be written) plus the output matrix.
+// (one per slice running at once, each with a row of levels on its way to the serial output queue)
+// plus the output matrix.
 // Cancelling the operation cancels its pending slices; a cancelled operation makes nothing.
 
 #include "graphcalc/GraphCalculationSettings.h"

@@ -22,23 +22,23 @@ WaterfallSliceOperation::WaterfallSliceOperation(std::shared_ptr<const VELTRealV
 
 std::size_t WaterfallSliceOperation::copyInputInto(VELTMutableRealVector& destination) const {
     float* out = destination.mutableComponents();
-    std::memset(out, 0, destination.length() * sizeof(float));
     const auto length = static_cast<std::int64_t>(impulseResponse_->length());
     const std::int64_t begin = window_.begin();
     const std::int64_t end = std::min(window_.end(), begin + static_cast<std::int64_t>(destination.length()));
-    // The same cuts as realVectorInWindow: nothing past the midpoint, negative times from the end.
-    if (begin >= end || end > length / 2 || begin < -length)
-        return 0;
-    const float* samples = impulseResponse_->components();
     std::size_t written = 0;
-    for (std::int64_t index = begin; index < end;) {
-        // A run of consecutive stored samples: the negative times, then from time zero on.
-        const std::int64_t stored = index < 0 ? index + length : index;
-        const std::int64_t run = index < 0 ? std::min(end, std::int64_t{0}) - index : end - index;
-        std::memcpy(out + written, samples + stored, static_cast<std::size_t>(run) * sizeof(float));
-        written += static_cast<std::size_t>(run);
-        index += run;
+    // The same cuts as realVectorInWindow: nothing past the midpoint, negative times from the end.
+    if (begin < end && end <= length / 2 && begin >= -length) {
+        const float* samples = impulseResponse_->components();
+        for (std::int64_t index = begin; index < end;) {
+            // A run of consecutive stored samples: the negative times, then from time zero on.
+            const std::int64_t stored = index < 0 ? index + length : index;
+            const std::int64_t run = index < 0 ? std::min(end, std::int64_t{0}) - index : end - index;
+            std::memcpy(out + written, samples + stored, static_cast<std::size_t>(run) * sizeof(float));
+            written += static_cast<std::size_t>(run);
+            index += run;
+        }
     }
+    std::memset(out + written, 0, (destination.length() - written) * sizeof(float));
     return written;
 }
 
@@ -56,16 +56,13 @@ void FFTWaterfallSliceOperation::main() {
     copyInputInto(set->workingTDVector());
     set->applyWindow();
     set->workingTDVector().fftIntoComplexVector(set->workingFDVector(), set->fftSetup());
-    set->spectrumToLevels();
-    // The row is written from the working set on the output queue, which then gives the set back:
-    // nothing is copied on the way and the set is not reused before its levels have been read.
-    auto shared = std::make_shared<std::unique_ptr<FFTWaterfallWorkingSet>>(std::move(set));
-    outputQueue()->addOperation([matrix = outputMatrix(), row = matrixRow(), pool = workingSetPool(),
-                                 shared] {
-        const VELTRealVector& levels = (*shared)->levels();
+    auto levels = std::make_shared<VELTRealVector>(set->fftLength() / 2 + 1);
+    set->spectrumToLevels(levels->mutableSpan());
+    workingSetPool()->giveBack(std::move(set));
+    outputQueue()->addOperation([matrix = outputMatrix(), row = matrixRow(), levels] {
         std::span<float> destination = matrix->mutableRowAtIndex(row);
-        std::copy_n(levels.components(), std::min(levels.length(), destination.size()), destination.begin());
-        pool->giveBack(std::move(*shared));
+        std::copy_n(levels->components(), std::min(levels->length(), destination.size()),
+                    destination.begin());
     });
 }
 

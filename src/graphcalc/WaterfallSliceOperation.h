@@ -38,7 +38,8 @@ public:
     VELTRealVector inputVector() const;
 
 protected:
-    // Clears the destination and copies the slice's samples into its start (at most its length).
+    // Copies the slice's samples into the start of the destination (at most its length) and zeros the
+    // rest; answers how many were copied.
     std::size_t copyInputInto(VELTMutableRealVector& destination) const;
 
     const std::shared_ptr<VELTMutableRealMatrix>& outputMatrix() const noexcept { return outputMatrix_; }
@@ -55,8 +56,8 @@ private:
 };
 
 // The slice's magnitude spectrum, bins 0 to fftLength / 2, in dB (20 log10 |X[k]|, the unscaled
-// forward transform of the tapered slice). The working set is borrowed for the whole computation and
-// goes back to the pool once its row has been written.
+// forward transform of the tapered slice). The working set is borrowed for the computation; the
+// levels go to the output queue in a vector of their own, so the set goes back to the pool at once.
 class FFTWaterfallSliceOperation final : public WaterfallSliceOperation {
 public:
     using WaterfallSliceOperation::WaterfallSliceOperation;

@@ -2,6 +2,7 @@
 // slices' placement and time axis, cancellation, the working-set pool, and the control tag tables.
 
 #include "core/VELTMeasurementRecord.h"
+#include "dsp/Decibels.h"
 #include "graphcalc/FFTOverlapTagValueTransformer.h"
 #include "graphcalc/FFTSizeTagValueTransformer.h"
 #include "graphcalc/SpectrogramGraphCalculationController.h"
@@ -64,6 +65,26 @@ TEST(WaterfallTagValueTransformers, TablesFallbacksAndMissingValues) {
     EXPECT_EQ(Overlap::reverseTransformedValue(std::nullopt), std::nullopt);
     EXPECT_TRUE(Size::allowsReverseTransformation() && Overlap::allowsReverseTransformation() &&
                 Count::allowsReverseTransformation());
+}
+
+// The vectorised decibels against the library's logarithm, over the whole range of magnitudes.
+TEST(Waterfall, DecibelsOfPowerMatchTheLogarithm) {
+    VELTRealVector magnitudes{0.0f, 1e-19f,      0.5f,        0.70710677f, 0.70710683f,
+                              1.0f, 1.41421354f, 1.41421366f, 3e18f};
+    for (float x = 1.1e-19f; x < 1e18f; x *= 1.0137f)
+        magnitudes.appendComponent(x);
+    VELTRealVector reference = magnitudes;
+    convertAbsToMagnitude(reference);
+    for (std::size_t i = 0; i < magnitudes.length(); ++i) {
+        const double power = double(magnitudes[i]) * magnitudes[i];
+        EXPECT_NEAR(FFTWaterfallWorkingSet::decibelsOfPower(float(power)), reference[i], 1e-4)
+            << magnitudes[i];
+    }
+    // Subnormal powers (magnitudes of 1e-20 and 1e-22) keep the digits they have.
+    EXPECT_NEAR(FFTWaterfallWorkingSet::decibelsOfPower(1e-40f), -400.0f, 0.01f);
+    EXPECT_NEAR(FFTWaterfallWorkingSet::decibelsOfPower(1e-44f), -440.0f, 0.5f);
+    EXPECT_EQ(FFTWaterfallWorkingSet::decibelsOfPower(INFINITY), INFINITY);
+    EXPECT_TRUE(std::isnan(FFTWaterfallWorkingSet::decibelsOfPower(NAN)));
 }
 
 // Decaying sines exp(-t / tau) sin(2 pi f t) lose 20 log10(e) * spacing / tau dB from one slice to
@@ -196,8 +217,9 @@ TEST(Waterfall, SlicePlacementAndTimeAxis) {
             EXPECT_EQ(plan.windows[k].begin(), c.firstBegin + std::int64_t(k) * c.spacing) << k;
             EXPECT_NEAR(plan.times[k], c.firstTime + float(k) * c.timeStep, 1e-4) << k;
         }
-        if (c.rows > 0)
+        if (c.rows > 0) {
             EXPECT_EQ(plan.windows.back().end(), c.lastEnd);
+        }
     }
 }
 
@@ -231,8 +253,11 @@ TEST(Waterfall, SliceSamplesAcrossTimeZero) {
     output->waitUntilAllOperationsAreFinished();
     for (float level : matrix->rowAtIndex(0))
         EXPECT_NEAR(level, 0.0f, 1e-6f);
+    // The working set stays with this thread for its next slice.
     EXPECT_EQ(pool->madeCount(), 1u);
-    EXPECT_EQ(pool->freeCount(), 1u);
+    EXPECT_EQ(pool->freeCount(), 0u);
+    EXPECT_NE(pool->borrow(), nullptr);
+    EXPECT_EQ(pool->madeCount(), 1u);
 }
 
 TEST(Waterfall, CancelledOperationsMakeNothing) {
@@ -257,7 +282,8 @@ TEST(Waterfall, CancelledOperationsMakeNothing) {
     EXPECT_TRUE(during->graphDataArray().empty());
 }
 
-// However many borrowers there are, the pool makes no more objects than were out at once.
+// However many borrowers there are, the pool makes no more objects than were out at once, and a
+// thread that gives an object back takes the same one again without the queue.
 TEST(Waterfall, PoolMakesNoMoreThanTheBorrowersAtOnce) {
     std::atomic<int> made{0};
     ResourcePool<int> pool([&] { return std::make_unique<int>(++made); });
@@ -265,13 +291,21 @@ TEST(Waterfall, PoolMakesNoMoreThanTheBorrowersAtOnce) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([&] {
-            for (int i = 0; i < 200; ++i)
-                pool.giveBack(pool.borrow());
+            for (int i = 0; i < 200; ++i) {
+                auto first = pool.borrow(), second = pool.borrow();
+                const int* kept = second.get();
+                pool.giveBack(std::move(first));
+                pool.giveBack(std::move(second));
+                auto again = pool.borrow();
+                EXPECT_EQ(again.get(), kept);
+                pool.giveBack(std::move(again));
+            }
         });
     for (auto& thread : threads)
         thread.join();
-    EXPECT_LE(pool.madeCount(), 4u + 4u); // a given-back object may still be on its way to the list
-    EXPECT_EQ(pool.freeCount(), pool.madeCount());
+    EXPECT_LE(pool.madeCount(), 4u * 2u + 4u); // a given-back object may still be on its way to the list
+    ResourcePool<int> other([] { return std::make_unique<int>(-1); });
+    EXPECT_EQ(*other.borrow(), -1) << "an object kept for one pool was taken for another";
 }
 
 } // namespace
