@@ -630,20 +630,37 @@ void addDeleteCommand(CLI::App& app, CommandList& commands) {
     struct Options {
         std::string document;
         std::vector<std::string> records;
+        bool captureSettings = false;
         bool json = false;
     };
     auto options = std::make_shared<Options>();
-    CLI::App* command =
-        app.add_subcommand("delete", "Remove records and their impulse responses from a document");
+    CLI::App* command = app.add_subcommand(
+        "delete", "Remove records and their impulse responses from a document, or its capture settings");
     command->add_option("document", options->document, "The document (*.tavolar)")->required();
-    command->add_option("records", options->records, "Records by number, UUID or UUID prefix, or all")
-        ->required();
+    command->add_option("records", options->records, "Records by number, UUID or UUID prefix, or all");
+    command->add_flag("--capture-settings", options->captureSettings,
+                      "Remove the document's capture settings (channels, calibrations) instead of records");
     command->add_flag("--json", options->json, "Print JSON for scripts");
     commands.push_back(
         {command, [options]() -> Expected<void> {
+             if (options->captureSettings && !options->records.empty())
+                 return usageFailure("--capture-settings removes the document's channels, not records: leave "
+                                     "out the record numbers.");
              auto store = RecordStore::open(options->document, RecordStore::Mode::ReadWrite);
              if (!store)
                  return std::unexpected(store.error());
+             if (options->captureSettings) {
+                 auto removed = store->document().removeCaptureSettings(kCaptureSettingsName);
+                 if (!removed)
+                     return std::unexpected(documentError(options->document, removed.error()));
+                 if (options->json)
+                     printLine(jsonText({{"captureSettingsRemoved", *removed}}));
+                 else
+                     printLine(*removed
+                                   ? fmt::format("Removed the capture settings of {}.", options->document)
+                                   : fmt::format("{} holds no capture settings.", options->document));
+                 return {};
+             }
              auto indices = store->select(options->records, false);
              if (!indices)
                  return std::unexpected(indices.error());

@@ -271,16 +271,26 @@ std::shared_ptr<VELTMeasurementRecord> RecordStore::makeRecord(VELTRealVector im
 }
 
 Expected<std::optional<VELTAudioCaptureSettings>> RecordStore::captureSettings() const {
+    // Settings that cannot be read block every measurement until they are removed.
+    const std::string removal =
+        fmt::format("Remove them with: tavolar delete {} --capture-settings; then set "
+                    "the calibration of the channels again with calibrate "
+                    "--capture-settings.",
+                    path_.string());
     auto archive = document_->captureSettings(kCaptureSettingsName);
-    if (!archive)
-        return std::unexpected(documentError(path_, archive.error()));
+    if (!archive) {
+        TavolarError error = documentError(path_, archive.error());
+        if (error.code == static_cast<std::int64_t>(MeasurementDocumentErrorCode::Damaged))
+            error.localizedRecoverySuggestion = removal;
+        return std::unexpected(error);
+    }
     if (!*archive)
         return std::optional<VELTAudioCaptureSettings>();
     auto settings = KeyedUnarchiver::unarchivedObjectOfClass<VELTAudioCaptureSettings>(**archive);
     if (!settings)
         return failure(fmt::format("The capture settings of {} cannot be read: {}", path_.string(),
                                    settings.error().localizedDescription),
-                       "Set the calibration of the channels again with calibrate --capture-settings.");
+                       removal);
     return std::optional<VELTAudioCaptureSettings>(std::move(*settings));
 }
 

@@ -294,6 +294,13 @@ TEST_F(CalibrateCommand, InfoShowsTheCaptureSettings) {
     EXPECT_EQ(input["sensitivity"], "0 dBV");
     EXPECT_NE(run({"info", "c.tavolar", "--capture-settings"}).out.find("Input 1"), std::string::npos);
     expectRefused({"info", "c.tavolar", "1", "--capture-settings"}, 2);
+
+    // Damaged settings block every measurement until they are removed, as the message says.
+    sql(folder / "c.tavolar", "UPDATE named_archives SET checksum = checksum + 1");
+    expectRefused({"calibrate", "c.tavolar", "--capture-settings", "--file", "mic.txt"}, 1,
+                  "tavolar delete c.tavolar --capture-settings");
+    ASSERT_TRUE(succeeds({"delete", "c.tavolar", "--capture-settings"}));
+    EXPECT_TRUE(json({"info", "c.tavolar", "--capture-settings", "--json"}).is_null());
 }
 
 } // namespace
