@@ -111,9 +111,6 @@ TEST(VELTSpline, ReadinessAndExplicitCalculation) {
 
     EXPECT_FLOAT_EQ(spline.xMinimum(), 0.0f);
     EXPECT_FLOAT_EQ(spline.xMaximum(), 3.0f);
-    const VELTSpline empty({}, {});
-    EXPECT_EQ(empty.xMinimum(), 0.0f);
-    EXPECT_EQ(empty.xMaximum(), 0.0f);
 }
 
 TEST(VELTSpline, BadDataIsReportedWhenEvaluated) {
@@ -206,7 +203,7 @@ TEST(VELTSpline, ArchiveRoundTripAndDecodingRules) {
     }
 
     // Both forms of the columns are read, and the version is not checked; absent columns give a
-    // spline without knots.
+    // spline without knots, whose ends read 0.
     for (bool bare : {false, true}) {
         const auto other = KeyedArchiver::archivedDataWithRootObject(HandWrittenSpline{
             "0.9", std::vector<float>{1.0f, 2.0f}, std::vector<float>{3.0f, 4.0f}, bare, {}});
@@ -218,6 +215,7 @@ TEST(VELTSpline, ArchiveRoundTripAndDecodingRules) {
         KeyedArchiver::archivedDataWithRootObject(HandWrittenSpline{}));
     ASSERT_TRUE(bare.has_value());
     EXPECT_EQ(bare->x().length(), 0u);
+    EXPECT_EQ(bare->xMinimum(), 0.0f);
     EXPECT_EQ(bare->xMaximum(), 0.0f);
 
     // Columns of different lengths are a damaged archive, reported rather than crashing later.
