@@ -77,6 +77,10 @@ void MagnitudeResponseMeasurementProcessingOperation::main() {
                                        [](const VELTMeasurementRecord& record, std::size_t length) {
                                            return record.fftMagnitudeResponseWithFFTLength(length);
                                        });
+    GraphInfoDictionary info = data->infoDictionary();
+    info[kGraphDataColumnTitleKey] = std::string("Magnitude (dB)");
+    data->setInfoDictionary(std::move(info));
+    data->setQuantities({"Frequency", "Hz"}, {"Magnitude", "dB"});
     appendGraphData(std::move(data));
 }
 

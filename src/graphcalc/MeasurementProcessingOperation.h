@@ -57,6 +57,9 @@ private:
     std::int64_t fftSize_;
 };
 
+// The info key of a curve's column title in files ("Phase (deg)", "H3 (%)").
+inline constexpr const char* kGraphDataColumnTitleKey = "columnTitle";
+
 // The info keys with which frequency curves carry the record's valid band: curves are computed over
 // every bin from 0 Hz (smoothing windows count bins from 0 Hz) and cut to the band afterwards.
 inline constexpr const char* kGraphDataValidStartKey = "validStartFrequency";

@@ -30,13 +30,15 @@ double phaseReferenceShift(const VELTMeasurementRecord& record, PhaseTimeReferen
     return -begin;
 }
 
-void shiftTimeReference(VELTRealVector& values, bool groupDelay, const VELTRealVector& frequencies, double shift) {
+void shiftTimeReference(VELTRealVector& values, bool groupDelay, const VELTRealVector& frequencies,
+                        double shift) {
     if (shift == 0.0)
         return;
     const std::size_t count = std::min(values.length(), frequencies.length());
     for (std::size_t at = 0; at < count; ++at) {
         const double value = values[at];
-        values[at] = static_cast<float>(groupDelay ? value - 1000.0 * shift : value + 360.0 * frequencies[at] * shift);
+        values[at] =
+            static_cast<float>(groupDelay ? value - 1000.0 * shift : value + 360.0 * frequencies[at] * shift);
     }
 }
 
@@ -52,7 +54,8 @@ VELTRealVector percentFromDecibels(const VELTRealVector& decibels) {
     return percent;
 }
 
-HarmonicCurveSet harmonicCurvesOfRecord(const VELTMeasurementRecord& record, const HarmonicCurveRequest& request) {
+HarmonicCurveSet harmonicCurvesOfRecord(const VELTMeasurementRecord& record,
+                                        const HarmonicCurveRequest& request) {
     HarmonicCurveSet set;
     if (!record.logSweepSettings()) {
         set.failure = HarmonicCurveFailure::NoSweep;
@@ -101,14 +104,16 @@ HarmonicCurveSet harmonicCurvesOfRecord(const VELTMeasurementRecord& record, con
     }
     if (request.orders.empty() && !total && !noise)
         return set;
-    const VELTRealVector& excitation = !request.orders.empty() ? distortion.at(request.orders.front()).frequencies
-                                       : total                 ? total->frequencies
-                                                               : noise->frequencies;
+    const VELTRealVector& excitation = !request.orders.empty()
+                                           ? distortion.at(request.orders.front()).frequencies
+                                       : total ? total->frequencies
+                                               : noise->frequencies;
     const float lowest = std::max(record.startFrequency(), record.sweepStartFrequency());
     // Order n of an excitation at f lies at n f, and is measured only where the sweep had energy
     // there too: every chosen order is, up to the sweep's end divided by the highest order.
-    const float validEnd = record.endFrequency() > 0.0f ? std::min(record.endFrequency(), record.sweepEndFrequency())
-                                                        : record.sweepEndFrequency();
+    const float validEnd = record.endFrequency() > 0.0f
+                               ? std::min(record.endFrequency(), record.sweepEndFrequency())
+                               : record.sweepEndFrequency();
     // Without order curves the rows reach as far as the total distortion does, to the 2nd order's end.
     const float top = std::min(
         validEnd, record.sweepEndFrequency() /
@@ -144,7 +149,8 @@ bandLevelsOfRecord(const VELTMeasurementRecord& record, bool octave, char weight
     if (!record.impulseResponse() || record.sampleRate() <= 0)
         return {std::nullopt, BandLevelFailure::NoImpulseResponse};
     const std::int64_t rate = record.sampleRate();
-    if (std::find(std::begin(kBandSampleRates), std::end(kBandSampleRates), rate) == std::end(kBandSampleRates))
+    if (std::find(std::begin(kBandSampleRates), std::end(kBandSampleRates), rate) ==
+        std::end(kBandSampleRates))
         return {std::nullopt, BandLevelFailure::UnsupportedSampleRate};
     VELTRealVector signal = record.windowedImpulseResponse();
     if (signal.length() == 0)
@@ -160,12 +166,15 @@ bandLevelsOfRecord(const VELTMeasurementRecord& record, bool octave, char weight
     // As the SPL curve of the frequency response: 94 dB at the reference, less the microphone's
     // correction at each band's centre.
     const bool reference = record.useSPLReferenceLevel() && record.hasSPLReference();
-    const auto calibration = record.useMicrophoneCalibrationRecord() ? record.microphoneCalibrationRecord() : nullptr;
+    const auto calibration =
+        record.useMicrophoneCalibrationRecord() ? record.microphoneCalibrationRecord() : nullptr;
     if (reference || calibration) {
         result.spl = bands.powerValues();
-        convertAbsToMagnitudeWithReference(*result.spl, record.useSPLReferenceLevel() ? record.SPLReferenceLevel() : 0.0f);
+        convertAbsToMagnitudeWithReference(*result.spl,
+                                           record.useSPLReferenceLevel() ? record.SPLReferenceLevel() : 0.0f);
         if (calibration && calibration->magnitudeSpline())
-            applyFrequencyDomainCorrectionFromSpline(*result.spl, *calibration->magnitudeSpline(), result.exact);
+            applyFrequencyDomainCorrectionFromSpline(*result.spl, *calibration->magnitudeSpline(),
+                                                     result.exact);
     }
     return {std::move(result), std::nullopt};
 }

@@ -27,11 +27,11 @@ void shiftTimeReference(VELTRealVector& values, bool groupDelay, const VELTRealV
 
 // Why a record has no harmonic curves.
 enum class HarmonicCurveFailure {
-    NoSweep,           // no sweep settings: the harmonics cannot be located
-    SweepDoesNotRise,  // the sweep's start is not below its end, or it has no duration
-    OrderTooHigh,      // an order overlaps the linear response (see highestOrder)
-    TooShortForTotal,  // not even the 2nd order can be told apart, so there is no total distortion
-    TooShortForNoise,  // no stretch without harmonics for the noise floor
+    NoSweep,          // no sweep settings: the harmonics cannot be located
+    SweepDoesNotRise, // the sweep's start is not below its end, or it has no duration
+    OrderTooHigh,     // an order overlaps the linear response (see highestOrder)
+    TooShortForTotal, // not even the 2nd order can be told apart, so there is no total distortion
+    TooShortForNoise, // no stretch without harmonics for the noise floor
 };
 
 struct HarmonicCurveRequest {
@@ -55,7 +55,8 @@ struct HarmonicCurveSet {
     std::optional<HarmonicCurveFailure> failure;
 };
 
-HarmonicCurveSet harmonicCurvesOfRecord(const VELTMeasurementRecord& record, const HarmonicCurveRequest& request);
+HarmonicCurveSet harmonicCurvesOfRecord(const VELTMeasurementRecord& record,
+                                        const HarmonicCurveRequest& request);
 
 // Degrees brought into -180 to 180, every component (the first included).
 void wrapDegrees(VELTRealVector& phase);
