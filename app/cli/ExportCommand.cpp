@@ -8,7 +8,6 @@
 #include "AudioFiles.h"
 #include "CommandLine.h"
 #include "RecordStore.h"
-#include "core/HarmonicAnalysis.h"
 #include "dsp/Decibels.h"
 #include "dsp/Hilbert.h"
 #include "dsp/Smoothing.h"
@@ -17,6 +16,7 @@
 #include "export/FRDExport.h"
 #include "export/VELTCSVExporter.h"
 #include "export/VELTMATLABOutput.h"
+#include "graphcalc/RecordCurves.h"
 #include "graphcalc/SpectrogramGraphCalculationController.h"
 
 #include <algorithm>
@@ -61,12 +61,6 @@ const std::vector<std::string> kCurveNames = {
 
 constexpr std::size_t kSmallestFFTLength = 256;
 constexpr std::size_t kLargestFFTLength = std::size_t{1} << 22;
-
-// Degrees brought into -180 to 180, every component (the first included).
-void wrapDegrees(VELTRealVector& phase) {
-    for (float& value : phase.mutableSpan())
-        value = static_cast<float>(std::remainder(static_cast<double>(value), 360.0));
-}
 
 struct NamedVector {
     std::string header;
@@ -163,31 +157,10 @@ void smoothLevels(VELTRealVector& decibels, int denominator, bool powerDomain) {
     convertAbsToPower(decibels);
 }
 
-// The time, in seconds, that phase and group delay are counted from, less the window's begin that the
-// record's own curves count from: time zero (where a wire's response sits), the window's begin, or
-// the impulse's peak (what crossover work aligns drivers by).
-double phaseReferenceShift(const VELTMeasurementRecord& record, std::string_view reference) {
-    const double rate = static_cast<double>(record.sampleRate());
-    const double begin = static_cast<double>(record.windowBegin()) / rate;
-    if (reference == "window")
-        return 0.0;
-    if (reference == "peak")
-        return static_cast<double>(record.impulsePeak()) / rate - begin;
-    return -begin;
-}
-
-// Moves a phase (degrees) or group delay (ms) curve to another time reference: a delay of shift
-// seconds is a phase of -360 f shift degrees.
-void shiftTimeReference(VELTRealVector& values, std::string_view curve, const VELTRealVector& frequencies,
-                        double shift) {
-    if (shift == 0.0)
-        return;
-    const std::size_t count = std::min(values.length(), frequencies.length());
-    for (std::size_t at = 0; at < count; ++at) {
-        const double value = values[at];
-        values[at] = static_cast<float>(curve == "group-delay" ? value - 1000.0 * shift
-                                                               : value + 360.0 * frequencies[at] * shift);
-    }
+PhaseTimeReference timeReference(std::string_view name) {
+    return name == "window" ? PhaseTimeReference::WindowStart
+           : name == "peak" ? PhaseTimeReference::Peak
+                            : PhaseTimeReference::TimeZero;
 }
 
 VELTRealVector frequencyCurve(const VELTMeasurementRecord& record, std::string_view name,
@@ -271,8 +244,9 @@ Expected<CurveGroup> frequencyGroup(const VELTMeasurementRecord& record, std::si
         std::string header(kind.header);
         VELTRealVector values = frequencyCurve(*source, name, fftLength);
         if (name == "phase" || name == "excess-phase" || name == "group-delay")
-            shiftTimeReference(values, name, sourceAxis,
-                               phaseReferenceShift(record, options.phaseReference.value_or("zero")));
+            shiftTimeReference(
+                values, name == "group-delay", sourceAxis,
+                phaseReferenceShift(record, timeReference(options.phaseReference.value_or("zero"))));
         if (isLevelCurve(name)) {
             if (weights) {
                 values.add(*weights);
@@ -328,111 +302,63 @@ struct HarmonicCurves {
 
 Expected<HarmonicCurves> harmonicCurves(const VELTMeasurementRecord& record, std::size_t number,
                                         const ExportOptions& options, std::size_t fftLength) {
-    if (!record.logSweepSettings())
-        return failure(
-            fmt::format("Record {} has no sweep settings, so its harmonics cannot be located.", number),
-            "Harmonic distortion needs the sweep that was played: import the recorded response with "
-            "its sweep options.");
-    if (!(record.sweepStartFrequency() > 0.0f && record.sweepEndFrequency() > record.sweepStartFrequency() &&
-          record.sweepDuration() > 0.0f))
-        return failure(
-            fmt::format("The sweep of record {} does not rise in frequency, so it has no harmonics "
-                        "to locate.",
-                        number));
-    HarmonicAnalysis analysis(record);
-    const std::int64_t highest = analysis.maximumOrder();
-    for (std::int64_t order : options.orders)
-        if (order > highest)
+    HarmonicCurveRequest request;
+    request.orders = options.wants("harmonics") ? options.orders : std::vector<std::int64_t>{};
+    request.total = options.wants("thd");
+    request.noiseFloor = options.wants("noise-floor");
+    request.fftLength = fftLength;
+    HarmonicCurveSet set = harmonicCurvesOfRecord(record, request);
+    if (set.failure)
+        switch (*set.failure) {
+        case HarmonicCurveFailure::NoSweep:
+            return failure(
+                fmt::format("Record {} has no sweep settings, so its harmonics cannot be located.", number),
+                "Harmonic distortion needs the sweep that was played: import the recorded response with "
+                "its sweep options.");
+        case HarmonicCurveFailure::SweepDoesNotRise:
+            return failure(
+                fmt::format("The sweep of record {} does not rise in frequency, so it has no harmonics "
+                            "to locate.",
+                            number));
+        case HarmonicCurveFailure::OrderTooHigh:
             return failure(
                 fmt::format("Harmonic {} of record {} overlaps the linear response; the highest order "
                             "that can be told apart is {}.",
-                            order, number, highest),
+                            options.orders.back(), number, set.highestOrder),
                 "Choose lower orders, or measure with a longer sweep.");
-    const std::size_t length = std::max(fftLength, analysis.minimumFFTLength());
-
-    std::map<std::int64_t, HarmonicDistortion> distortion;
-    std::map<std::int64_t, HarmonicResponse> response;
-    std::size_t rows = std::numeric_limits<std::size_t>::max();
-    const std::vector<std::int64_t> orders =
-        options.wants("harmonics") ? options.orders : std::vector<std::int64_t>{};
-    for (std::int64_t order : orders) {
-        distortion.emplace(order, analysis.distortionOfOrder(order, length));
-        response.emplace(order, analysis.responseOfOrder(order, length));
-        rows = std::min(rows, distortion.at(order).frequencies.length());
-    }
-    // Total distortion sums orders 2 to 9, or as many as the response holds apart.
-    const std::int64_t summedOrders = std::min(HarmonicAnalysis::kTotalDistortionOrders, highest);
-    std::optional<HarmonicDistortion> total, noise;
-    if ((options.wants("thd") || options.wants("noise-floor")) && summedOrders < 2)
-        return failure(
-            fmt::format("Record {} is too short to tell its 2nd harmonic from the linear response, "
-                        "so it has no total harmonic distortion.",
-                        number),
-            "Measure with a longer sweep or a longer response.");
-    if (options.wants("thd")) {
-        total = analysis.totalHarmonicDistortion(length, summedOrders);
-        rows = std::min(rows, total->frequencies.length());
-    }
-    if (options.wants("noise-floor")) {
-        noise = analysis.noiseFloor(length, summedOrders);
-        if (!noise)
+        case HarmonicCurveFailure::TooShortForTotal:
+            return failure(
+                fmt::format("Record {} is too short to tell its 2nd harmonic from the linear response, "
+                            "so it has no total harmonic distortion.",
+                            number),
+                "Measure with a longer sweep or a longer response.");
+        case HarmonicCurveFailure::TooShortForNoise:
             return failure(fmt::format("Record {} is too short to hold a stretch without harmonics, so its "
                                        "noise floor cannot be read.",
                                        number),
                            "Measure with a longer sweep or a longer response, or leave out noise-floor.");
-        rows = std::min(rows, noise->frequencies.length());
-    }
-    const VELTRealVector& excitation = !orders.empty() ? distortion.at(orders.front()).frequencies
-                                       : total         ? total->frequencies
-                                                       : noise->frequencies;
-    const float lowest = std::max(record.startFrequency(), record.sweepStartFrequency());
-    // Order n of an excitation at f lies at n f, and is measured only where the sweep had energy
-    // there too: every chosen order is, up to the sweep's end divided by the highest order.
-    const float validEnd = record.endFrequency() > 0.0f
-                               ? std::min(record.endFrequency(), record.sweepEndFrequency())
-                               : record.sweepEndFrequency();
-    // Without order curves the rows reach as far as the total distortion does, to the 2nd order's end.
-    const bool orderCurves = options.wants("harmonics");
-    const float top = std::min(validEnd, record.sweepEndFrequency() /
-                                             static_cast<float>(orderCurves ? options.orders.back() : 2));
-    std::vector<std::size_t> kept;
-    for (std::size_t row = 0; row < rows; ++row)
-        if (excitation[row] > 0.0f && excitation[row] >= lowest && excitation[row] <= top)
-            kept.push_back(row);
-    auto pick = [&](const VELTRealVector& values, const std::function<float(float)>& map) {
-        VELTRealVector picked(kept.size());
-        for (std::size_t at = 0; at < kept.size(); ++at)
-            picked[at] = map(values[kept[at]]);
-        return picked;
-    };
-    auto same = [](float value) { return value; };
+        }
 
     HarmonicCurves curves;
     curves.relative.suffix = "-harmonics";
-    curves.relative.axis = {"Frequency (Hz)", "harmonic_frequency", pick(excitation, same)};
+    curves.relative.axis = {"Frequency (Hz)", "harmonic_frequency", set.frequencies};
     auto relative = [&](const VELTRealVector& levels) {
-        return options.percent
-                   ? pick(levels, [](float decibels) { return 100.0f * std::pow(10.0f, decibels / 20.0f); })
-                   : pick(levels, same);
+        return options.percent ? percentFromDecibels(levels) : levels;
     };
     const char* unit = options.percent ? "%" : "dB";
-    for (std::int64_t order : orders) {
-        const VELTRealVector& levels = distortion.at(order).levels;
+    for (std::size_t at = 0; at < set.orders.size(); ++at) {
+        const auto& [order, levels] = set.orders[at];
         curves.relative.curves.push_back(
             {fmt::format("H{} ({})", order, unit), fmt::format("harmonic_{}", order), relative(levels)});
-        curves.orderDecibels[order] = pick(levels, same);
-        VELTRealVector phase = pick(response.at(order).phase, [](float radians) {
-            return static_cast<float>(static_cast<double>(radians) * 180.0 / 3.141592653589793);
-        });
-        wrapDegrees(phase);
-        curves.orderPhase[order] = std::move(phase);
+        curves.orderDecibels[order] = levels;
+        curves.orderPhase[order] = set.phases[at].second;
     }
-    if (total)
+    if (set.total)
         curves.relative.curves.push_back(
-            {fmt::format("THD H2-H{} ({})", summedOrders, unit), "thd", relative(total->levels)});
-    if (noise)
+            {fmt::format("THD H2-H{} ({})", set.summedOrders, unit), "thd", relative(*set.total)});
+    if (set.noiseFloor)
         curves.relative.curves.push_back(
-            {fmt::format("Noise floor ({})", unit), "noise_floor", relative(noise->levels)});
+            {fmt::format("Noise floor ({})", unit), "noise_floor", relative(*set.noiseFloor)});
     return curves;
 }
 
