@@ -12,7 +12,7 @@
 namespace tavolar {
 
 FFTWaterfallWorkingSet::FFTWaterfallWorkingSet(std::size_t fftLength, std::int64_t windowType)
-    : fftSetup_(VELTFFTSetup::FFTSetupWithLength(fftLength)), windowType_(windowType),
+    : fftSetup_(VELTFFTInterleavedSetup::FFTSetupWithLength(fftLength)), windowType_(windowType),
       tapered_(windowType >= 1 && windowType <= 6), workingTD_(fftLength), workingFD_(fftLength / 2 + 1) {
     if (tapered_) {
         taper_ = VELTRealVector::onesWithLength(fftLength);
@@ -30,11 +30,11 @@ void FFTWaterfallWorkingSet::applyWindow() noexcept {
 }
 
 void FFTWaterfallWorkingSet::spectrumToLevels(std::span<float> levels) const noexcept {
-    const float* real = workingFD_.realComponents();
-    const float* imaginary = workingFD_.imaginaryComponents();
+    const float* spectrum = reinterpret_cast<const float*>(workingFD_.data()); // re, im, re, im, ...
     float* out = levels.data();
     for (std::size_t k = 0, bins = fftLength() / 2 + 1; k < bins; ++k)
-        out[k] = decibelsOfPower(real[k] * real[k] + imaginary[k] * imaginary[k]);
+        out[k] =
+            decibelsOfPower(spectrum[2 * k] * spectrum[2 * k] + spectrum[2 * k + 1] * spectrum[2 * k + 1]);
 }
 
 } // namespace tavolar

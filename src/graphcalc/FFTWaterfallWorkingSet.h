@@ -1,15 +1,18 @@
 #pragma once
 // The scratch of one slice transform of a waterfall or spectrogram: the FFT plan, the zero-padded
 // time-domain slice, its spectrum, and the taper's coefficients worked out once, so that a slice
-// costs one transform and a few passes over its samples.
+// costs one transform and a few passes over its samples. The spectrum stays inside the working set,
+// so it is kept interleaved (bins 0 to fftLength / 2), the layout FFTW computes fastest; the forward
+// transform is unscaled.
 // A working set is used by one thread at a time (borrowed from a ResourcePool).
 
 #include "dsp/Decibels.h"
-#include "math/VELTComplexVector.h"
+#include "math/AlignedBuffer.h"
 #include "math/VELTFFTSetup.h"
 #include "math/VELTRealVector.h"
 
 #include <bit>
+#include <complex>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -25,13 +28,15 @@ public:
 
     std::size_t fftLength() const noexcept { return fftSetup_.length(); }
     std::int64_t windowType() const noexcept { return windowType_; }
-    const VELTFFTSetup& fftSetup() const noexcept { return fftSetup_; }
+    const VELTFFTInterleavedSetup& fftSetup() const noexcept { return fftSetup_; }
     VELTMutableRealVector& workingTDVector() noexcept { return workingTD_; }
-    VELTMutableComplexVector& workingFDVector() noexcept { return workingFD_; }
+    std::span<const std::complex<float>> workingFDVector() const noexcept { return workingFD_; }
 
     // The taper of windowType over the whole time-domain vector, applied by multiplication: the same
     // values applyWindowWithType gives, without evaluating the window's cosines for every slice.
     void applyWindow() noexcept;
+    // The time-domain vector into the frequency-domain one.
+    void transform() noexcept { fftSetup_.forwardReal(workingTD_.components(), workingFD_.data()); }
     // |X[k]| in dB of bins 0 to fftLength / 2 of the spectrum into levels (at least that long), by
     // decibelsOfPower.
     void spectrumToLevels(std::span<float> levels) const noexcept;
@@ -43,12 +48,12 @@ public:
     static float decibelsOfPower(float power) noexcept;
 
 private:
-    VELTFFTSetup fftSetup_;
+    VELTFFTInterleavedSetup fftSetup_;
     std::int64_t windowType_;
     bool tapered_;
     VELTRealVector taper_;
     VELTMutableRealVector workingTD_;
-    VELTMutableComplexVector workingFD_;
+    AlignedBuffer<std::complex<float>> workingFD_;
 };
 
 inline float FFTWaterfallWorkingSet::decibelsOfPower(float power) noexcept {

@@ -4,7 +4,10 @@
 #include "platform/Assertions.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
+#include <latch>
+#include <limits>
 
 namespace tavolar {
 
@@ -14,6 +17,22 @@ namespace {
 VELTWindow sliceWindow(std::int64_t begin, std::int64_t fftLength, std::size_t responseLength) {
     const auto midpoint = static_cast<std::int64_t>(responseLength / 2);
     return VELTWindow::windowWithBegin(begin, std::min(begin + fftLength, midpoint));
+}
+
+// The largest value, not-a-number skipped (minus infinity for none), in eight independent running
+// maxima: one chain of dependent comparisons over a whole surface would take longer than its slices'
+// transforms.
+float loudest(const VELTRealVector& values) {
+    std::array<float, 8> peaks;
+    peaks.fill(-std::numeric_limits<float>::infinity());
+    const float* value = values.components();
+    const std::size_t length = values.length(), whole = length - length % peaks.size();
+    for (std::size_t i = 0; i < whole; i += peaks.size())
+        for (std::size_t lane = 0; lane < peaks.size(); ++lane)
+            peaks[lane] = value[i + lane] > peaks[lane] ? value[i + lane] : peaks[lane];
+    for (std::size_t i = whole; i < length; ++i)
+        peaks[0] = value[i] > peaks[0] ? value[i] : peaks[0];
+    return *std::max_element(peaks.begin(), peaks.end());
 }
 
 } // namespace
@@ -114,12 +133,18 @@ void WaterfallMeasurementProcessingOperation::main() {
         slices_ = slices;
     }
     if (!isCancelled()) {
+        // Each slice counts itself done, run or cancelled; waiting on the queue instead would wake this
+        // thread at every slice.
+        auto sliced = std::make_shared<std::latch>(static_cast<std::ptrdiff_t>(rows));
         std::vector<std::shared_ptr<Operation>> operations;
         operations.reserve(rows);
-        for (std::size_t row = 0; row < rows; ++row)
+        for (std::size_t row = 0; row < rows; ++row) {
             operations.push_back(std::make_shared<FFTWaterfallSliceOperation>(response, plan.windows[row],
                                                                               matrix, row, output, pool));
-        slices->addOperations(operations, true);
+            operations.back()->setCompletionBlock([sliced] { sliced->count_down(); });
+        }
+        slices->addOperations(operations, false);
+        sliced->wait();
     }
     output->waitUntilAllOperationsAreFinished();
     {
@@ -129,8 +154,10 @@ void WaterfallMeasurementProcessingOperation::main() {
     if (isCancelled())
         return;
 
-    // One normalisation for the whole surface: the loudest bin of all slices is 0 dB.
-    matrix->mutableVector().normalizeDecibels();
+    // One normalisation for the whole surface, as normalizeDecibels does it: the loudest bin of all
+    // slices becomes 0 dB.
+    if (const float peak = loudest(matrix->vector()); std::isfinite(peak))
+        matrix->mutableVector().addScalar(-peak);
     auto surface = std::make_shared<GraphData3D>(std::move(matrix->mutableVector()), rows, columns);
     surface->setXZ(VELTRealVector::realVectorWithFrequencyTable(
                        static_cast<std::uint64_t>(record()->sampleRate()), fftLength),

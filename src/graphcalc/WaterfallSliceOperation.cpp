@@ -55,7 +55,7 @@ void FFTWaterfallSliceOperation::main() {
     std::unique_ptr<FFTWaterfallWorkingSet> set = workingSetPool()->borrow();
     copyInputInto(set->workingTDVector());
     set->applyWindow();
-    set->workingTDVector().fftIntoComplexVector(set->workingFDVector(), set->fftSetup());
+    set->transform();
     auto levels = std::make_shared<VELTRealVector>(set->fftLength() / 2 + 1);
     set->spectrumToLevels(levels->mutableSpan());
     workingSetPool()->giveBack(std::move(set));
