@@ -29,6 +29,12 @@ void FFTWaterfallWorkingSet::applyWindow() noexcept {
         samples[i] *= taper[i];
 }
 
+// Built twice, for the x86-64 baseline and for processors with AVX2 and FMA (chosen when the program
+// loads): twice the lanes for the logarithm, which costs more than half a slice's transform on the
+// baseline's four.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
+__attribute__((target_clones("arch=x86-64-v3", "default")))
+#endif
 void FFTWaterfallWorkingSet::spectrumToLevels(std::span<float> levels) const noexcept {
     const float* spectrum = reinterpret_cast<const float*>(workingFD_.data()); // re, im, re, im, ...
     float* out = levels.data();
