@@ -59,12 +59,17 @@ std::shared_ptr<VELTGraphData> wholeSpectrumGraphData(
     VELTRealVector y = curve(*whole, fftLength);
     TAVOLAR_ASSERT(x.length() > 0 && x.length() == y.length(),
                    "A frequency curve does not match its frequency table");
-    VELTRealVector table = record.frequencyTableWithFFTLength(fftLength);
+    // The band's first and last frequency, as the record's frequency table has them.
+    const BinRange valid = record.validRangeForFFTLength(fftLength);
+    const double binWidth = static_cast<double>(record.sampleRate()) / static_cast<double>(fftLength);
+    auto frequencyOfBin = [&](std::size_t bin) {
+        return static_cast<double>(static_cast<float>(double(bin) * binWidth));
+    };
     auto data = MeasurementProcessingOperation::graphDataForRecord(
         record, std::move(x), std::move(y), MeasurementProcessingOperation::plotColorOfRecord(record));
     GraphInfoDictionary info = data->infoDictionary();
-    info[kGraphDataValidStartKey] = table.length() > 0 ? static_cast<double>(table[0]) : 0.0;
-    info[kGraphDataValidEndKey] = table.length() > 0 ? static_cast<double>(table[table.length() - 1]) : 0.0;
+    info[kGraphDataValidStartKey] = valid.length > 0 ? frequencyOfBin(valid.location) : 0.0;
+    info[kGraphDataValidEndKey] = valid.length > 0 ? frequencyOfBin(valid.location + valid.length - 1) : 0.0;
     data->setInfoDictionary(std::move(info));
     data->setQuantities({"Frequency", "Hz"}, {"Level", "dB"});
     return data;

@@ -1,0 +1,144 @@
+// Graph calculation against what it cannot beat, in the same run:
+//   magnitude    recomputing the magnitude graph of one record after its window moved (FFT length
+//                65536, 1/12-octave smoothing) against its floor: one real FFT of the windowed
+//                response plus one pass over the bins (the level of each);
+//   parallel     eight records on a queue one wide against the same on all processors;
+//   interactive  magnitude, phase and group delay of one record, as dragging a window edge asks for
+//                them: the time of the three, against a frame of 16 ms.
+// Each figure is the fastest of several runs; the ratios are printed after the table.
+
+#include "dsp/Decibels.h"
+#include "graphcalc/RecordGraphCalculationControllers.h"
+#include "math/VELTFFTSetup.h"
+
+#include <algorithm>
+#include <benchmark/benchmark.h>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <random>
+#include <string>
+
+namespace {
+
+using namespace tavolar;
+
+constexpr std::size_t kLength = 65536;
+
+double now() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
+std::shared_ptr<VELTMeasurementRecord> roomRecord(unsigned seed) {
+    std::mt19937 generator(seed);
+    std::normal_distribution<float> noise(0.0f, 1.0f);
+    VELTRealVector impulse(2 * kLength);
+    for (std::size_t n = 0; n < 48000; ++n)
+        impulse[n] = std::exp(-static_cast<float>(n) / 4800.0f) * noise(generator);
+    impulse[0] = 1.0f;
+    auto record = VELTMeasurementRecord::record();
+    record->setSampleRate(48000);
+    record->setImpulseResponse(std::move(impulse));
+    record->setWindowBegin(-100);
+    record->setWindowEnd(40000);
+    return record;
+}
+
+std::map<std::string, double> best;
+
+void keep(const std::string& name, double seconds) {
+    auto [entry, added] = best.emplace(name, seconds);
+    if (!added)
+        entry->second = std::min(entry->second, seconds);
+}
+
+// A window edge that moves by one sample each time, so no cached spectrum is reused.
+void nudge(VELTMeasurementRecord& record) {
+    record.setWindowEnd(record.windowEnd() == 40000 ? 40001 : 40000);
+}
+
+void magnitude(benchmark::State& state) {
+    GraphCalculationSettings settings;
+    settings.smoothingFraction = 1.0f / 12.0f;
+    MagnitudeResponseGraphCalculationController controller(settings);
+    auto record = roomRecord(1);
+    VELTFFTSetup setup = VELTFFTSetup::FFTSetupWithLength(kLength);
+    VELTRealVector real(kLength / 2 + 1), imag(kLength / 2 + 1), levels(kLength / 2 + 1);
+    for (auto _ : state) {
+        nudge(*record);
+        double start = now();
+        GraphDataArray curves = controller.calculate({record});
+        benchmark::DoNotOptimize(curves);
+        keep("magnitude graph", now() - start);
+
+        start = now();
+        VELTRealVector windowed = record->windowedImpulseResponse();
+        windowed.setLength(kLength);
+        setup.forwardReal(windowed.components(), real.mutableComponents(), imag.mutableComponents());
+        for (std::size_t k = 0; k < levels.length(); ++k)
+            levels[k] = 10.0f * std::log10(real[k] * real[k] + imag[k] * imag[k] + 1e-30f);
+        benchmark::DoNotOptimize(levels);
+        keep("magnitude floor", now() - start);
+    }
+}
+BENCHMARK(magnitude)->Unit(benchmark::kMillisecond)->Iterations(30);
+
+void parallel(benchmark::State& state) {
+    GraphCalculationSettings settings;
+    settings.smoothingFraction = 1.0f / 12.0f;
+    MagnitudeResponseGraphCalculationController controller(settings);
+    RecordArray records;
+    for (unsigned r = 0; r < 8; ++r)
+        records.push_back(roomRecord(r + 10));
+    for (auto _ : state) {
+        for (int width : {1, OperationQueue::processorCount()}) {
+            for (auto& record : records)
+                nudge(*record);
+            controller.calculationQueue().setMaxConcurrentOperationCount(width);
+            double start = now();
+            benchmark::DoNotOptimize(controller.calculate(records));
+            keep(width == 1 ? "eight records, one core" : "eight records, all cores", now() - start);
+        }
+    }
+}
+BENCHMARK(parallel)->Unit(benchmark::kMillisecond)->Iterations(10);
+
+void interactive(benchmark::State& state) {
+    GraphCalculationSettings settings;
+    settings.smoothingFraction = 1.0f / 12.0f;
+    MagnitudeResponseGraphCalculationController magnitudes(settings);
+    PhaseGraphCalculationController phases(FrequencyCurveKind::Phase, settings);
+    PhaseGraphCalculationController delays(FrequencyCurveKind::GroupDelay, settings);
+    auto record = roomRecord(2);
+    for (auto _ : state) {
+        nudge(*record);
+        double start = now();
+        benchmark::DoNotOptimize(magnitudes.calculate({record}));
+        benchmark::DoNotOptimize(phases.calculate({record}));
+        benchmark::DoNotOptimize(delays.calculate({record}));
+        keep("magnitude, phase and group delay", now() - start);
+    }
+}
+BENCHMARK(interactive)->Unit(benchmark::kMillisecond)->Iterations(30);
+
+} // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    std::printf("\nfastest runs (ms):\n");
+    for (const auto& [name, seconds] : best)
+        std::printf("  %-36s %9.3f\n", name.c_str(), seconds * 1000.0);
+    if (best.count("magnitude graph"))
+        std::printf("magnitude graph / floor (target at most 1.5): %.2f\n",
+                    best["magnitude graph"] / best["magnitude floor"]);
+    if (best.count("eight records, one core"))
+        std::printf("eight records, one core / all %d (target at least 1.7): %.2f\n",
+                    OperationQueue::processorCount(),
+                    best["eight records, one core"] / best["eight records, all cores"]);
+    if (best.count("magnitude, phase and group delay"))
+        std::printf("magnitude, phase and group delay: %.2f ms (a frame is 16 ms)\n",
+                    best["magnitude, phase and group delay"] * 1000.0);
+    benchmark::Shutdown();
+}
