@@ -5,8 +5,9 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
-#include <latch>
+#include <condition_variable>
 #include <limits>
 
 namespace tavolar {
@@ -34,6 +35,29 @@ float loudest(const VELTRealVector& values) {
         peaks[0] = value[i] > peaks[0] ? value[i] : peaks[0];
     return *std::max_element(peaks.begin(), peaks.end());
 }
+
+// A count of pending slices whose last decrement wakes the one waiting thread.
+class Countdown {
+public:
+    explicit Countdown(std::size_t count) : remaining_(count) {}
+    void countDown() {
+        if (remaining_.fetch_sub(1, std::memory_order_acq_rel) != 1)
+            return;
+        std::lock_guard lock(mutex_);
+        done_ = true;
+        finished_.notify_one();
+    }
+    void wait() {
+        std::unique_lock lock(mutex_);
+        finished_.wait(lock, [this] { return done_; });
+    }
+
+private:
+    std::atomic<std::size_t> remaining_;
+    std::mutex mutex_;
+    std::condition_variable finished_;
+    bool done_ = false;
+};
 
 } // namespace
 
@@ -133,15 +157,15 @@ void WaterfallMeasurementProcessingOperation::main() {
         slices_ = slices;
     }
     if (!isCancelled()) {
-        // Each slice counts itself done, run or cancelled; waiting on the queue instead would wake this
-        // thread at every slice.
-        auto sliced = std::make_shared<std::latch>(static_cast<std::ptrdiff_t>(rows));
+        // Each slice counts itself done, run or cancelled, and the last one wakes this thread: waiting
+        // on the queue instead would wake it at every slice.
+        auto sliced = std::make_shared<Countdown>(rows);
         std::vector<std::shared_ptr<Operation>> operations;
         operations.reserve(rows);
         for (std::size_t row = 0; row < rows; ++row) {
             operations.push_back(std::make_shared<FFTWaterfallSliceOperation>(response, plan.windows[row],
                                                                               matrix, row, output, pool));
-            operations.back()->setCompletionBlock([sliced] { sliced->count_down(); });
+            operations.back()->setCompletionBlock([sliced] { sliced->countDown(); });
         }
         slices->addOperations(operations, false);
         sliced->wait();
