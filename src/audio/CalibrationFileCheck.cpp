@@ -10,6 +10,7 @@
 #include <array>
 #include <fmt/format.h>
 #include <numeric>
+#include <regex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -199,6 +200,31 @@ Expected<CalibrationCurvePoints> sortedByFrequency(const MicrophoneCalibrationFi
 }
 } // namespace
 
+// Many microphones' files carry their sensitivity in a header line ("Sens Factor =-38.5dB",
+// "Sensitivity: -37.2 dBV"). What such a figure is relative to differs from maker to maker, so it is
+// not applied: the user is told, and told how to give it.
+void warnOfSensitivityLine(const std::vector<std::string>& lines) {
+    static const std::regex sensitivity(
+        R"(^\W*(sens(itivity)?(\s*factor)?)\s*[=:]\s*([-+]?[0-9]+([.,][0-9]+)?)\s*([a-z/µ]*))",
+        std::regex::icase);
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        std::smatch match;
+        if (!std::regex_search(lines[i], match, sensitivity))
+            continue;
+        logMessage(
+            fmt::format(fmt::runtime(TavolarLocalizedString(
+                            "WARNING: Line {} gives the microphone's sensitivity (\"{}\"), which is not "
+                            "taken from the file: give it with calibrate --sensitivity and "
+                            "--sensitivity-unit.",
+                            "A calibration file's sensitivity line is not applied.")),
+                        i + 1,
+                        lines[i].substr(static_cast<std::size_t>(match.position(1)),
+                                        static_cast<std::size_t>(match.length(0) -
+                                                                 (match.position(1) - match.position(0))))));
+        return;
+    }
+}
+
 Expected<CalibrationCurvePoints> checkedCalibrationFile(std::span<const std::byte> data) {
     // Bytes that are not text are left to the parser to refuse.
     const auto decoded = stringWithDetectedEncoding(data);
@@ -256,6 +282,7 @@ Expected<CalibrationCurvePoints> checkedCalibrationFile(std::span<const std::byt
                                       column->advice));
         }
     }
+    warnOfSensitivityLine(lines);
     if (!stop.empty())
         logMessage(fmt::format(
             "WARNING: {}{}.", stop,

@@ -297,6 +297,12 @@ TEST(CalibrationFileCheck, ColumnsMakeACurveOrTheFileIsRefused) {
          "WARNING: Line 3 holds a frequency without a magnitude, and the data ends there; 2 lines of data "
          "after it are not read."},
         {"Calibration\n1000\n20 -1.5 0\n", {}, {}, {}, "Line 2 holds a frequency without a magnitude"},
+        {"\"Sens Factor =-38.5dB, SERNO: 7000123\"\n20 -1\n1000 0\n",
+         {20, 1000},
+         {-1, 0},
+         {0, 0},
+         "WARNING: Line 1 gives the microphone's sensitivity (\"Sens Factor =-38.5dB\"), which is not taken from "
+         "the file: give it with calibrate --sensitivity and --sensitivity-unit."},
     };
     setSystemLogEnabled(false);
     for (const Case& c : cases) {
