@@ -31,8 +31,10 @@ void FFTWaterfallWorkingSet::applyWindow() noexcept {
 
 // Built twice, for the x86-64 baseline and for processors with AVX2 and FMA (chosen when the program
 // loads): twice the lanes for the logarithm, which costs more than half a slice's transform on the
-// baseline's four.
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
+// baseline's four. Not in sanitizer builds: the sanitizers' instrumented resolver would run while
+// the program is loaded, before the sanitizer runtime has started, and crash.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && !defined(__SANITIZE_THREAD__) &&      \
+    !defined(__SANITIZE_ADDRESS__)
 __attribute__((target_clones("arch=x86-64-v3", "default")))
 #endif
 void FFTWaterfallWorkingSet::spectrumToLevels(std::span<float> levels) const noexcept {
