@@ -188,7 +188,8 @@ Expected<void> requireKnownSimulatedDevice(const std::string& uid) {
                                     parsed->name));
 }
 
-// --client-name and --no-connect, as parameters of a JACK device's UID.
+// --client-name and --no-connect, as parameters of a JACK device's UID (a client the UID names
+// already keeps its name, so that record and playback devices can be two clients).
 Expected<std::string> withJackClientOptions(const std::string& uid, const MeasureOptions& options) {
     auto parsed = AudioDeviceUID::parse(uid);
     if ((!options.clientName && !options.noConnect) || !parsed)
@@ -203,7 +204,7 @@ Expected<std::string> withJackClientOptions(const std::string& uid, const Measur
             fmt::format("--no-connect leaves every connection to you, so the routes of {} would not be made.",
                         uid),
             "Give either the routes (inN=PORT, outN=PORT) or --no-connect.");
-    if (options.clientName)
+    if (options.clientName && !parsed->parameters.contains("client"))
         parsed->parameters["client"] = *options.clientName;
     if (options.noConnect)
         parsed->parameters["connect"] = "no";

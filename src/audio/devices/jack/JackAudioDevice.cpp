@@ -313,13 +313,15 @@ public:
         return true;
     }
     // Whether the server may be asked something now: a request to a server that runs no cycles
-    // would never return. Waits for a cycle to begin, at most as long as a stall takes to notice.
+    // would never return. Waits for a cycle to begin: while the device streams, until the server
+    // counts as stalled; otherwise up to two seconds, since a server may pause for as long as it
+    // waits on a slow client (its client timeout, half a second by default).
     bool answersRequests() const noexcept {
         const std::int64_t asked = now();
         while (isAlive() && !hasStalled()) {
             if (lastCycle_.load(std::memory_order_acquire) >= asked)
                 return true;
-            if (now() - asked > stallNanoseconds())
+            if (now() - asked > kLongestWait)
                 return false;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
@@ -375,16 +377,22 @@ public:
     }
     // The port's own latency, and for a capture channel that hears a loop through another client
     // (see noteRunning) one period more: that period is the server's, not the device under test's.
+    // When the user makes the connections, the channel's own port tells: JACK gives it the latency
+    // of what is connected to it, and its connections show a loop.
     std::uint32_t latencyForChannel(AudioDirection direction, std::uint32_t channel) const override {
-        if (!isAlive() || channel >= ports(direction).size() || ports(direction)[channel].empty())
+        if (!isAlive() || hasStalled() || channel >= ports(direction).size() ||
+            ports(direction)[channel].empty())
             return 0;
-        jack_port_t* port = jack_port_by_name(client_, ports(direction)[channel].c_str());
+        const std::string own = connects_ ? std::string() : ownPort(direction, channel);
+        jack_port_t* port =
+            jack_port_by_name(client_, (own.empty() ? ports(direction)[channel] : own).c_str());
         if (!port)
             return 0;
         jack_latency_range_t range{0, 0};
         jack_port_get_latency_range(
             port, direction == AudioDirection::Input ? JackCaptureLatency : JackPlaybackLatency, &range);
-        if (direction == AudioDirection::Input && capturesThroughLoop(channel))
+        const bool looped = own.empty() ? capturesThroughLoop(channel) : feedsBackThroughConnections(port);
+        if (direction == AudioDirection::Input && looped)
             return range.max + jack_get_buffer_size(client_);
         return range.max;
     }
@@ -486,6 +494,19 @@ public:
             if (runningCapture_[channel] > 0)
                 loopedCapture_[channel] = feedsBack(inputPorts_[channel]);
     }
+    // The device's own port of a channel, once an endpoint registered one.
+    void noteOwnPort(AudioDirection direction, std::uint32_t channel, const std::string& name) {
+        std::lock_guard lock(loopsMutex_);
+        auto& names = direction == AudioDirection::Input ? ownCapture_ : ownPlayback_;
+        if (channel >= names.size())
+            names.resize(channel + 1);
+        names[channel] = name;
+    }
+    std::string ownPort(AudioDirection direction, std::uint32_t channel) const {
+        std::lock_guard lock(loopsMutex_);
+        const auto& names = direction == AudioDirection::Input ? ownCapture_ : ownPlayback_;
+        return channel < names.size() ? names[channel] : std::string();
+    }
     bool capturesThroughLoop(std::uint32_t channel) const {
         std::lock_guard lock(loopsMutex_);
         return channel < loopedCapture_.size() && loopedCapture_[channel];
@@ -558,10 +579,43 @@ private:
     std::int64_t periodNanoseconds() const noexcept {
         return std::int64_t(double(periodFrames_.load(std::memory_order_relaxed)) / sampleRate_ * 1e9);
     }
-    // Four periods, but never less than half a second (a loaded machine delays cycles that long)
-    // nor more than one and a half (a stopped server is noticed well within two).
+    // Four periods, but never less than 750 ms (a server may pause for its client timeout, half a
+    // second by default, while it waits on a slow client) nor more than 1.5 s (a stopped server
+    // is noticed well within two seconds; at the usual periods, an abort returns within one).
+    static constexpr std::int64_t kLongestWait = 2'000'000'000;
     std::int64_t stallNanoseconds() const noexcept {
-        return std::clamp<std::int64_t>(4 * periodNanoseconds(), 500'000'000, 1'500'000'000);
+        return std::clamp<std::int64_t>(4 * periodNanoseconds(), 750'000'000, 1'500'000'000);
+    }
+    static std::vector<std::string> connections(jack_client_t* client, jack_port_t* port) {
+        std::vector<std::string> names;
+        if (const char** connected = jack_port_get_all_connections(client, port)) {
+            for (const char** name = connected; *name; ++name)
+                names.emplace_back(*name);
+            jack_free(connected);
+        }
+        return names;
+    }
+    // Whether one of the clients the captured port hears is fed by one of the device's own output
+    // ports (the loop noteRunning looks for, through connections the user made).
+    bool feedsBackThroughConnections(jack_port_t* capture) const {
+        std::vector<std::string> playback;
+        {
+            std::lock_guard lock(loopsMutex_);
+            playback = ownPlayback_;
+        }
+        for (const std::string& heard : connections(client_, capture)) {
+            const std::string_view other = clientOf(heard);
+            jack_port_t* port = jack_port_by_name(client_, heard.c_str());
+            if (other.empty() || other == jack_get_client_name(client_) || !port ||
+                (jack_port_flags(port) & JackPortIsPhysical))
+                continue;
+            for (const std::string& own : playback)
+                if (jack_port_t* output = own.empty() ? nullptr : jack_port_by_name(client_, own.c_str()))
+                    for (const std::string& fed : connections(client_, output))
+                        if (clientOf(fed) == other)
+                            return true;
+        }
+        return false;
     }
     static void shutdown(jack_status_t, const char*, void* argument) {
         static_cast<JackDeviceDriver*>(argument)->alive_.store(false, std::memory_order_release);
@@ -648,6 +702,7 @@ private:
     mutable std::mutex loopsMutex_;
     std::vector<int> runningCapture_, runningPlayback_; // running endpoints per channel
     std::vector<bool> loopedCapture_;
+    std::vector<std::string> ownCapture_, ownPlayback_; // guarded by loopsMutex_
 };
 
 AudioStatus JackEndpoint::registerPorts() {
@@ -664,6 +719,9 @@ AudioStatus JackEndpoint::registerPorts() {
         if (!port)
             return kAudioStatusServerFailure;
         ports_.push_back(port);
+        if (index < configuration_.channels.size())
+            driver_->noteOwnPort(configuration_.direction, configuration_.channels[index],
+                                 jack_port_name(port));
     }
     buffers_.assign(ports_.size(), nullptr);
     return kAudioStatusNoError;
