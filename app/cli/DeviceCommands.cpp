@@ -10,7 +10,9 @@
 #include "platform/RunLoop.h"
 #include "platform/UserDefaults.h"
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <csignal>
 #include <fmt/format.h>
@@ -147,6 +149,60 @@ TavolarError commandLineAdvice(TavolarError error) {
     if (auto at = error.localizedRecoverySuggestion.find(clicking); at != std::string::npos)
         error.localizedRecoverySuggestion.replace(
             at, clicking.size(), "Give --no-level-check to bypass this check, or change --level.");
+    return error;
+}
+
+// Names the inputs behind a level refusal and the likely cause, from each channel's peak (dBFS):
+// a silent input among good ones, no sound anywhere, a level too low, or a channel at full scale.
+TavolarError levelAdvice(TavolarError error, const std::vector<float>& peaks,
+                         const std::vector<std::int64_t>& inputs, std::optional<std::int64_t> reference) {
+    const bool quiet = error.localizedDescription == "The Recording is Too Quiet";
+    const bool clipped = error.localizedDescription == "The Recording Clipped!";
+    if ((!quiet && !clipped) || peaks.empty())
+        return error;
+    auto name = [&](std::size_t channel) {
+        if (channel < inputs.size())
+            return fmt::format("input {}", inputs[channel]);
+        return reference ? fmt::format("the loop-back input {}", *reference)
+                         : std::string("the loop-back input");
+    };
+    auto level = [](float peak) {
+        return std::isfinite(peak) ? fmt::format("{:.1f} dBFS", peak) : std::string("silence");
+    };
+    std::string cause;
+    if (clipped) {
+        for (std::size_t c = 0; c < peaks.size(); ++c)
+            if (peaks[c] >= 0.0f)
+                cause += fmt::format("{}{} reached full scale", cause.empty() ? "" : "; ", name(c));
+        cause += ": lower --level or the input's gain.";
+    } else {
+        std::size_t loudest =
+            static_cast<std::size_t>(std::max_element(peaks.begin(), peaks.end()) - peaks.begin());
+        std::vector<std::size_t> silent;
+        for (std::size_t c = 0; c < peaks.size(); ++c)
+            if (!(peaks[c] >= -20.0f))
+                silent.push_back(c);
+        if (silent.size() < peaks.size()) {
+            for (std::size_t c : silent)
+                cause +=
+                    fmt::format("{}{} peaked at {}", cause.empty() ? "" : "; ", name(c), level(peaks[c]));
+            cause +=
+                fmt::format(", while {} peaked at {}: check that input's cable or routing, or leave it out.",
+                            name(loudest), level(peaks[loudest]));
+        } else if (!(peaks[loudest] >= -90.0f)) {
+            cause = fmt::format(
+                "No sound reached any input (the loudest, {}, peaked at {}): check that the output "
+                "plays the sweep (--output-channel, --level) and that it reaches the inputs.",
+                name(loudest), level(peaks[loudest]));
+        } else {
+            cause = fmt::format(
+                "The loudest input, {}, peaked at {}, below -20 dBFS: raise --level or the input's "
+                "gain.",
+                name(loudest), level(peaks[loudest]));
+        }
+    }
+    cause[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(cause[0])));
+    error.localizedRecoverySuggestion = cause + "\n" + error.localizedRecoverySuggestion;
     return error;
 }
 
@@ -415,8 +471,11 @@ Expected<void> runMeasurement(MeasureOptions& options) {
         return failure("Measurement Aborted", "The measurement was interrupted; nothing was stored.");
     std::vector<std::shared_ptr<const VELTRZMeasurement>> results = controller->measurementArray();
     if (results.empty())
-        return std::unexpected(commandLineAdvice(
-            error.value_or(TavolarError::make("The measurement produced no impulse responses."))));
+        return std::unexpected(
+            levelAdvice(commandLineAdvice(error.value_or(
+                            TavolarError::make("The measurement produced no impulse responses."))),
+                        controller->recordingPeakLevels(), *recordChannels,
+                        loopback ? std::optional<std::int64_t>(loopback->second) : std::nullopt));
 
     if (!store) {
         auto created = RecordStore::open(options.document, RecordStore::Mode::CreateIfMissing);

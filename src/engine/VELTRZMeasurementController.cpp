@@ -10,6 +10,7 @@
 
 #include <cmath>
 #include <fmt/format.h>
+#include <limits>
 #include <utility>
 
 namespace tavolar {
@@ -111,6 +112,11 @@ void VELTRZMeasurementController::setMeasurementArray(
     std::lock_guard lock(mutex_);
     measurementArray_ = std::move(measurements);
 }
+std::vector<float> VELTRZMeasurementController::recordingPeakLevels() const {
+    std::lock_guard lock(mutex_);
+    return recordingPeakLevels_;
+}
+
 std::optional<TavolarError> VELTRZMeasurementController::error() const {
     std::lock_guard lock(mutex_);
     return error_;
@@ -405,6 +411,24 @@ void VELTRZMeasurementController::processMeasurements(
                              "There were no recording channels captured during the measurement. "
                              "Please contact support and inform us of this error."));
 
+    {
+        std::vector<float> peaks;
+        for (const VELTRZSweptSineRecording& recording : array) {
+            std::vector<const VELTRealVector*> channels;
+            for (const VELTRealVector& channel : recording.recordChannels())
+                channels.push_back(&channel);
+            if (recording.correctionChannel())
+                channels.push_back(&*recording.correctionChannel());
+            peaks.resize(std::max(peaks.size(), channels.size()), -std::numeric_limits<float>::infinity());
+            for (std::size_t c = 0; c < channels.size(); ++c) {
+                float peak = 0.0f;
+                channels[c]->getMaximumMagnitude(peak, nullptr);
+                peaks[c] = std::max(peaks[c], 20.0f * std::log10(peak));
+            }
+        }
+        std::lock_guard lock(mutex_);
+        recordingPeakLevels_ = std::move(peaks);
+    }
     if (UserDefaults::standard().boolForKey("ChecksRecordingLevel") && !bypassLevelCheck()) {
         const bool quiet = !hasSufficientRecordingLevelInMeasurements(array);
         if (quiet)

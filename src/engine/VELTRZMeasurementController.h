@@ -75,6 +75,11 @@ public:
     void setMeasurementArray(std::vector<std::shared_ptr<const VELTRZMeasurement>> measurements);
     // The last error of the current measurement.
     std::optional<TavolarError> error() const;
+    // The peak of each recorded channel of the last measurement, in dBFS over all its sweeps, in the
+    // order of the capture settings' record channels; the loop-back reference's after them when there
+    // is one. Set once the sweeps are in, before the level check, so a refused measurement can say
+    // which input was too quiet or clipped.
+    std::vector<float> recordingPeakLevels() const;
     void setError(std::optional<TavolarError> error);
     // The aligned recordings of the sweeps played so far.
     std::shared_ptr<const std::vector<VELTRZSweptSineRecording>> averagingArray() const;
@@ -125,6 +130,7 @@ private:
     std::int64_t synchronousAverages_ = 1;
     std::vector<std::shared_ptr<const VELTRZMeasurement>> measurementArray_;
     std::optional<TavolarError> error_;
+    std::vector<float> recordingPeakLevels_;
     std::shared_ptr<std::vector<VELTRZSweptSineRecording>> averagingArray_;
     VELTRealVector stimulusSignal_;
     VELTRealVector recordStimulusSignal_;

@@ -131,8 +131,13 @@ TEST_F(MeasureCommand, FailuresAreReportedAndLeaveNoDocument) {
           Case{{"--end", "30000"}, 2, "half the sample rate"},
           // JACK would overflow its own buffers on a name this long.
           Case{{"--device", "jack:" + std::string(300, 'x')}, 2, "a JACK server name has at most"},
-          // A recording 60 dB down fails the level check, and the advice names the option.
-          Case{{"--device", "sim:default?gain=-60"}, 1, "--no-level-check"}}) {
+          // A recording 60 dB down fails the level check, and the advice names the option; the
+          // advice says which input and why: too low, silent beside a good one, or clipped.
+          Case{{"--device", "sim:default?gain=-60"}, 1, "--no-level-check"},
+          Case{{"--device", "sim:default?gain=-60"}, 1, "The loudest input, input 0, peaked at -6"},
+          Case{{"--channels", "0,1"}, 1, ", while input 0 peaked at -"},
+          Case{{"--device", "sim:default?gain=-200&noise=off"}, 1, "No sound reached any input"},
+          Case{{"--device", "sim:default?gain=20"}, 1, "Input 0 reached full scale"}}) {
         expectRefused(Arguments{"measure", "-o", "f.tavolar"} + kShortSweep + bad.arguments, bad.exitCode,
                       bad.message);
         EXPECT_FALSE(std::filesystem::exists(folder / "f.tavolar")) << bad.arguments[1];
