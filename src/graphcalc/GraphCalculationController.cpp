@@ -258,11 +258,13 @@ FrequencyDomainGraphCalculationController::normalizeFilter() const {
 
 GraphDataArray FrequencyDomainGraphCalculationController::postProcessGraphDataArray(
     GraphDataArray graphData, const GraphCalculationSettings& settings) {
-    for (auto& data : graphData) {
+    // Each curve by itself, on every core.
+    DispatchQueue::concurrentPerform(graphData.size(), [&](std::size_t at) {
+        std::shared_ptr<const VELTGraphData> data = graphData[at];
         if (settings.smoothingFraction > 0.0f)
             data = smoothed(*data, settings.smoothingFraction);
-        data = cutToValidBand(std::move(data));
-    }
+        graphData[at] = cutToValidBand(std::move(data));
+    });
     if (settings.multiSelectMode != 0)
         graphData = comparisonFilter(interpolatedGraphDataGroups(graphData), settings.multiSelectMode);
     if (settings.normalize)
