@@ -1,0 +1,243 @@
+#include "graphing/cairo/VELTCairoPainter.h"
+
+#include <algorithm>
+#include <cairo-svg.h>
+#include <cairo.h>
+#include <cctype>
+#include <cmath>
+#include <fmt/format.h>
+#include <map>
+#include <memory>
+#include <pango/pangocairo.h>
+#include <string>
+#include <utility>
+
+namespace tavolar {
+
+// One Pango layout reused for every text, and a font description per font asked for.
+struct VELTCairoPainter::TextLayout {
+    PangoLayout* layout = nullptr;
+    std::map<std::pair<double, bool>, PangoFontDescription*> fonts;
+
+    ~TextLayout() {
+        for (auto& [key, description] : fonts)
+            pango_font_description_free(description);
+        if (layout)
+            g_object_unref(layout);
+    }
+
+    void set(std::string_view text, const VELTFont& font) {
+        auto key = std::make_pair(font.size, font.bold);
+        auto found = fonts.find(key);
+        if (found == fonts.end()) {
+            PangoFontDescription* description = pango_font_description_new();
+            pango_font_description_set_family(description, kGraphFontFamilies);
+            pango_font_description_set_weight(description,
+                                              font.bold ? PANGO_WEIGHT_BOLD : PANGO_WEIGHT_NORMAL);
+            // Pango sizes are in its units per point; the context's user space is points.
+            pango_font_description_set_absolute_size(description, font.size * PANGO_SCALE);
+            found = fonts.emplace(key, description).first;
+        }
+        pango_layout_set_font_description(layout, found->second);
+        pango_layout_set_text(layout, text.data(), static_cast<int>(text.size()));
+    }
+};
+
+VELTCairoPainter::VELTCairoPainter(cairo_t* context) : context_(context), text_(new TextLayout) {
+    text_->layout = pango_cairo_create_layout(context_);
+    // Metrics that do not depend on the surface's resolution, so that a PNG and an SVG of the same
+    // graph place their text alike.
+    PangoContext* pango = pango_layout_get_context(text_->layout);
+    cairo_font_options_t* options = cairo_font_options_create();
+    cairo_font_options_set_hint_metrics(options, CAIRO_HINT_METRICS_OFF);
+    cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_NONE);
+    pango_cairo_context_set_font_options(pango, options);
+    cairo_font_options_destroy(options);
+    pango_layout_context_changed(text_->layout);
+}
+
+VELTCairoPainter::~VELTCairoPainter() {
+    while (clipDepth_ > 0)
+        popClip();
+    delete text_;
+}
+
+void VELTCairoPainter::applyLineStyle(const VELTLineStyle& style) {
+    cairo_set_source_rgba(context_, style.color.red, style.color.green, style.color.blue, style.color.alpha);
+    cairo_set_line_width(context_, style.width);
+    cairo_set_line_join(context_, CAIRO_LINE_JOIN_ROUND);
+    cairo_set_line_cap(context_, CAIRO_LINE_CAP_BUTT);
+    cairo_set_dash(context_, style.dashPattern.data(), static_cast<int>(style.dashPattern.size()), 0.0);
+}
+
+void VELTCairoPainter::drawLine(VELTPoint from, VELTPoint to, const VELTLineStyle& style) {
+    applyLineStyle(style);
+    cairo_move_to(context_, from.x, from.y);
+    cairo_line_to(context_, to.x, to.y);
+    cairo_stroke(context_);
+}
+
+void VELTCairoPainter::drawPolyline(std::span<const VELTPoint> points, const VELTLineStyle& style) {
+    if (points.size() < 2)
+        return;
+    applyLineStyle(style);
+    cairo_move_to(context_, points[0].x, points[0].y);
+    for (std::size_t i = 1; i < points.size(); ++i)
+        cairo_line_to(context_, points[i].x, points[i].y);
+    cairo_stroke(context_);
+}
+
+void VELTCairoPainter::fillRect(const VELTRect& rect, const VELTColor& color) {
+    cairo_set_source_rgba(context_, color.red, color.green, color.blue, color.alpha);
+    cairo_rectangle(context_, rect.x, rect.y, rect.width, rect.height);
+    cairo_fill(context_);
+}
+
+void VELTCairoPainter::strokeRect(const VELTRect& rect, const VELTLineStyle& style) {
+    applyLineStyle(style);
+    cairo_rectangle(context_, rect.x, rect.y, rect.width, rect.height);
+    cairo_stroke(context_);
+}
+
+void VELTCairoPainter::drawText(std::string_view text, VELTPoint anchor, const VELTFont& font,
+                                const VELTColor& color, VELTHorizontalAlignment horizontal,
+                                VELTVerticalAlignment vertical, bool rotated) {
+    text_->set(text, font);
+    PangoRectangle logical;
+    pango_layout_get_extents(text_->layout, nullptr, &logical);
+    const double width = static_cast<double>(logical.width) / PANGO_SCALE;
+    const double height = static_cast<double>(logical.height) / PANGO_SCALE;
+    const double baseline = static_cast<double>(pango_layout_get_baseline(text_->layout)) / PANGO_SCALE;
+    double dx = 0.0;
+    if (horizontal == VELTHorizontalAlignment::Center)
+        dx = -width / 2.0;
+    else if (horizontal == VELTHorizontalAlignment::Right)
+        dx = -width;
+    double dy = 0.0;
+    switch (vertical) {
+    case VELTVerticalAlignment::Top:
+        dy = 0.0;
+        break;
+    case VELTVerticalAlignment::Middle:
+        dy = -height / 2.0;
+        break;
+    case VELTVerticalAlignment::Baseline:
+        dy = -baseline;
+        break;
+    case VELTVerticalAlignment::Bottom:
+        dy = -height;
+        break;
+    }
+    cairo_save(context_);
+    cairo_translate(context_, anchor.x, anchor.y);
+    if (rotated)
+        cairo_rotate(context_, -M_PI / 2.0);
+    cairo_move_to(context_, dx, dy);
+    cairo_set_source_rgba(context_, color.red, color.green, color.blue, color.alpha);
+    pango_cairo_update_layout(context_, text_->layout);
+    pango_cairo_show_layout(context_, text_->layout);
+    cairo_restore(context_);
+}
+
+double VELTCairoPainter::textWidth(std::string_view text, const VELTFont& font) {
+    text_->set(text, font);
+    PangoRectangle logical;
+    pango_layout_get_extents(text_->layout, nullptr, &logical);
+    return static_cast<double>(logical.width) / PANGO_SCALE;
+}
+
+double VELTCairoPainter::lineHeight(const VELTFont& font) {
+    text_->set("Hg", font);
+    PangoRectangle logical;
+    pango_layout_get_extents(text_->layout, nullptr, &logical);
+    return static_cast<double>(logical.height) / PANGO_SCALE;
+}
+
+void VELTCairoPainter::pushClip(const VELTRect& rect) {
+    cairo_save(context_);
+    cairo_rectangle(context_, rect.x, rect.y, rect.width, rect.height);
+    cairo_clip(context_);
+    ++clipDepth_;
+}
+
+void VELTCairoPainter::popClip() {
+    if (clipDepth_ == 0)
+        return;
+    cairo_restore(context_);
+    --clipDepth_;
+}
+
+int VELTImageSize::pixelWidth() const {
+    return static_cast<int>(std::lround(width / kPointsPerInch * dpi));
+}
+
+int VELTImageSize::pixelHeight() const {
+    return static_cast<int>(std::lround(height / kPointsPerInch * dpi));
+}
+
+Expected<VELTImageFormat> imageFormatOfPath(const std::filesystem::path& path) {
+    std::string extension = path.extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (extension == ".png")
+        return VELTImageFormat::PNG;
+    if (extension == ".svg")
+        return VELTImageFormat::SVG;
+    return makeUnexpected(fmt::format("Cannot tell the picture format of {}.", path.string()),
+                          "Name a file ending in .png or .svg.");
+}
+
+namespace {
+
+struct SurfaceDeleter {
+    void operator()(cairo_surface_t* surface) const { cairo_surface_destroy(surface); }
+};
+struct ContextDeleter {
+    void operator()(cairo_t* context) const { cairo_destroy(context); }
+};
+
+Expected<void> cairoStatus(cairo_status_t status, const std::filesystem::path& path) {
+    if (status == CAIRO_STATUS_SUCCESS)
+        return {};
+    return makeUnexpected(fmt::format("Cannot write {}: {}", path.string(), cairo_status_to_string(status)));
+}
+
+} // namespace
+
+Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat format,
+                          const VELTImageSize& size, const std::function<void(VELTPainter&)>& draw) {
+    if (!(size.width > 0.0) || !(size.height > 0.0) || !(size.dpi > 0.0) || size.pixelWidth() < 1 ||
+        size.pixelHeight() < 1 || size.pixelWidth() > 32767 || size.pixelHeight() > 32767)
+        return makeUnexpected(fmt::format("A picture of {:.1f} × {:.1f} points at {} dpi cannot be made.",
+                                          size.width, size.height, size.dpi),
+                              "Give a positive width and height; bitmaps may be at most 32767 pixels wide.");
+    std::unique_ptr<cairo_surface_t, SurfaceDeleter> surface;
+    if (format == VELTImageFormat::PNG)
+        surface.reset(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, size.pixelWidth(), size.pixelHeight()));
+    else
+        surface.reset(cairo_svg_surface_create(path.c_str(), size.width, size.height));
+    if (auto status = cairoStatus(cairo_surface_status(surface.get()), path); !status)
+        return status;
+    {
+        std::unique_ptr<cairo_t, ContextDeleter> context(cairo_create(surface.get()));
+        if (format == VELTImageFormat::PNG)
+            cairo_scale(context.get(), size.dpi / VELTImageSize::kPointsPerInch,
+                        size.dpi / VELTImageSize::kPointsPerInch);
+        cairo_set_source_rgb(context.get(), 1.0, 1.0, 1.0);
+        cairo_paint(context.get());
+        {
+            VELTCairoPainter painter(context.get());
+            draw(painter);
+        }
+        if (auto status = cairoStatus(cairo_status(context.get()), path); !status)
+            return status;
+    }
+    if (format == VELTImageFormat::PNG) {
+        if (auto status = cairoStatus(cairo_surface_write_to_png(surface.get(), path.c_str()), path); !status)
+            return status;
+    }
+    cairo_surface_finish(surface.get());
+    return cairoStatus(cairo_surface_status(surface.get()), path);
+}
+
+} // namespace tavolar

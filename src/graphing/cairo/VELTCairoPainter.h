@@ -1,0 +1,79 @@
+#pragma once
+// The painter on Cairo, with text laid out by Pango: the drawing of graphs into PNG files (at a given
+// resolution) and SVG files (in points). Fonts come through fontconfig: Helvetica Neue where it is
+// installed, otherwise its metric twin Nimbus Sans, otherwise the system's sans-serif face.
+
+#include "graphing/VELTPainter.h"
+#include "platform/TavolarError.h"
+
+#include <filesystem>
+#include <functional>
+#include <string>
+
+typedef struct _cairo cairo_t;
+
+namespace tavolar {
+
+// The font families asked of fontconfig, in order of preference.
+inline constexpr const char* kGraphFontFamilies = "Helvetica Neue,Nimbus Sans,Nimbus Sans L,sans-serif";
+
+class VELTCairoPainter final : public VELTPainter {
+public:
+    // Paints into the context (which the caller owns), whose user space is in points.
+    explicit VELTCairoPainter(cairo_t* context);
+    ~VELTCairoPainter() override;
+    VELTCairoPainter(const VELTCairoPainter&) = delete;
+    VELTCairoPainter& operator=(const VELTCairoPainter&) = delete;
+
+    void drawLine(VELTPoint from, VELTPoint to, const VELTLineStyle& style) override;
+    void drawPolyline(std::span<const VELTPoint> points, const VELTLineStyle& style) override;
+    void fillRect(const VELTRect& rect, const VELTColor& color) override;
+    void strokeRect(const VELTRect& rect, const VELTLineStyle& style) override;
+    void drawText(std::string_view text, VELTPoint anchor, const VELTFont& font, const VELTColor& color,
+                  VELTHorizontalAlignment horizontal, VELTVerticalAlignment vertical,
+                  bool rotated = false) override;
+    double textWidth(std::string_view text, const VELTFont& font) override;
+    double lineHeight(const VELTFont& font) override;
+    void pushClip(const VELTRect& rect) override;
+    void popClip() override;
+
+private:
+    void applyLineStyle(const VELTLineStyle& style);
+    cairo_t* context_;
+    struct TextLayout;
+    TextLayout* text_;
+    int clipDepth_ = 0;
+};
+
+// The size of a picture: width and height in points, and the resolution of bitmaps.
+struct VELTImageSize {
+    double width = 0.0;
+    double height = 0.0;
+    double dpi = 300.0;
+
+    static constexpr double kPointsPerInch = 72.0;
+    static constexpr double kMillimetresPerInch = 25.4;
+    static double pointsFromMillimetres(double millimetres) {
+        return millimetres / kMillimetresPerInch * kPointsPerInch;
+    }
+    // 160 × 100 mm at 300 dpi.
+    static VELTImageSize defaultSize() {
+        return {pointsFromMillimetres(160.0), pointsFromMillimetres(100.0), 300.0};
+    }
+    // The pixels of a bitmap of this size, rounded to the nearest whole pixel.
+    int pixelWidth() const;
+    int pixelHeight() const;
+};
+
+enum class VELTImageFormat { PNG, SVG };
+
+// The format a file name's extension asks for (".png" or ".svg", any case), or an error naming the
+// formats there are.
+Expected<VELTImageFormat> imageFormatOfPath(const std::filesystem::path& path);
+
+// Paints a picture of the size into the file: draw is called once with a painter whose user space is
+// the picture's points, on a white ground.
+Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat format,
+                          const VELTImageSize& size, const std::function<void(VELTPainter&)>& draw);
+
+} // namespace tavolar
