@@ -3,6 +3,7 @@
 #include "CommandLine.h"
 #include "platform/UUID.h"
 
+#include <algorithm>
 #include <fmt/format.h>
 #include <memory>
 #include <sndfile.h>
@@ -18,32 +19,12 @@ struct SoundFileCloser {
 };
 using SoundFile = std::unique_ptr<SNDFILE, SoundFileCloser>;
 
-std::string sampleKindName(int subtype) {
-    switch (subtype) {
-    case SF_FORMAT_PCM_S8:
-    case SF_FORMAT_PCM_U8:
-        return "8-bit integer";
-    case SF_FORMAT_PCM_16:
-        return "16-bit integer";
-    case SF_FORMAT_PCM_24:
-        return "24-bit integer";
-    case SF_FORMAT_PCM_32:
-        return "32-bit integer";
-    case SF_FORMAT_ULAW:
-    case SF_FORMAT_ALAW:
-        return "companded 8-bit";
-    default:
-        return "compressed";
-    }
-}
-
-bool isWavContainer(int major) {
-    return major == SF_FORMAT_WAV || major == SF_FORMAT_WAVEX || major == SF_FORMAT_RF64;
-}
+// Frames read at a time: the interleaved buffer stays small whatever the file's length.
+constexpr sf_count_t kFramesPerRead = 65536;
 
 } // namespace
 
-Expected<MonoSignal> readMonoFloatWav(const std::filesystem::path& path, std::string_view role) {
+Expected<SoundSignal> readSoundFile(const std::filesystem::path& path, std::string_view role) {
     const std::string name = path.string();
     std::error_code status;
     if (!std::filesystem::exists(path, status))
@@ -51,62 +32,87 @@ Expected<MonoSignal> readMonoFloatWav(const std::filesystem::path& path, std::st
                        "Check the path and try again.");
     if (std::filesystem::is_directory(path, status))
         return failure(fmt::format("The {} file {} is a folder, not a sound file.", role, name),
-                       "Give the path of a WAV file.");
+                       "Give the path of a sound file (WAV, W64, AIFF, FLAC or CAF).");
 
     SF_INFO info{};
     SoundFile file(sf_open(path.c_str(), SFM_READ, &info));
     if (!file)
         return failure(fmt::format("The {} file {} is not a sound file that can be read ({}).", role, name,
                                    sf_strerror(nullptr)),
-                       "Give a WAV file of 32-bit float samples.");
-
-    const int major = info.format & SF_FORMAT_TYPEMASK;
-    const int subtype = info.format & SF_FORMAT_SUBMASK;
-    if (!isWavContainer(major)) {
-        SF_FORMAT_INFO formatInfo{};
-        formatInfo.format = major;
-        const char* kind =
-            sf_command(nullptr, SFC_GET_FORMAT_INFO, &formatInfo, sizeof(formatInfo)) == 0 && formatInfo.name
-                ? formatInfo.name
-                : "another kind of sound file";
-        return failure(
-            fmt::format("The {} file {} is {}, not a WAV file.", role, name, kind),
-            fmt::format("Convert it, for example with: sox {} -e floating-point -b 32 out.wav", name));
-    }
-    if (subtype != SF_FORMAT_FLOAT && subtype != SF_FORMAT_DOUBLE)
-        return failure(fmt::format("The {} file {} holds {} samples; floating-point samples are needed.",
-                                   role, name, sampleKindName(subtype)),
-                       fmt::format("Convert it without losing level, for example with: "
-                                   "sox {} -e floating-point -b 32 out.wav",
-                                   name));
-    if (info.channels != 1)
-        return failure(
-            fmt::format("The {} file {} has {} channels; one channel is needed.", role, name, info.channels),
-            fmt::format("Extract the channel you want, for example with: sox {} out.wav remix 1", name));
-    if (info.frames <= 0)
+                       "Give a WAV, W64, AIFF, FLAC or CAF file.");
+    if (info.channels <= 0 || info.frames <= 0)
         return failure(fmt::format("The {} file {} holds no samples.", role, name),
                        "Check that the recording was saved completely.");
     if (auto supported = checkSampleRate(info.samplerate, fmt::format("The {} file {}", role, name), false);
         !supported)
         return std::unexpected(supported.error());
+    // Beyond 2^31 samples a channel is longer than any transform the engine makes.
+    if (info.frames > (sf_count_t{1} << 31))
+        return failure(
+            fmt::format("The {} file {} is too long: {} samples per channel.", role, name, info.frames),
+            "Cut the recording to the sweep and its silences.");
 
-    MonoSignal signal;
+    const auto channels = static_cast<std::size_t>(info.channels);
+    const auto frames = static_cast<std::size_t>(info.frames);
+    SoundSignal signal;
     signal.sampleRate = info.samplerate;
-    signal.samples = VELTRealVector(static_cast<std::size_t>(info.frames));
-    sf_count_t read = sf_readf_float(file.get(), signal.samples.mutableComponents(), info.frames);
-    if (read != info.frames)
+    signal.channels.reserve(channels);
+    for (std::size_t channel = 0; channel < channels; ++channel)
+        signal.channels.emplace_back(frames);
+    std::vector<float> interleaved(static_cast<std::size_t>(kFramesPerRead) * channels);
+    std::size_t done = 0;
+    while (done < frames) {
+        const sf_count_t wanted =
+            std::min<sf_count_t>(kFramesPerRead, info.frames - static_cast<sf_count_t>(done));
+        const sf_count_t read = sf_readf_float(file.get(), interleaved.data(), wanted);
+        if (read <= 0)
+            break;
+        for (std::size_t channel = 0; channel < channels; ++channel) {
+            float* destination = signal.channels[channel].mutableComponents() + done;
+            for (sf_count_t frame = 0; frame < read; ++frame)
+                destination[frame] = interleaved[static_cast<std::size_t>(frame) * channels + channel];
+        }
+        done += static_cast<std::size_t>(read);
+    }
+    if (done != frames)
         return failure(fmt::format("The {} file {} is truncated: {} of {} samples could be read.", role, name,
-                                   std::max<sf_count_t>(read, 0), info.frames),
+                                   done, frames),
                        "Check that the file was written completely.");
-    if (!signal.samples.isFinite())
-        return failure(fmt::format("The {} file {} holds samples that are not finite numbers.", role, name),
-                       "Check the program that wrote the file.");
+    for (std::size_t channel = 0; channel < channels; ++channel)
+        if (!signal.channels[channel].isFinite())
+            return failure(fmt::format("The {} file {} holds samples that are not finite numbers{}.", role,
+                                       name, channels > 1 ? fmt::format(" in channel {}", channel) : ""),
+                           "Check the program that wrote the file.");
     return signal;
+}
+
+Expected<MonoSignal> readMonoSoundFile(const std::filesystem::path& path, std::string_view role) {
+    auto sound = readSoundFile(path, role);
+    if (!sound)
+        return std::unexpected(sound.error());
+    if (sound->channels.size() != 1)
+        return failure(fmt::format("The {} file {} has {} channels; one channel is needed.", role,
+                                   path.string(), sound->channels.size()),
+                       fmt::format("Extract the channel you want, for example with: sox {} out.wav remix 1",
+                                   path.string()));
+    return MonoSignal{std::move(sound->channels.front()), sound->sampleRate};
 }
 
 Expected<void> writeMonoFloatWav(const std::filesystem::path& path, std::span<const float> samples,
                                  std::int64_t sampleRate) {
+    const std::span<const float> channels[] = {samples};
+    return writeFloatWav(path, channels, sampleRate);
+}
+
+Expected<void> writeFloatWav(const std::filesystem::path& path,
+                             std::span<const std::span<const float>> channels, std::int64_t sampleRate) {
     const std::string name = path.string();
+    if (channels.empty() || channels.size() > 1024)
+        return failure(fmt::format("Cannot write {} with {} channels.", name, channels.size()));
+    const std::size_t frames = channels.front().size();
+    for (std::span<const float> channel : channels)
+        if (channel.size() != frames)
+            return failure(fmt::format("Cannot write {}: its channels differ in length.", name));
     if (sampleRate <= 0 || sampleRate > std::numeric_limits<int>::max())
         return failure(fmt::format("Cannot write {} at a sample rate of {} Hz.", name, sampleRate));
     std::filesystem::path folder =
@@ -122,19 +128,32 @@ Expected<void> writeMonoFloatWav(const std::filesystem::path& path, std::span<co
         folder / fmt::format(".{}.{}.tmp", path.filename().string(), newUUIDString());
     SF_INFO info{};
     info.samplerate = static_cast<int>(sampleRate);
-    info.channels = 1;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    info.channels = static_cast<int>(channels.size());
+    // More than two channels need the extensible header to say which is which.
+    info.format = (channels.size() > 2 ? SF_FORMAT_WAVEX : SF_FORMAT_WAV) | SF_FORMAT_FLOAT;
     // Files of 4 GB and more do not fit a plain WAV header.
-    if (samples.size() * sizeof(float) >= (std::uint64_t{1} << 32) - 1024)
+    if (frames * channels.size() * sizeof(float) >= (std::uint64_t{1} << 32) - 1024)
         info.format = SF_FORMAT_RF64 | SF_FORMAT_FLOAT;
     {
         SoundFile file(sf_open(temporary.c_str(), SFM_WRITE, &info));
         if (!file)
             return failure(fmt::format("Cannot write {}: {}", name, sf_strerror(nullptr)),
                            "Check that the folder may be written and the disk has room.");
-        sf_count_t written =
-            sf_writef_float(file.get(), samples.data(), static_cast<sf_count_t>(samples.size()));
-        bool complete = written == static_cast<sf_count_t>(samples.size());
+        bool complete = true;
+        if (channels.size() == 1) {
+            complete = sf_writef_float(file.get(), channels.front().data(),
+                                       static_cast<sf_count_t>(frames)) == static_cast<sf_count_t>(frames);
+        } else {
+            std::vector<float> interleaved(static_cast<std::size_t>(kFramesPerRead) * channels.size());
+            for (std::size_t from = 0; complete && from < frames; from += kFramesPerRead) {
+                const std::size_t count = std::min<std::size_t>(kFramesPerRead, frames - from);
+                for (std::size_t frame = 0; frame < count; ++frame)
+                    for (std::size_t channel = 0; channel < channels.size(); ++channel)
+                        interleaved[frame * channels.size() + channel] = channels[channel][from + frame];
+                complete = sf_writef_float(file.get(), interleaved.data(), static_cast<sf_count_t>(count)) ==
+                           static_cast<sf_count_t>(count);
+            }
+        }
         std::string reason = complete ? std::string() : sf_strerror(file.get());
         if (complete && sf_command(file.get(), SFC_UPDATE_HEADER_NOW, nullptr, 0) != 0)
             complete = false;
@@ -164,12 +183,12 @@ Expected<void> checkSampleRate(std::int64_t sampleRate, std::string_view what, b
     return failure(std::move(message), "Resample the sound to a rate within that range, such as 48000 Hz.");
 }
 
-Expected<void> requireSampleRate(const MonoSignal& signal, std::int64_t stimulusRate,
+Expected<void> requireSampleRate(std::int64_t sampleRate, std::int64_t stimulusRate,
                                  const std::filesystem::path& path, std::string_view role) {
-    if (signal.sampleRate == stimulusRate)
+    if (sampleRate == stimulusRate)
         return {};
     return failure(fmt::format("The {} file {} is sampled at {} Hz but the stimulus at {} Hz.", role,
-                               path.string(), signal.sampleRate, stimulusRate),
+                               path.string(), sampleRate, stimulusRate),
                    "Record at the stimulus's sample rate, or resample one of the files.");
 }
 

@@ -1,7 +1,8 @@
 #pragma once
-// The sound files the command line reads and writes: WAV files of one channel of floating-point
-// samples. Stimuli, recorded responses and impulse responses are exchanged in this form only, so
-// that no level is lost to integer scaling and no channel is picked silently.
+// The sound files the command line reads and writes. It reads what recorders write: WAV (plain,
+// WAVE_FORMAT_EXTENSIBLE, RF64), W64, AIFF, FLAC, CAF and the other formats libsndfile decodes, of
+// integer or floating-point samples, integers scaled to full scale 1.0. It writes 32-bit float WAV,
+// so that no level is lost to integer scaling.
 
 #include "math/VELTRealVector.h"
 #include "platform/TavolarError.h"
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <span>
 #include <string_view>
+#include <vector>
 
 namespace tavolar::cli {
 
@@ -18,14 +20,26 @@ struct MonoSignal {
     std::int64_t sampleRate = 0;
 };
 
-// Reads a WAV file (WAV, WAVE_FORMAT_EXTENSIBLE or RF64) of one channel of 32- or 64-bit float
-// samples. role names the file in messages ("stimulus", "response"). A missing file, another kind of
-// file, integer samples, several channels, no samples at all or a sample rate outside the supported
-// ones give an error that says what to do.
-Expected<MonoSignal> readMonoFloatWav(const std::filesystem::path& path, std::string_view role);
+// The channels of a sound file, each as a signal of its own.
+struct SoundSignal {
+    std::vector<VELTRealVector> channels;
+    std::int64_t sampleRate = 0;
+};
 
-// Writes a 32-bit float mono WAV file. The file is written beside its destination and renamed into
+// Reads a sound file of any number of channels. role names the file in messages ("stimulus",
+// "response"). A missing file, a file that is not sound, no samples at all, samples that are not
+// finite or a sample rate outside the supported ones give an error that says what to do.
+Expected<SoundSignal> readSoundFile(const std::filesystem::path& path, std::string_view role);
+
+// Reads a sound file of one channel; several channels are refused (a stimulus or a reference is one
+// signal, and picking one of several silently would measure the wrong one).
+Expected<MonoSignal> readMonoSoundFile(const std::filesystem::path& path, std::string_view role);
+
+// Writes a 32-bit float WAV file of one channel, or of several channels of the same length
+// (WAVE_FORMAT_EXTENSIBLE beyond two). The file is written beside its destination and renamed into
 // place, so an existing file is either replaced whole or left as it was.
+Expected<void> writeFloatWav(const std::filesystem::path& path,
+                             std::span<const std::span<const float>> channels, std::int64_t sampleRate);
 Expected<void> writeMonoFloatWav(const std::filesystem::path& path, std::span<const float> samples,
                                  std::int64_t sampleRate);
 
@@ -39,7 +53,7 @@ inline constexpr std::int64_t kHighestSampleRate = 768000;
 Expected<void> checkSampleRate(std::int64_t sampleRate, std::string_view what, bool option);
 
 // Refuses a signal whose sample rate differs from the stimulus's.
-Expected<void> requireSampleRate(const MonoSignal& signal, std::int64_t stimulusRate,
+Expected<void> requireSampleRate(std::int64_t sampleRate, std::int64_t stimulusRate,
                                  const std::filesystem::path& path, std::string_view role);
 
 } // namespace tavolar::cli

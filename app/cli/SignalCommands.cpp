@@ -6,6 +6,8 @@
 #include "SweepOptions.h"
 #include "engine/SweptSineDeconvolution.h"
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
@@ -13,38 +15,99 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace tavolar::cli {
 
 namespace {
 
-// Deconvolves a recorded response by its stimulus (and a loop-back reference recorded with it), as
-// the measurement engine does after a sweep, refusing a silent recording or an unusable result.
-Expected<VELTRealVector> deconvolveSignals(const MonoSignal& stimulus, const MonoSignal& response,
-                                           const std::optional<MonoSignal>& reference,
-                                           std::optional<double> lambda,
-                                           const std::filesystem::path& responsePath) {
+// The channels of a response that --channel picks: the one given, or every channel.
+Expected<std::vector<std::size_t>> pickChannels(const SoundSignal& sound,
+                                                const std::optional<std::int64_t>& channel,
+                                                const std::filesystem::path& path) {
+    std::vector<std::size_t> picked;
+    if (!channel) {
+        for (std::size_t index = 0; index < sound.channels.size(); ++index)
+            picked.push_back(index);
+        return picked;
+    }
+    if (*channel < 0 || static_cast<std::size_t>(*channel) >= sound.channels.size())
+        return failure(fmt::format("--channel {}: the file {} has {}.", *channel, path.string(),
+                                   sound.channels.size() == 1
+                                       ? std::string("one channel, channel 0")
+                                       : fmt::format("channels 0 to {}", sound.channels.size() - 1)),
+                       "Give a channel the file has, or leave --channel out to take every channel.");
+    picked.push_back(static_cast<std::size_t>(*channel));
+    return picked;
+}
+
+// Deconvolves the picked channels of a recorded response by its stimulus (and a loop-back
+// reference recorded with it), as the measurement engine does after a sweep, refusing a silent
+// recording or an unusable result. The division by the stimulus is prepared once per worker, and
+// the channels are shared among the cores.
+Expected<std::vector<VELTRealVector>>
+deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
+                  const std::vector<std::size_t>& channels, const std::optional<MonoSignal>& reference,
+                  std::optional<double> lambda, const std::filesystem::path& responsePath) {
     if (stimulus.samples.isAllZeroes())
         return failure("The stimulus is silent: every sample is zero.", "Give the file that was played.");
-    if (response.samples.isAllZeroes())
-        return failure(fmt::format("The response {} is silent: every sample is zero.", responsePath.string()),
-                       "Check that all your cables are connected properly, and inputs are not muted.");
+    for (std::size_t channel : channels)
+        if (response.channels[channel].isAllZeroes())
+            return failure(
+                response.channels.size() == 1
+                    ? fmt::format("The response {} is silent: every sample is zero.", responsePath.string())
+                    : fmt::format("Channel {} of the response {} is silent: every sample is zero.", channel,
+                                  responsePath.string()),
+                response.channels.size() == 1
+                    ? "Check that all your cables are connected properly, and inputs are not muted."
+                    : "Check that channel's cable and input, or pick the channels you want with --channel.");
     if (reference && reference->samples.isAllZeroes())
         return failure("The reference recording is silent: every sample is zero.",
                        "Check the loop-back cable from the output to the reference input.");
-    if (response.samples.length() + stimulus.samples.length() > (std::size_t{1} << 31))
+    const std::size_t responseLength = response.channels.front().length();
+    if (responseLength + stimulus.samples.length() > (std::size_t{1} << 31))
         return failure("The response and the stimulus are too long to deconvolve together.",
                        "Cut the recording to the length of the stimulus and its silences.");
+    const std::size_t transformLength =
+        deconvolutionTransformLength(responseLength, stimulus.samples.length());
     const VELTRealVector* correction = reference ? &reference->samples : nullptr;
-    VELTRealVector impulse =
-        lambda ? realVectorByDeconvolvingResponseWithRegularization(response.samples, stimulus.samples,
-                                                                    correction, *lambda)
-               : realVectorByDeconvolvingResponse(response.samples, stimulus.samples, correction);
-    if (impulse.isAllZeroes() || impulse.isNAN() || !impulse.isFinite())
-        return failure("Error while deconvolving response.",
-                       "The stimulus does not cover every frequency of the response (a band-limited sweep "
-                       "divides by zero outside its band): try --lambda 1e-6.");
-    return impulse;
+    if (!lambda)
+        lambda = deconvolutionRegularizationFromUserDefaults();
+
+    std::vector<VELTRealVector> impulses(channels.size());
+    std::atomic<std::size_t> next{0};
+    auto work = [&] {
+        SweptSineDeconvolver deconvolver(stimulus.samples.span());
+        deconvolver.prepare(transformLength, correction, lambda);
+        for (std::size_t index = next++; index < channels.size(); index = next++) {
+            impulses[index] = VELTRealVector(transformLength);
+            std::span<const float> samples = response.channels[channels[index]].span();
+            if (channels.size() == 1)
+                deconvolver.deconvolveOnly(samples, impulses[index].mutableSpan(), true);
+            else
+                deconvolver.deconvolve(samples, impulses[index].mutableSpan(), true);
+        }
+    };
+    const std::size_t workers =
+        std::min<std::size_t>(channels.size(), std::max(1u, std::thread::hardware_concurrency()));
+    {
+        std::vector<std::jthread> helpers;
+        for (std::size_t worker = 1; worker < workers; ++worker)
+            helpers.emplace_back(work);
+        work();
+    }
+    for (std::size_t index = 0; index < channels.size(); ++index) {
+        const VELTRealVector& impulse = impulses[index];
+        if (impulse.isAllZeroes() || impulse.isNAN() || !impulse.isFinite())
+            return failure(
+                response.channels.size() == 1
+                    ? std::string("Error while deconvolving response.")
+                    : fmt::format("Error while deconvolving channel {} of the response.", channels[index]),
+                "The stimulus does not cover every frequency of the response (a band-limited "
+                "sweep divides by zero outside its band): try --lambda 1e-6.");
+    }
+    return impulses;
 }
 
 Expected<void> checkLambda(const std::optional<double>& lambda) {
@@ -94,12 +157,20 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
         std::optional<std::string> reference;
         std::string output;
         std::optional<double> lambda;
+        std::optional<std::int64_t> channel;
     };
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
-        "deconvolve", "Turn a recorded sweep response into an impulse response (a WAV file)");
-    command->add_option("stimulus", options->stimulus, "The stimulus that was played (WAV)")->required();
-    command->add_option("response", options->response, "The recorded response (WAV)")->required();
+        "deconvolve",
+        "Turn a recorded sweep response into an impulse response (a WAV file of as many channels)");
+    command->add_option("stimulus", options->stimulus, "The stimulus that was played (one channel)")
+        ->required();
+    command
+        ->add_option("response", options->response,
+                     "The recorded response; each channel gives an impulse response")
+        ->required();
+    command->add_option("--channel", options->channel,
+                        "Deconvolve only this channel of the response (from 0)");
     command->add_option("--reference", options->reference,
                         "The loop-back reference recorded with the response (WAV); its chain is divided out");
     command->add_option("-o,--output", options->output, "The impulse-response WAV file to write")->required();
@@ -109,41 +180,57 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
         {command, [options]() -> Expected<void> {
              if (auto checked = checkLambda(options->lambda); !checked)
                  return checked;
-             auto stimulus = readMonoFloatWav(options->stimulus, "stimulus");
+             auto stimulus = readMonoSoundFile(options->stimulus, "stimulus");
              if (!stimulus)
                  return std::unexpected(stimulus.error());
-             auto response = readMonoFloatWav(options->response, "response");
+             auto response = readSoundFile(options->response, "response");
              if (!response)
                  return std::unexpected(response.error());
-             if (auto same =
-                     requireSampleRate(*response, stimulus->sampleRate, options->response, "response");
+             auto channels = pickChannels(*response, options->channel, options->response);
+             if (!channels)
+                 return std::unexpected(channels.error());
+             if (auto same = requireSampleRate(response->sampleRate, stimulus->sampleRate, options->response,
+                                               "response");
                  !same)
                  return same;
              std::optional<MonoSignal> reference;
              if (options->reference) {
-                 auto read = readMonoFloatWav(*options->reference, "reference");
+                 auto read = readMonoSoundFile(*options->reference, "reference");
                  if (!read)
                      return std::unexpected(read.error());
-                 if (auto same =
-                         requireSampleRate(*read, stimulus->sampleRate, *options->reference, "reference");
+                 if (auto same = requireSampleRate(read->sampleRate, stimulus->sampleRate,
+                                                   *options->reference, "reference");
                      !same)
                      return same;
                  reference = std::move(*read);
              }
-             auto impulse =
-                 deconvolveSignals(*stimulus, *response, reference, options->lambda, options->response);
-             if (!impulse)
-                 return std::unexpected(impulse.error());
-             if (auto written = writeMonoFloatWav(options->output, impulse->span(), stimulus->sampleRate);
-                 !written)
+             auto impulses = deconvolveSignals(*stimulus, *response, *channels, reference, options->lambda,
+                                               options->response);
+             if (!impulses)
+                 return std::unexpected(impulses.error());
+             std::vector<std::span<const float>> spans;
+             for (const VELTRealVector& impulse : *impulses)
+                 spans.push_back(impulse.span());
+             if (auto written = writeFloatWav(options->output, spans, stimulus->sampleRate); !written)
                  return written;
-             float peak = 0.0f;
-             std::size_t location = 0;
-             impulse->getMaximumMagnitude(peak, &location);
-             printLine(fmt::format("Wrote {}: {} samples at {} Hz, largest sample {:.4g} at {:.3f} ms.",
-                                   options->output, impulse->length(), stimulus->sampleRate, peak,
-                                   1000.0 * static_cast<double>(location) /
-                                       static_cast<double>(stimulus->sampleRate)));
+             auto largest = [&](const VELTRealVector& impulse) {
+                 float peak = 0.0f;
+                 std::size_t location = 0;
+                 impulse.getMaximumMagnitude(peak, &location);
+                 return fmt::format("largest sample {:.4g} at {:.3f} ms", peak,
+                                    1000.0 * static_cast<double>(location) /
+                                        static_cast<double>(stimulus->sampleRate));
+             };
+             const std::size_t length = impulses->front().length();
+             if (impulses->size() == 1) {
+                 printLine(fmt::format("Wrote {}: {} samples at {} Hz, {}.", options->output, length,
+                                       stimulus->sampleRate, largest(impulses->front())));
+                 return {};
+             }
+             printLine(fmt::format("Wrote {}: {} channels of {} samples at {} Hz.", options->output,
+                                   impulses->size(), length, stimulus->sampleRate));
+             for (std::size_t index = 0; index < impulses->size(); ++index)
+                 printLine(fmt::format("  channel {}: {}.", (*channels)[index], largest((*impulses)[index])));
              return {};
          }});
 }
@@ -156,6 +243,7 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
         std::optional<std::string> reference;
         std::optional<std::string> name;
         std::optional<double> lambda;
+        std::optional<std::int64_t> channel;
         SweepOptions sweep;
     };
     auto options = std::make_shared<Options>();
@@ -172,7 +260,12 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
                         "The stimulus that was played (WAV); without it the sweep options describe it");
     command->add_option("--reference", options->reference,
                         "The loop-back reference recorded with the response");
-    command->add_option("--name", options->name, "The record's name (default: the file's name)");
+    command->add_option("--name", options->name,
+                        "The record's name (default: the file's name; with several channels, the channel "
+                        "number is added)");
+    command->add_option(
+        "--channel", options->channel,
+        "Import only this channel of the input (from 0); by default each channel is a record");
     command->add_option("--lambda", options->lambda, "Regularise the deconvolution with this constant");
     options->sweep.addTo(*command);
     commands.push_back(
@@ -183,10 +276,12 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
              if (!recordedResponse && (options->reference || options->lambda))
                  return usageFailure("--reference and --lambda apply to a recorded response: give "
                                      "its --stimulus or sweep options too.");
-             auto input =
-                 readMonoFloatWav(options->input, recordedResponse ? "response" : "impulse response");
+             auto input = readSoundFile(options->input, recordedResponse ? "response" : "impulse response");
              if (!input)
                  return std::unexpected(input.error());
+             auto channels = pickChannels(*input, options->channel, options->input);
+             if (!channels)
+                 return std::unexpected(channels.error());
              std::optional<VELTLogSweepSettings> sweep;
              if (options->sweep.given(*command)) {
                  auto settings = options->sweep.settings(input->sampleRate);
@@ -194,16 +289,16 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
                      return std::unexpected(settings.error());
                  sweep = std::move(*settings);
              }
-             VELTRealVector impulse;
+             std::vector<VELTRealVector> impulses;
              if (recordedResponse) {
                  MonoSignal stimulus;
                  if (options->stimulus) {
-                     auto read = readMonoFloatWav(*options->stimulus, "stimulus");
+                     auto read = readMonoSoundFile(*options->stimulus, "stimulus");
                      if (!read)
                          return std::unexpected(read.error());
                      stimulus = std::move(*read);
-                     if (auto same =
-                             requireSampleRate(*input, stimulus.sampleRate, options->input, "response");
+                     if (auto same = requireSampleRate(input->sampleRate, stimulus.sampleRate, options->input,
+                                                       "response");
                          !same)
                          return same;
                  } else {
@@ -213,57 +308,69 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
                  }
                  std::optional<MonoSignal> reference;
                  if (options->reference) {
-                     auto read = readMonoFloatWav(*options->reference, "reference");
+                     auto read = readMonoSoundFile(*options->reference, "reference");
                      if (!read)
                          return std::unexpected(read.error());
-                     if (auto same =
-                             requireSampleRate(*read, stimulus.sampleRate, *options->reference, "reference");
+                     if (auto same = requireSampleRate(read->sampleRate, stimulus.sampleRate,
+                                                       *options->reference, "reference");
                          !same)
                          return same;
                      reference = std::move(*read);
                  }
-                 auto deconvolved =
-                     deconvolveSignals(stimulus, *input, reference, options->lambda, options->input);
+                 auto deconvolved = deconvolveSignals(stimulus, *input, *channels, reference, options->lambda,
+                                                      options->input);
                  if (!deconvolved)
                      return std::unexpected(deconvolved.error());
-                 impulse = std::move(*deconvolved);
+                 impulses = std::move(*deconvolved);
+             } else if (input->channels.front().length() < 2) {
+                 return failure(fmt::format("The impulse response {} is too short: it holds {} sample.",
+                                            options->input, input->channels.front().length()));
              } else {
-                 if (input->samples.length() < 2)
-                     return failure(fmt::format("The impulse response {} is too short: it holds {} "
-                                                "sample.",
-                                                options->input, input->samples.length()));
-                 impulse = std::move(input->samples);
-                 // A record's response is circular, its second half the times before zero, and its
-                 // peak and time axis are read from a copy turned by half its length: for an odd
-                 // length every time would read one sample late. A zero after the last sample evens
-                 // the length and changes nothing else.
-                 if (impulse.length() % 2 == 1)
-                     impulse.setLength(impulse.length() + 1);
+                 for (std::size_t channel : *channels) {
+                     VELTRealVector& impulse = impulses.emplace_back(std::move(input->channels[channel]));
+                     // A record's response is circular, its second half the times before zero, and
+                     // its peak and time axis are read from a copy turned by half its length: for an
+                     // odd length every time would read one sample late. A zero after the last sample
+                     // evens the length and changes nothing else.
+                     if (impulse.length() % 2 == 1)
+                         impulse.setLength(impulse.length() + 1);
+                 }
              }
 
              auto store = RecordStore::open(options->document, RecordStore::Mode::CreateIfMissing);
              if (!store)
                  return std::unexpected(store.error());
-             auto record = store->makeRecord(std::move(impulse), input->sampleRate);
-             record->setComment(
-                 options->name.value_or(std::filesystem::path(options->input).stem().string()));
-             record->setDate(ArchivedDate(
-                 std::chrono::duration<double>(std::chrono::duration_cast<std::chrono::duration<double>>(
-                     std::chrono::system_clock::now().time_since_epoch()))));
-             if (sweep)
-                 record->setLogSweepSettings(*sweep);
-             if (options->reference)
-                 store->setLoopbackReference(record->impulseUUID(),
-                                             {{"file", validUTF8(*options->reference)}});
-             applyDefaultAnalysisSettings(*record);
-             const std::string uuid = record->impulseUUID();
-             std::vector<std::shared_ptr<VELTMeasurementRecord>> records{record};
-             std::vector<std::string> impulses{uuid};
-             if (auto saved = store->save(records, impulses); !saved)
+             const std::string name =
+                 options->name.value_or(std::filesystem::path(options->input).stem().string());
+             const bool numbered = input->channels.size() > 1;
+             const ArchivedDate date(std::chrono::duration_cast<std::chrono::duration<double>>(
+                 std::chrono::system_clock::now().time_since_epoch()));
+             std::vector<std::shared_ptr<VELTMeasurementRecord>> records;
+             std::vector<std::string> uuids;
+             for (std::size_t index = 0; index < impulses.size(); ++index) {
+                 auto record = store->makeRecord(std::move(impulses[index]), input->sampleRate);
+                 record->setComment(numbered ? fmt::format("{} channel {}", name, (*channels)[index]) : name);
+                 record->setDate(date);
+                 if (sweep)
+                     record->setLogSweepSettings(*sweep);
+                 if (options->reference)
+                     store->setLoopbackReference(record->impulseUUID(),
+                                                 {{"file", validUTF8(*options->reference)}});
+                 applyDefaultAnalysisSettings(*record);
+                 uuids.push_back(record->impulseUUID());
+                 records.push_back(std::move(record));
+             }
+             if (auto saved = store->save(records, uuids); !saved)
                  return saved;
-             printLine(fmt::format("Imported {} into {} as record {} ({}), peak at {:.3f} ms.",
-                                   options->input, options->document, store->summaries().size(), uuid,
-                                   record->impulsePeakInMilliseconds()));
+             const std::size_t first = store->summaries().size() - records.size() + 1;
+             for (std::size_t index = 0; index < records.size(); ++index) {
+                 const std::string what =
+                     numbered ? fmt::format("{} channel {}", options->input, (*channels)[index])
+                              : options->input;
+                 printLine(fmt::format("Imported {} into {} as record {} ({}), peak at {:.3f} ms.", what,
+                                       options->document, first + index, uuids[index],
+                                       records[index]->impulsePeakInMilliseconds()));
+             }
              return {};
          }});
 }

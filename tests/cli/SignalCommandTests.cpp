@@ -138,36 +138,87 @@ TEST_F(DeconvolveCommand, RefusesSoundFilesOfTheWrongKindWithoutWritingAnything)
     std::vector<float> response = throughSystem(readSound(folder / "s.wav").samples, 3, 10);
     std::vector<float> stereo;
     for (float sample : response)
-        stereo.insert(stereo.end(), {sample, sample});
-    writeSound(folder / "int16.wav", response, 8000, SF_FORMAT_WAV | SF_FORMAT_PCM_16);
-    writeSound(folder / "int24.wav", response, 8000, SF_FORMAT_WAV | SF_FORMAT_PCM_24);
+        stereo.insert(stereo.end(), {sample, 0.0f});
     writeSound(folder / "stereo.wav", stereo, 8000, SF_FORMAT_WAV | SF_FORMAT_FLOAT, 2);
     writeSound(folder / "rate.wav", response, 16000);
     writeSound(folder / "1hz.wav", response, 1);
-    writeSound(folder / "float.aiff", response, 8000, SF_FORMAT_AIFF | SF_FORMAT_FLOAT);
     writeSound(folder / "silent.wav", std::vector<float>(response.size(), 0.0f), 8000);
     writeSound(folder / "truncated.wav", response, 8000);
     std::filesystem::resize_file(folder / "truncated.wav", 44);
     std::ofstream(folder / "text.wav") << "this is not a sound file\n";
 
     for (const auto& [file, message] :
-         std::vector<std::pair<std::string, std::string>>{{"int16.wav", "16-bit integer samples"},
-                                                          {"int24.wav", "24-bit integer samples"},
-                                                          {"stereo.wav", "has 2 channels"},
+         std::vector<std::pair<std::string, std::string>>{{"stereo.wav", "Channel 1 of the response"},
                                                           {"rate.wav", "sampled at 16000 Hz"},
                                                           {"1hz.wav", "1 Hz is outside the sample rates"},
-                                                          {"float.aiff", "not a WAV file"},
                                                           {"silent.wav", "silent"},
                                                           {"truncated.wav", "truncated.wav"},
                                                           {"text.wav", "not a sound file"},
                                                           {"missing.wav", "does not exist"}})
         expectRefused({"deconvolve", "s.wav", file, "-o", "ir.wav"}, 1, message);
-    // A stimulus of the wrong kind is refused the same way.
-    expectRefused({"deconvolve", "int16.wav", "s.wav", "-o", "ir.wav"}, 1, "16-bit integer samples");
+    // A stimulus is one signal; a channel the response does not have is not guessed at.
+    expectRefused({"deconvolve", "stereo.wav", "s.wav", "-o", "ir.wav"}, 1, "has 2 channels");
+    expectRefused({"deconvolve", "s.wav", "stereo.wav", "--channel", "2", "-o", "ir.wav"}, 1,
+                  "channels 0 to 1");
     EXPECT_FALSE(std::filesystem::exists(folder / "ir.wav"));
     // An output that cannot be written: a folder that does not exist.
     expectRefused({"deconvolve", "s.wav", "s.wav", "-o", "no/such/folder/ir.wav"}, 1, "does not exist");
     expectRefused({"deconvolve", "s.wav", "s.wav", "-o", "ir.wav", "--lambda", "-1"}, 2);
+}
+
+// What recorders write, in every sample format and container, mono or multichannel: each channel
+// gives its own impulse response (channel c here is the system delayed by 20 + 7c samples).
+TEST_F(DeconvolveCommand, ReadsWhatRecordersWriteAndDeconvolvesEachChannel) {
+    ASSERT_TRUE(succeeds({"sweep", "s.wav", "--rate", "8000", "--length", "500", "--end-silence", "200"}));
+    const std::vector<float> stimulus = readSound(folder / "s.wav").samples;
+    struct Case {
+        std::string file;
+        int format;
+        int channels;
+    };
+    for (const Case& row : std::vector<Case>{{"i16.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16, 1},
+                                             {"i24.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_24, 2},
+                                             {"i32.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_32, 1},
+                                             {"f64.wav", SF_FORMAT_WAV | SF_FORMAT_DOUBLE, 1},
+                                             {"ext.wav", SF_FORMAT_WAVEX | SF_FORMAT_FLOAT, 3},
+                                             {"w.w64", SF_FORMAT_W64 | SF_FORMAT_PCM_24, 2},
+                                             {"a.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 2},
+                                             {"f.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 8},
+                                             {"c.caf", SF_FORMAT_CAF | SF_FORMAT_FLOAT, 2}}) {
+        SCOPED_TRACE(row.file);
+        std::vector<float> interleaved;
+        for (int channel = 0; channel < row.channels; ++channel) {
+            std::vector<float> response = throughSystem(stimulus, 20 + 7 * channel, 100);
+            interleaved.resize(response.size() * static_cast<std::size_t>(row.channels));
+            for (std::size_t n = 0; n < response.size(); ++n)
+                interleaved[n * static_cast<std::size_t>(row.channels) + static_cast<std::size_t>(channel)] =
+                    response[n];
+        }
+        writeSound(folder / row.file, interleaved, 8000, row.format, row.channels);
+        ASSERT_TRUE(succeeds({"deconvolve", "s.wav", row.file, "-o", "ir.wav"}));
+        SF_INFO info{};
+        SNDFILE* file = sf_open((folder / "ir.wav").c_str(), SFM_READ, &info);
+        ASSERT_NE(file, nullptr);
+        std::vector<float> impulses(static_cast<std::size_t>(info.frames * info.channels));
+        sf_readf_float(file, impulses.data(), info.frames);
+        sf_close(file);
+        ASSERT_EQ(info.channels, row.channels);
+        for (int channel = 0; channel < row.channels; ++channel)
+            EXPECT_NEAR(impulses[static_cast<std::size_t>((20 + 7 * channel) * row.channels + channel)], 0.5,
+                        2e-3)
+                << "channel " << channel;
+    }
+    // --channel picks one: a mono impulse response, or one record.
+    ASSERT_TRUE(succeeds({"deconvolve", "s.wav", "ext.wav", "--channel", "2", "-o", "one.wav"}));
+    SoundFile one = readSound(folder / "one.wav");
+    EXPECT_EQ(one.channels, 1);
+    EXPECT_NEAR(one.samples[34], 0.5, 2e-3);
+    RunResult imported = run({"import", "c.caf", "--stimulus", "s.wav", "-o", "d.tavolar"});
+    EXPECT_EQ(lines(imported.out).size(), 2u) << imported.out;
+    EXPECT_NE(imported.out.find("c.caf channel 1 into d.tavolar as record 2"), std::string::npos)
+        << imported.out;
+    ASSERT_TRUE(succeeds({"import", "ext.wav", "--stimulus", "s.wav", "--channel", "1", "-o", "e.tavolar"}));
+    EXPECT_NE(run({"list", "e.tavolar"}).out.find("ext channel 1"), std::string::npos);
 }
 
 // Tuning keeps FFTW's measurements in the file every later run loads; a damaged file is reported

@@ -12,7 +12,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     using namespace tavolar;
     const std::filesystem::path path = fuzz::writeTemporaryFile(data, size, ".sound");
 
-    auto signal = cli::readMonoFloatWav(path, "response");
+    auto signal = cli::readMonoSoundFile(path, "response");
     if (signal)
         FUZZ_CHECK(signal->samples.length() > 0 && signal->sampleRate > 0 && signal->samples.isFinite(),
                    "an accepted WAV file is a signal of finite samples");
