@@ -53,6 +53,7 @@ void addCopyCommand(CLI::App& app, CommandList& commands);
 void addExportCommand(CLI::App& app, CommandList& commands);
 void addBandsCommand(CLI::App& app, CommandList& commands);
 void addTuneCommand(CLI::App& app, CommandList& commands);
+void addPlotCommand(CLI::App& app, CommandList& commands);
 
 // Loads the FFT tuning that `tavolar tune` kept, if any, so that transforms use measured plans.
 void loadFFTWisdom();

@@ -72,6 +72,7 @@ int run(int argc, char** argv) {
     addExportCommand(app, commands);
     addBandsCommand(app, commands);
     addTuneCommand(app, commands);
+    addPlotCommand(app, commands);
 
     try {
         app.parse(argc, argv);

@@ -53,12 +53,25 @@ int decimalsOfStep(double step) {
 
 struct LinearChoice {
     double step = 0.0;
-    double mantissa = 1.0;
+    double mantissa = 1.0; // 0 for a step of the options' own
 };
 
 LinearChoice chooseLinearStep(double minimum, double maximum, double length, const TickLabelWidth& width,
                               const TickLabelText& text, const TickMarkOptions& options) {
     const double span = maximum - minimum;
+    auto labelsFit = [&](double step) {
+        const int decimals = decimalsOfStep(step);
+        std::vector<Label> labels;
+        for (double k = std::ceil(minimum / step - 1e-9); k <= std::floor(maximum / step + 1e-9); k += 1.0)
+            labels.push_back({k * step, (k * step - minimum) / span * length, text(k * step, decimals)});
+        return fits(labels, length, width, options);
+    };
+    if (!options.steps.empty()) {
+        for (double step : options.steps)
+            if (span / step <= kMostLabels && labelsFit(step))
+                return {step, 0.0};
+        return {options.steps.back(), 0.0};
+    }
     const int top = static_cast<int>(std::floor(std::log10(span))) + 1;
     LinearChoice last;
     for (int exponent = top - 4; exponent <= top + 1; ++exponent) {
@@ -109,7 +122,9 @@ std::vector<TickMark> linearTickMarks(double minimum, double maximum, double len
     const int decimals = decimalsOfStep(step);
     // Minor ticks split a step of 2 into quarters and the others into fifths, so that every minor tick
     // falls on a round value (2.5 into halves of a unit).
-    const int divisions = choice.mantissa == 2.0 ? 4 : 5;
+    const int divisions = choice.mantissa == 0.0   ? std::max(options.minorDivisions, 1)
+                          : choice.mantissa == 2.0 ? 4
+                                                   : 5;
     const double minorStep = step / divisions;
     std::vector<TickMark> ticks;
     const double first = std::ceil(minimum / minorStep - 1e-9);

@@ -33,6 +33,10 @@ struct TickMarkOptions {
     double minimumGap = 4.0;
     // Logarithmic axes draw minor ticks only where a decade is at least this long.
     double minimumDecadeForMinorTicks = 24.0;
+    // Linear axes: the steps to choose from, smallest first, in place of 1, 2, 2.5 and 5 times the
+    // powers of ten (phase axes step by 45 or 90 degrees), with minorDivisions minor steps in each.
+    std::vector<double> steps;
+    int minorDivisions = 3;
 };
 
 // Ticks in ascending order within [minimum, maximum]. An empty or inverted range, a non-finite bound

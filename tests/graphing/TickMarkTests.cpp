@@ -144,6 +144,25 @@ TEST(TickMarks, WiderLabelsNeverOverlapNorFillMoreThanTheLimit) {
     }
 }
 
+TEST(TickMarks, PhaseAxesStepByTheirOwnSteps) {
+    TickMarkOptions options;
+    options.steps = {45.0, 90.0, 180.0};
+    struct Case {
+        double length;
+        Labels expected;
+    };
+    const Case cases[] = {
+        {300, {"−180", "−135", "−90", "−45", "0", "45", "90", "135", "180"}},
+        {100, {"−180", "−90", "0", "90", "180"}},
+    };
+    for (const Case& c : cases) {
+        auto ticks = linearTickMarks(-180, 180, c.length, fiveAPiece, plainLabel, options);
+        EXPECT_EQ(labels(ticks), c.expected) << c.length;
+        // Three minor steps to each step: 15 or 30 degrees apart.
+        EXPECT_NEAR(ticks[1].value - ticks[0].value, c.expected.size() == 9 ? 15.0 : 30.0, 1e-9);
+    }
+}
+
 TEST(TickMarks, RangesRoundOutwardsToTheStep) {
     EXPECT_EQ(roundedOutwards(-43.2, 7.9, 10.0), (std::pair<double, double>{-50.0, 10.0}));
     EXPECT_EQ(roundedOutwards(-40.0, 0.0, 10.0), (std::pair<double, double>{-40.0, 0.0}));

@@ -1,0 +1,138 @@
+// plot: a graph of records drawn to a PNG or SVG file, computed as the graphs compute it and laid
+// out as they are drawn.
+
+#include "CommandLine.h"
+#include "RecordStore.h"
+
+#if TAVOLAR_WITH_GRAPHICS
+#include "graphing/cairo/VELTCairoPainter.h"
+#include "graphs/FrequencyGraphPlots.h"
+#endif
+
+#include <fmt/format.h>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavolar::cli {
+
+namespace {
+
+struct PlotOptions {
+    std::string document;
+    std::vector<std::string> records;
+    std::string graph = "magnitude";
+    std::optional<int> smoothing; // 1/N octave
+    std::string output;
+    double width = 160.0;  // mm
+    double height = 100.0; // mm
+    double dpi = 300.0;
+    std::optional<std::string> title;
+};
+
+constexpr int kLargestSmoothingDenominator = 48;
+
+#if TAVOLAR_WITH_GRAPHICS
+
+Expected<void> plot(const PlotOptions& options) {
+    auto format = imageFormatOfPath(options.output);
+    if (!format)
+        return usageFailure(format.error().localizedDescription, format.error().localizedRecoverySuggestion);
+    const auto graph = frequencyGraphNamed(options.graph);
+    if (!graph)
+        return usageFailure(fmt::format("There is no graph named {}.", options.graph));
+    if (options.smoothing && (*options.smoothing < 1 || *options.smoothing > kLargestSmoothingDenominator))
+        return usageFailure(fmt::format("Smoothing is over 1/N octave with N from 1 to {} (got {}).",
+                                        kLargestSmoothingDenominator, *options.smoothing));
+    if (options.smoothing && !graph->smoothed)
+        return usageFailure(fmt::format("The {} graph is not smoothed.", options.graph),
+                            "Smoothing applies to the magnitude and SPL graphs.");
+    if (!(options.width > 0.0) || !(options.height > 0.0) || !(options.dpi >= 10.0) || options.dpi > 2400.0)
+        return usageFailure("The width and height must be positive and the resolution from 10 to 2400 dpi.");
+    VELTImageSize size{VELTImageSize::pointsFromMillimetres(options.width),
+                       VELTImageSize::pointsFromMillimetres(options.height), options.dpi};
+
+    auto store = RecordStore::open(options.document, RecordStore::Mode::ReadOnly);
+    if (!store)
+        return std::unexpected(store.error());
+    auto indices = store->select(options.records, true);
+    if (!indices)
+        return std::unexpected(indices.error());
+    if (indices->empty())
+        return failure(fmt::format("{} holds no records to plot.", options.document));
+    RecordArray records;
+    for (std::size_t index : *indices) {
+        auto record = store->load(index);
+        if (!record)
+            return std::unexpected(record.error());
+        records.push_back(*record);
+    }
+
+    GraphCalculationSettings settings;
+    if (options.smoothing)
+        settings.smoothingFraction = 1.0f / static_cast<float>(*options.smoothing);
+    auto controller = makeFrequencyGraphController(graph->kind, settings);
+    auto plotted = frequencyGraphPlot(*graph, controller->calculate(records), settings);
+    if (!plotted)
+        return failure(fmt::format("The records hold no {} curve to draw.", options.graph));
+    if (options.title)
+        plotted->title = *options.title;
+    // Wrapped phases keep their ±180° range; other axes end on whole steps of their ticks.
+    const bool wrappedPhase = graph->kind == FrequencyGraphKind::Phase ||
+                              graph->kind == FrequencyGraphKind::MinimumPhase ||
+                              graph->kind == FrequencyGraphKind::ExcessPhase;
+    const VELTRect bounds{0.0, 0.0, size.width, size.height};
+    auto written = writeImage(options.output, *format, size, [&](VELTPainter& painter) {
+        if (!wrappedPhase)
+            plotted->extents = roundedGraphExtents(painter, *plotted, bounds);
+        drawGraph(painter, *plotted, bounds);
+    });
+    if (!written)
+        return written;
+    const std::string curves = plotted->curves.size() == 1 ? std::string("1 curve")
+                                                           : fmt::format("{} curves", plotted->curves.size());
+    if (*format == VELTImageFormat::PNG)
+        printLine(fmt::format("Wrote {} ({} × {} pixels, {})", options.output, size.pixelWidth(),
+                              size.pixelHeight(), curves));
+    else
+        printLine(fmt::format("Wrote {} ({:.0f} × {:.0f} points, {})", options.output, size.width,
+                              size.height, curves));
+    return {};
+}
+
+#else
+
+Expected<void> plot(const PlotOptions&) {
+    return failure("This tavolar was built without graph drawing.",
+                   "Build it with TAVOLAR_WITH_GRAPHICS on (Cairo and Pango).");
+}
+
+#endif
+
+} // namespace
+
+void addPlotCommand(CLI::App& app, CommandList& commands) {
+    auto options = std::make_shared<PlotOptions>();
+    CLI::App* command = app.add_subcommand("plot", "Draw a graph of records to a PNG or SVG file");
+    command->add_option("document", options->document, "The document (*.tavolar)")->required();
+    command->add_option("records", options->records, "Records by number, UUID or UUID prefix; default: all");
+    command
+        ->add_option("-g,--graph", options->graph,
+                     "magnitude, spl, phase, minimum-phase, excess-phase or group-delay (default magnitude)")
+        ->check(CLI::IsMember({"magnitude", "spl", "phase", "minimum-phase", "excess-phase", "group-delay"}));
+    command
+        ->add_option("--smoothing", options->smoothing,
+                     "Smooth magnitude and SPL over 1/N octave, N from 1 to 48 (12 when given without N)")
+        ->expected(0, 1)
+        ->default_str("12");
+    command->add_option("-o,--output", options->output, "The picture to write: a .png or .svg file")
+        ->required();
+    command->add_option("--width", options->width, "Width in millimetres (default 160)");
+    command->add_option("--height", options->height, "Height in millimetres (default 100)");
+    command->add_option("--dpi", options->dpi, "Resolution of PNG files in dots per inch (default 300)");
+    command->add_option("--title", options->title, "The graph's title (default: the graph's name)");
+    commands.push_back({command, [options]() -> Expected<void> { return plot(*options); }});
+}
+
+} // namespace tavolar::cli

@@ -1,0 +1,375 @@
+#include "graphing/VELTGraphLayout.h"
+
+#include "graphing/VELTUnitFormatter.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <limits>
+#include <tuple>
+
+namespace tavolar {
+
+const std::vector<VELTColor>& VELTGraphAppearance::palette() {
+    static const std::vector<VELTColor> colors{
+        {0.000, 0.447, 0.698, 1.0}, // blue
+        {0.835, 0.369, 0.000, 1.0}, // vermillion
+        {0.000, 0.620, 0.451, 1.0}, // bluish green
+        {0.800, 0.475, 0.655, 1.0}, // reddish purple
+        {0.902, 0.624, 0.000, 1.0}, // orange
+        {0.337, 0.706, 0.914, 1.0}, // sky blue
+        {0.941, 0.894, 0.259, 1.0}, // yellow
+    };
+    return colors;
+}
+
+const std::vector<std::vector<double>>& VELTGraphAppearance::dashPatterns() {
+    static const std::vector<std::vector<double>> patterns{{}, {5.0, 2.5}, {1.2, 1.8}, {5.0, 2.0, 1.2, 2.0}};
+    return patterns;
+}
+
+std::optional<VELTGraphExtents> automaticGraphExtents(const GraphDataArray& curves, bool logarithmicX) {
+    double xMin = std::numeric_limits<double>::infinity(), xMax = -xMin;
+    double yMin = xMin, yMax = -xMin;
+    for (const auto& curve : curves) {
+        if (!curve)
+            continue;
+        const std::size_t n = std::min(curve->x().length(), curve->y().length());
+        for (std::size_t i = 0; i < n; ++i) {
+            const double x = curve->x()[i], y = curve->y()[i];
+            if (!std::isfinite(x) || !std::isfinite(y) || (logarithmicX && !(x > 0.0)))
+                continue;
+            xMin = std::min(xMin, x);
+            xMax = std::max(xMax, x);
+            yMin = std::min(yMin, y);
+            yMax = std::max(yMax, y);
+        }
+    }
+    if (!(xMin <= xMax))
+        return std::nullopt;
+    if (yMax - yMin < 1.0) {
+        const double middle = (yMin + yMax) / 2.0;
+        yMin = middle - 0.5;
+        yMax = middle + 0.5;
+    }
+    return VELTGraphExtents{xMin, xMax, yMin, yMax};
+}
+
+namespace {
+
+TickLabelText labelTextFor(const GraphQuantity& quantity) {
+    if (quantity.unit == "Hz")
+        return [](double value, int) { return formatFrequency(value); };
+    return [](double value, int decimals) { return formatNumber(value, decimals); };
+}
+
+struct Frame {
+    double titleHeight = 0.0;
+    double xLabelsHeight = 0.0;
+    double xTitleHeight = 0.0;
+    double yTitleWidth = 0.0;
+    double gap = 4.0;
+};
+
+Frame frameOf(VELTPainter& painter, const VELTGraphPlot& plot) {
+    const VELTGraphAppearance& a = plot.appearance;
+    Frame frame;
+    if (!plot.title.empty() || !plot.titleModifier.empty())
+        frame.titleHeight = painter.lineHeight(a.titleFont) + frame.gap * 2.0;
+    frame.xLabelsHeight = a.tickLength + painter.lineHeight(a.tickLabelFont) + frame.gap / 2.0;
+    frame.xTitleHeight = painter.lineHeight(a.axisTitleFont) + frame.gap;
+    frame.yTitleWidth = painter.lineHeight(a.axisTitleFont) + frame.gap;
+    return frame;
+}
+
+TickMarkOptions yTickOptions(VELTPainter& painter, const VELTGraphPlot& plot) {
+    TickMarkOptions options;
+    options.minimumGap = painter.lineHeight(plot.appearance.tickLabelFont);
+    options.steps = plot.ySteps;
+    return options;
+}
+
+std::vector<TickMark> yTicksOf(VELTPainter& painter, const VELTGraphPlot& plot, double height) {
+    auto width = [&](std::string_view) { return painter.lineHeight(plot.appearance.tickLabelFont); };
+    // Vertical labels are stacked, so their height is what must fit; a line's height between them keeps
+    // the axis from reading as a column of numbers.
+    return linearTickMarks(plot.extents.yMin, plot.extents.yMax, height, width, labelTextFor(plot.yQuantity),
+                           yTickOptions(painter, plot));
+}
+
+double plotHeightOf(const Frame& frame, const VELTGraphPlot& plot, const VELTRect& bounds) {
+    return std::max(bounds.height - 2.0 * plot.appearance.padding - frame.titleHeight - frame.xLabelsHeight -
+                        frame.xTitleHeight,
+                    1.0);
+}
+
+double mapX(const VELTGraphPlot& plot, const VELTRect& area, double x) {
+    const VELTGraphExtents& e = plot.extents;
+    if (plot.logarithmicX)
+        return area.x +
+               (std::log10(x) - std::log10(e.xMin)) / (std::log10(e.xMax) - std::log10(e.xMin)) * area.width;
+    return area.x + (x - e.xMin) / (e.xMax - e.xMin) * area.width;
+}
+
+double mapY(const VELTGraphPlot& plot, const VELTRect& area, double y) {
+    const VELTGraphExtents& e = plot.extents;
+    return area.bottom() - (y - e.yMin) / (e.yMax - e.yMin) * area.height;
+}
+
+} // namespace
+
+VELTGraphExtents roundedGraphExtents(VELTPainter& painter, const VELTGraphPlot& plot,
+                                     const VELTRect& bounds) {
+    const Frame frame = frameOf(painter, plot);
+    auto width = [&](std::string_view) { return painter.lineHeight(plot.appearance.tickLabelFont); };
+    const double step =
+        linearTickStep(plot.extents.yMin, plot.extents.yMax, plotHeightOf(frame, plot, bounds), width,
+                       labelTextFor(plot.yQuantity), yTickOptions(painter, plot));
+    VELTGraphExtents extents = plot.extents;
+    std::tie(extents.yMin, extents.yMax) = roundedOutwards(extents.yMin, extents.yMax, step);
+    return extents;
+}
+
+VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds) {
+    const VELTGraphAppearance& a = plot.appearance;
+    const Frame frame = frameOf(painter, plot);
+    VELTGraphLayout layout;
+    layout.bounds = bounds;
+    const double plotHeight = plotHeightOf(frame, plot, bounds);
+    layout.yTicks = yTicksOf(painter, plot, plotHeight);
+    for (const TickMark& tick : layout.yTicks)
+        if (tick.major)
+            layout.yTickLabelWidth =
+                std::max(layout.yTickLabelWidth, painter.textWidth(tick.label, a.tickLabelFont));
+    const double left =
+        bounds.x + a.padding + frame.yTitleWidth + layout.yTickLabelWidth + a.tickLength + frame.gap;
+    // Room on the right for half the widest X label, which may sit on the plot area's edge.
+    const double right = bounds.right() - a.padding - painter.textWidth("20k", a.tickLabelFont) / 2.0;
+    layout.plotArea = {left, bounds.y + a.padding + frame.titleHeight, std::max(right - left, 1.0),
+                       plotHeight};
+    auto xWidth = [&](std::string_view text) { return painter.textWidth(text, a.tickLabelFont); };
+    const TickLabelText xText = labelTextFor(plot.xQuantity);
+    layout.xTicks =
+        plot.logarithmicX
+            ? logarithmicTickMarks(plot.extents.xMin, plot.extents.xMax, layout.plotArea.width, xWidth, xText)
+            : linearTickMarks(plot.extents.xMin, plot.extents.xMax, layout.plotArea.width, xWidth, xText);
+    return layout;
+}
+
+std::vector<std::vector<VELTPoint>> plottedPoints(const VELTGraphData& curve, const VELTGraphPlot& plot,
+                                                  const VELTRect& area, double columnWidth) {
+    std::vector<std::vector<VELTPoint>> runs;
+    std::vector<VELTPoint> run;
+    // The column being gathered: its first, lowest, highest and last points (Y grows downwards).
+    bool open = false;
+    long column = 0;
+    VELTPoint first, low, high, last;
+    auto flushColumn = [&] {
+        if (!open)
+            return;
+        run.push_back(first);
+        // The extremes in the order they were met keep the curve's shape within the column.
+        const bool lowFirst = low.x <= high.x;
+        for (const VELTPoint& p : lowFirst ? std::array{low, high} : std::array{high, low})
+            if (!(p == run.back()) && !(p == last))
+                run.push_back(p);
+        if (!(last == run.back()))
+            run.push_back(last);
+        open = false;
+    };
+    auto breakRun = [&] {
+        flushColumn();
+        if (!run.empty())
+            runs.push_back(std::move(run));
+        run.clear();
+    };
+    const std::size_t n = std::min(curve.x().length(), curve.y().length());
+    for (std::size_t i = 0; i < n; ++i) {
+        const double x = curve.x()[i], y = curve.y()[i];
+        if (!std::isfinite(x) || !std::isfinite(y) || (plot.logarithmicX && !(x > 0.0))) {
+            breakRun();
+            continue;
+        }
+        const VELTPoint p{mapX(plot, area, x), mapY(plot, area, y)};
+        const long c = static_cast<long>(std::floor(p.x / columnWidth));
+        if (!open || c != column) {
+            flushColumn();
+            open = true;
+            column = c;
+            first = low = high = last = p;
+            continue;
+        }
+        if (p.y > low.y)
+            low = p;
+        if (p.y < high.y)
+            high = p;
+        last = p;
+    }
+    breakRun();
+    return runs;
+}
+
+std::string ellipsized(VELTPainter& painter, const std::string& text, const VELTFont& font,
+                       double maximumWidth) {
+    if (painter.textWidth(text, font) <= maximumWidth)
+        return text;
+    const std::string ellipsis = "\u2026";
+    std::string cut = text;
+    while (!cut.empty()) {
+        // Drop one whole UTF-8 character from the end.
+        while (!cut.empty() && (static_cast<unsigned char>(cut.back()) & 0xC0) == 0x80)
+            cut.pop_back();
+        if (!cut.empty())
+            cut.pop_back();
+        if (painter.textWidth(cut + ellipsis, font) <= maximumWidth)
+            return cut + ellipsis;
+    }
+    return ellipsis;
+}
+
+namespace {
+
+// Each curve's line style: its own colour, unless another curve has the same one, in which case the
+// curves take the palette's colours in turn, then the dash patterns.
+std::vector<VELTLineStyle> curveStyles(const VELTGraphPlot& plot) {
+    const VELTGraphAppearance& a = plot.appearance;
+    std::vector<VELTLineStyle> styles;
+    bool shared = false;
+    for (std::size_t i = 0; i < plot.curves.size(); ++i)
+        for (std::size_t j = 0; j < i; ++j)
+            shared = shared || plot.curves[i]->lineStyle().color == plot.curves[j]->lineStyle().color;
+    const auto& palette = VELTGraphAppearance::palette();
+    const auto& dashes = VELTGraphAppearance::dashPatterns();
+    for (std::size_t i = 0; i < plot.curves.size(); ++i) {
+        VELTLineStyle style = plot.curves[i]->lineStyle();
+        if (shared) {
+            style.color = palette[i % palette.size()];
+            style.dashPattern = dashes[(i / palette.size()) % dashes.size()];
+        }
+        style.width = std::max(style.width, a.curveWidth);
+        styles.push_back(std::move(style));
+    }
+    return styles;
+}
+
+void drawLegend(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& area,
+                const std::vector<VELTLineStyle>& styles) {
+    const VELTGraphAppearance& a = plot.appearance;
+    std::vector<std::string> names;
+    bool anyName = false;
+    for (const auto& curve : plot.curves) {
+        anyName = anyName || !curve->name().empty();
+        names.push_back(curve->name().empty() ? "Untitled" : curve->name());
+    }
+    if (names.empty() || (!anyName && names.size() == 1))
+        return;
+    const double line = painter.lineHeight(a.legendFont);
+    const double swatch = 18.0, inset = 5.0;
+    double textWidth = 0.0;
+    for (std::string& name : names) {
+        name = ellipsized(painter, name, a.legendFont, a.legendMaximumWidth);
+        textWidth = std::max(textWidth, painter.textWidth(name, a.legendFont));
+    }
+    const double width = inset * 3.0 + swatch + textWidth;
+    const double height = inset * 2.0 + line * static_cast<double>(names.size());
+    const VELTRect box{area.right() - width - 6.0, area.y + 6.0, width, height};
+    VELTColor ground = a.background;
+    ground.alpha = 0.85;
+    painter.fillRect(box, ground);
+    painter.strokeRect(box, a.majorGrid);
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        const double y = box.y + inset + line * (static_cast<double>(i) + 0.5);
+        painter.drawLine({box.x + inset, y}, {box.x + inset + swatch, y}, styles[i]);
+        painter.drawText(names[i], {box.x + inset * 2.0 + swatch, y}, a.legendFont, a.text,
+                         VELTHorizontalAlignment::Left, VELTVerticalAlignment::Middle);
+    }
+}
+
+} // namespace
+
+VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds) {
+    const VELTGraphAppearance& a = plot.appearance;
+    const VELTGraphLayout layout = layoutGraph(painter, plot, bounds);
+    const VELTRect& area = layout.plotArea;
+    const Frame frame = frameOf(painter, plot);
+    painter.fillRect(bounds, a.background);
+
+    // Title and its modifier, centred over the plot area.
+    if (frame.titleHeight > 0.0) {
+        const std::string modifier = plot.titleModifier.empty() ? "" : " " + plot.titleModifier;
+        const double titleWidth = painter.textWidth(plot.title, a.titleFont);
+        const double total = titleWidth + painter.textWidth(modifier, a.titleModifierFont);
+        const double x = std::max(bounds.x + a.padding, area.x + (area.width - total) / 2.0);
+        const double y = bounds.y + a.padding + frame.gap;
+        painter.drawText(plot.title, {x, y}, a.titleFont, a.text, VELTHorizontalAlignment::Left,
+                         VELTVerticalAlignment::Top);
+        if (!modifier.empty())
+            painter.drawText(modifier, {x + titleWidth, y}, a.titleModifierFont, a.secondaryText,
+                             VELTHorizontalAlignment::Left, VELTVerticalAlignment::Top);
+    }
+
+    const bool drawable = plot.extents.xMax > plot.extents.xMin && plot.extents.yMax > plot.extents.yMin &&
+                          (!plot.logarithmicX || plot.extents.xMin > 0.0);
+    // Grid: minor lines first, so that major lines lie over them.
+    if (drawable) {
+        for (bool major : {false, true}) {
+            for (const TickMark& tick : layout.xTicks) {
+                if (tick.major != major)
+                    continue;
+                const double x = mapX(plot, area, tick.value);
+                painter.drawLine({x, area.y}, {x, area.bottom()}, major ? a.majorGrid : a.minorGrid);
+            }
+            for (const TickMark& tick : layout.yTicks) {
+                if (tick.major != major)
+                    continue;
+                const double y = mapY(plot, area, tick.value);
+                painter.drawLine({area.x, y}, {area.right(), y}, major ? a.majorGrid : a.minorGrid);
+            }
+        }
+    }
+
+    // Curves, clipped to the plot area.
+    const std::vector<VELTLineStyle> styles = curveStyles(plot);
+    if (drawable) {
+        painter.pushClip(area);
+        for (std::size_t i = 0; i < plot.curves.size(); ++i)
+            for (const auto& run : plottedPoints(*plot.curves[i], plot, area))
+                painter.drawPolyline(run, styles[i]);
+        painter.popClip();
+    }
+    painter.strokeRect(area, a.frame);
+
+    // Ticks and their labels.
+    if (drawable) {
+        for (const TickMark& tick : layout.xTicks) {
+            const double x = mapX(plot, area, tick.value);
+            const double length = tick.major ? a.tickLength : a.tickLength / 2.0;
+            painter.drawLine({x, area.bottom()}, {x, area.bottom() + length}, a.frame);
+            if (tick.major)
+                painter.drawText(tick.label, {x, area.bottom() + a.tickLength + frame.gap / 2.0},
+                                 a.tickLabelFont, a.text, VELTHorizontalAlignment::Center,
+                                 VELTVerticalAlignment::Top);
+        }
+        for (const TickMark& tick : layout.yTicks) {
+            const double y = mapY(plot, area, tick.value);
+            const double length = tick.major ? a.tickLength : a.tickLength / 2.0;
+            painter.drawLine({area.x - length, y}, {area.x, y}, a.frame);
+            if (tick.major)
+                painter.drawText(tick.label, {area.x - a.tickLength - frame.gap, y}, a.tickLabelFont, a.text,
+                                 VELTHorizontalAlignment::Right, VELTVerticalAlignment::Middle);
+        }
+    }
+
+    // Axis titles.
+    const std::string xTitle = axisTitle(plot.xQuantity.name, plot.xQuantity.unit);
+    const std::string yTitle = axisTitle(plot.yQuantity.name, plot.yQuantity.unit);
+    painter.drawText(xTitle, {area.x + area.width / 2.0, bounds.bottom() - a.padding}, a.axisTitleFont,
+                     a.text, VELTHorizontalAlignment::Center, VELTVerticalAlignment::Bottom);
+    painter.drawText(yTitle, {bounds.x + a.padding, area.y + area.height / 2.0}, a.axisTitleFont, a.text,
+                     VELTHorizontalAlignment::Center, VELTVerticalAlignment::Top, true);
+
+    drawLegend(painter, plot, area, styles);
+    return layout;
+}
+
+} // namespace tavolar

@@ -1,0 +1,87 @@
+#pragma once
+// The layout and drawing of a two-dimensional graph: a title with its modifier, the plot area with
+// its grid, the axes with ticks, labels and titles, the curves clipped to the plot area, and a legend
+// of the curves' names. It draws through a painter only, so the same code makes files and fills
+// views.
+
+#include "graphing/VELTGraphData.h"
+#include "graphing/VELTGraphExtents.h"
+#include "graphing/VELTPainter.h"
+#include "graphing/VELTTickMarks.h"
+
+#include <string>
+#include <vector>
+
+namespace tavolar {
+
+// Colours, line styles and fonts of a graph.
+struct VELTGraphAppearance {
+    VELTColor background{1.0, 1.0, 1.0, 1.0};
+    VELTColor text{0.0, 0.0, 0.0, 1.0};
+    VELTColor secondaryText{0.3, 0.3, 0.3, 1.0};
+    VELTLineStyle frame{{0.0, 0.0, 0.0, 1.0}, 0.75, {}};
+    VELTLineStyle majorGrid{{0xBF / 255.0, 0xBF / 255.0, 0xBF / 255.0, 1.0}, 0.75, {}};
+    VELTLineStyle minorGrid{{0xE5 / 255.0, 0xE5 / 255.0, 0xE5 / 255.0, 1.0}, 0.5, {}};
+    VELTFont titleFont{13.0, true};
+    VELTFont titleModifierFont{13.0, false};
+    VELTFont axisTitleFont{10.0, false};
+    VELTFont tickLabelFont{9.0, false};
+    VELTFont legendFont{8.5, false};
+    double curveWidth = 1.25; // points; curves drawn thinner than this are widened to it
+    double tickLength = 4.0;
+    double padding = 8.0; // around the whole picture
+    double legendMaximumWidth = 160.0;
+
+    // Colours told apart with every common form of colour blindness (Okabe and Ito's eight, black
+    // left out), for curves that share a colour.
+    static const std::vector<VELTColor>& palette();
+    // Dash patterns for curves beyond the palette: solid, then dashed, dotted and dash-dotted.
+    static const std::vector<std::vector<double>>& dashPatterns();
+};
+
+struct VELTGraphPlot {
+    std::string title;
+    std::string titleModifier; // after the title, in the lighter face: "(1/12 Octave Smoothing)"
+    GraphQuantity xQuantity;
+    GraphQuantity yQuantity;
+    bool logarithmicX = false;
+    // The steps of the Y axis when it has its own (see TickMarkOptions::steps).
+    std::vector<double> ySteps;
+    VELTGraphExtents extents;
+    GraphDataArray curves;
+    VELTGraphAppearance appearance;
+};
+
+// Extents fitting the curves: on a logarithmic X axis only positive X counts; Y spans at least 1
+// (a flat curve gets its value ± 0.5). Nothing when no curve has a point to show.
+std::optional<VELTGraphExtents> automaticGraphExtents(const GraphDataArray& curves, bool logarithmicX);
+
+// Where everything goes inside bounds.
+struct VELTGraphLayout {
+    VELTRect bounds;
+    VELTRect plotArea;
+    std::vector<TickMark> xTicks;
+    std::vector<TickMark> yTicks;
+    double yTickLabelWidth = 0.0;
+};
+
+VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds);
+// Lays out and draws the graph.
+VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds);
+
+// The Y extents widened outwards to whole steps of the ticks that layout would draw over the plot
+// area's height.
+VELTGraphExtents roundedGraphExtents(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds);
+
+// The points of a curve in the plot area, with at most four points (first, lowest, highest, last) per
+// column of the given width, so that long curves draw quickly and vector files stay small. Points
+// that cannot be shown (not finite, or X not positive on a logarithmic axis) break the curve: each
+// inner vector is one unbroken run.
+std::vector<std::vector<VELTPoint>> plottedPoints(const VELTGraphData& curve, const VELTGraphPlot& plot,
+                                                  const VELTRect& plotArea, double columnWidth = 0.5);
+
+// The text cut at the end with an ellipsis so that it is at most maximumWidth wide.
+std::string ellipsized(VELTPainter& painter, const std::string& text, const VELTFont& font,
+                       double maximumWidth);
+
+} // namespace tavolar
