@@ -49,8 +49,8 @@ int run(int argc, char** argv) {
     setSystemLogEnabled(false);
 
     CLI::App app{"tavolar: swept-sine acoustic measurement, analysis and export.\n"
-                 "Measurements live in documents (*.tavolar); sound files are WAV files of one channel of "
-                 "float samples.",
+                 "Measurements live in documents (*.tavolar); sound files are read in the common formats "
+                 "(WAV, W64, AIFF, FLAC, CAF) and written as 32-bit float WAV.",
                  "tavolar"};
     app.require_subcommand(1);
     app.fallthrough(false);
