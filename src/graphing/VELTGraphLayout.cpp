@@ -265,14 +265,18 @@ void drawLegend(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect&
         return;
     const double line = painter.lineHeight(a.legendFont);
     const double swatch = 18.0, inset = 5.0;
+    // Names are cut short so that the legend stays inside the plot area, however small it is.
+    const double margin = 6.0;
+    const double nameWidth =
+        std::max(std::min(a.legendMaximumWidth, area.width - 2.0 * margin - inset * 3.0 - swatch), 0.0);
     double textWidth = 0.0;
     for (std::string& name : names) {
-        name = ellipsized(painter, name, a.legendFont, a.legendMaximumWidth);
+        name = ellipsized(painter, name, a.legendFont, nameWidth);
         textWidth = std::max(textWidth, painter.textWidth(name, a.legendFont));
     }
     const double width = inset * 3.0 + swatch + textWidth;
     const double height = inset * 2.0 + line * static_cast<double>(names.size());
-    const VELTRect box{area.right() - width - 6.0, area.y + 6.0, width, height};
+    const VELTRect box{area.right() - width - margin, area.y + margin, width, height};
     VELTColor ground = a.background;
     ground.alpha = 0.85;
     painter.fillRect(box, ground);

@@ -1,0 +1,248 @@
+// Graph drawing: the layout's geometry and data reduction, and pictures written by the Cairo painter
+// read back pixel by pixel.
+
+#include "graphing/VELTGraphLayout.h"
+
+#if TAVOLAR_WITH_GRAPHICS
+#include "graphing/cairo/VELTCairoPainter.h"
+
+#include <cairo.h>
+#endif
+
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <limits>
+#include <sstream>
+#include <unistd.h>
+
+namespace tavolar {
+namespace {
+
+constexpr VELTColor kMagenta{1.0, 0.0, 1.0, 1.0};
+
+std::shared_ptr<const VELTGraphData> curve(std::vector<float> x, std::vector<float> y, VELTColor color,
+                                           std::string name = {}) {
+    auto data = VELTGraphData::graphDataWithX(VELTRealVector(std::span<const float>(x)),
+                                              VELTRealVector(std::span<const float>(y)), color);
+    data->setName(std::move(name));
+    return data;
+}
+
+// A painter that records nothing and measures every character as 5 points wide.
+class MeasuringPainter final : public VELTPainter {
+public:
+    void drawLine(VELTPoint, VELTPoint, const VELTLineStyle&) override {}
+    void drawPolyline(std::span<const VELTPoint>, const VELTLineStyle&) override {}
+    void fillRect(const VELTRect&, const VELTColor&) override {}
+    void strokeRect(const VELTRect&, const VELTLineStyle&) override {}
+    void drawText(std::string_view, VELTPoint, const VELTFont&, const VELTColor&, VELTHorizontalAlignment,
+                  VELTVerticalAlignment, bool) override {}
+    double textWidth(std::string_view text, const VELTFont&) override {
+        double characters = 0.0;
+        for (unsigned char c : text)
+            characters += (c & 0xC0) != 0x80 ? 1.0 : 0.0;
+        return 5.0 * characters;
+    }
+    double lineHeight(const VELTFont& font) override { return font.size * 1.2; }
+    void pushClip(const VELTRect&) override {}
+    void popClip() override {}
+};
+
+TEST(GraphLayout, AutomaticExtents) {
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    struct Case {
+        const char* what;
+        GraphDataArray curves;
+        bool logarithmic;
+        std::optional<VELTGraphExtents> expected;
+    };
+    const Case cases[] = {
+        {"a flat 94.2 dB curve spans 1 dB",
+         {curve({20, 200, 2000}, {94.2f, 94.2f, 94.2f}, kMagenta)},
+         true,
+         VELTGraphExtents{20, 2000, 93.7, 94.7}},
+        {"0 Hz and not-a-number left out of a logarithmic axis",
+         {curve({0, 10, 100, 1000}, {-50, -6, nan, 3}, kMagenta)},
+         true,
+         VELTGraphExtents{10, 1000, -6, 3}},
+        {"0 Hz kept on a linear axis",
+         {curve({0, 10}, {1, 5}, kMagenta)},
+         false,
+         VELTGraphExtents{0, 10, 1, 5}},
+        {"several curves",
+         {curve({1, 2}, {0, 0}, kMagenta), curve({3, 4}, {-2, 9}, kMagenta)},
+         false,
+         VELTGraphExtents{1, 4, -2, 9}},
+        {"nothing to show", {curve({0, 0}, {1, 2}, kMagenta)}, true, std::nullopt},
+        {"no curves", {}, false, std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        auto extents = automaticGraphExtents(c.curves, c.logarithmic);
+        ASSERT_EQ(extents.has_value(), c.expected.has_value());
+        if (extents) {
+            EXPECT_NEAR(extents->xMin, c.expected->xMin, 1e-4);
+            EXPECT_NEAR(extents->xMax, c.expected->xMax, 1e-4);
+            EXPECT_NEAR(extents->yMin, c.expected->yMin, 1e-4);
+            EXPECT_NEAR(extents->yMax, c.expected->yMax, 1e-4);
+        }
+    }
+}
+
+TEST(GraphLayout, LongCurvesKeepAtMostFourPointsAColumnAndBreakAtGaps) {
+    const std::size_t n = std::size_t{1} << 20;
+    std::vector<float> x(n), y(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        x[i] = static_cast<float>(i);
+        y[i] = static_cast<float>(std::sin(0.01 * static_cast<double>(i)));
+    }
+    y[n / 2] = std::numeric_limits<float>::infinity();
+    VELTGraphPlot plot;
+    plot.extents = {0, static_cast<double>(n), -1, 1};
+    const VELTRect area{10, 10, 400, 200};
+    auto runs = plottedPoints(*curve(x, y, kMagenta), plot, area);
+    ASSERT_EQ(runs.size(), 2u);
+    std::size_t points = runs[0].size() + runs[1].size();
+    EXPECT_LE(points, 4u * 801u);
+    EXPECT_GT(points, 800u);
+    // The reduction keeps the extremes: the sine still reaches both edges of the plot area.
+    double top = 1e9, bottom = -1e9;
+    for (const auto& run : runs)
+        for (const VELTPoint& p : run) {
+            top = std::min(top, p.y);
+            bottom = std::max(bottom, p.y);
+        }
+    EXPECT_NEAR(top, area.y, 0.01);
+    EXPECT_NEAR(bottom, area.bottom(), 0.01);
+}
+
+TEST(GraphLayout, LegendNamesAreEllipsized) {
+    MeasuringPainter painter;
+    const VELTFont font;
+    EXPECT_EQ(ellipsized(painter, "Woofer", font, 100), "Woofer");
+    EXPECT_EQ(ellipsized(painter, "Woofer near field", font, 40), "Woofer \u2026");
+    EXPECT_EQ(ellipsized(painter, "Überhöhung", font, 12), "\u00DC\u2026"); // never half a character
+    EXPECT_EQ(ellipsized(painter, "Woofer", font, 1), "\u2026");
+}
+
+TEST(GraphLayout, TicksAndPlotAreaStayInsideTheBounds) {
+    MeasuringPainter painter;
+    VELTGraphPlot plot;
+    plot.title = "Frequency Response";
+    plot.logarithmicX = true;
+    plot.xQuantity = {"Frequency", "Hz"};
+    plot.yQuantity = {"Magnitude", "dB"};
+    plot.extents = {20, 20000, -43.2, 7.9};
+    const VELTRect bounds{0, 0, 453.5, 283.5};
+    plot.extents = roundedGraphExtents(painter, plot, bounds);
+    EXPECT_EQ(plot.extents.yMin, -50.0);
+    EXPECT_EQ(plot.extents.yMax, 10.0);
+    auto layout = layoutGraph(painter, plot, bounds);
+    EXPECT_GT(layout.plotArea.x, 0.0);
+    EXPECT_LT(layout.plotArea.right(), bounds.right());
+    EXPECT_GT(layout.plotArea.y, 0.0);
+    EXPECT_LT(layout.plotArea.bottom(), bounds.bottom());
+    ASSERT_FALSE(layout.xTicks.empty());
+    EXPECT_EQ(layout.xTicks.front().label, "20");
+    EXPECT_EQ(layout.yTicks.front().label, "\u221250");
+}
+
+#if TAVOLAR_WITH_GRAPHICS
+
+struct ScratchFile {
+    std::filesystem::path path;
+    explicit ScratchFile(const std::string& name)
+        : path(std::filesystem::temp_directory_path() / (std::to_string(::getpid()) + "-" + name)) {}
+    ~ScratchFile() { std::filesystem::remove(path); }
+};
+
+TEST(GraphPicture, PNGAndSVGOfTheAskedSizeWithTheCurveInsideThePlotArea) {
+    // A curve that leaves the extents on both sides: clipping must keep it inside the plot area.
+    std::vector<float> x, y;
+    for (double f = 10; f < 30000; f *= 1.01) {
+        x.push_back(static_cast<float>(f));
+        y.push_back(static_cast<float>(20.0 * std::sin(std::log(f) * 3.0)));
+    }
+    VELTGraphPlot plot;
+    plot.title = "Frequency Response";
+    plot.titleModifier = "(1/12 Octave Smoothing)";
+    plot.logarithmicX = true;
+    plot.xQuantity = {"Frequency", "Hz"};
+    plot.yQuantity = {"Magnitude", "dB"};
+    plot.extents = {20, 20000, -10, 10};
+    plot.curves = {curve(x, y, kMagenta, "A name long enough to be cut short in the legend of the graph")};
+
+    struct Case {
+        double widthMillimetres, heightMillimetres, dpi;
+        int pixelWidth, pixelHeight;
+    };
+    const Case cases[] = {{160, 100, 300, 1890, 1181}, {80, 50, 96, 302, 189}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.dpi);
+        const VELTImageSize size{VELTImageSize::pointsFromMillimetres(c.widthMillimetres),
+                                 VELTImageSize::pointsFromMillimetres(c.heightMillimetres), c.dpi};
+        const VELTRect bounds{0, 0, size.width, size.height};
+        ScratchFile png("graph.png");
+        VELTGraphLayout layout;
+        ASSERT_TRUE(writeImage(png.path, VELTImageFormat::PNG, size,
+                               [&](VELTPainter& painter) { layout = drawGraph(painter, plot, bounds); }));
+
+        cairo_surface_t* image = cairo_image_surface_create_from_png(png.path.c_str());
+        ASSERT_EQ(cairo_surface_status(image), CAIRO_STATUS_SUCCESS);
+        EXPECT_EQ(cairo_image_surface_get_width(image), c.pixelWidth);
+        EXPECT_EQ(cairo_image_surface_get_height(image), c.pixelHeight);
+        const double scale = c.dpi / 72.0;
+        const VELTRect area = layout.plotArea;
+        const unsigned char* data = cairo_image_surface_get_data(image);
+        const int stride = cairo_image_surface_get_stride(image);
+        std::size_t curvePixels = 0, outside = 0;
+        for (int row = 0; row < cairo_image_surface_get_height(image); ++row) {
+            for (int column = 0; column < cairo_image_surface_get_width(image); ++column) {
+                std::uint32_t pixel;
+                std::memcpy(&pixel, data + row * stride + column * 4, 4);
+                const int red = (pixel >> 16) & 0xFF, green = (pixel >> 8) & 0xFF, blue = pixel & 0xFF;
+                if (red < 200 || blue < 200 || green > 60)
+                    continue;
+                // The legend's swatch is magenta too; it lies inside the plot area as well.
+                ++curvePixels;
+                const double px = (column + 0.5) / scale, py = (row + 0.5) / scale;
+                if (px < area.x - 1.0 / scale || px > area.right() + 1.0 / scale ||
+                    py < area.y - 1.0 / scale || py > area.bottom() + 1.0 / scale)
+                    ++outside;
+            }
+        }
+        cairo_surface_destroy(image);
+        EXPECT_GT(curvePixels, static_cast<std::size_t>(area.width * scale));
+        EXPECT_EQ(outside, 0u);
+
+        ScratchFile svg("graph.svg");
+        ASSERT_TRUE(writeImage(svg.path, VELTImageFormat::SVG, size,
+                               [&](VELTPainter& painter) { drawGraph(painter, plot, bounds); }));
+        std::ifstream file(svg.path);
+        std::stringstream text;
+        text << file.rdbuf();
+        EXPECT_NE(text.str().find("<svg"), std::string::npos);
+        EXPECT_NE(text.str().find(fmt::format("width=\"{:.0f}", std::floor(size.width))), std::string::npos);
+    }
+}
+
+TEST(GraphPicture, FormatsAndSizesRefused) {
+    EXPECT_FALSE(imageFormatOfPath("graph.jpeg"));
+    EXPECT_EQ(*imageFormatOfPath("GRAPH.PNG"), VELTImageFormat::PNG);
+    EXPECT_EQ(*imageFormatOfPath("a/graph.svg"), VELTImageFormat::SVG);
+    ScratchFile png("refused.png");
+    auto draw = [](VELTPainter&) {};
+    EXPECT_FALSE(writeImage(png.path, VELTImageFormat::PNG, {0, 100, 300}, draw));
+    EXPECT_FALSE(writeImage(png.path, VELTImageFormat::PNG, {100000, 100, 300}, draw));
+    EXPECT_FALSE(writeImage("/nonexistent-folder/graph.png", VELTImageFormat::PNG, {100, 100, 72}, draw));
+    EXPECT_FALSE(std::filesystem::exists(png.path));
+}
+
+#endif
+
+} // namespace
+} // namespace tavolar
