@@ -1,0 +1,81 @@
+// plot: graphs of a document's records drawn to PNG and SVG files of the size asked.
+
+#include "CliTestSupport.h"
+
+#include <fstream>
+#include <iterator>
+
+namespace tavolar::testing {
+namespace {
+
+std::string contentsOf(const std::filesystem::path& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+}
+
+// Width and height from a PNG file's header chunk; zeros when the file is not a PNG.
+std::pair<std::uint32_t, std::uint32_t> pngSize(const std::filesystem::path& path) {
+    const std::string bytes = contentsOf(path);
+    if (bytes.size() < 24 || bytes.compare(0, 8, "\x89PNG\r\n\x1a\n") != 0 ||
+        bytes.compare(12, 4, "IHDR") != 0)
+        return {0, 0};
+    auto word = [&](std::size_t at) {
+        std::uint32_t value = 0;
+        for (std::size_t i = 0; i < 4; ++i)
+            value = value << 8 | static_cast<unsigned char>(bytes[at + i]);
+        return value;
+    };
+    return {word(16), word(20)};
+}
+
+class PlotCommand : public CommandLineTest {};
+
+TEST_F(PlotCommand, DrawsEachGraphAtTheAskedSize) {
+    ASSERT_TRUE(succeeds({"measure", "-o", "d.tavolar", "--fast", "-q"}));
+    ASSERT_TRUE(succeeds({"measure", "-o", "d.tavolar", "--fast", "-q", "-d", "sim:poly?h2=0.02"}));
+    struct Case {
+        Arguments arguments;
+        std::string file;
+        std::pair<std::uint32_t, std::uint32_t> pixels;
+        std::string printed;
+    };
+    const Case cases[] = {
+        {{"--smoothing", "12"}, "m.png", {1890, 1181}, "Wrote m.png (1890 × 1181 pixels, 2 curves)"},
+        {{"2", "-g", "spl", "--smoothing"},
+         "s.png",
+         {1890, 1181},
+         "Wrote s.png (1890 × 1181 pixels, 1 curve)"},
+        {{"-g", "phase", "--width", "80", "--height", "50", "--dpi", "96"},
+         "p.png",
+         {302, 189},
+         "Wrote p.png (302 × 189 pixels, 2 curves)"},
+        {{"1", "-g", "group-delay"}, "g.svg", {0, 0}, "Wrote g.svg (454 × 283 points, 1 curve)"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.file);
+        RunResult result = run(Arguments{"plot", "d.tavolar"} + c.arguments + Arguments{"-o", c.file});
+        ASSERT_EQ(result.exitCode, 0) << result.err;
+        EXPECT_EQ(lines(result.out), std::vector<std::string>{c.printed});
+        EXPECT_EQ(pngSize(folder / c.file), c.pixels);
+        if (c.file.ends_with(".svg")) {
+            const std::string svg = contentsOf(folder / c.file);
+            EXPECT_NE(svg.find("<svg"), std::string::npos);
+            EXPECT_NE(svg.find("width=\"453.5"), std::string::npos);
+        }
+    }
+}
+
+TEST_F(PlotCommand, RefusesWhatItCannotDraw) {
+    ASSERT_TRUE(succeeds({"measure", "-o", "d.tavolar", "--fast", "-q"}));
+    expectRefused({"plot", "d.tavolar", "-o", "m.jpeg"}, 2, ".png or .svg");
+    expectRefused({"plot", "d.tavolar", "-g", "phase", "--smoothing", "6", "-o", "p.png"}, 2, "not smoothed");
+    expectRefused({"plot", "d.tavolar", "--smoothing", "0", "-o", "m.png"}, 2, "1 to 48");
+    expectRefused({"plot", "d.tavolar", "--width", "0", "-o", "m.png"}, 2, "positive");
+    expectRefused({"plot", "d.tavolar", "-g", "waveform", "-o", "m.png"}, 2);
+    expectRefused({"plot", "d.tavolar", "7", "-o", "m.png"}, 1, "no record 7");
+    expectRefused({"plot", "missing.tavolar", "-o", "m.png"}, 1);
+    EXPECT_FALSE(std::filesystem::exists(folder / "m.png"));
+}
+
+} // namespace
+} // namespace tavolar::testing
