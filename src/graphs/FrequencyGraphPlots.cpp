@@ -2,6 +2,7 @@
 
 #include "graphcalc/RecordGraphCalculationControllers.h"
 
+#include <algorithm>
 #include <cmath>
 #include <fmt/format.h>
 
@@ -73,6 +74,26 @@ std::optional<VELTGraphPlot> frequencyGraphPlot(const FrequencyGraphDescription&
         extents->yMin = -180.0;
         extents->yMax = 180.0;
         plot.ySteps = {45.0, 90.0, 180.0};
+    }
+    // Group delay swings wildly where the level has a deep notch: the range covers the middle 96 % of
+    // the values, widened by a tenth, and the swings run off the plot area.
+    if (graph.kind == FrequencyGraphKind::GroupDelay) {
+        std::vector<float> values;
+        for (const auto& data : curves)
+            for (std::size_t i = 0; i < data->y().length(); ++i)
+                if (std::isfinite(data->y()[i]) && data->x()[i] > 0.0f)
+                    values.push_back(data->y()[i]);
+        if (values.size() >= 50) {
+            auto at = [&](double fraction) {
+                auto nth = values.begin() + static_cast<std::ptrdiff_t>(fraction * double(values.size() - 1));
+                std::nth_element(values.begin(), nth, values.end());
+                return static_cast<double>(*nth);
+            };
+            const double low = at(0.02), high = at(0.98);
+            const double margin = std::max((high - low) * 0.1, 0.5);
+            extents->yMin = std::max(extents->yMin, low - margin);
+            extents->yMax = std::min(extents->yMax, high + margin);
+        }
     }
     plot.extents = *extents;
     plot.curves = std::move(curves);
