@@ -9,10 +9,14 @@
 #include "graphs/FrequencyGraphPlots.h"
 #endif
 
+#include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <fmt/format.h>
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace tavolar::cli {
@@ -29,9 +33,36 @@ struct PlotOptions {
     double height = 100.0; // mm
     double dpi = 300.0;
     std::optional<std::string> title;
+    std::string theme = "light";
+    std::optional<std::string> xRange; // "A:B"
+    std::optional<std::string> yRange;
+    bool normalize = false;
+    std::string combine = "none";
 };
 
 constexpr int kLargestSmoothingDenominator = 48;
+
+const std::vector<std::string> kCombinations{"none", "average", "difference", "sum", "rms-average"};
+
+// "A:B" with A below B, both finite numbers.
+Expected<std::pair<double, double>> parsedRange(const std::string& text, std::string_view option) {
+    const auto colon = text.find(':');
+    auto number = [](std::string_view part) -> std::optional<double> {
+        double value = 0.0;
+        auto [end, error] = std::from_chars(part.data(), part.data() + part.size(), value);
+        if (error != std::errc() || end != part.data() + part.size() || !std::isfinite(value))
+            return std::nullopt;
+        return value;
+    };
+    if (colon != std::string::npos) {
+        auto low = number(std::string_view(text).substr(0, colon));
+        auto high = number(std::string_view(text).substr(colon + 1));
+        if (low && high && *low < *high)
+            return std::pair{*low, *high};
+    }
+    return usageFailure(
+        fmt::format("{} takes a range such as 20:20000, the lower end first (got {}).", option, text));
+}
 
 #if TAVOLAR_WITH_GRAPHICS
 
@@ -69,7 +100,29 @@ Expected<void> plot(const PlotOptions& options) {
         records.push_back(*record);
     }
 
+    std::optional<std::pair<double, double>> xRange, yRange;
+    if (options.xRange) {
+        auto range = parsedRange(*options.xRange, "--x-range");
+        if (!range)
+            return std::unexpected(range.error());
+        if (!(range->first > 0.0))
+            return usageFailure("The frequency axis is logarithmic, so --x-range must start above 0 Hz.");
+        xRange = *range;
+    }
+    if (options.yRange) {
+        auto range = parsedRange(*options.yRange, "--y-range");
+        if (!range)
+            return std::unexpected(range.error());
+        yRange = *range;
+    }
+    auto appearance = VELTGraphAppearance::appearanceNamed(options.theme);
+    if (!appearance)
+        return usageFailure(fmt::format("There is no theme named {}.", options.theme));
+
     GraphCalculationSettings settings;
+    settings.normalize = options.normalize;
+    settings.multiSelectMode =
+        std::find(kCombinations.begin(), kCombinations.end(), options.combine) - kCombinations.begin();
     if (options.smoothing)
         settings.smoothingFraction = 1.0f / static_cast<float>(*options.smoothing);
     auto controller = makeFrequencyGraphController(graph->kind, settings);
@@ -78,13 +131,18 @@ Expected<void> plot(const PlotOptions& options) {
         return failure(fmt::format("The records hold no {} curve to draw.", options.graph));
     if (options.title)
         plotted->title = *options.title;
+    plotted->appearance = *appearance;
+    if (xRange)
+        std::tie(plotted->extents.xMin, plotted->extents.xMax) = *xRange;
+    if (yRange)
+        std::tie(plotted->extents.yMin, plotted->extents.yMax) = *yRange;
     // Wrapped phases keep their ±180° range; other axes end on whole steps of their ticks.
     const bool wrappedPhase = graph->kind == FrequencyGraphKind::Phase ||
                               graph->kind == FrequencyGraphKind::MinimumPhase ||
                               graph->kind == FrequencyGraphKind::ExcessPhase;
     const VELTRect bounds{0.0, 0.0, size.width, size.height};
     auto written = writeImage(options.output, *format, size, [&](VELTPainter& painter) {
-        if (!wrappedPhase)
+        if (!wrappedPhase && !yRange)
             plotted->extents = roundedGraphExtents(painter, *plotted, bounds);
         drawGraph(painter, *plotted, bounds);
     });
@@ -132,6 +190,17 @@ void addPlotCommand(CLI::App& app, CommandList& commands) {
     command->add_option("--height", options->height, "Height in millimetres (default 100)");
     command->add_option("--dpi", options->dpi, "Resolution of PNG files in dots per inch (default 300)");
     command->add_option("--title", options->title, "The graph's title (default: the graph's name)");
+    command->add_option("--theme", options->theme, "light (default), dark or print (black, curves dashed)")
+        ->check(CLI::IsMember({"light", "dark", "print"}));
+    command->add_option("--x-range", options->xRange,
+                        "The frequencies shown, A:B in Hz (default: the curves')");
+    command->add_option("--y-range", options->yRange,
+                        "The values shown, A:B (default: the curves', rounded out)");
+    command->add_flag("--normalize", options->normalize, "Magnitude and SPL: move each curve's peak to 0 dB");
+    command
+        ->add_option("--combine", options->combine,
+                     "Draw one curve of all records: none (default), average, difference, sum or rms-average")
+        ->check(CLI::IsMember(kCombinations));
     commands.push_back({command, [options]() -> Expected<void> { return plot(*options); }});
 }
 

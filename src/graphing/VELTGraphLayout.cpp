@@ -28,6 +28,37 @@ const std::vector<std::vector<double>>& VELTGraphAppearance::dashPatterns() {
     return patterns;
 }
 
+VELTGraphAppearance VELTGraphAppearance::light() {
+    return {};
+}
+
+VELTGraphAppearance VELTGraphAppearance::dark() {
+    VELTGraphAppearance a;
+    a.background = {0.11, 0.11, 0.12, 1.0};
+    a.text = {0.92, 0.92, 0.92, 1.0};
+    a.secondaryText = {0.7, 0.7, 0.7, 1.0};
+    a.frame.color = {0.75, 0.75, 0.75, 1.0};
+    a.majorGrid.color = {0.33, 0.33, 0.35, 1.0};
+    a.minorGrid.color = {0.2, 0.2, 0.22, 1.0};
+    return a;
+}
+
+VELTGraphAppearance VELTGraphAppearance::print() {
+    VELTGraphAppearance a;
+    a.monochrome = true;
+    return a;
+}
+
+std::optional<VELTGraphAppearance> VELTGraphAppearance::appearanceNamed(std::string_view name) {
+    if (name == "light")
+        return light();
+    if (name == "dark")
+        return dark();
+    if (name == "print")
+        return print();
+    return std::nullopt;
+}
+
 std::optional<VELTGraphExtents> automaticGraphExtents(const GraphDataArray& curves, bool logarithmicX) {
     double xMin = std::numeric_limits<double>::infinity(), xMax = -xMin;
     double yMin = xMin, yMax = -xMin;
@@ -240,9 +271,16 @@ std::vector<VELTLineStyle> curveStyles(const VELTGraphPlot& plot) {
             shared = shared || plot.curves[i]->lineStyle().color == plot.curves[j]->lineStyle().color;
     const auto& palette = VELTGraphAppearance::palette();
     const auto& dashes = VELTGraphAppearance::dashPatterns();
+    // A curve's own colour too close to the ground to be seen (black on a dark ground) counts as shared.
+    auto luminance = [](const VELTColor& c) { return 0.2126 * c.red + 0.7152 * c.green + 0.0722 * c.blue; };
+    for (const auto& curve : plot.curves)
+        shared = shared || std::abs(luminance(curve->lineStyle().color) - luminance(a.background)) < 0.25;
     for (std::size_t i = 0; i < plot.curves.size(); ++i) {
         VELTLineStyle style = plot.curves[i]->lineStyle();
-        if (shared) {
+        if (a.monochrome) {
+            style.color = a.text;
+            style.dashPattern = dashes[i % dashes.size()];
+        } else if (shared) {
             style.color = palette[i % palette.size()];
             style.dashPattern = dashes[(i / palette.size()) % dashes.size()];
         }

@@ -9,7 +9,9 @@
 #include "graphing/VELTPainter.h"
 #include "graphing/VELTTickMarks.h"
 
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tavolar {
@@ -31,6 +33,17 @@ struct VELTGraphAppearance {
     double tickLength = 4.0;
     double padding = 8.0; // around the whole picture
     double legendMaximumWidth = 160.0;
+    // Curves in the text colour told apart by dash patterns alone, for printing in black.
+    bool monochrome = false;
+
+    // Black on white.
+    static VELTGraphAppearance light();
+    // Light text and grid on a dark ground.
+    static VELTGraphAppearance dark();
+    // Black on white with every curve black and dashed in turn.
+    static VELTGraphAppearance print();
+    // The appearance named "light", "dark" or "print".
+    static std::optional<VELTGraphAppearance> appearanceNamed(std::string_view name);
 
     // Colours told apart with every common form of colour blindness (Okabe and Ito's eight, black
     // left out), for curves that share a colour.

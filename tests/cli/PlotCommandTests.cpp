@@ -50,6 +50,14 @@ TEST_F(PlotCommand, DrawsEachGraphAtTheAskedSize) {
          {302, 189},
          "Wrote p.png (302 × 189 pixels, 2 curves)"},
         {{"1", "-g", "group-delay"}, "g.svg", {0, 0}, "Wrote g.svg (454 × 283 points, 1 curve)"},
+        {{"--combine", "difference", "--theme", "dark", "--x-range", "20:20000", "--y-range=-10:10"},
+         "d.png",
+         {1890, 1181},
+         "Wrote d.png (1890 × 1181 pixels, 1 curve)"},
+        {{"--normalize", "--theme", "print", "--dpi", "72"},
+         "n.png",
+         {454, 283},
+         "Wrote n.png (454 × 283 pixels, 2 curves)"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.file);
@@ -72,6 +80,10 @@ TEST_F(PlotCommand, RefusesWhatItCannotDraw) {
     expectRefused({"plot", "d.tavolar", "--smoothing", "0", "-o", "m.png"}, 2, "1 to 48");
     expectRefused({"plot", "d.tavolar", "--width", "0", "-o", "m.png"}, 2, "positive");
     expectRefused({"plot", "d.tavolar", "-g", "waveform", "-o", "m.png"}, 2);
+    expectRefused({"plot", "d.tavolar", "--x-range", "0:100", "-o", "m.png"}, 2, "above 0 Hz");
+    expectRefused({"plot", "d.tavolar", "--x-range", "100:20", "-o", "m.png"}, 2, "lower end first");
+    expectRefused({"plot", "d.tavolar", "--y-range", "a:b", "-o", "m.png"}, 2, "lower end first");
+    expectRefused({"plot", "d.tavolar", "--theme", "sepia", "-o", "m.png"}, 2);
     expectRefused({"plot", "d.tavolar", "7", "-o", "m.png"}, 1, "no record 7");
     expectRefused({"plot", "missing.tavolar", "-o", "m.png"}, 1);
     EXPECT_FALSE(std::filesystem::exists(folder / "m.png"));

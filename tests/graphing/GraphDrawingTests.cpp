@@ -32,11 +32,15 @@ std::shared_ptr<const VELTGraphData> curve(std::vector<float> x, std::vector<flo
     return data;
 }
 
-// A painter that records nothing and measures every character as 5 points wide.
+// A painter that keeps the styles of the polylines drawn (only curves are polylines) and measures
+// every character as 5 points wide.
 class MeasuringPainter final : public VELTPainter {
 public:
+    std::vector<VELTLineStyle> polylineStyles;
     void drawLine(VELTPoint, VELTPoint, const VELTLineStyle&) override {}
-    void drawPolyline(std::span<const VELTPoint>, const VELTLineStyle&) override {}
+    void drawPolyline(std::span<const VELTPoint>, const VELTLineStyle& style) override {
+        polylineStyles.push_back(style);
+    }
     void fillRect(const VELTRect&, const VELTColor&) override {}
     void strokeRect(const VELTRect&, const VELTLineStyle&) override {}
     void drawText(std::string_view, VELTPoint, const VELTFont&, const VELTColor&, VELTHorizontalAlignment,
@@ -127,6 +131,58 @@ TEST(GraphLayout, LegendNamesAreEllipsized) {
     EXPECT_EQ(ellipsized(painter, "Woofer near field", font, 40), "Woofer \u2026");
     EXPECT_EQ(ellipsized(painter, "Überhöhung", font, 12), "\u00DC\u2026"); // never half a character
     EXPECT_EQ(ellipsized(painter, "Woofer", font, 1), "\u2026");
+}
+
+TEST(GraphLayout, CurveColoursByThemeAndRecord) {
+    const VELTColor red{1, 0, 0, 1}, green{0, 0.6, 0, 1}, black = VELTColor::blackColor();
+    const auto& palette = VELTGraphAppearance::palette();
+    const auto& dashes = VELTGraphAppearance::dashPatterns();
+    struct Case {
+        const char* what;
+        std::vector<VELTColor> colors;
+        VELTGraphAppearance appearance;
+        std::vector<VELTColor> drawn;
+        std::vector<std::vector<double>> dashed;
+    };
+    std::vector<VELTColor> nine(9, red);
+    std::vector<VELTColor> paletteThenAgain(palette.begin(), palette.end());
+    paletteThenAgain.push_back(palette[0]);
+    paletteThenAgain.push_back(palette[1]);
+    std::vector<std::vector<double>> solidThenDashed(7, dashes[0]);
+    solidThenDashed.push_back(dashes[1]);
+    solidThenDashed.push_back(dashes[1]);
+    const Case cases[] = {
+        {"each record's own colour", {red, green}, VELTGraphAppearance::light(), {red, green}, {{}, {}}},
+        {"shared colours take the palette",
+         {red, red},
+         VELTGraphAppearance::light(),
+         {palette[0], palette[1]},
+         {{}, {}}},
+        {"beyond the palette, dashes", nine, VELTGraphAppearance::light(), paletteThenAgain, solidThenDashed},
+        {"black cannot be seen on the dark ground", {black}, VELTGraphAppearance::dark(), {palette[0]}, {{}}},
+        {"print: black, dashed in turn",
+         {red, green, red},
+         VELTGraphAppearance::print(),
+         {black, black, black},
+         {dashes[0], dashes[1], dashes[2]}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        VELTGraphPlot plot;
+        plot.extents = {0, 10, 0, 10};
+        plot.appearance = c.appearance;
+        for (const VELTColor& color : c.colors)
+            plot.curves.push_back(curve({1, 2}, {1, 2}, color, "name"));
+        MeasuringPainter painter;
+        drawGraph(painter, plot, {0, 0, 400, 300});
+        ASSERT_EQ(painter.polylineStyles.size(), c.colors.size());
+        for (std::size_t i = 0; i < c.colors.size(); ++i) {
+            EXPECT_EQ(painter.polylineStyles[i].color, c.drawn[i]) << i;
+            EXPECT_EQ(painter.polylineStyles[i].dashPattern, c.dashed[i]) << i;
+            EXPECT_GE(painter.polylineStyles[i].width, c.appearance.curveWidth);
+        }
+    }
+    EXPECT_FALSE(VELTGraphAppearance::appearanceNamed("sepia"));
 }
 
 TEST(GraphLayout, TicksAndPlotAreaStayInsideTheBounds) {
