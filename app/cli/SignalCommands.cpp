@@ -76,6 +76,8 @@ deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
         lambda = deconvolutionRegularizationFromUserDefaults();
 
     std::vector<VELTRealVector> impulses(channels.size());
+    // Checked by the worker that made it, while the response is still in its cache.
+    std::unique_ptr<bool[]> usable(new bool[channels.size()]);
     std::atomic<std::size_t> next{0};
     auto work = [&] {
         SweptSineDeconvolver deconvolver(stimulus.samples.span());
@@ -87,6 +89,7 @@ deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
                 deconvolver.deconvolveOnly(samples, impulses[index].mutableSpan(), true);
             else
                 deconvolver.deconvolve(samples, impulses[index].mutableSpan(), true);
+            usable[index] = !impulses[index].isAllZeroes() && impulses[index].isFinite();
         }
     };
     const std::size_t workers =
@@ -98,8 +101,7 @@ deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
         work();
     }
     for (std::size_t index = 0; index < channels.size(); ++index) {
-        const VELTRealVector& impulse = impulses[index];
-        if (impulse.isAllZeroes() || impulse.isNAN() || !impulse.isFinite())
+        if (!usable[index])
             return failure(
                 response.channels.size() == 1
                     ? std::string("Error while deconvolving response.")

@@ -5,7 +5,8 @@ one channel of raw 32-bit float samples at a time, convolved with the inverse sw
 glsweep writes beside the sweep).
 
 Each channel of the recording is the sweep through a system of its own (a delay and a gain) with a
-little noise. Both sides start from files on disk and write every impulse response to disk; each
+little noise. glsweep's sweep is band-limited, so ours divides with regularisation (--lambda),
+as lsconv's inverse sweep is limited to the swept band too. Both sides start from files on disk and write every impulse response to disk; each
 is timed by wall clock as the best of a few runs, and the ratio of ours to lsconv's total printed.
 
 Argument: the tavolar program (default: tavolar on the PATH). Needs glsweep and lsconv (Debian's
@@ -69,7 +70,8 @@ def main():
         run(["sox", "-t", "f32", "-r", str(RATE), "-c", str(CHANNELS), "response.f32", "response.wav"],
             folder)
 
-        ours = best_time([[tavolar, "deconvolve", "sweep.wav", "response.wav", "-o", "ir.wav"]], folder)
+        ours = best_time([[tavolar, "deconvolve", "sweep.wav", "response.wav", "--lambda", "1e-6",
+                                "-o", "ir.wav"]], folder)
         theirs = best_time([["lsconv", f"response{channel}.pcm", "inverse.pcm", f"ir{channel}.pcm"]
                             for channel in range(CHANNELS)], folder)
 
