@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <fmt/format.h>
 #include <limits>
 #include <tuple>
 
@@ -307,6 +308,16 @@ void drawLegend(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect&
     const double margin = 6.0;
     const double nameWidth =
         std::max(std::min(a.legendMaximumWidth, area.width - 2.0 * margin - inset * 3.0 - swatch), 0.0);
+    // As many rows as the plot area holds; when the curves are more, the last row says how many are
+    // left out.
+    const std::size_t rows = static_cast<std::size_t>(
+        std::max(std::floor((area.height - 2.0 * margin - inset * 2.0) / line), 1.0));
+    std::size_t shown = names.size();
+    if (names.size() > rows) {
+        shown = rows - 1;
+        names.resize(shown);
+        names.push_back(fmt::format("{} more", plot.curves.size() - shown));
+    }
     double textWidth = 0.0;
     for (std::string& name : names) {
         name = ellipsized(painter, name, a.legendFont, nameWidth);
@@ -321,7 +332,8 @@ void drawLegend(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect&
     painter.strokeRect(box, a.majorGrid);
     for (std::size_t i = 0; i < names.size(); ++i) {
         const double y = box.y + inset + line * (static_cast<double>(i) + 0.5);
-        painter.drawLine({box.x + inset, y}, {box.x + inset + swatch, y}, styles[i]);
+        if (i < shown)
+            painter.drawLine({box.x + inset, y}, {box.x + inset + swatch, y}, styles[i]);
         painter.drawText(names[i], {box.x + inset * 2.0 + swatch, y}, a.legendFont, a.text,
                          VELTHorizontalAlignment::Left, VELTVerticalAlignment::Middle);
     }

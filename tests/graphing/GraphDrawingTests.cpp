@@ -37,14 +37,18 @@ std::shared_ptr<const VELTGraphData> curve(std::vector<float> x, std::vector<flo
 class MeasuringPainter final : public VELTPainter {
 public:
     std::vector<VELTLineStyle> polylineStyles;
-    void drawLine(VELTPoint, VELTPoint, const VELTLineStyle&) override {}
+    std::vector<std::string> texts;
+    std::size_t lines = 0;
+    void drawLine(VELTPoint, VELTPoint, const VELTLineStyle&) override { ++lines; }
     void drawPolyline(std::span<const VELTPoint>, const VELTLineStyle& style) override {
         polylineStyles.push_back(style);
     }
     void fillRect(const VELTRect&, const VELTColor&) override {}
     void strokeRect(const VELTRect&, const VELTLineStyle&) override {}
-    void drawText(std::string_view, VELTPoint, const VELTFont&, const VELTColor&, VELTHorizontalAlignment,
-                  VELTVerticalAlignment, bool) override {}
+    void drawText(std::string_view text, VELTPoint, const VELTFont&, const VELTColor&,
+                  VELTHorizontalAlignment, VELTVerticalAlignment, bool) override {
+        texts.emplace_back(text);
+    }
     double textWidth(std::string_view text, const VELTFont&) override {
         double characters = 0.0;
         for (unsigned char c : text)
@@ -183,6 +187,34 @@ TEST(GraphLayout, CurveColoursByThemeAndRecord) {
         }
     }
     EXPECT_FALSE(VELTGraphAppearance::appearanceNamed("sepia"));
+}
+
+TEST(GraphLayout, LegendRowsFitThePlotArea) {
+    struct Case {
+        std::size_t curves;
+        double height;
+        std::vector<std::string> legend;
+    };
+    // With lines 10.2 points high, a graph 120 points high has room for four rows (its plot area is
+    // about 70 points high).
+    const Case cases[] = {
+        {1, 300, {}}, // a lone curve without a name needs no legend
+        {3, 300, {"Untitled", "Untitled", "Untitled"}},
+        {6, 120, {"Untitled", "Untitled", "Untitled", "3 more"}},
+    };
+    for (const Case& c : cases) {
+        VELTGraphPlot plot;
+        plot.extents = {0, 10, 0, 10};
+        for (std::size_t i = 0; i < c.curves; ++i)
+            plot.curves.push_back(curve({1, 2}, {1, 2}, kMagenta));
+        MeasuringPainter painter;
+        drawGraph(painter, plot, {0, 0, 300, c.height});
+        std::vector<std::string> legend;
+        for (const std::string& text : painter.texts)
+            if (text == "Untitled" || text.ends_with("more"))
+                legend.push_back(text);
+        EXPECT_EQ(legend, c.legend) << c.curves;
+    }
 }
 
 TEST(GraphLayout, TicksAndPlotAreaStayInsideTheBounds) {
