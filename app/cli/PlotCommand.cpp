@@ -1,4 +1,4 @@
-// plot: a graph of records drawn to a PNG or SVG file, computed as the graphs compute it and laid
+// plot: a graph of records drawn to a PNG, SVG or PDF file, computed as the graphs compute it and laid
 // out as they are drawn.
 
 #include "CommandLine.h"
@@ -12,7 +12,11 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 #include <memory>
 #include <optional>
 #include <string>
@@ -141,11 +145,34 @@ Expected<void> plot(const PlotOptions& options) {
                               graph->kind == FrequencyGraphKind::MinimumPhase ||
                               graph->kind == FrequencyGraphKind::ExcessPhase;
     const VELTRect bounds{0.0, 0.0, size.width, size.height};
-    auto written = writeImage(options.output, *format, size, [&](VELTPainter& painter) {
-        if (!wrappedPhase && !yRange)
-            plotted->extents = roundedGraphExtents(painter, *plotted, bounds);
-        drawGraph(painter, *plotted, bounds);
-    });
+    VELTImageMetadata metadata;
+    metadata.title =
+        plotted->titleModifier.empty() ? plotted->title : plotted->title + " " + plotted->titleModifier;
+    std::vector<std::string> names;
+    for (const auto& record : records)
+        names.push_back(RecordStore::displayName(*record));
+    metadata.subject = fmt::format("{} of {}", graph->title, fmt::join(names, ", "));
+    // Reproducible files: SOURCE_DATE_EPOCH (seconds since 1970, UTC) fixes the creation date.
+    if (const char* epoch = std::getenv("SOURCE_DATE_EPOCH")) {
+        long long seconds = 0;
+        auto [end, error] = std::from_chars(epoch, epoch + std::strlen(epoch), seconds);
+        if (error == std::errc() && *end == '\0' && seconds >= 0) {
+            const std::time_t time = static_cast<std::time_t>(seconds);
+            std::tm utc{};
+            gmtime_r(&time, &utc);
+            char text[32];
+            std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
+            metadata.creationDate = text;
+        }
+    }
+    auto written = writeImage(
+        options.output, *format, size,
+        [&](VELTPainter& painter) {
+            if (!wrappedPhase && !yRange)
+                plotted->extents = roundedGraphExtents(painter, *plotted, bounds);
+            drawGraph(painter, *plotted, bounds);
+        },
+        metadata);
     if (!written)
         return written;
     const std::string curves = plotted->curves.size() == 1 ? std::string("1 curve")
@@ -172,7 +199,7 @@ Expected<void> plot(const PlotOptions&) {
 
 void addPlotCommand(CLI::App& app, CommandList& commands) {
     auto options = std::make_shared<PlotOptions>();
-    CLI::App* command = app.add_subcommand("plot", "Draw a graph of records to a PNG or SVG file");
+    CLI::App* command = app.add_subcommand("plot", "Draw a graph of records to a PNG, SVG or PDF file");
     command->add_option("document", options->document, "The document (*.tavolar)")->required();
     command->add_option("records", options->records, "Records by number, UUID or UUID prefix; default: all");
     command
@@ -184,7 +211,7 @@ void addPlotCommand(CLI::App& app, CommandList& commands) {
                      "Smooth magnitude and SPL over 1/N octave, N from 1 to 48 (12 when given without N)")
         ->expected(0, 1)
         ->default_str("12");
-    command->add_option("-o,--output", options->output, "The picture to write: a .png or .svg file")
+    command->add_option("-o,--output", options->output, "The picture to write: a .png, .svg or .pdf file")
         ->required();
     command->add_option("--width", options->width, "Width in millimetres (default 160)");
     command->add_option("--height", options->height, "Height in millimetres (default 100)");

@@ -2,6 +2,7 @@
 
 #include "CliTestSupport.h"
 
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 
@@ -73,9 +74,25 @@ TEST_F(PlotCommand, DrawsEachGraphAtTheAskedSize) {
     }
 }
 
+TEST_F(PlotCommand, PDFFilesAreTheSameForTheSameSourceDate) {
+    ASSERT_TRUE(succeeds({"measure", "-o", "d.tavolar", "--fast", "-q"}));
+    ::setenv("SOURCE_DATE_EPOCH", "1700000000", 1);
+    const bool first = succeeds({"plot", "d.tavolar", "--smoothing", "-o", "a.pdf"});
+    const bool second = succeeds({"plot", "d.tavolar", "--smoothing", "-o", "b.pdf"});
+    ::unsetenv("SOURCE_DATE_EPOCH");
+    ASSERT_TRUE(first && second);
+    const std::string pdf = contentsOf(folder / "a.pdf");
+    EXPECT_TRUE(pdf.starts_with("%PDF-"));
+    EXPECT_NE(pdf.find("/CreationDate (20231114221320)"), std::string::npos);
+    EXPECT_NE(pdf.find("/Creator (TavolarKit)"), std::string::npos);
+    // The title in UTF-16: "Freq".
+    EXPECT_NE(pdf.find("/Title <FEFF0046007200650071"), std::string::npos);
+    EXPECT_EQ(pdf, contentsOf(folder / "b.pdf"));
+}
+
 TEST_F(PlotCommand, RefusesWhatItCannotDraw) {
     ASSERT_TRUE(succeeds({"measure", "-o", "d.tavolar", "--fast", "-q"}));
-    expectRefused({"plot", "d.tavolar", "-o", "m.jpeg"}, 2, ".png or .svg");
+    expectRefused({"plot", "d.tavolar", "-o", "m.jpeg"}, 2, ".png, .svg or .pdf");
     expectRefused({"plot", "d.tavolar", "-g", "phase", "--smoothing", "6", "-o", "p.png"}, 2, "not smoothed");
     expectRefused({"plot", "d.tavolar", "--smoothing", "0", "-o", "m.png"}, 2, "1 to 48");
     expectRefused({"plot", "d.tavolar", "--width", "0", "-o", "m.png"}, 2, "positive");

@@ -322,6 +322,7 @@ TEST(GraphPicture, FormatsAndSizesRefused) {
     EXPECT_FALSE(imageFormatOfPath("graph.jpeg"));
     EXPECT_EQ(*imageFormatOfPath("GRAPH.PNG"), VELTImageFormat::PNG);
     EXPECT_EQ(*imageFormatOfPath("a/graph.svg"), VELTImageFormat::SVG);
+    EXPECT_EQ(*imageFormatOfPath("graph.Pdf"), VELTImageFormat::PDF);
     ScratchFile png("refused.png");
     auto draw = [](VELTPainter&) {};
     EXPECT_FALSE(writeImage(png.path, VELTImageFormat::PNG, {0, 100, 300}, draw));

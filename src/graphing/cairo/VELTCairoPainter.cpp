@@ -1,6 +1,7 @@
 #include "graphing/cairo/VELTCairoPainter.h"
 
 #include <algorithm>
+#include <cairo-pdf.h>
 #include <cairo-svg.h>
 #include <cairo.h>
 #include <cctype>
@@ -183,8 +184,10 @@ Expected<VELTImageFormat> imageFormatOfPath(const std::filesystem::path& path) {
         return VELTImageFormat::PNG;
     if (extension == ".svg")
         return VELTImageFormat::SVG;
+    if (extension == ".pdf")
+        return VELTImageFormat::PDF;
     return makeUnexpected(fmt::format("Cannot tell the picture format of {}.", path.string()),
-                          "Name a file ending in .png or .svg.");
+                          "Name a file ending in .png, .svg or .pdf.");
 }
 
 namespace {
@@ -205,7 +208,8 @@ Expected<void> cairoStatus(cairo_status_t status, const std::filesystem::path& p
 } // namespace
 
 Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat format,
-                          const VELTImageSize& size, const std::function<void(VELTPainter&)>& draw) {
+                          const VELTImageSize& size, const std::function<void(VELTPainter&)>& draw,
+                          const VELTImageMetadata& metadata) {
     if (!(size.width > 0.0) || !(size.height > 0.0) || !(size.dpi > 0.0) || size.pixelWidth() < 1 ||
         size.pixelHeight() < 1 || size.pixelWidth() > 32767 || size.pixelHeight() > 32767)
         return makeUnexpected(fmt::format("A picture of {:.1f} × {:.1f} points at {} dpi cannot be made.",
@@ -214,10 +218,23 @@ Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat for
     std::unique_ptr<cairo_surface_t, SurfaceDeleter> surface;
     if (format == VELTImageFormat::PNG)
         surface.reset(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, size.pixelWidth(), size.pixelHeight()));
-    else
+    else if (format == VELTImageFormat::SVG)
         surface.reset(cairo_svg_surface_create(path.c_str(), size.width, size.height));
+    else
+        surface.reset(cairo_pdf_surface_create(path.c_str(), size.width, size.height));
     if (auto status = cairoStatus(cairo_surface_status(surface.get()), path); !status)
         return status;
+    if (format == VELTImageFormat::PDF) {
+        cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_CREATOR, "TavolarKit");
+        if (!metadata.title.empty())
+            cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_TITLE, metadata.title.c_str());
+        if (!metadata.subject.empty())
+            cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_SUBJECT,
+                                           metadata.subject.c_str());
+        if (metadata.creationDate)
+            cairo_pdf_surface_set_metadata(surface.get(), CAIRO_PDF_METADATA_CREATE_DATE,
+                                           metadata.creationDate->c_str());
+    }
     {
         std::unique_ptr<cairo_t, ContextDeleter> context(cairo_create(surface.get()));
         if (format == VELTImageFormat::PNG)

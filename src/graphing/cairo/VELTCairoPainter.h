@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 
 typedef struct _cairo cairo_t;
@@ -65,15 +66,24 @@ struct VELTImageSize {
     int pixelHeight() const;
 };
 
-enum class VELTImageFormat { PNG, SVG };
+enum class VELTImageFormat { PNG, SVG, PDF };
 
-// The format a file name's extension asks for (".png" or ".svg", any case), or an error naming the
-// formats there are.
+// What a PDF file says of itself. Without a creation date the file carries the time it was written;
+// with one ("2026-01-31T12:00:00") the same graph always makes the same file.
+struct VELTImageMetadata {
+    std::string title;
+    std::string subject;
+    std::optional<std::string> creationDate;
+};
+
+// The format a file name's extension asks for (".png", ".svg" or ".pdf", any case), or an error
+// naming the formats there are.
 Expected<VELTImageFormat> imageFormatOfPath(const std::filesystem::path& path);
 
 // Paints a picture of the size into the file: draw is called once with a painter whose user space is
-// the picture's points, on a white ground.
+// the picture's points, on a white ground. The metadata go into PDF files.
 Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat format,
-                          const VELTImageSize& size, const std::function<void(VELTPainter&)>& draw);
+                          const VELTImageSize& size, const std::function<void(VELTPainter&)>& draw,
+                          const VELTImageMetadata& metadata = {});
 
 } // namespace tavolar
