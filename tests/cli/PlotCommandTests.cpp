@@ -6,6 +6,9 @@
 #include <fstream>
 #include <iterator>
 
+// A build without graph drawing has a plot command that only says so.
+#if TAVOLAR_WITH_GRAPHICS
+
 namespace tavolar::testing {
 namespace {
 
@@ -108,3 +111,5 @@ TEST_F(PlotCommand, RefusesWhatItCannotDraw) {
 
 } // namespace
 } // namespace tavolar::testing
+
+#endif
