@@ -173,8 +173,9 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
         ->required();
     command->add_option("--channel", options->channel,
                         "Deconvolve only this channel of the response (from 0)");
-    command->add_option("--reference", options->reference,
-                        "The loop-back reference recorded with the response (WAV); its chain is divided out");
+    command->add_option(
+        "--reference", options->reference,
+        "The loop-back reference recorded with the response (one channel); its chain is divided out");
     command->add_option("-o,--output", options->output, "The impulse-response WAV file to write")->required();
     command->add_option("--lambda", options->lambda,
                         "Regularise the division with this constant (for band-limited sweeps)");
@@ -251,15 +252,17 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
         "import",
-        "Add an impulse response (WAV) to a document, or a recorded sweep response (WAV) with its stimulus");
+        "Add impulse responses (a record per channel of a sound file) to a document, or a recorded sweep "
+        "response with its stimulus");
     command
         ->add_option("input", options->input,
-                     "An impulse-response WAV file; a recorded response when --stimulus or a sweep option "
+                     "An impulse-response sound file; a recorded response when --stimulus or a sweep option "
                      "is given")
         ->required();
     command->add_option("-o,--output", options->document, "The document (created if missing)")->required();
-    command->add_option("--stimulus", options->stimulus,
-                        "The stimulus that was played (WAV); without it the sweep options describe it");
+    command->add_option(
+        "--stimulus", options->stimulus,
+        "The stimulus that was played (one channel); without it the sweep options describe it");
     command->add_option("--reference", options->reference,
                         "The loop-back reference recorded with the response");
     command->add_option("--name", options->name,
