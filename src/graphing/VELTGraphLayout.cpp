@@ -348,17 +348,30 @@ VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const
     const Frame frame = frameOf(painter, plot);
     painter.fillRect(bounds, a.background);
 
-    // Title and its modifier, centred over the plot area.
+    // Title and its modifier, centred over the plot area; a title wider than the picture is set
+    // smaller until it fits, down to the size of the tick labels, and cut short below that.
     if (frame.titleHeight > 0.0) {
         const std::string modifier = plot.titleModifier.empty() ? "" : " " + plot.titleModifier;
-        const double titleWidth = painter.textWidth(plot.title, a.titleFont);
-        const double total = titleWidth + painter.textWidth(modifier, a.titleModifierFont);
-        const double x = std::max(bounds.x + a.padding, area.x + (area.width - total) / 2.0);
+        VELTFont titleFont = a.titleFont, modifierFont = a.titleModifierFont;
+        const double available = bounds.width - 2.0 * a.padding;
+        double total = painter.textWidth(plot.title, titleFont) + painter.textWidth(modifier, modifierFont);
+        if (total > available && total > 0.0) {
+            // A little under the exact ratio: text widths do not scale quite linearly with the size.
+            const double size = std::max(titleFont.size * available / total * 0.97, a.tickLabelFont.size);
+            titleFont.size = modifierFont.size = size;
+        }
+        std::string title = ellipsized(painter, plot.title, titleFont, available);
+        const double titleWidth = painter.textWidth(title, titleFont);
+        const std::string shownModifier =
+            ellipsized(painter, modifier, modifierFont, std::max(available - titleWidth, 0.0));
+        total = titleWidth + (modifier.empty() ? 0.0 : painter.textWidth(shownModifier, modifierFont));
+        const double x = std::clamp(area.x + (area.width - total) / 2.0, bounds.x + a.padding,
+                                    std::max(bounds.right() - a.padding - total, bounds.x + a.padding));
         const double y = bounds.y + a.padding + frame.gap;
-        painter.drawText(plot.title, {x, y}, a.titleFont, a.text, VELTHorizontalAlignment::Left,
+        painter.drawText(title, {x, y}, titleFont, a.text, VELTHorizontalAlignment::Left,
                          VELTVerticalAlignment::Top);
-        if (!modifier.empty())
-            painter.drawText(modifier, {x + titleWidth, y}, a.titleModifierFont, a.secondaryText,
+        if (!modifier.empty() && shownModifier != "\u2026")
+            painter.drawText(shownModifier, {x + titleWidth, y}, modifierFont, a.secondaryText,
                              VELTHorizontalAlignment::Left, VELTVerticalAlignment::Top);
     }
 

@@ -32,8 +32,8 @@ std::shared_ptr<const VELTGraphData> curve(std::vector<float> x, std::vector<flo
     return data;
 }
 
-// A painter that keeps the styles of the polylines drawn (only curves are polylines) and measures
-// every character as 5 points wide.
+// A painter that keeps the texts and the styles of the polylines drawn (only curves are polylines),
+// and measures every character of a 9-point font as 5 points wide.
 class MeasuringPainter final : public VELTPainter {
 public:
     std::vector<VELTLineStyle> polylineStyles;
@@ -49,11 +49,11 @@ public:
                   VELTHorizontalAlignment, VELTVerticalAlignment, bool) override {
         texts.emplace_back(text);
     }
-    double textWidth(std::string_view text, const VELTFont&) override {
+    double textWidth(std::string_view text, const VELTFont& font) override {
         double characters = 0.0;
         for (unsigned char c : text)
             characters += (c & 0xC0) != 0x80 ? 1.0 : 0.0;
-        return 5.0 * characters;
+        return 5.0 * font.size / 9.0 * characters;
     }
     double lineHeight(const VELTFont& font) override { return font.size * 1.2; }
     void pushClip(const VELTRect&) override {}
@@ -214,6 +214,30 @@ TEST(GraphLayout, LegendRowsFitThePlotArea) {
             if (text == "Untitled" || text.ends_with("more"))
                 legend.push_back(text);
         EXPECT_EQ(legend, c.legend) << c.curves;
+    }
+}
+
+TEST(GraphLayout, TitlesFitThePicture) {
+    struct Case {
+        double width;
+        std::vector<std::string> title;
+    };
+    // The title and modifier take 224 points at 13 points; 16 points of padding.
+    const Case cases[] = {
+        {300, {"Frequency Response", " (1/3 Octave)"}},
+        {200, {"Frequency Response", " (1/3 Octave)"}}, // set smaller
+        {60, {"Frequen\u2026"}},                        // cut short at 9 points: the modifier is left out
+    };
+    for (const Case& c : cases) {
+        VELTGraphPlot plot;
+        plot.title = "Frequency Response";
+        plot.titleModifier = "(1/3 Octave)";
+        plot.extents = {0, 10, 0, 10};
+        MeasuringPainter painter;
+        drawGraph(painter, plot, {0, 0, c.width, 200});
+        const std::vector<std::string> title(painter.texts.begin(),
+                                             painter.texts.begin() + static_cast<long>(c.title.size()));
+        EXPECT_EQ(title, c.title) << c.width;
     }
 }
 
