@@ -13,8 +13,8 @@ constexpr std::array<double, 4> kMantissas{1.0, 2.0, 2.5, 5.0};
 constexpr double kMostLabels = 500.0;
 
 bool usable(double minimum, double maximum, double length) {
-    return std::isfinite(minimum) && std::isfinite(maximum) && std::isfinite(length) && length > 0.0 &&
-           minimum <= maximum;
+    return std::isfinite(minimum) && std::isfinite(maximum) && std::isfinite(maximum - minimum) &&
+           std::isfinite(length) && length > 0.0 && minimum <= maximum;
 }
 
 struct Label {
@@ -129,6 +129,9 @@ std::vector<TickMark> linearTickMarks(double minimum, double maximum, double len
     std::vector<TickMark> ticks;
     const double first = std::ceil(minimum / minorStep - 1e-9);
     const double last = std::floor(maximum / minorStep + 1e-9);
+    // Steps of the caller's own may be far too fine for the range: no axis is drawn with that many.
+    if (last - first > 50.0 * kMostLabels)
+        return {};
     for (double k = first; k <= last; k += 1.0) {
         const bool major = std::fmod(std::abs(k), static_cast<double>(divisions)) == 0.0;
         double value = k * minorStep;

@@ -82,6 +82,7 @@ TEST(TickMarks, LabelsOfRangesAndLengths) {
         {"zero minimum on a logarithmic axis", true, 0, 1000, 300, {}},
         {"inverted range", false, 10, -10, 300, {}},
         {"no length", false, 0, 10, 0, {}},
+        {"a span beyond the doubles", false, -1e308, 1e308, 300, {}},
         {"decibels, 2 dB steps", false, -10, 0, 150, {"−10", "−8", "−6", "−4", "−2", "0"}},
         {"decibels, 25 dB steps", false, 0, 100, 80, {"0", "25", "50", "75", "100"}},
         {"decibels, 10 dB steps", false, -60, 0, 150, {"−60", "−50", "−40", "−30", "−20", "−10", "0"}},
@@ -161,6 +162,7 @@ TEST(TickMarks, PhaseAxesStepByTheirOwnSteps) {
         // Three minor steps to each step: 15 or 30 degrees apart.
         EXPECT_NEAR(ticks[1].value - ticks[0].value, c.expected.size() == 9 ? 15.0 : 30.0, 1e-9);
     }
+    EXPECT_TRUE(linearTickMarks(0, 1e9, 300, fiveAPiece, plainLabel, options).empty());
 }
 
 TEST(TickMarks, RangesRoundOutwardsToTheStep) {
