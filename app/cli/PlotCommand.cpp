@@ -42,6 +42,7 @@ struct PlotOptions {
     std::optional<std::string> yRange;
     bool normalize = false;
     std::string combine = "none";
+    std::optional<double> decibelsPerDecade;
 };
 
 constexpr int kLargestSmoothingDenominator = 48;
@@ -119,6 +120,9 @@ Expected<void> plot(const PlotOptions& options) {
             return std::unexpected(range.error());
         yRange = *range;
     }
+    if (options.decibelsPerDecade && graph->kind != FrequencyGraphKind::Magnitude &&
+        graph->kind != FrequencyGraphKind::SPL)
+        return usageFailure("--db-per-decade applies to the magnitude and SPL graphs.");
     auto appearance = VELTGraphAppearance::appearanceNamed(options.theme);
     if (!appearance)
         return usageFailure(fmt::format("There is no theme named {}.", options.theme));
@@ -170,6 +174,9 @@ Expected<void> plot(const PlotOptions& options) {
         [&](VELTPainter& painter) {
             if (!wrappedPhase && !yRange)
                 plotted->extents = roundedGraphExtents(painter, *plotted, bounds);
+            if (options.decibelsPerDecade)
+                plotted->extents =
+                    extentsWithDecibelsPerDecade(painter, *plotted, bounds, *options.decibelsPerDecade);
             drawGraph(painter, *plotted, bounds);
         },
         metadata);
@@ -228,6 +235,12 @@ void addPlotCommand(CLI::App& app, CommandList& commands) {
         ->add_option("--combine", options->combine,
                      "Draw one curve of all records: none (default), average, difference, sum or rms-average")
         ->check(CLI::IsMember(kCombinations));
+    command
+        ->add_option(
+            "--db-per-decade", options->decibelsPerDecade,
+            "Magnitude and SPL: the fixed aspect of IEC 60263, a decade across as long as 10, 20, 25 "
+            "or 50 dB up (the top of the range stays)")
+        ->check(CLI::IsMember({10.0, 20.0, 25.0, 50.0}));
     commands.push_back({command, [options]() -> Expected<void> { return plot(*options); }});
 }
 

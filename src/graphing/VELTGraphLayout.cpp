@@ -162,6 +162,24 @@ VELTGraphExtents roundedGraphExtents(VELTPainter& painter, const VELTGraphPlot& 
     return extents;
 }
 
+VELTGraphExtents extentsWithDecibelsPerDecade(VELTPainter& painter, const VELTGraphPlot& plot,
+                                              const VELTRect& bounds, double decibelsPerDecade) {
+    VELTGraphExtents extents = plot.extents;
+    if (!plot.logarithmicX || !(extents.xMin > 0.0) || !(extents.xMax > extents.xMin) ||
+        !(decibelsPerDecade > 0.0))
+        return extents;
+    // The plot area's height does not depend on the Y extents; its width does, through the widths of
+    // the Y labels, so the span is found again once with the labels of the first guess.
+    for (int pass = 0; pass < 2; ++pass) {
+        VELTGraphPlot guess = plot;
+        guess.extents = extents;
+        const VELTRect area = layoutGraph(painter, guess, bounds).plotArea;
+        const double decades = std::log10(extents.xMax / extents.xMin);
+        extents.yMin = extents.yMax - decibelsPerDecade * decades * area.height / area.width;
+    }
+    return extents;
+}
+
 VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds) {
     const VELTGraphAppearance& a = plot.appearance;
     const Frame frame = frameOf(painter, plot);

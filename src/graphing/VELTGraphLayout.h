@@ -86,6 +86,12 @@ VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const
 // area's height.
 VELTGraphExtents roundedGraphExtents(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds);
 
+// The Y extents of a logarithmic-frequency graph set so that one decade across is as long as
+// decibelsPerDecade up (the fixed aspects of IEC 60263: 10, 20, 25 or 50 dB a decade), keeping the
+// top of the range and reaching down from it.
+VELTGraphExtents extentsWithDecibelsPerDecade(VELTPainter& painter, const VELTGraphPlot& plot,
+                                              const VELTRect& bounds, double decibelsPerDecade);
+
 // The points of a curve in the plot area, with at most four points (first, lowest, highest, last) per
 // column of the given width, so that long curves draw quickly and vector files stay small. Points
 // that cannot be shown (not finite, or X not positive on a logarithmic axis) break the curve: each

@@ -58,6 +58,10 @@ TEST_F(PlotCommand, DrawsEachGraphAtTheAskedSize) {
          "d.png",
          {1890, 1181},
          "Wrote d.png (1890 × 1181 pixels, 1 curve)"},
+        {{"--db-per-decade", "25", "--dpi", "150"},
+         "i.png",
+         {945, 591},
+         "Wrote i.png (945 × 591 pixels, 2 curves)"},
         {{"--normalize", "--theme", "print", "--dpi", "72"},
          "n.png",
          {454, 283},
@@ -104,6 +108,9 @@ TEST_F(PlotCommand, RefusesWhatItCannotDraw) {
     expectRefused({"plot", "d.tavolar", "--x-range", "100:20", "-o", "m.png"}, 2, "lower end first");
     expectRefused({"plot", "d.tavolar", "--y-range", "a:b", "-o", "m.png"}, 2, "lower end first");
     expectRefused({"plot", "d.tavolar", "--theme", "sepia", "-o", "m.png"}, 2);
+    expectRefused({"plot", "d.tavolar", "--db-per-decade", "30", "-o", "m.png"}, 2);
+    expectRefused({"plot", "d.tavolar", "-g", "phase", "--db-per-decade", "25", "-o", "m.png"}, 2,
+                  "magnitude and SPL");
     expectRefused({"plot", "d.tavolar", "7", "-o", "m.png"}, 1, "no record 7");
     expectRefused({"plot", "missing.tavolar", "-o", "m.png"}, 1);
     EXPECT_FALSE(std::filesystem::exists(folder / "m.png"));

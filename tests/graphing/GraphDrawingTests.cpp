@@ -217,6 +217,22 @@ TEST(GraphLayout, LegendRowsFitThePlotArea) {
     }
 }
 
+TEST(GraphLayout, FixedAspectMakesADecadeAsLongAsItsDecibels) {
+    MeasuringPainter painter;
+    for (double perDecade : {10.0, 25.0, 50.0}) {
+        VELTGraphPlot plot;
+        plot.logarithmicX = true;
+        plot.extents = {20, 20000, -30, 6};
+        auto extents = extentsWithDecibelsPerDecade(painter, plot, {0, 0, 450, 280}, perDecade);
+        EXPECT_EQ(extents.yMax, 6.0);
+        plot.extents = extents;
+        const VELTRect area = layoutGraph(painter, plot, {0, 0, 450, 280}).plotArea;
+        const double decade = area.width / 3.0;
+        const double decibels = area.height / (extents.yMax - extents.yMin) * perDecade;
+        EXPECT_NEAR(decibels, decade, 0.01) << perDecade;
+    }
+}
+
 TEST(GraphLayout, TitlesFitThePicture) {
     struct Case {
         double width;
