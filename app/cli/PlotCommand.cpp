@@ -5,6 +5,7 @@
 #include "RecordStore.h"
 
 #if TAVOLAR_WITH_GRAPHICS
+#include "graphing/VELTUnitFormatter.h"
 #include "graphing/cairo/VELTCairoPainter.h"
 #include "graphs/FrequencyGraphPlots.h"
 #endif
@@ -140,6 +141,16 @@ Expected<void> plot(const PlotOptions& options) {
     if (options.title)
         plotted->title = *options.title;
     plotted->appearance = *appearance;
+    // The note: the records' sample rates and the smoothing.
+    std::vector<std::string> rates;
+    for (const auto& record : records) {
+        std::string rate = formatFrequencyWithUnit(static_cast<double>(record->sampleRate()));
+        if (std::find(rates.begin(), rates.end(), rate) == rates.end())
+            rates.push_back(std::move(rate));
+    }
+    plotted->note = fmt::format("{}", fmt::join(rates, ", "));
+    if (options.smoothing && graph->smoothed)
+        plotted->note += fmt::format(" \u00B7 1/{} octave smoothing", *options.smoothing);
     if (xRange)
         std::tie(plotted->extents.xMin, plotted->extents.xMax) = *xRange;
     if (yRange)

@@ -154,11 +154,22 @@ VELTGraphExtents roundedGraphExtents(VELTPainter& painter, const VELTGraphPlot& 
                                      const VELTRect& bounds) {
     const Frame frame = frameOf(painter, plot);
     auto width = [&](std::string_view) { return painter.lineHeight(plot.appearance.tickLabelFont); };
-    const double step =
-        linearTickStep(plot.extents.yMin, plot.extents.yMax, plotHeightOf(frame, plot, bounds), width,
-                       labelTextFor(plot.yQuantity), yTickOptions(painter, plot));
+    const double height = plotHeightOf(frame, plot, bounds);
+    auto stepOf = [&](double minimum, double maximum) {
+        return linearTickStep(minimum, maximum, height, width, labelTextFor(plot.yQuantity),
+                              yTickOptions(painter, plot));
+    };
+    // Rounding widens the range, which may call for a coarser step than the one it rounded to: the
+    // range is rounded again with the coarser step until the ticks drawn are the ones it ends on.
     VELTGraphExtents extents = plot.extents;
-    std::tie(extents.yMin, extents.yMax) = roundedOutwards(extents.yMin, extents.yMax, step);
+    double step = stepOf(plot.extents.yMin, plot.extents.yMax);
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        std::tie(extents.yMin, extents.yMax) = roundedOutwards(plot.extents.yMin, plot.extents.yMax, step);
+        const double drawn = stepOf(extents.yMin, extents.yMax);
+        if (drawn == step)
+            break;
+        step = drawn;
+    }
     return extents;
 }
 
@@ -450,6 +461,15 @@ VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const
     const std::string yTitle = axisTitle(plot.yQuantity.name, plot.yQuantity.unit);
     painter.drawText(xTitle, {area.x + area.width / 2.0, bounds.bottom() - a.padding}, a.axisTitleFont,
                      a.text, VELTHorizontalAlignment::Center, VELTVerticalAlignment::Bottom);
+    if (!plot.note.empty()) {
+        const double titleRight =
+            area.x + area.width / 2.0 + painter.textWidth(xTitle, a.axisTitleFont) / 2.0;
+        const double noteWidth = painter.textWidth(plot.note, a.legendFont);
+        if (bounds.right() - a.padding - noteWidth > titleRight + frame.gap * 2.0)
+            painter.drawText(plot.note, {bounds.right() - a.padding, bounds.bottom() - a.padding},
+                             a.legendFont, a.secondaryText, VELTHorizontalAlignment::Right,
+                             VELTVerticalAlignment::Bottom);
+    }
     painter.drawText(yTitle, {bounds.x + a.padding, area.y + area.height / 2.0}, a.axisTitleFont, a.text,
                      VELTHorizontalAlignment::Center, VELTVerticalAlignment::Top, true);
 

@@ -55,6 +55,9 @@ struct VELTGraphAppearance {
 struct VELTGraphPlot {
     std::string title;
     std::string titleModifier; // after the title, in the lighter face: "(1/12 Octave Smoothing)"
+    // What shaped the data ("48 kHz · 1/12 octave smoothing"), in small type in the bottom right
+    // corner, where it is left out when the axis title leaves no room for it.
+    std::string note;
     GraphQuantity xQuantity;
     GraphQuantity yQuantity;
     bool logarithmicX = false;

@@ -9,6 +9,7 @@
 #include <cairo.h>
 #endif
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <filesystem>
@@ -255,6 +256,17 @@ TEST(GraphLayout, TitlesFitThePicture) {
                                              painter.texts.begin() + static_cast<long>(c.title.size()));
         EXPECT_EQ(title, c.title) << c.width;
     }
+    // The note in the corner, where the axis title leaves room for it.
+    for (double width : {400.0, 150.0}) {
+        VELTGraphPlot plot;
+        plot.xQuantity = {"Frequency", "Hz"};
+        plot.note = "48 kHz";
+        plot.extents = {0, 10, 0, 10};
+        MeasuringPainter painter;
+        drawGraph(painter, plot, {0, 0, width, 200});
+        EXPECT_EQ(std::count(painter.texts.begin(), painter.texts.end(), "48 kHz"), width > 200 ? 1 : 0)
+            << width;
+    }
 }
 
 TEST(GraphLayout, TicksAndPlotAreaStayInsideTheBounds) {
@@ -269,6 +281,17 @@ TEST(GraphLayout, TicksAndPlotAreaStayInsideTheBounds) {
     plot.extents = roundedGraphExtents(painter, plot, bounds);
     EXPECT_EQ(plot.extents.yMin, -50.0);
     EXPECT_EQ(plot.extents.yMax, 10.0);
+    // Whatever the range, the rounded ends are ticks the layout labels.
+    for (double top = -9.3; top < 0.0; top += 0.37) {
+        VELTGraphPlot ranged = plot;
+        ranged.extents.yMin = -33.0;
+        ranged.extents.yMax = top;
+        ranged.extents = roundedGraphExtents(painter, ranged, bounds);
+        auto ticks = layoutGraph(painter, ranged, bounds).yTicks;
+        ASSERT_FALSE(ticks.empty());
+        EXPECT_TRUE(ticks.front().major && ticks.front().value == ranged.extents.yMin) << top;
+        EXPECT_TRUE(ticks.back().major && std::abs(ticks.back().value - ranged.extents.yMax) < 1e-9) << top;
+    }
     auto layout = layoutGraph(painter, plot, bounds);
     EXPECT_GT(layout.plotArea.x, 0.0);
     EXPECT_LT(layout.plotArea.right(), bounds.right());
