@@ -44,6 +44,8 @@ struct PlotOptions {
     bool normalize = false;
     std::string combine = "none";
     std::optional<double> decibelsPerDecade;
+    std::string phaseReference = "zero";
+    bool unwrapped = false;
 };
 
 constexpr int kLargestSmoothingDenominator = 48;
@@ -121,6 +123,11 @@ Expected<void> plot(const PlotOptions& options) {
             return std::unexpected(range.error());
         yRange = *range;
     }
+    const bool phaseGraph = graph->kind == FrequencyGraphKind::Phase ||
+                            graph->kind == FrequencyGraphKind::ExcessPhase ||
+                            graph->kind == FrequencyGraphKind::MinimumPhase;
+    if (options.unwrapped && !phaseGraph)
+        return usageFailure("--unwrapped applies to the phase graphs.");
     if (options.decibelsPerDecade && graph->kind != FrequencyGraphKind::Magnitude &&
         graph->kind != FrequencyGraphKind::SPL)
         return usageFailure("--db-per-decade applies to the magnitude and SPL graphs.");
@@ -130,6 +137,10 @@ Expected<void> plot(const PlotOptions& options) {
 
     GraphCalculationSettings settings;
     settings.normalize = options.normalize;
+    settings.unwrapPhase = options.unwrapped;
+    settings.phaseReference = options.phaseReference == "peak"     ? PhaseTimeReference::Peak
+                              : options.phaseReference == "window" ? PhaseTimeReference::WindowStart
+                                                                   : PhaseTimeReference::TimeZero;
     settings.multiSelectMode =
         std::find(kCombinations.begin(), kCombinations.end(), options.combine) - kCombinations.begin();
     if (options.smoothing)
@@ -252,6 +263,13 @@ void addPlotCommand(CLI::App& app, CommandList& commands) {
             "Magnitude and SPL: the fixed aspect of IEC 60263, a decade across as long as 10, 20, 25 "
             "or 50 dB up (the top of the range stays)")
         ->check(CLI::IsMember({10.0, 20.0, 25.0, 50.0}));
+    command
+        ->add_option("--phase-reference", options->phaseReference,
+                     "What phase, excess phase and group delay count time from: zero (default), peak (the "
+                     "impulse's peak) or window (the window's begin)")
+        ->check(CLI::IsMember({"zero", "peak", "window"}));
+    command->add_flag("--unwrapped", options->unwrapped,
+                      "Phases unwrapped rather than within -180 to 180 degrees");
     commands.push_back({command, [options]() -> Expected<void> { return plot(*options); }});
 }
 

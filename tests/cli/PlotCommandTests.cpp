@@ -53,6 +53,10 @@ TEST_F(PlotCommand, DrawsEachGraphAtTheAskedSize) {
          "p.png",
          {302, 189},
          "Wrote p.png (302 × 189 pixels, 2 curves)"},
+        {{"-g", "excess-phase", "--phase-reference", "peak", "--unwrapped", "--dpi", "72"},
+         "e.png",
+         {454, 283},
+         "Wrote e.png (454 × 283 pixels, 2 curves)"},
         {{"1", "-g", "group-delay"}, "g.svg", {0, 0}, "Wrote g.svg (454 × 283 points, 1 curve)"},
         {{"--combine", "difference", "--theme", "dark", "--x-range", "20:20000", "--y-range=-10:10"},
          "d.png",
@@ -108,6 +112,7 @@ TEST_F(PlotCommand, RefusesWhatItCannotDraw) {
     expectRefused({"plot", "d.tavolar", "--x-range", "100:20", "-o", "m.png"}, 2, "lower end first");
     expectRefused({"plot", "d.tavolar", "--y-range", "a:b", "-o", "m.png"}, 2, "lower end first");
     expectRefused({"plot", "d.tavolar", "--theme", "sepia", "-o", "m.png"}, 2);
+    expectRefused({"plot", "d.tavolar", "--unwrapped", "-o", "m.png"}, 2, "phase graphs");
     expectRefused({"plot", "d.tavolar", "--db-per-decade", "30", "-o", "m.png"}, 2);
     expectRefused({"plot", "d.tavolar", "-g", "phase", "--db-per-decade", "25", "-o", "m.png"}, 2,
                   "magnitude and SPL");
