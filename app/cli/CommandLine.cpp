@@ -2,7 +2,11 @@
 
 #include "CommandLine.h"
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
+#include <fmt/format.h>
+#include <memory>
 
 namespace tavolar::cli {
 
@@ -60,6 +64,50 @@ bool isValidUTF8(std::string_view text) {
         if ((length = sequenceLength(text)) == 0)
             return false;
     return true;
+}
+
+void addOutputArgument(CLI::App& command, std::string& output, const std::string& name,
+                       const std::string& description, FollowingPositional following) {
+    auto optionValue = std::make_shared<std::string>();
+    std::string upper = name;
+    std::transform(upper.begin(), upper.end(), upper.begin(),
+                   [](unsigned char c) { return std::toupper(c); });
+    command.add_option(name, output, fmt::format("{}; -o {} gives it too", description, upper));
+    if (following.value)
+        command.add_option(following.name, *following.value, following.description + " (required)");
+    CLI::Option* option = command.add_option(
+        "-o,--output", *optionValue,
+        following.value
+            ? fmt::format("The {0} instead of the first positional (kept for scripts); {1} is then the only "
+                          "positional",
+                          name, following.name)
+            : fmt::format("The {} instead of the positional (kept for scripts)", name));
+    command.parse_complete_callback([&command, &output, following, option, optionValue, name, upper] {
+        if (option->count() > 0) {
+            std::string& moved = following.value ? *following.value : output;
+            if (!moved.empty())
+                throw CLI::ValidationError(
+                    name, fmt::format("the {0} is given twice, as a positional and with -o: give it once, "
+                                      "preferably as the first positional",
+                                      name));
+            if (following.value)
+                *following.value = output;
+            output = *optionValue;
+        }
+        if (output.empty())
+            throw CLI::RequiredError(
+                fmt::format("The {} is required: give it as the first positional ({} {} ...)", name,
+                            command.get_name(), upper),
+                CLI::ExitCodes::RequiredError);
+        if (following.value && following.value->empty()) {
+            std::string next = following.name;
+            std::transform(next.begin(), next.end(), next.begin(),
+                           [](unsigned char c) { return std::toupper(c); });
+            throw CLI::RequiredError(fmt::format("Both the {} and the {} are required: {} {} {} ...", name,
+                                                 following.name, command.get_name(), upper, next),
+                                     CLI::ExitCodes::RequiredError);
+        }
+    });
 }
 
 std::optional<std::vector<std::int64_t>> parseIndexList(std::string_view text) {

@@ -65,9 +65,25 @@ void muteConsoleLog();
 
 // True when standard error is a terminal, so that progress is worth showing.
 bool standardErrorIsTerminal();
+// With --quiet a command prints nothing but errors: printLine, printNote and the library's log
+// lines other than errors are dropped.
+void setQuiet(bool quiet);
+bool quiet();
 // A line on standard output (results) or standard error (progress, notes).
 void printLine(std::string_view text);
 void printNote(std::string_view text);
+
+// Adds the file a command writes (a measurement document, for most) as its first positional, which
+// -o FILE also gives, as scripts written for earlier versions do: one of the two is required, not
+// both. A following positional (the sound file of import) becomes the first when -o is used:
+// `import ir.wav -o d.tavolar` is `import d.tavolar ir.wav`.
+struct FollowingPositional {
+    std::string* value = nullptr;
+    std::string name;
+    std::string description;
+};
+void addOutputArgument(CLI::App& command, std::string& output, const std::string& name,
+                       const std::string& description, FollowingPositional following = {});
 
 // text with every byte that is not part of well-formed UTF-8 replaced by U+FFFD, so that what is
 // stored reads back as text everywhere (JSON included).

@@ -1,6 +1,7 @@
 // devices and measure: the subcommands that use audio devices.
 
 #include "CommandLine.h"
+#include "RecordDescription.h"
 #include "RecordStore.h"
 #include "SweepOptions.h"
 #include "audio/devices/AudioDeviceUID.h"
@@ -105,15 +106,16 @@ extern "C" void noteInterrupt(int) {
     interrupted.store(true);
 }
 
-// Follows the controller's stages: progress for a person at a terminal, and the end for the run loop.
+// Follows the controller's stages: progress for a person at a terminal (the sweep playing and a bar
+// of how much of it has played, redrawn in place), and the end for the run loop.
 class MeasureDelegate : public VELTRZMeasurementControllerDelegate {
 public:
-    MeasureDelegate(bool showProgress, std::int64_t sweeps) : showProgress_(showProgress), sweeps_(sweeps) {}
+    MeasureDelegate(bool showProgress, std::int64_t sweeps, double sweepSeconds)
+        : showProgress_(showProgress), sweeps_(sweeps), sweepSeconds_(sweepSeconds) {}
 
     void measurementControllerDidBeginPlayback(VELTRZMeasurementController&) override {
-        ++sweepsStarted_;
-        if (showProgress_)
-            printNote(fmt::format("Playing sweep {} of {}...", sweepsStarted_, sweeps_));
+        sweepBegan_.store(std::chrono::steady_clock::now().time_since_epoch().count());
+        sweepsStarted_.fetch_add(1);
     }
     void measurementControllerDidEndPlayback(VELTRZMeasurementController&) override {
         playbackEnded_.store(true);
@@ -122,6 +124,7 @@ public:
                                const std::map<std::string, std::int64_t>& progress) override {
         const std::int64_t current = progress.count("current") ? progress.at("current") : 0;
         const std::int64_t total = progress.count("total") ? progress.at("total") : 0;
+        endProgressLine();
         if (showProgress_ && total > 0)
             printNote(current < total
                           ? fmt::format("Deconvolving channel {} of {}...", current + 1, total)
@@ -134,10 +137,43 @@ public:
 
     bool finished() const { return finished_.load(); }
 
+    // Redraws the progress line; called from the run loop while the sweeps play.
+    void drawProgress() {
+        const std::int64_t sweep = sweepsStarted_.load();
+        if (!showProgress_ || sweep == 0 || progressEnded_)
+            return;
+        const std::chrono::duration<double> played =
+            std::chrono::steady_clock::now() -
+            std::chrono::steady_clock::time_point(std::chrono::steady_clock::duration(sweepBegan_.load()));
+        const double fraction =
+            playbackEnded_.load() ? 1.0 : std::clamp(played.count() / sweepSeconds_, 0.0, 1.0);
+        constexpr int kWidth = 30;
+        const auto filled = static_cast<std::size_t>(fraction * kWidth);
+        const std::string line =
+            fmt::format("\rSweep {} of {} [{}{}] {:3.0f}%", sweep, sweeps_, std::string(filled, '#'),
+                        std::string(kWidth - filled, '-'), fraction * 100.0);
+        std::fwrite(line.data(), 1, line.size(), stderr);
+        std::fflush(stderr);
+        lineOpen_ = true;
+    }
+    // Ends the progress line for good, so that what follows starts on a line of its own.
+    void endProgressLine() {
+        if (lineOpen_) {
+            drawProgress();
+            std::fputc('\n', stderr);
+        }
+        lineOpen_ = false;
+        progressEnded_ = true;
+    }
+
 private:
     bool showProgress_;
     std::int64_t sweeps_;
-    std::int64_t sweepsStarted_ = 0;
+    double sweepSeconds_;
+    std::atomic<std::int64_t> sweepsStarted_{0};
+    std::atomic<std::chrono::steady_clock::rep> sweepBegan_{0};
+    bool lineOpen_ = false;
+    bool progressEnded_ = false;
     std::atomic<bool> playbackEnded_{false};
     std::atomic<bool> finished_{false};
 };
@@ -218,7 +254,7 @@ struct MeasureOptions {
     std::optional<std::string> clientName;
     bool noConnect = false;
     bool fast = false;
-    bool quiet = false;
+    bool json = false;
     std::optional<std::string> name;
     SweepOptions sweep;
 };
@@ -404,8 +440,10 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     UserDefaults::standard().registerDefaults({{"ChecksRecordingLevel", true}});
     VELTRZMeasurementController::setModifierFlagsProvider(
         [bypass = options.noLevelCheck] { return bypass ? std::uint64_t{1} << 17 : std::uint64_t{0}; });
-    const bool showProgress = !options.quiet && standardErrorIsTerminal();
-    auto delegate = std::make_shared<MeasureDelegate>(showProgress, options.averages);
+    const bool showProgress = !quiet() && standardErrorIsTerminal();
+    auto delegate = std::make_shared<MeasureDelegate>(
+        showProgress, options.averages,
+        (sweep->duration() + sweep->beginSilence() + sweep->endSilence()) / 1000.0);
     // A new controller first configures its audio controllers for default settings that name no
     // device; the errors that logs are expected, and the real settings follow at once.
     muteConsoleLog();
@@ -416,12 +454,11 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     controller->setAudioCaptureSettings(settings);
     controller->setSynchronousAverages(options.averages);
 
-    if (!options.quiet)
-        printNote(fmt::format("Measuring input{} {} of {} ({}; {} sweep{})...",
-                              recordChannels->size() == 1 ? "" : "s", options.channels, recordUID,
-                              describeSweep(*sweep, recordRate), options.averages,
-                              options.averages == 1 ? "" : "s"));
-    if (!options.quiet && options.noConnect)
+    printNote(fmt::format("Measuring input{} {} of {} ({}; {} sweep{})...",
+                          recordChannels->size() == 1 ? "" : "s", options.channels, recordUID,
+                          describeSweep(*sweep, recordRate), options.averages,
+                          options.averages == 1 ? "" : "s"));
+    if (options.noConnect)
         printNote(
             fmt::format("Connect the ports of the JACK client {} now (jack_lsp lists them), inputs first: "
                         "the sweep plays once an input and an output are connected.",
@@ -455,9 +492,11 @@ Expected<void> runMeasurement(MeasureOptions& options) {
             aborted = timedOut = true;
             controller->abortMeasurement();
         }
+        delegate->drawProgress();
     }
     // Let progress notes queued before the end reach the terminal.
     RunLoop::runOnce();
+    delegate->endProgressLine();
     VELTRZMeasurementController::setModifierFlagsProvider(nullptr);
 
     if (timedOut && options.noConnect)
@@ -530,13 +569,23 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     if (auto saved = store->putCaptureSettings(kept); !saved)
         return saved;
 
-    if (!options.quiet)
-        for (std::size_t at = 0; at < records.size(); ++at) {
-            const VELTMeasurementRecord& record = *records[at];
+    nlohmann::json added = nlohmann::json::array();
+    for (std::size_t at = 0; at < records.size(); ++at) {
+        const VELTMeasurementRecord& record = *records[at];
+        if (options.json)
+            added.push_back(nlohmann::json{{"number", firstNumber + at},
+                                           {"uuid", record.impulseUUID()},
+                                           {"name", RecordStore::displayName(record)},
+                                           {"channel", record.recordChannelEntry()->channel()},
+                                           {"delayMilliseconds", record.delayToPeakInMilliseconds()},
+                                           {"distanceMeters", record.distanceToPeakInMeters()}});
+        else
             printLine(fmt::format("Record {}: {} ({}), delay {:.3f} ms, distance {:.3f} m", firstNumber + at,
                                   RecordStore::displayName(record), record.impulseUUID(),
                                   record.delayToPeakInMilliseconds(), record.distanceToPeakInMeters()));
-        }
+    }
+    if (options.json)
+        printLine(jsonText({{"document", validUTF8(options.document)}, {"added", added}}));
     if (error)
         return std::unexpected(commandLineAdvice(*error));
     return {};
@@ -547,7 +596,7 @@ Expected<void> runMeasurement(MeasureOptions& options) {
 void addMeasureCommand(CLI::App& app, CommandList& commands) {
     auto options = std::make_shared<MeasureOptions>();
     CLI::App* command = app.add_subcommand("measure", "Measure with a swept sine into a document");
-    command->add_option("-o,--output", options->document, "The document (created if missing)")->required();
+    addOutputArgument(*command, options->document, "document", "The document (created if missing)");
     command->add_option("-d,--device", options->device, "Record device UID (see tavolar devices)")
         ->capture_default_str();
     command->add_option("--playback-device", options->playbackDevice,
@@ -571,7 +620,7 @@ void addMeasureCommand(CLI::App& app, CommandList& commands) {
                       "between sweeps)");
     command->add_flag("--fast", options->fast, "Run simulated devices as fast as the machine allows");
     command->add_option("--name", options->name, "The records' name (default: the device's name and input)");
-    command->add_flag("-q,--quiet", options->quiet, "Print nothing but errors");
+    command->add_flag("--json", options->json, "Print what was added as JSON for scripts");
     options->sweep.defaultLevel = -3.0f;
     options->sweep.addTo(*command);
     commands.push_back({command, [options]() -> Expected<void> { return runMeasurement(*options); }});

@@ -242,6 +242,7 @@ void addSetCommand(CLI::App& app, CommandList& commands) {
         std::optional<float> splReference;
         bool noSPLReference = false;
         std::optional<double> speedOfSound;
+        bool json = false;
     };
     auto options = std::make_shared<Options>();
     CLI::App* command =
@@ -263,6 +264,7 @@ void addSetCommand(CLI::App& app, CommandList& commands) {
     command->add_flag("--no-spl-reference", options->noSPLReference, "Stop using the SPL reference level")
         ->excludes(reference);
     command->add_option("--speed-of-sound", options->speedOfSound, "Speed of sound for distances, m/s");
+    command->add_flag("--json", options->json, "Print the records changed as JSON for scripts");
     commands.push_back(
         {command, [options]() -> Expected<void> {
              const bool changesWindow = options->windowBegin || options->windowEnd || options->windowType;
@@ -363,8 +365,16 @@ void addSetCommand(CLI::App& app, CommandList& commands) {
              }
              if (auto saved = store->save(*records, {}); !saved)
                  return saved;
-             printLine(
-                 fmt::format("Changed {} in {}.", plural(records->size(), "record"), options->document));
+             if (options->json) {
+                 nlohmann::json changed = nlohmann::json::array();
+                 for (std::size_t at = 0; at < records->size(); ++at)
+                     changed.push_back({{"number", (*indices)[at] + 1},
+                                        {"uuid", (*records)[at]->impulseUUID()},
+                                        {"name", RecordStore::displayName(*(*records)[at])}});
+                 printLine(jsonText({{"document", validUTF8(options->document)}, {"changed", changed}}));
+             } else
+                 printLine(
+                     fmt::format("Changed {} in {}.", plural(records->size(), "record"), options->document));
              return {};
          }});
 }

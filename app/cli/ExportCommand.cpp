@@ -7,6 +7,7 @@
 
 #include "AudioFiles.h"
 #include "CommandLine.h"
+#include "RecordDescription.h"
 #include "RecordStore.h"
 #include "dsp/Decibels.h"
 #include "dsp/Hilbert.h"
@@ -80,6 +81,7 @@ struct ExportOptions {
     std::string document;
     std::vector<std::string> records;
     std::string output;
+    bool json = false;
     std::optional<std::string> format;
     std::vector<std::string> curves;
     std::optional<std::size_t> fftLength;
@@ -781,6 +783,7 @@ void addExportCommand(CLI::App& app, CommandList& commands) {
         ->add_option("-o,--output", options->output,
                      "The file to write; a folder when several files result (one per record and curve group)")
         ->required();
+    command->add_flag("--json", options->json, "Print the files written as JSON for scripts");
     command
         ->add_option("-f,--format", options->format,
                      "csv, matlab, frd or wav (default: from the file's extension)")
@@ -922,13 +925,19 @@ void addExportCommand(CLI::App& app, CommandList& commands) {
                                                 status ? status.message() : "a file is in the way"),
                                     "Several files result, so -o must name a folder.");
              }
+             nlohmann::json written = nlohmann::json::array();
              for (const PendingFile& file : files) {
                  std::filesystem::path path =
                      intoFolder ? output / fmt::format("{}.{}", file.name, file.extension) : output;
-                 if (auto written = file.write(path); !written)
-                     return written;
-                 printLine(fmt::format("Wrote {}", path.string()));
+                 if (auto done = file.write(path); !done)
+                     return done;
+                 if (options->json)
+                     written.push_back(validUTF8(path.string()));
+                 else
+                     printLine(fmt::format("Wrote {}", path.string()));
              }
+             if (options->json)
+                 printLine(jsonText({{"written", written}}));
              return {};
          }});
 }

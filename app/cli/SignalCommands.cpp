@@ -2,6 +2,7 @@
 
 #include "AudioFiles.h"
 #include "CommandLine.h"
+#include "RecordDescription.h"
 #include "RecordStore.h"
 #include "SweepOptions.h"
 #include "engine/SweptSineDeconvolution.h"
@@ -130,7 +131,7 @@ void addSweepCommand(CLI::App& app, CommandList& commands) {
     CLI::App* command =
         app.add_subcommand("sweep", "Write the sweep stimulus as a 32-bit float mono WAV file");
     // Positional, or -o like the other commands that write a file.
-    command->add_option("output,-o,--output", options->output, "The WAV file to write")->required();
+    addOutputArgument(*command, options->output, "output", "The WAV file to write");
     command->add_option("-r,--rate", options->sampleRate, "Sample rate, Hz (1000 to 768000)")
         ->capture_default_str();
     options->sweep.addTo(*command);
@@ -160,6 +161,7 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
         std::string output;
         std::optional<double> lambda;
         std::optional<std::int64_t> channel;
+        bool json = false;
     };
     auto options = std::make_shared<Options>();
     CLI::App* command = app.add_subcommand(
@@ -179,6 +181,7 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
     command->add_option("-o,--output", options->output, "The impulse-response WAV file to write")->required();
     command->add_option("--lambda", options->lambda,
                         "Regularise the division with this constant (for band-limited sweeps)");
+    command->add_flag("--json", options->json, "Print what was written as JSON for scripts");
     commands.push_back(
         {command, [options]() -> Expected<void> {
              if (auto checked = checkLambda(options->lambda); !checked)
@@ -220,20 +223,38 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
                  float peak = 0.0f;
                  std::size_t location = 0;
                  impulse.getMaximumMagnitude(peak, &location);
-                 return fmt::format("largest sample {:.4g} at {:.3f} ms", peak,
-                                    1000.0 * static_cast<double>(location) /
-                                        static_cast<double>(stimulus->sampleRate));
+                 return std::pair{peak, 1000.0 * static_cast<double>(location) /
+                                            static_cast<double>(stimulus->sampleRate)};
              };
              const std::size_t length = impulses->front().length();
+             if (options->json) {
+                 nlohmann::json described = nlohmann::json::array();
+                 for (std::size_t index = 0; index < impulses->size(); ++index) {
+                     const auto [peak, milliseconds] = largest((*impulses)[index]);
+                     described.push_back({{"channel", (*channels)[index]},
+                                          {"peak", peak},
+                                          {"peakMilliseconds", milliseconds}});
+                 }
+                 printLine(jsonText({{"written", nlohmann::json::array({{{"file", validUTF8(options->output)},
+                                                                         {"samples", length},
+                                                                         {"sampleRate", stimulus->sampleRate},
+                                                                         {"channels", described}}})}}));
+                 return {};
+             }
+             auto describe = [&](const VELTRealVector& impulse) {
+                 const auto [peak, milliseconds] = largest(impulse);
+                 return fmt::format("largest sample {:.4g} at {:.3f} ms", peak, milliseconds);
+             };
              if (impulses->size() == 1) {
                  printLine(fmt::format("Wrote {}: {} samples at {} Hz, {}.", options->output, length,
-                                       stimulus->sampleRate, largest(impulses->front())));
+                                       stimulus->sampleRate, describe(impulses->front())));
                  return {};
              }
              printLine(fmt::format("Wrote {}: {} channels of {} samples at {} Hz.", options->output,
                                    impulses->size(), length, stimulus->sampleRate));
              for (std::size_t index = 0; index < impulses->size(); ++index)
-                 printLine(fmt::format("  channel {}: {}.", (*channels)[index], largest((*impulses)[index])));
+                 printLine(
+                     fmt::format("  channel {}: {}.", (*channels)[index], describe((*impulses)[index])));
              return {};
          }});
 }
@@ -247,6 +268,7 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
         std::optional<std::string> name;
         std::optional<double> lambda;
         std::optional<std::int64_t> channel;
+        bool json = false;
         SweepOptions sweep;
     };
     auto options = std::make_shared<Options>();
@@ -254,12 +276,11 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
         "import",
         "Add impulse responses (a record per channel of a sound file) to a document, or a recorded sweep "
         "response with its stimulus");
-    command
-        ->add_option("input", options->input,
-                     "An impulse-response sound file; a recorded response when --stimulus or a sweep option "
-                     "is given")
-        ->required();
-    command->add_option("-o,--output", options->document, "The document (created if missing)")->required();
+    addOutputArgument(
+        *command, options->document, "document", "The document (created if missing)",
+        {&options->input, "input",
+         "An impulse-response sound file; a recorded response when --stimulus or a sweep option "
+         "is given"});
     command->add_option(
         "--stimulus", options->stimulus,
         "The stimulus that was played (one channel); without it the sweep options describe it");
@@ -272,6 +293,7 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
         "--channel", options->channel,
         "Import only this channel of the input (from 0); by default each channel is a record");
     command->add_option("--lambda", options->lambda, "Regularise the deconvolution with this constant");
+    command->add_flag("--json", options->json, "Print the records added as JSON for scripts");
     options->sweep.addTo(*command);
     commands.push_back(
         {command, [options, command]() -> Expected<void> {
@@ -368,6 +390,17 @@ void addImportCommand(CLI::App& app, CommandList& commands) {
              if (auto saved = store->save(records, uuids); !saved)
                  return saved;
              const std::size_t first = store->summaries().size() - records.size() + 1;
+             if (options->json) {
+                 nlohmann::json added = nlohmann::json::array();
+                 for (std::size_t index = 0; index < records.size(); ++index)
+                     added.push_back({{"number", first + index},
+                                      {"uuid", uuids[index]},
+                                      {"name", RecordStore::displayName(*records[index])},
+                                      {"channel", (*channels)[index]},
+                                      {"peakMilliseconds", records[index]->impulsePeakInMilliseconds()}});
+                 printLine(jsonText({{"document", validUTF8(options->document)}, {"added", added}}));
+                 return {};
+             }
              for (std::size_t index = 0; index < records.size(); ++index) {
                  const std::string what =
                      numbered ? fmt::format("{} channel {}", options->input, (*channels)[index])

@@ -16,18 +16,39 @@ bool standardErrorIsTerminal() {
     return isatty(STDERR_FILENO) == 1;
 }
 
+namespace {
+bool quietOutput = false;
+} // namespace
+
+void setQuiet(bool quiet) {
+    quietOutput = quiet;
+}
+
+bool quiet() {
+    return quietOutput;
+}
+
 void printLine(std::string_view text) {
+    if (quietOutput)
+        return;
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fputc('\n', stdout);
 }
 
 void printNote(std::string_view text) {
+    if (quietOutput)
+        return;
     std::fwrite(text.data(), 1, text.size(), stderr);
     std::fputc('\n', stderr);
 }
 
 void installConsoleLog() {
-    setConsoleSink([](const LogLine& line) { printNote(line.text); });
+    setConsoleSink([](const LogLine& line) {
+        if (line.level == LogLevel::Error || !quietOutput) {
+            std::fwrite(line.text.data(), 1, line.text.size(), stderr);
+            std::fputc('\n', stderr);
+        }
+    });
 }
 
 void muteConsoleLog() {
@@ -36,7 +57,9 @@ void muteConsoleLog() {
 
 namespace {
 
+// Errors are printed whatever --quiet says.
 void reportError(const TavolarError& error) {
+    setQuiet(false);
     printNote(fmt::format("tavolar: {}", error.localizedDescription));
     if (!error.localizedRecoverySuggestion.empty())
         printNote(error.localizedRecoverySuggestion);
@@ -73,6 +96,9 @@ int run(int argc, char** argv) {
     addBandsCommand(app, commands);
     addTuneCommand(app, commands);
     addPlotCommand(app, commands);
+    bool quietFlag = false;
+    for (const Command& command : commands)
+        command.app->add_flag("-q,--quiet", quietFlag, "Print nothing but errors");
 
     try {
         app.parse(argc, argv);
@@ -91,6 +117,14 @@ int run(int argc, char** argv) {
     for (const Command& command : commands) {
         if (!command.app->parsed())
             continue;
+        const CLI::Option* json = command.app->get_option_no_throw("--json");
+        if (quietFlag && json && json->count() > 0) {
+            reportError(usageFailure("--quiet and --json exclude each other: --json prints only the answer "
+                                     "on standard output, notes go to standard error.")
+                            .error());
+            return kExitUsage;
+        }
+        setQuiet(quietFlag);
         Expected<void> result = command.run();
         if (result) {
             std::fflush(stdout);

@@ -28,8 +28,9 @@ using CalibrateCommand = DocumentCommandTest;
 using Documents = DocumentCommandTest;
 
 TEST_F(ImportCommand, StoresImpulseResponsesThatListAndInfoDescribe) {
+    // The document as the first positional, or after -o as scripts give it.
     ASSERT_TRUE(succeeds({"import", "ir.wav", "-o", "room.tavolar", "--name", "Left speaker"}));
-    ASSERT_TRUE(succeeds({"import", "ir.wav", "-o", "room.tavolar"}));
+    const nlohmann::json added = json({"import", "room.tavolar", "ir.wav", "--json"});
 
     nlohmann::json list = json({"list", "room.tavolar", "--json"});
     ASSERT_EQ(list.size(), 2u);
@@ -39,6 +40,13 @@ TEST_F(ImportCommand, StoresImpulseResponsesThatListAndInfoDescribe) {
     EXPECT_EQ(list[0]["sampleRate"], 48000);
     EXPECT_EQ(list[0]["impulseLength"], 4096);
     const std::string uuid = list[0]["uuid"];
+    EXPECT_EQ(added, (nlohmann::json{{"document", "room.tavolar"},
+                                     {"added",
+                                      {{{"number", 2},
+                                        {"uuid", list[1]["uuid"]},
+                                        {"name", "ir"},
+                                        {"channel", 0},
+                                        {"peakMilliseconds", 0.5}}}}}));
 
     nlohmann::json first = info("room.tavolar", "1");
     EXPECT_EQ(first["uuid"], uuid);
@@ -119,9 +127,14 @@ TEST_F(SetCommand, ChangesRecordsAndRefusesWindowsOutsideTheResponse) {
     ASSERT_TRUE(succeeds({"import", "ir.wav", "-o", "d.tavolar"}));
     ASSERT_TRUE(succeeds({"import", "ir.wav", "-o", "d.tavolar"}));
 
-    ASSERT_TRUE(succeeds({"set", "d.tavolar", "all", "--window-begin", "-1", "--window-end", "20",
-                          "--window-type", "half-hanning", "--comment", "Mid", "--notes", "tweeter axis",
-                          "--color", "#1F77B4", "--spl-reference", "90", "--speed-of-sound", "343"}));
+    const nlohmann::json changed =
+        json({"set",          "d.tavolar",     "all",          "--window-begin",  "-1",  "--window-end",
+              "20",           "--window-type", "half-hanning", "--comment",       "Mid", "--notes",
+              "tweeter axis", "--color",       "#1F77B4",      "--spl-reference", "90",  "--speed-of-sound",
+              "343",          "--json"})["changed"];
+    ASSERT_EQ(changed.size(), 2u);
+    EXPECT_EQ(changed[1]["number"], 2);
+    EXPECT_EQ(changed[1]["name"], "Mid");
     for (const char* number : {"1", "2"}) {
         nlohmann::json record = info("d.tavolar", number);
         EXPECT_EQ(record["window"]["beginSample"], -48);
@@ -136,7 +149,16 @@ TEST_F(SetCommand, ChangesRecordsAndRefusesWindowsOutsideTheResponse) {
         // The peak was found before the speed changed; the distance follows the new speed.
         EXPECT_NEAR(record["distanceMetres"].get<double>(), 0.5 * 0.343, 1e-6);
     }
-    ASSERT_TRUE(succeeds({"set", "d.tavolar", "2", "--no-spl-reference", "--window-end", "30"}));
+    // --quiet prints nothing but errors, on every command.
+    for (const Arguments& command :
+         {Arguments{"set", "d.tavolar", "2", "--no-spl-reference", "--window-end", "30"},
+          {"list", "d.tavolar"},
+          {"info", "d.tavolar", "1"},
+          {"export", "d.tavolar", "1", "-o", "q.csv"}}) {
+        RunResult quiet = run(command + Arguments{"--quiet"});
+        EXPECT_EQ(quiet.exitCode, 0) << command[0];
+        EXPECT_EQ(quiet.out + quiet.err, "") << command[0];
+    }
     EXPECT_EQ(info("d.tavolar", "2")["splReference"]["inUse"], false);
     EXPECT_EQ(info("d.tavolar", "2")["window"]["endSample"], 1440);
     EXPECT_EQ(info("d.tavolar", "1")["window"]["endSample"], 960) << "record 1 is left alone";

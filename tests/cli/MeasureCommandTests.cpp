@@ -37,7 +37,7 @@ TEST_F(DevicesCommand, ListsTheSimulatedDeviceAsTextAndJSON) {
 TEST_F(MeasureCommand, MeasuresTheSimulatedLoudspeakerWithTheDocumentsCalibration) {
     std::ofstream(folder / "mic.txt") << "20 -2 0\n1000 0 0\n20000 1 0\n";
     const Arguments sweep{"--fast", "--length", "500", "--begin-silence", "50", "--end-silence", "400"};
-    RunResult quiet = run(Arguments{"measure", "-o", "m.tavolar", "--quiet"} + sweep);
+    RunResult quiet = run(Arguments{"measure", "m.tavolar", "--quiet"} + sweep);
     ASSERT_EQ(quiet.exitCode, 0) << quiet.err;
     EXPECT_TRUE(quiet.out.empty()) << quiet.out;
     EXPECT_TRUE(quiet.err.empty()) << quiet.err;
@@ -47,12 +47,13 @@ TEST_F(MeasureCommand, MeasuresTheSimulatedLoudspeakerWithTheDocumentsCalibratio
                   "--sensitivity", "10", "--channel-sensitivity", "4", "--channel-unit", "dBu"}));
 
     // The same loudspeaker 96 samples (2 ms) further away, two sweeps averaged, through the
-    // loop-back reference: its delay is 2 ms longer.
+    // loop-back reference: its delay is 2 ms longer. Standard error is no terminal: no progress bar.
     RunResult far = run(Arguments{"measure", "-o", "m.tavolar", "--device", "sim:default?delay=96",
-                                  "--averages", "2", "--loopback", "1:1", "--name", "Far"} +
+                                  "--averages", "2", "--loopback", "1:1", "--name", "Far", "--json"} +
                         sweep);
     ASSERT_EQ(far.exitCode, 0) << far.err;
-    EXPECT_NE(far.out.find("Record 2: Far"), std::string::npos) << far.out;
+    EXPECT_EQ(far.err.find('\r'), std::string::npos) << far.err;
+    const nlohmann::json added = nlohmann::json::parse(far.out, nullptr, false)["added"];
     // What the loop-back was stays with the record when the record is changed.
     ASSERT_TRUE(succeeds({"set", "m.tavolar", "2", "--notes", "changed"}));
 
@@ -67,6 +68,9 @@ TEST_F(MeasureCommand, MeasuresTheSimulatedLoudspeakerWithTheDocumentsCalibratio
     EXPECT_EQ(near["sweep"]["durationMilliseconds"], 500.0);
     EXPECT_EQ(near["sweep"]["fullRange"], true);
     EXPECT_EQ(farRecord["name"], "Far");
+    ASSERT_EQ(added.size(), 1u) << far.out;
+    EXPECT_EQ(added[0]["number"], 2);
+    EXPECT_EQ(added[0]["uuid"], farRecord["uuid"]);
     EXPECT_TRUE(near["loopback"].is_null());
     EXPECT_EQ(farRecord["loopback"], (nlohmann::json{{"output", 1}, {"input", 1}}));
 

@@ -38,7 +38,12 @@ TEST_F(CommandLine, ExitStatusesTellSuccessFromFailureFromMisuse) {
                                     {"frobnicate"},
                                     {"sweep", "s.wav", "--no-such-option"},
                                     {"measure"},
-                                    {"sweep", "s.wav", "--preset", "medium"}})
+                                    {"sweep", "s.wav", "--preset", "medium"},
+                                    // The document (or file written) once: the first positional or -o.
+                                    {"measure", "a.tavolar", "-o", "b.tavolar"},
+                                    {"sweep", "a.wav", "-o", "b.wav"},
+                                    {"import", "ir.wav"},
+                                    {"list", "a.tavolar", "--quiet", "--json"}})
         expectRefused(misuse, 2);
     // Help for the program and for every subcommand: status 0, on standard output.
     RunResult help = run({"--help"});
@@ -109,7 +114,11 @@ TEST_F(DeconvolveCommand, RecoversTheSystemAndDividesOutTheLoopBackChain) {
     std::vector<float> stimulus = readSound(folder / "s.wav").samples;
     writeSound(folder / "r.wav", throughSystem(stimulus, 37, 100), 8000);
 
-    ASSERT_TRUE(succeeds({"deconvolve", "s.wav", "r.wav", "-o", "ir.wav"}));
+    const nlohmann::json written =
+        json({"deconvolve", "s.wav", "r.wav", "-o", "ir.wav", "--json"})["written"];
+    ASSERT_EQ(written.size(), 1u);
+    EXPECT_EQ(written[0]["file"], "ir.wav");
+    EXPECT_EQ(written[0]["channels"][0]["peakMilliseconds"], 1000.0 * 37 / 8000);
     SoundFile impulse = readSound(folder / "ir.wav");
     EXPECT_EQ(impulse.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
     // The transform length: the power of two that holds response and stimulus together.
@@ -217,6 +226,8 @@ TEST_F(DeconvolveCommand, ReadsWhatRecordersWriteAndDeconvolvesEachChannel) {
     EXPECT_EQ(lines(imported.out).size(), 2u) << imported.out;
     EXPECT_NE(imported.out.find("c.caf channel 1 into d.tavolar as record 2"), std::string::npos)
         << imported.out;
+    EXPECT_EQ(json({"import", "d.tavolar", "c.caf", "--stimulus", "s.wav", "--json"})["added"][1]["name"],
+              "c channel 1");
     ASSERT_TRUE(succeeds({"import", "ext.wav", "--stimulus", "s.wav", "--channel", "1", "-o", "e.tavolar"}));
     EXPECT_NE(run({"list", "e.tavolar"}).out.find("ext channel 1"), std::string::npos);
 }
