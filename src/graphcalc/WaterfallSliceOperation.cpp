@@ -38,7 +38,8 @@ std::size_t WaterfallSliceOperation::copyInputInto(VELTMutableRealVector& destin
             index += run;
         }
     }
-    std::memset(out + written, 0, (destination.length() - written) * sizeof(float));
+    if (destination.length() > written)
+        std::memset(out + written, 0, (destination.length() - written) * sizeof(float));
     return written;
 }
 
