@@ -65,9 +65,12 @@ Expected<VELTLogSweepSettings> SweepOptions::settings(std::int64_t sampleRate) c
         sweep.setDuration(*length);
     }
     const float peak = level.value_or(defaultLevel);
-    if (!(peak <= 0.0f) || !std::isfinite(peak))
-        return usageFailure(fmt::format("The sweep level must be at most 0 dBFS (got {}).", peak),
-                            "Levels are peak levels relative to full scale: use 0 or a negative number.");
+    // Below -100 dBFS a sweep drowns in any converter's noise, and far below it the amplitude is no
+    // longer a float at all: a silent sweep would be measured without a word.
+    if (!(peak <= 0.0f && peak >= kQuietestLevel))
+        return usageFailure(
+            fmt::format("The sweep level must lie from {} to 0 dBFS (got {}).", kQuietestLevel, peak),
+            "Levels are peak levels relative to full scale: use 0 or a negative number down to -100.");
     if (peak != 0.0f)
         sweep.setAmplitude(std::pow(10.0f, peak / 20.0f));
     if (beginSilence || endSilence) {

@@ -23,7 +23,8 @@ struct SweepOptions {
     // The level without --level, the same for every command, so that a stimulus file written by sweep
     // is what measure plays and what import rebuilds from the sweep options: below full scale, where
     // a loop-back reference at unity gain would otherwise read as clipped.
-    float defaultLevel = -3.0f; // dBFS
+    float defaultLevel = -3.0f;                      // dBFS
+    static constexpr float kQuietestLevel = -100.0f; // dBFS
 
     // Registers --preset, --start, --end, --length, --level, --begin-silence, --end-silence.
     void addTo(CLI::App& app);
@@ -34,8 +35,9 @@ struct SweepOptions {
 
     // The settings for a stimulus at sampleRate Hz. With neither --start nor --end the sweep covers
     // the full range (1 Hz to half the sample rate); with either, the other defaults to that bound.
-    // A range outside 0 < start < end <= sampleRate / 2, a length outside (0, 300 s], a level above
-    // 0 dBFS or a negative silence is a usage error; a sample rate outside the supported ones an error.
+    // A range outside 0 < start < end <= sampleRate / 2, a length outside (0, 300 s], a level outside
+    // -100 to 0 dBFS or a negative silence is a usage error; a sample rate outside the supported ones an
+    // error.
     Expected<VELTLogSweepSettings> settings(std::int64_t sampleRate) const;
 };
 

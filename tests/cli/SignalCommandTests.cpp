@@ -85,6 +85,7 @@ TEST_F(SweepCommand, WritesTheExponentialSweepAsFloatWav) {
                                  {"--start", "0"},
                                  {"--start", "900", "--end", "800"},
                                  {"--level", "3"},
+                                 {"--level", "-6000"},
                                  {"--length", "-5"},
                                  {"--begin-silence", "-1"}})
         expectRefused(Arguments{"sweep", "bad.wav", "--rate", "8000"} + bad, 2);
