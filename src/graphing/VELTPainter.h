@@ -6,6 +6,7 @@
 
 #include "graphing/VELTColor.h"
 
+#include <cstdint>
 #include <span>
 #include <string_view>
 
@@ -50,6 +51,14 @@ public:
     virtual void drawPolyline(std::span<const VELTPoint> points, const VELTLineStyle& style) = 0;
     virtual void fillRect(const VELTRect& rect, const VELTColor& color) = 0;
     virtual void strokeRect(const VELTRect& rect, const VELTLineStyle& style) = 0;
+    // The closed polygon through the points filled (fewer than three points fill nothing); the
+    // waterfall hides the slices behind each one this way.
+    virtual void fillPolygon(std::span<const VELTPoint> points, const VELTColor& color) = 0;
+
+    // An image of width × height pixels, rows from the top, each pixel 0xAARRGGBB (not
+    // premultiplied), scaled to fill the rectangle without smoothing between pixels. A heat map is
+    // drawn as one image so that vector files show it without seams.
+    virtual void drawImage(const VELTRect& rect, int width, int height, std::span<const std::uint32_t> pixels) = 0;
 
     // Text (UTF-8, one line) placed so that the anchor lies where the alignments say; a text turned
     // a quarter turn counter-clockwise (rotated) reads from bottom to top, and its alignments are

@@ -46,6 +46,8 @@ public:
     }
     void fillRect(const VELTRect&, const VELTColor&) override {}
     void strokeRect(const VELTRect&, const VELTLineStyle&) override {}
+    void fillPolygon(std::span<const VELTPoint>, const VELTColor&) override {}
+    void drawImage(const VELTRect&, int, int, std::span<const std::uint32_t>) override {}
     void drawText(std::string_view text, VELTPoint, const VELTFont&, const VELTColor&,
                   VELTHorizontalAlignment, VELTVerticalAlignment, bool) override {
         texts.emplace_back(text);

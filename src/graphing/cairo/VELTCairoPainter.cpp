@@ -94,6 +94,53 @@ void VELTCairoPainter::fillRect(const VELTRect& rect, const VELTColor& color) {
     cairo_fill(context_);
 }
 
+void VELTCairoPainter::fillPolygon(std::span<const VELTPoint> points, const VELTColor& color) {
+    if (points.size() < 3)
+        return;
+    cairo_set_source_rgba(context_, color.red, color.green, color.blue, color.alpha);
+    cairo_move_to(context_, points[0].x, points[0].y);
+    for (std::size_t i = 1; i < points.size(); ++i)
+        cairo_line_to(context_, points[i].x, points[i].y);
+    cairo_close_path(context_);
+    cairo_fill(context_);
+}
+
+void VELTCairoPainter::drawImage(const VELTRect& rect, int width, int height,
+                                 std::span<const std::uint32_t> pixels) {
+    if (width <= 0 || height <= 0 || rect.width <= 0.0 || rect.height <= 0.0 ||
+        pixels.size() < static_cast<std::size_t>(width) * static_cast<std::size_t>(height))
+        return;
+    std::unique_ptr<cairo_surface_t, decltype(&cairo_surface_destroy)> image(
+        cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height), cairo_surface_destroy);
+    if (cairo_surface_status(image.get()) != CAIRO_STATUS_SUCCESS)
+        return;
+    cairo_surface_flush(image.get());
+    // Cairo's pixels are premultiplied, native-endian 32-bit words.
+    unsigned char* data = cairo_image_surface_get_data(image.get());
+    const int stride = cairo_image_surface_get_stride(image.get());
+    for (int row = 0; row < height; ++row) {
+        auto* out = reinterpret_cast<std::uint32_t*>(data + static_cast<std::ptrdiff_t>(row) * stride);
+        for (int column = 0; column < width; ++column) {
+            const std::uint32_t pixel = pixels[static_cast<std::size_t>(row) * width + column];
+            const std::uint32_t alpha = pixel >> 24;
+            auto premultiplied = [alpha](std::uint32_t component) { return (component * alpha + 127) / 255; };
+            out[column] = (alpha << 24) | (premultiplied((pixel >> 16) & 0xFF) << 16) |
+                          (premultiplied((pixel >> 8) & 0xFF) << 8) | premultiplied(pixel & 0xFF);
+        }
+    }
+    cairo_surface_mark_dirty(image.get());
+    cairo_save(context_);
+    cairo_rectangle(context_, rect.x, rect.y, rect.width, rect.height);
+    cairo_clip(context_);
+    cairo_translate(context_, rect.x, rect.y);
+    cairo_scale(context_, rect.width / width, rect.height / height);
+    cairo_set_source_surface(context_, image.get(), 0.0, 0.0);
+    cairo_pattern_set_filter(cairo_get_source(context_), CAIRO_FILTER_NEAREST);
+    cairo_pattern_set_extend(cairo_get_source(context_), CAIRO_EXTEND_PAD);
+    cairo_paint(context_);
+    cairo_restore(context_);
+}
+
 void VELTCairoPainter::strokeRect(const VELTRect& rect, const VELTLineStyle& style) {
     applyLineStyle(style);
     cairo_rectangle(context_, rect.x, rect.y, rect.width, rect.height);

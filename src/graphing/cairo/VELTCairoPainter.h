@@ -30,6 +30,8 @@ public:
     void drawPolyline(std::span<const VELTPoint> points, const VELTLineStyle& style) override;
     void fillRect(const VELTRect& rect, const VELTColor& color) override;
     void strokeRect(const VELTRect& rect, const VELTLineStyle& style) override;
+    void fillPolygon(std::span<const VELTPoint> points, const VELTColor& color) override;
+    void drawImage(const VELTRect& rect, int width, int height, std::span<const std::uint32_t> pixels) override;
     void drawText(std::string_view text, VELTPoint anchor, const VELTFont& font, const VELTColor& color,
                   VELTHorizontalAlignment horizontal, VELTVerticalAlignment vertical,
                   bool rotated = false) override;
