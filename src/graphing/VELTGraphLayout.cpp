@@ -211,7 +211,8 @@ VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, con
     auto xWidth = [&](std::string_view text) { return painter.textWidth(text, a.tickLabelFont); };
     const TickLabelText xText = labelTextFor(plot.xQuantity);
     layout.xTicks =
-        plot.logarithmicX
+        !plot.xTicks.empty() ? plot.xTicks
+        : plot.logarithmicX
             ? logarithmicTickMarks(plot.extents.xMin, plot.extents.xMax, layout.plotArea.width, xWidth, xText)
             : linearTickMarks(plot.extents.xMin, plot.extents.xMax, layout.plotArea.width, xWidth, xText);
     return layout;
@@ -368,6 +369,41 @@ void drawLegend(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect&
     }
 }
 
+// Bars of every curve's points: each X gets the room up to halfway to its neighbours (on the axis's
+// scale), four fifths of it filled by the curves' bars side by side, in the curves' colours.
+void drawBars(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& area,
+              const std::vector<VELTLineStyle>& styles) {
+    const std::size_t count = plot.curves.size();
+    for (std::size_t c = 0; c < count; ++c) {
+        const VELTGraphData& curve = *plot.curves[c];
+        const std::size_t n = std::min(curve.x().length(), curve.y().length());
+        std::vector<double> xs(n);
+        for (std::size_t i = 0; i < n; ++i)
+            xs[i] =
+                plot.logarithmicX && !(curve.x()[i] > 0.0f) ? std::nan("") : mapX(plot, area, curve.x()[i]);
+        for (std::size_t i = 0; i < n; ++i) {
+            const double y = curve.y()[i];
+            if (!std::isfinite(xs[i]) || !std::isfinite(y))
+                continue;
+            double half = area.width / 20.0;
+            if (i > 0 && std::isfinite(xs[i - 1]))
+                half = std::min(half, (xs[i] - xs[i - 1]) / 2.0);
+            if (i + 1 < n && std::isfinite(xs[i + 1]))
+                half = std::min(half, (xs[i + 1] - xs[i]) / 2.0);
+            const double slot = half * 2.0 * 0.8 / static_cast<double>(count);
+            const double left = xs[i] - half * 0.8 + slot * static_cast<double>(c);
+            const double top = std::max(mapY(plot, area, y), area.y - 1.0);
+            if (top >= area.bottom())
+                continue;
+            VELTColor fill = styles[c].color;
+            if (plot.appearance.monochrome)
+                fill.alpha = 1.0 - 0.6 * static_cast<double>(c) /
+                                       static_cast<double>(std::max<std::size_t>(count, 2) - 1);
+            painter.fillRect({left, top, slot, area.bottom() - top}, fill);
+        }
+    }
+}
+
 } // namespace
 
 VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds) {
@@ -428,9 +464,18 @@ VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const
     const std::vector<VELTLineStyle> styles = curveStyles(plot);
     if (drawable) {
         painter.pushClip(area);
-        for (std::size_t i = 0; i < plot.curves.size(); ++i)
-            for (const auto& run : plottedPoints(*plot.curves[i], plot, area))
-                painter.drawPolyline(run, styles[i]);
+        for (const VELTGraphSpan& span : plot.xSpans) {
+            if (plot.logarithmicX && !(span.from > 0.0 && span.to > 0.0))
+                continue;
+            const double from = mapX(plot, area, span.from), to = mapX(plot, area, span.to);
+            painter.fillRect({std::min(from, to), area.y, std::abs(to - from), area.height}, span.fill);
+        }
+        if (plot.bars)
+            drawBars(painter, plot, area, styles);
+        else
+            for (std::size_t i = 0; i < plot.curves.size(); ++i)
+                for (const auto& run : plottedPoints(*plot.curves[i], plot, area))
+                    painter.drawPolyline(run, styles[i]);
         painter.popClip();
     }
     painter.strokeRect(area, a.frame);

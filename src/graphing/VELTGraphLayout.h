@@ -52,6 +52,14 @@ struct VELTGraphAppearance {
     static const std::vector<std::vector<double>>& dashPatterns();
 };
 
+// A stretch of the X axis shaded over the plot area's height, behind the curves (an impulse
+// response's window).
+struct VELTGraphSpan {
+    double from = 0.0;
+    double to = 0.0;
+    VELTColor fill;
+};
+
 struct VELTGraphPlot {
     std::string title;
     std::string titleModifier; // after the title, in the lighter face: "(1/12 Octave Smoothing)"
@@ -66,6 +74,12 @@ struct VELTGraphPlot {
     VELTGraphExtents extents;
     GraphDataArray curves;
     VELTGraphAppearance appearance;
+    std::vector<VELTGraphSpan> xSpans;
+    // The X ticks to draw in place of those the axis would choose (the nominal centres of bands).
+    std::vector<TickMark> xTicks;
+    // Each point of each curve drawn as a bar up from the bottom of the plot area, the bars of one X
+    // side by side, rather than the points joined by lines.
+    bool bars = false;
 };
 
 // Extents fitting the curves: on a logarithmic X axis only positive X counts; Y spans at least 1
