@@ -1,0 +1,197 @@
+#include "GraphWidget.h"
+
+#include "GraphCommands.h"
+#include "graphing/VELTUnitFormatter.h"
+
+#include <QMouseEvent>
+#include <QPainter>
+#include <QWheelEvent>
+#include <cmath>
+
+namespace tavolar::desktop {
+
+namespace {
+
+// Wheel steps closer together than this are one zoom for undo.
+constexpr qint64 kWheelGestureMilliseconds = 600;
+
+QColor qColor(const VELTColor& color) {
+    return QColor::fromRgbF(static_cast<float>(color.red), static_cast<float>(color.green),
+                            static_cast<float>(color.blue), static_cast<float>(color.alpha));
+}
+
+} // namespace
+
+GraphWidget::GraphWidget(GraphModel& graph, QUndoStack& undoStack, QWidget* parent)
+    : QWidget(parent), graph_(graph), undoStack_(undoStack) {
+    setMouseTracking(true);
+    setFocusPolicy(Qt::StrongFocus);
+    setMinimumSize(240, 160);
+    connect(&graph_, &GraphModel::changed, this, [this] {
+        rendered_.reset();
+        update();
+    });
+}
+
+void GraphWidget::setAppearance(const VELTGraphAppearance& appearance) {
+    appearance_ = appearance;
+    rendered_.reset();
+    update();
+}
+
+void GraphWidget::ensureRendered() {
+    if (rendered_)
+        return;
+    auto plot = graph_.plot(appearance_);
+    if (!plot)
+        return;
+    rendered_ = renderGraph(*plot, size(), devicePixelRatioF());
+}
+
+QRectF GraphWidget::plotArea() const {
+    if (!rendered_)
+        return {};
+    const VELTRect& area = rendered_->layout.plotArea;
+    return {area.x * kPixelsPerPoint, area.y * kPixelsPerPoint, area.width * kPixelsPerPoint,
+            area.height * kPixelsPerPoint};
+}
+
+std::optional<QPointF> GraphWidget::dataAt(QPointF position) const {
+    const QRectF area = plotArea();
+    if (area.isEmpty())
+        return std::nullopt;
+    const VELTGraphExtents& extents = graph_.extents();
+    const double across = (position.x() - area.left()) / area.width();
+    const double up = (area.bottom() - position.y()) / area.height();
+    return QPointF(extents.xMin * std::pow(extents.xMax / extents.xMin, across),
+                   extents.yMin + up * (extents.yMax - extents.yMin));
+}
+
+std::optional<QPointF> GraphWidget::positionOf(QPointF data) const {
+    const QRectF area = plotArea();
+    if (area.isEmpty())
+        return std::nullopt;
+    const VELTGraphExtents& extents = graph_.extents();
+    const double across = std::log(data.x() / extents.xMin) / std::log(extents.xMax / extents.xMin);
+    const double up = (data.y() - extents.yMin) / (extents.yMax - extents.yMin);
+    return QPointF(area.left() + across * area.width(), area.bottom() - up * area.height());
+}
+
+QString GraphWidget::readoutText() const {
+    if (!cursor_)
+        return {};
+    auto data = dataAt(*cursor_);
+    if (!data)
+        return {};
+    QString text = QString::fromStdString(formatFrequencyWithUnit(data->x()));
+    auto plot = graph_.plot(appearance_);
+    const std::string unit = plot ? displayUnit(plot->yQuantity.unit) : std::string();
+    for (const auto& reading : graph_.readout(data->x()))
+        text += QString("\n%1: %2")
+                    .arg(reading.name, reading.value ? QString::number(*reading.value, 'f', 2) + " " +
+                                                           QString::fromStdString(unit)
+                                                     : tr("none"));
+    return text;
+}
+
+void GraphWidget::paintEvent(QPaintEvent*) {
+    QPainter painter(this);
+    ensureRendered();
+    if (!rendered_) {
+        painter.fillRect(rect(), qColor(appearance_.background));
+        painter.setPen(qColor(appearance_.secondaryText));
+        painter.drawText(rect(), Qt::AlignCenter,
+                         graph_.isReloading() ? tr("Computing…") : tr("No visible records to show."));
+        return;
+    }
+    painter.drawImage(QPointF(0, 0), rendered_->image);
+    const QRectF area = plotArea();
+    if (!cursor_ || !area.contains(*cursor_))
+        return;
+    // The crosshair and its reading, in the graph's text colour over a box of its ground.
+    QColor line = qColor(appearance_.text);
+    line.setAlphaF(0.5f);
+    painter.setPen(QPen(line, 1.0, Qt::DashLine));
+    painter.drawLine(QPointF(cursor_->x(), area.top()), QPointF(cursor_->x(), area.bottom()));
+    painter.drawLine(QPointF(area.left(), cursor_->y()), QPointF(area.right(), cursor_->y()));
+    const QString text = readoutText();
+    QFont font = painter.font();
+    font.setPointSizeF(8.5);
+    painter.setFont(font);
+    QRectF box = painter.boundingRect(QRectF(0, 0, 400, 400), Qt::AlignLeft | Qt::AlignTop, text);
+    box.adjust(-6, -4, 6, 4);
+    // Beside the cursor, on the side with room.
+    QPointF at = *cursor_ + QPointF(12, 12);
+    if (at.x() + box.width() > area.right())
+        at.setX(cursor_->x() - 12 - box.width());
+    if (at.y() + box.height() > area.bottom())
+        at.setY(cursor_->y() - 12 - box.height());
+    box.moveTopLeft(at);
+    QColor ground = qColor(appearance_.background);
+    ground.setAlphaF(0.9f);
+    painter.fillRect(box, ground);
+    painter.setPen(qColor(appearance_.frame.color));
+    painter.drawRect(box);
+    painter.setPen(qColor(appearance_.text));
+    painter.drawText(box.adjusted(6, 4, -6, -4), Qt::AlignLeft | Qt::AlignTop, text);
+}
+
+void GraphWidget::resizeEvent(QResizeEvent*) {
+    graph_.setViewBounds({0.0, 0.0, width() / kPixelsPerPoint, height() / kPixelsPerPoint});
+    rendered_.reset();
+}
+
+void GraphWidget::pushExtents(const VELTGraphExtents& extents, const QString& text, int gesture) {
+    if (extents == graph_.extents())
+        return;
+    undoStack_.push(new SetGraphExtentsCommand(graph_, extents, text, gesture));
+}
+
+void GraphWidget::wheelEvent(QWheelEvent* event) {
+    ensureRendered();
+    const double steps = event->angleDelta().y() / 120.0;
+    auto anchor = dataAt(event->position());
+    if (!anchor || steps == 0.0 || !plotArea().contains(event->position()))
+        return;
+    if (!lastWheel_.isValid() || lastWheel_.elapsed() > kWheelGestureMilliseconds)
+        ++gesture_;
+    lastWheel_.start();
+    pushExtents(graph_.zoomed(anchor->x(), anchor->y(), std::pow(kZoomStep, -steps)), tr("Zoom"), gesture_);
+    event->accept();
+}
+
+void GraphWidget::mousePressEvent(QMouseEvent* event) {
+    if (event->button() == Qt::LeftButton && plotArea().contains(event->position())) {
+        dragFrom_ = event->position();
+        ++gesture_;
+        lastWheel_.invalidate();
+    }
+}
+
+void GraphWidget::mouseMoveEvent(QMouseEvent* event) {
+    cursor_ = event->position();
+    if (dragFrom_ && (event->buttons() & Qt::LeftButton)) {
+        auto from = dataAt(*dragFrom_);
+        auto to = dataAt(event->position());
+        if (from && to)
+            pushExtents(graph_.panned(from->x(), from->y(), to->x(), to->y()), tr("Pan"), gesture_);
+        dragFrom_ = event->position();
+    }
+    update();
+}
+
+void GraphWidget::mouseReleaseEvent(QMouseEvent*) {
+    dragFrom_.reset();
+}
+
+void GraphWidget::mouseDoubleClickEvent(QMouseEvent*) {
+    if (auto fitted = graph_.fittedExtents())
+        pushExtents(*fitted, tr("Fit to Data"), 0);
+}
+
+void GraphWidget::leaveEvent(QEvent*) {
+    cursor_.reset();
+    update();
+}
+
+} // namespace tavolar::desktop

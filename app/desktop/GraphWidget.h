@@ -1,0 +1,63 @@
+#pragma once
+// The view of one graph: the graph drawn as picture files draw it, and the gestures on it. The wheel
+// zooms about the cursor, a drag pans, a double click fits the extents to the curves; a crosshair
+// follows the cursor and reads every curve at its frequency. Changes of the extents are undoable.
+
+#include "GraphModel.h"
+#include "GraphRenderer.h"
+
+#include <QElapsedTimer>
+#include <QPointer>
+#include <QUndoStack>
+#include <QWidget>
+#include <optional>
+
+namespace tavolar::desktop {
+
+class GraphWidget : public QWidget {
+    Q_OBJECT
+public:
+    // The zoom of one wheel step; the opposite step zooms by its inverse.
+    static constexpr double kZoomStep = 1.25;
+
+    GraphWidget(GraphModel& graph, QUndoStack& undoStack, QWidget* parent = nullptr);
+
+    GraphModel& graph() noexcept { return graph_; }
+    void setAppearance(const VELTGraphAppearance& appearance);
+    const VELTGraphAppearance& appearance() const noexcept { return appearance_; }
+
+    // The data point at a position in the widget, and back (nothing before the graph is laid out).
+    std::optional<QPointF> dataAt(QPointF position) const;
+    std::optional<QPointF> positionOf(QPointF data) const;
+    // The plot area in the widget's coordinates.
+    QRectF plotArea() const;
+    // The crosshair's reading: the frequency and each curve's value there.
+    QString readoutText() const;
+
+    QSize sizeHint() const override { return {720, 450}; }
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
+    void wheelEvent(QWheelEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
+    void mouseDoubleClickEvent(QMouseEvent* event) override;
+    void leaveEvent(QEvent* event) override;
+
+private:
+    void ensureRendered();
+    void pushExtents(const VELTGraphExtents& extents, const QString& text, int gesture);
+
+    GraphModel& graph_;
+    QUndoStack& undoStack_;
+    VELTGraphAppearance appearance_ = VELTGraphAppearance::light();
+    std::optional<RenderedGraph> rendered_;
+    std::optional<QPointF> cursor_;
+    std::optional<QPointF> dragFrom_;
+    int gesture_ = 0;
+    QElapsedTimer lastWheel_;
+};
+
+} // namespace tavolar::desktop

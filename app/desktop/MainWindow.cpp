@@ -1,0 +1,257 @@
+#include "MainWindow.h"
+
+#include "GraphCommands.h"
+#include "MeasureDialog.h"
+#include "platform/RunLoop.h"
+
+#include <QApplication>
+#include <QColorDialog>
+#include <QFileDialog>
+#include <QFileInfo>
+#include <QHeaderView>
+#include <QKeySequence>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QSplitter>
+#include <QStatusBar>
+#include <QTimer>
+
+namespace tavolar::desktop {
+
+namespace {
+
+// The smoothing of the keys 0 to 5: none, then 1/48 to 1/3 octave.
+constexpr int kSmoothingOfKey[] = {0, 48, 24, 12, 6, 3};
+
+constexpr int kMainQueueIntervalMilliseconds = 10;
+
+} // namespace
+
+void MainWindow::startMainQueuePump() {
+    static QTimer* pump = nullptr;
+    if (pump)
+        return;
+    pump = new QTimer(qApp);
+    // runOnce never waits: it runs what is queued and returns, so the interface never blocks on it.
+    QObject::connect(pump, &QTimer::timeout, [] { RunLoop::runOnce(); });
+    pump->start(kMainQueueIntervalMilliseconds);
+}
+
+MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString& theme)
+    : document_(std::move(document)), theme_(theme) {
+    startMainQueuePump();
+    setAttribute(Qt::WA_DeleteOnClose);
+    setWindowTitle(QFileInfo(QString::fromStdString(document_->path().string())).fileName() +
+                   " \u2014 Tavolar");
+    const VELTGraphAppearance appearance =
+        VELTGraphAppearance::appearanceNamed(theme.toStdString()).value_or(VELTGraphAppearance::light());
+
+    tabs_ = new QTabWidget;
+    tabs_->setDocumentMode(true);
+    for (const FrequencyGraphDescription& description : frequencyGraphDescriptions()) {
+        auto* graph = new GraphModel(description, this);
+        auto* widget = new GraphWidget(*graph, document_->undoStack());
+        widget->setAppearance(appearance);
+        widget->setObjectName(QString::fromUtf8(description.name.data(), description.name.size()));
+        graphs_.push_back(graph);
+        widgets_.push_back(widget);
+        stale_.push_back(true);
+        tabs_->addTab(widget, QString::fromUtf8(description.title.data(), description.title.size()));
+        connect(graph, &GraphModel::valueChanged, this, [this] { updateGraphActions(); });
+    }
+
+    table_ = new QTableView;
+    table_->setModel(document_.get());
+    table_->setSelectionBehavior(QAbstractItemView::SelectRows);
+    table_->setEditTriggers(QAbstractItemView::DoubleClicked | QAbstractItemView::EditKeyPressed);
+    table_->horizontalHeader()->setStretchLastSection(true);
+    table_->verticalHeader()->setVisible(false);
+    table_->setColumnWidth(RecordTableModel::Name, 220);
+    table_->horizontalHeader()->setSectionResizeMode(RecordTableModel::Date, QHeaderView::ResizeToContents);
+    connect(table_, &QTableView::doubleClicked, this, [this](const QModelIndex& index) {
+        if (index.column() != RecordTableModel::Colour)
+            return;
+        const QColor color = QColorDialog::getColor(index.data(Qt::EditRole).value<QColor>(), this);
+        if (color.isValid())
+            document_->setData(index, color, Qt::EditRole);
+    });
+
+    auto* splitter = new QSplitter(Qt::Vertical);
+    splitter->addWidget(tabs_);
+    splitter->addWidget(table_);
+    splitter->setStretchFactor(0, 3);
+    splitter->setStretchFactor(1, 1);
+    setCentralWidget(splitter);
+
+    buildMenus();
+    connect(document_.get(), &RecordTableModel::recordsChanged, this, &MainWindow::refreshGraphs);
+    connect(document_.get(), &RecordTableModel::errorOccurred, this, &MainWindow::showError);
+    connect(tabs_, &QTabWidget::currentChanged, this, [this](int index) {
+        // A graph that missed changes while hidden computes its curves now.
+        if (index >= 0 && stale_[static_cast<std::size_t>(index)]) {
+            graphs_[static_cast<std::size_t>(index)]->setRecords(document_->visibleRecords());
+            stale_[static_cast<std::size_t>(index)] = false;
+        }
+        updateGraphActions();
+    });
+    refreshGraphs();
+    updateGraphActions();
+    statusBar()->showMessage(tr("%n record(s)", nullptr, document_->rowCount()));
+}
+
+MainWindow::~MainWindow() = default;
+
+MainWindow* MainWindow::openDocument(const QString& path, bool create, QWidget* parent,
+                                     const QString& theme) {
+    auto document = RecordTableModel::open(path.toStdString(), create);
+    if (!document) {
+        QMessageBox::warning(parent,
+                             create ? tr("The document cannot be made") : tr("The document cannot be opened"),
+                             QString::fromStdString(document.error().localizedDescription + "\n\n" +
+                                                    document.error().localizedRecoverySuggestion));
+        return nullptr;
+    }
+    QString chosen = theme.isEmpty() ? QString("light") : theme;
+    if (auto* window = qobject_cast<MainWindow*>(parent); window && theme.isEmpty())
+        chosen = window->theme_;
+    auto* window = new MainWindow(std::move(*document), chosen);
+    window->show();
+    return window;
+}
+
+void MainWindow::buildMenus() {
+    QMenu* file = menuBar()->addMenu(tr("&File"));
+    file->addAction(tr("&New Document…"), QKeySequence::New, this, &MainWindow::newDocument);
+    file->addAction(tr("&Open…"), QKeySequence::Open, this, &MainWindow::openDocumentDialog);
+    file->addSeparator();
+    file->addAction(tr("&Measure…"), QKeySequence(Qt::CTRL | Qt::Key_M), this, &MainWindow::measure);
+    file->addSeparator();
+    file->addAction(tr("&Close"), QKeySequence::Close, this, &QWidget::close);
+
+    QMenu* edit = menuBar()->addMenu(tr("&Edit"));
+    QAction* undo = document_->undoStack().createUndoAction(this, tr("&Undo"));
+    undo->setShortcut(QKeySequence::Undo);
+    QAction* redo = document_->undoStack().createRedoAction(this, tr("&Redo"));
+    redo->setShortcut(QKeySequence::Redo);
+    edit->addAction(undo);
+    edit->addAction(redo);
+    edit->addSeparator();
+    QAction* remove = edit->addAction(tr("&Delete Records"), this, [this] {
+        std::vector<int> rows;
+        for (const QModelIndex& index : table_->selectionModel()->selectedRows())
+            rows.push_back(index.row());
+        document_->removeRecords(rows);
+    });
+    remove->setShortcut(QKeySequence::Delete);
+    remove->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+    table_->addAction(remove);
+
+    QMenu* graph = menuBar()->addMenu(tr("&Graph"));
+    smoothingActions_ = new QActionGroup(this);
+    for (int key = 0; key < 6; ++key) {
+        const int smoothing = kSmoothingOfKey[key];
+        QAction* action = graph->addAction(smoothing == 0 ? tr("No Smoothing")
+                                                          : tr("1/%1 Octave Smoothing").arg(smoothing));
+        action->setCheckable(true);
+        action->setData(smoothing);
+        action->setShortcut(QKeySequence(Qt::CTRL | (Qt::Key_0 + key)));
+        action->setShortcutContext(Qt::WindowShortcut);
+        smoothingActions_->addAction(action);
+        connect(action, &QAction::triggered, this,
+                [this, smoothing] { setGraphValue("smoothingFraction", smoothing); });
+    }
+    graph->addSeparator();
+    normalizeAction_ = graph->addAction(tr("&Normalize"), this,
+                                        [this](bool on) { setGraphValue("normalize", on ? 1.0 : 0.0); });
+    normalizeAction_->setCheckable(true);
+    lockAction_ = graph->addAction(tr("&Lock Extents"), this,
+                                   [this](bool on) { setGraphValue("extentsLocked", on ? 1.0 : 0.0); });
+    lockAction_->setCheckable(true);
+    graph->addAction(tr("&Fit to Data"), QKeySequence(Qt::CTRL | Qt::Key_F), this, [this] {
+        GraphModel& model = currentGraphWidget().graph();
+        if (auto fitted = model.fittedExtents(); fitted && *fitted != model.extents())
+            document_->undoStack().push(new SetGraphExtentsCommand(model, *fitted, tr("Fit to Data")));
+    });
+}
+
+GraphWidget& MainWindow::currentGraphWidget() {
+    return *widgets_.at(static_cast<std::size_t>(std::max(0, tabs_->currentIndex())));
+}
+
+GraphWidget* MainWindow::graphWidget(const QString& name) {
+    for (GraphWidget* widget : widgets_)
+        if (widget->objectName() == name)
+            return widget;
+    return nullptr;
+}
+
+bool MainWindow::showGraph(const QString& name) {
+    GraphWidget* widget = graphWidget(name);
+    if (widget)
+        tabs_->setCurrentWidget(widget);
+    return widget != nullptr;
+}
+
+void MainWindow::setGraphValue(const std::string& keyPath, double value) {
+    GraphModel& graph = currentGraphWidget().graph();
+    if (graph.value(keyPath) != value)
+        document_->undoStack().push(new SetGraphValueCommand(graph, keyPath, value));
+}
+
+void MainWindow::refreshGraphs() {
+    // Every graph learns of the change; only the one shown computes now, the others when shown.
+    std::fill(stale_.begin(), stale_.end(), true);
+    const auto current = static_cast<std::size_t>(std::max(0, tabs_->currentIndex()));
+    graphs_[current]->setRecords(document_->visibleRecords());
+    stale_[current] = false;
+}
+
+void MainWindow::updateGraphActions() {
+    GraphModel& graph = currentGraphWidget().graph();
+    for (QAction* action : smoothingActions_->actions()) {
+        action->setEnabled(graph.graph().smoothed);
+        action->setChecked(action->data().toInt() == graph.smoothing());
+    }
+    normalizeAction_->setChecked(graph.value("normalize") != 0.0);
+    lockAction_->setChecked(graph.extentsLocked());
+}
+
+QImage MainWindow::screenshot(QSize size) {
+    resize(size);
+    // Laid out at the final size before the curves are fitted to the graph's area.
+    setAttribute(Qt::WA_DontShowOnScreen);
+    show();
+    QApplication::processEvents();
+    GraphModel& graph = currentGraphWidget().graph();
+    graph.reloadSynchronously();
+    QApplication::processEvents();
+    return grab().toImage();
+}
+
+void MainWindow::newDocument() {
+    const QString path = QFileDialog::getSaveFileName(this, tr("New Document"), QString(),
+                                                      tr("Measurement documents (*.tavolar)"));
+    if (path.isEmpty())
+        return;
+    const QString withSuffix = path.endsWith(".tavolar") ? path : path + ".tavolar";
+    openDocument(withSuffix, true, this);
+}
+
+void MainWindow::openDocumentDialog() {
+    const QStringList paths = QFileDialog::getOpenFileNames(this, tr("Open Documents"), QString(),
+                                                            tr("Measurement documents (*.tavolar)"));
+    for (const QString& path : paths)
+        openDocument(path, false, this);
+}
+
+void MainWindow::measure() {
+    auto* dialog = new MeasureDialog(*document_, this);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->open();
+}
+
+void MainWindow::showError(const QString& message) {
+    QMessageBox::warning(this, tr("The document was not changed"), message);
+}
+
+} // namespace tavolar::desktop

@@ -1,0 +1,68 @@
+#pragma once
+// The window of one measurement document: its graphs in tabs above the table of its records, the
+// menus of the graph settings (smoothing on Ctrl+0 to Ctrl+5), undo and redo of every edit, and the
+// measurement dialog. Each document has a window of its own.
+
+#include "GraphModel.h"
+#include "GraphWidget.h"
+#include "RecordTableModel.h"
+
+#include <QActionGroup>
+#include <QMainWindow>
+#include <QTabWidget>
+#include <QTableView>
+#include <memory>
+#include <vector>
+
+namespace tavolar::desktop {
+
+class MainWindow : public QMainWindow {
+    Q_OBJECT
+public:
+    MainWindow(std::unique_ptr<RecordTableModel> document, const QString& theme = "light");
+    ~MainWindow() override;
+
+    // Opens (or, with create, makes) the document in a new window; reports a failure in a dialog
+    // over parent and answers nothing.
+    // The window takes the theme given, else the parent window's, else the light one.
+    static MainWindow* openDocument(const QString& path, bool create, QWidget* parent = nullptr,
+                                    const QString& theme = {});
+    // Work that the engine puts on its main queue (measurement stages, computed curves) runs between
+    // the interface's events; started once for the process.
+    static void startMainQueuePump();
+
+    RecordTableModel& document() noexcept { return *document_; }
+    QTableView& recordTable() noexcept { return *table_; }
+    // The graph shown, and every graph by its name ("magnitude", "group-delay").
+    GraphWidget& currentGraphWidget();
+    GraphWidget* graphWidget(const QString& name);
+    bool showGraph(const QString& name);
+    // Sets a graph setting of the current graph through the undo stack.
+    void setGraphValue(const std::string& keyPath, double value);
+    // The window drawn off screen at the size, with the current graph's curves computed first.
+    QImage screenshot(QSize size);
+
+public slots:
+    void newDocument();
+    void openDocumentDialog();
+    void measure();
+
+private:
+    void buildMenus();
+    void refreshGraphs();
+    void updateGraphActions();
+    void showError(const QString& message);
+
+    std::unique_ptr<RecordTableModel> document_;
+    QString theme_;
+    QTabWidget* tabs_ = nullptr;
+    QTableView* table_ = nullptr;
+    std::vector<GraphModel*> graphs_;
+    std::vector<GraphWidget*> widgets_;
+    std::vector<bool> stale_;
+    QActionGroup* smoothingActions_ = nullptr;
+    QAction* normalizeAction_ = nullptr;
+    QAction* lockAction_ = nullptr;
+};
+
+} // namespace tavolar::desktop

@@ -1,0 +1,85 @@
+#pragma once
+// The measurement dialog: device, input and output channels, sweep, averages and name; a measurement
+// with progress that can be cancelled, whose records join the document when processing ends. The
+// engine runs on its own threads and reports on its main queue, which the window drains between
+// events, so the interface never waits for audio or processing.
+
+#include "RecordTableModel.h"
+#include "engine/VELTRZMeasurementController.h"
+
+#include <QCheckBox>
+#include <QComboBox>
+#include <QDialog>
+#include <QDialogButtonBox>
+#include <QDoubleSpinBox>
+#include <QElapsedTimer>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QSpinBox>
+#include <QTimer>
+#include <memory>
+
+namespace tavolar::desktop {
+
+class MeasureDialog : public QDialog {
+    Q_OBJECT
+public:
+    MeasureDialog(RecordTableModel& document, QWidget* parent = nullptr);
+    ~MeasureDialog() override;
+
+    bool isMeasuring() const noexcept { return controller_ != nullptr; }
+    QComboBox& device() noexcept { return *device_; }
+    QListWidget& inputs() noexcept { return *inputs_; }
+    QCheckBox& fast() noexcept { return *fast_; }
+    QLineEdit& name() noexcept { return *name_; }
+    QPushButton& measureButton() noexcept { return *measureButton_; }
+    QPushButton& cancelButton() noexcept { return *cancelButton_; }
+    QLabel& status() noexcept { return *status_; }
+
+public slots:
+    void start();
+    void cancel();
+
+signals:
+    // The measurement ended: with records added to the document, or not (an error or a cancel).
+    void finished(bool recordsAdded);
+
+private:
+    class Delegate;
+    friend class Delegate;
+    void fillChannels();
+    void updateProgress();
+    void measurementEnded(bool aborted);
+    void setRunning(bool running);
+
+    RecordTableModel& document_;
+    QComboBox* device_;
+    QListWidget* inputs_;
+    QSpinBox* output_;
+    QComboBox* preset_;
+    QDoubleSpinBox* start_;
+    QDoubleSpinBox* end_;
+    QDoubleSpinBox* level_;
+    QSpinBox* averages_;
+    QLineEdit* name_;
+    QCheckBox* fast_;
+    QCheckBox* keepQuiet_;
+    QProgressBar* progress_;
+    QLabel* status_;
+    QPushButton* measureButton_;
+    QPushButton* cancelButton_;
+    QTimer progressTimer_;
+
+    std::shared_ptr<VELTRZMeasurementController> controller_;
+    std::shared_ptr<Delegate> delegate_;
+    std::string recordUID_;
+    std::string deviceName_;
+    std::vector<std::int64_t> channels_;
+    double sweepSeconds_ = 0.0;
+    bool cancelled_ = false;
+};
+
+} // namespace tavolar::desktop

@@ -1,0 +1,335 @@
+#include "RecordTableModel.h"
+
+#include <QDateTime>
+#include <QUndoCommand>
+#include <algorithm>
+#include <chrono>
+
+namespace tavolar::desktop {
+
+namespace {
+
+// Where a record keeps whether graphs leave it out, among the values that hosts store with it; a
+// record without the key is shown, so records from other hosts all appear.
+constexpr const char* kHiddenKey = "TavolarHidden";
+
+QColor qColor(const std::optional<ArchivedColor>& color) {
+    const ArchivedColor value = color.value_or(ArchivedColor{});
+    return QColor::fromRgbF(static_cast<float>(value.red), static_cast<float>(value.green),
+                            static_cast<float>(value.blue), static_cast<float>(value.alpha));
+}
+
+ArchivedColor archivedColor(const QColor& color) {
+    return {color.redF(), color.greenF(), color.blueF(), color.alphaF()};
+}
+
+QString columnActionName(RecordTableModel::Column column, const QVariant& value) {
+    switch (column) {
+    case RecordTableModel::Name:
+        return QObject::tr("Rename Record");
+    case RecordTableModel::Colour:
+        return QObject::tr("Set Record Colour");
+    case RecordTableModel::Visible:
+        return value.toBool() ? QObject::tr("Show Record") : QObject::tr("Hide Record");
+    case RecordTableModel::Notes:
+        return QObject::tr("Set Notes");
+    default:
+        return {};
+    }
+}
+
+class SetFieldCommand : public QUndoCommand {
+public:
+    SetFieldCommand(RecordTableModel& model, std::string uuid, RecordTableModel::Column column,
+                    QVariant value)
+        : QUndoCommand(columnActionName(column, value)), model_(model), uuid_(std::move(uuid)),
+          column_(column), old_(model.field(uuid_, column)), new_(std::move(value)) {}
+    void redo() override { model_.applyField(uuid_, column_, new_); }
+    void undo() override { model_.applyField(uuid_, column_, old_); }
+
+private:
+    RecordTableModel& model_;
+    std::string uuid_;
+    RecordTableModel::Column column_;
+    QVariant old_, new_;
+};
+
+// Removing and adding are one command that takes records out or puts them back at their rows.
+class RecordsCommand : public QUndoCommand {
+public:
+    using Rows = std::vector<std::pair<int, std::shared_ptr<VELTMeasurementRecord>>>;
+    RecordsCommand(RecordTableModel& model, Rows rows, bool adding, QString text)
+        : QUndoCommand(std::move(text)), model_(model), rows_(std::move(rows)), adding_(adding) {
+        for (const auto& [row, record] : rows_)
+            uuids_.push_back(record->impulseUUID());
+    }
+    void redo() override { adding_ ? model_.insertRecords(rows_) : model_.takeRecords(uuids_); }
+    void undo() override { adding_ ? model_.takeRecords(uuids_) : model_.insertRecords(rows_); }
+
+private:
+    RecordTableModel& model_;
+    Rows rows_;
+    std::vector<std::string> uuids_;
+    bool adding_;
+};
+
+} // namespace
+
+Expected<std::unique_ptr<RecordTableModel>> RecordTableModel::open(const std::filesystem::path& path,
+                                                                   bool create) {
+    auto store = cli::RecordStore::open(path, create ? cli::RecordStore::Mode::CreateIfMissing
+                                                     : cli::RecordStore::Mode::ReadWrite);
+    if (!store)
+        return std::unexpected(store.error());
+    std::unique_ptr<RecordTableModel> model(new RecordTableModel(std::move(*store)));
+    for (std::size_t index = 0; index < model->store_.summaries().size(); ++index) {
+        auto record = model->store_.load(index);
+        if (!record)
+            return std::unexpected(record.error());
+        model->records_.push_back(*record);
+    }
+    return model;
+}
+
+RecordTableModel::RecordTableModel(cli::RecordStore store) : store_(std::move(store)) {}
+
+RecordArray RecordTableModel::visibleRecords() const {
+    RecordArray visible;
+    for (const auto& record : records_)
+        if (isVisible(*record))
+            visible.push_back(record);
+    return visible;
+}
+
+bool RecordTableModel::isVisible(const VELTMeasurementRecord& record) {
+    const nlohmann::json values = record.plugInDictionary();
+    return !(values.is_object() && values.value(kHiddenKey, false));
+}
+
+int RecordTableModel::rowCount(const QModelIndex& parent) const {
+    return parent.isValid() ? 0 : static_cast<int>(records_.size());
+}
+
+int RecordTableModel::columnCount(const QModelIndex& parent) const {
+    return parent.isValid() ? 0 : ColumnCount;
+}
+
+QVariant RecordTableModel::data(const QModelIndex& index, int role) const {
+    if (!index.isValid() || index.row() >= rowCount())
+        return {};
+    const VELTMeasurementRecord& record = *records_[static_cast<std::size_t>(index.row())];
+    const auto column = static_cast<Column>(index.column());
+    if (column == Visible && role == Qt::CheckStateRole)
+        return isVisible(record) ? Qt::Checked : Qt::Unchecked;
+    if (column == Colour && role == Qt::DecorationRole)
+        return qColor(record.plotColor());
+    if (role == Qt::ToolTipRole && column == Name)
+        return QString::fromStdString(record.impulseUUID());
+    if (role != Qt::DisplayRole && role != Qt::EditRole)
+        return {};
+    switch (column) {
+    case Name:
+        return QString::fromStdString(cli::RecordStore::displayName(record));
+    case Colour:
+        return role == Qt::EditRole ? QVariant(qColor(record.plotColor()))
+                                    : QVariant(qColor(record.plotColor()).name());
+    case Date:
+        if (auto date = record.date()) {
+            const auto milliseconds =
+                std::chrono::duration_cast<std::chrono::milliseconds>(date->time_since_epoch()).count();
+            return QDateTime::fromMSecsSinceEpoch(milliseconds, Qt::UTC).toString("yyyy-MM-dd HH:mm:ss");
+        }
+        return {};
+    case Notes:
+        return QString::fromStdString(record.notes().value_or(""));
+    default:
+        return {};
+    }
+}
+
+QVariant RecordTableModel::headerData(int section, Qt::Orientation orientation, int role) const {
+    if (orientation != Qt::Horizontal || role != Qt::DisplayRole)
+        return {};
+    static const char* const names[] = {"Name", "Colour", "Visible", "Date (UTC)", "Notes"};
+    return section >= 0 && section < ColumnCount ? tr(names[section]) : QVariant();
+}
+
+Qt::ItemFlags RecordTableModel::flags(const QModelIndex& index) const {
+    Qt::ItemFlags flags = QAbstractTableModel::flags(index);
+    switch (index.column()) {
+    case Name:
+    case Notes:
+    case Colour:
+        return flags | Qt::ItemIsEditable;
+    case Visible:
+        return flags | Qt::ItemIsUserCheckable;
+    default:
+        return flags;
+    }
+}
+
+bool RecordTableModel::setData(const QModelIndex& index, const QVariant& value, int role) {
+    if (!index.isValid() || index.row() >= rowCount())
+        return false;
+    const auto column = static_cast<Column>(index.column());
+    QVariant newValue;
+    if (column == Visible && role == Qt::CheckStateRole)
+        newValue = value.toInt() == Qt::Checked;
+    else if (role == Qt::EditRole && (column == Name || column == Notes))
+        newValue = value.toString();
+    else if (role == Qt::EditRole && column == Colour && value.value<QColor>().isValid())
+        newValue = value.value<QColor>();
+    else
+        return false;
+    const std::string uuid = records_[static_cast<std::size_t>(index.row())]->impulseUUID();
+    if (field(uuid, column) == newValue)
+        return true;
+    undoStack_.push(new SetFieldCommand(*this, uuid, column, newValue));
+    return true;
+}
+
+QVariant RecordTableModel::field(const std::string& uuid, Column column) const {
+    const int row = rowOf(uuid);
+    if (row < 0)
+        return {};
+    const VELTMeasurementRecord& record = *records_[static_cast<std::size_t>(row)];
+    switch (column) {
+    case Name:
+        return QString::fromStdString(record.comment().value_or(""));
+    case Colour:
+        return qColor(record.plotColor());
+    case Visible:
+        return isVisible(record);
+    case Notes:
+        return QString::fromStdString(record.notes().value_or(""));
+    default:
+        return {};
+    }
+}
+
+void RecordTableModel::applyField(const std::string& uuid, Column column, const QVariant& value) {
+    const int row = rowOf(uuid);
+    if (row < 0)
+        return;
+    const auto& record = records_[static_cast<std::size_t>(row)];
+    switch (column) {
+    case Name:
+        record->setComment(value.toString().toStdString());
+        break;
+    case Colour:
+        record->setPlotColor(archivedColor(value.value<QColor>()));
+        break;
+    case Visible: {
+        nlohmann::json values = record->plugInDictionary();
+        if (!values.is_object())
+            values = nlohmann::json::object();
+        if (value.toBool())
+            values.erase(kHiddenKey);
+        else
+            values[kHiddenKey] = true;
+        record->setPlugInDictionary(std::move(values));
+        break;
+    }
+    case Notes:
+        record->setNotes(value.toString().toStdString());
+        break;
+    default:
+        return;
+    }
+    save({record}, false);
+    emit dataChanged(index(row, 0), index(row, ColumnCount - 1));
+    if (column != Notes)
+        emit recordsChanged();
+}
+
+void RecordTableModel::removeRecords(std::vector<int> rows) {
+    std::sort(rows.begin(), rows.end());
+    rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
+    RecordsCommand::Rows taken;
+    for (int row : rows)
+        if (row >= 0 && row < rowCount())
+            taken.emplace_back(row, records_[static_cast<std::size_t>(row)]);
+    if (taken.empty())
+        return;
+    const QString text = taken.size() == 1 ? tr("Delete Record") : tr("Delete Records");
+    undoStack_.push(new RecordsCommand(*this, std::move(taken), false, text));
+}
+
+void RecordTableModel::addRecords(std::vector<std::shared_ptr<VELTMeasurementRecord>> records) {
+    RecordsCommand::Rows rows;
+    for (auto& record : records)
+        rows.emplace_back(rowCount() + static_cast<int>(rows.size()), std::move(record));
+    if (!rows.empty())
+        undoStack_.push(new RecordsCommand(*this, std::move(rows), true, tr("Add Measurement")));
+}
+
+std::shared_ptr<VELTMeasurementRecord> RecordTableModel::makeRecord(VELTRealVector impulseResponse,
+                                                                    std::int64_t sampleRate) {
+    return store_.makeRecord(std::move(impulseResponse), sampleRate);
+}
+
+void RecordTableModel::takeRecords(const std::vector<std::string>& uuids) {
+    auto removed = store_.document().performBatch([&]() -> Expected<void> {
+        for (const std::string& uuid : uuids)
+            if (auto gone = store_.document().removeRecord(uuid); !gone)
+                return std::unexpected(gone.error());
+        return {};
+    });
+    if (!removed)
+        return reportError(cli::documentError(path(), removed.error()));
+    for (const std::string& uuid : uuids) {
+        const int row = rowOf(uuid);
+        if (row < 0)
+            continue;
+        beginRemoveRows({}, row, row);
+        records_.erase(records_.begin() + row);
+        endRemoveRows();
+    }
+    emit recordsChanged();
+}
+
+void RecordTableModel::insertRecords(
+    const std::vector<std::pair<int, std::shared_ptr<VELTMeasurementRecord>>>& rows) {
+    std::vector<std::shared_ptr<VELTMeasurementRecord>> records;
+    for (const auto& [row, record] : rows) {
+        const int at = std::clamp(row, 0, rowCount());
+        beginInsertRows({}, at, at);
+        records_.insert(records_.begin() + at, record);
+        endInsertRows();
+        records.push_back(record);
+    }
+    // The impulse responses went with the records, so they are written again from memory.
+    save(records, true);
+    std::vector<std::string> order;
+    for (const auto& record : records_)
+        order.push_back(record->impulseUUID());
+    if (auto ordered = store_.document().setRecordOrder(order); !ordered)
+        reportError(cli::documentError(path(), ordered.error()));
+    emit recordsChanged();
+}
+
+int RecordTableModel::rowOf(const std::string& uuid) const {
+    for (std::size_t row = 0; row < records_.size(); ++row)
+        if (records_[row]->impulseUUID() == uuid)
+            return static_cast<int>(row);
+    return -1;
+}
+
+void RecordTableModel::save(const std::vector<std::shared_ptr<VELTMeasurementRecord>>& records,
+                            bool withImpulses) {
+    std::vector<std::string> impulses;
+    if (withImpulses)
+        for (const auto& record : records)
+            impulses.push_back(record->impulseUUID());
+    if (auto saved = store_.save(records, impulses); !saved)
+        reportError(saved.error());
+}
+
+void RecordTableModel::reportError(const TavolarError& error) {
+    QString message = QString::fromStdString(error.localizedDescription);
+    if (!error.localizedRecoverySuggestion.empty())
+        message += "\n" + QString::fromStdString(error.localizedRecoverySuggestion);
+    emit errorOccurred(message);
+}
+
+} // namespace tavolar::desktop

@@ -1,0 +1,77 @@
+#pragma once
+// The records of one measurement document as a table: name, colour, visibility, date and notes.
+// Every edit is written to the document as it is made; edits made through the undo stack (setData,
+// removeRecords) can be undone, and the undo writes the document again.
+
+#include "RecordStore.h"
+#include "graphcalc/GraphCalculationController.h"
+
+#include <QAbstractTableModel>
+#include <QColor>
+#include <QUndoStack>
+#include <QVariant>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tavolar::desktop {
+
+class RecordTableModel : public QAbstractTableModel {
+    Q_OBJECT
+public:
+    enum Column { Name, Colour, Visible, Date, Notes, ColumnCount };
+
+    // Opens the document (creating it when create is set and there is no file) and reads its records.
+    static Expected<std::unique_ptr<RecordTableModel>> open(const std::filesystem::path& path, bool create);
+
+    const std::filesystem::path& path() const noexcept { return store_.path(); }
+    QUndoStack& undoStack() noexcept { return undoStack_; }
+    const std::vector<std::shared_ptr<VELTMeasurementRecord>>& records() const noexcept { return records_; }
+    // The records drawn in graphs, in document order.
+    RecordArray visibleRecords() const;
+    static bool isVisible(const VELTMeasurementRecord& record);
+
+    int rowCount(const QModelIndex& parent = {}) const override;
+    int columnCount(const QModelIndex& parent = {}) const override;
+    QVariant data(const QModelIndex& index, int role) const override;
+    QVariant headerData(int section, Qt::Orientation orientation, int role) const override;
+    Qt::ItemFlags flags(const QModelIndex& index) const override;
+    // Edits go through the undo stack: name, colour (a QColor), visibility (check state) and notes.
+    bool setData(const QModelIndex& index, const QVariant& value, int role) override;
+
+    // Removes the rows as one undoable step.
+    void removeRecords(std::vector<int> rows);
+    // Adds newly measured records (their impulse responses still in memory) as one undoable step.
+    void addRecords(std::vector<std::shared_ptr<VELTMeasurementRecord>> records);
+    // A record with its impulse response in this document's cache, for a new measurement.
+    std::shared_ptr<VELTMeasurementRecord> makeRecord(VELTRealVector impulseResponse,
+                                                      std::int64_t sampleRate);
+
+    // What the undo commands call: the value of a column for the record with the UUID, and setting
+    // it (written to the document at once).
+    QVariant field(const std::string& uuid, Column column) const;
+    void applyField(const std::string& uuid, Column column, const QVariant& value);
+    // Takes the records out of the document, or puts them back at their rows (ascending).
+    void takeRecords(const std::vector<std::string>& uuids);
+    void insertRecords(const std::vector<std::pair<int, std::shared_ptr<VELTMeasurementRecord>>>& rows);
+
+signals:
+    // A write to the document failed; the message says what happened and what to do.
+    void errorOccurred(const QString& message);
+    // The visible records, their order or anything drawn of them changed.
+    void recordsChanged();
+
+private:
+    explicit RecordTableModel(cli::RecordStore store);
+    int rowOf(const std::string& uuid) const;
+    void save(const std::vector<std::shared_ptr<VELTMeasurementRecord>>& records, bool withImpulses);
+    void reportError(const TavolarError& error);
+
+    cli::RecordStore store_;
+    std::vector<std::shared_ptr<VELTMeasurementRecord>> records_;
+    QUndoStack undoStack_;
+};
+
+} // namespace tavolar::desktop
