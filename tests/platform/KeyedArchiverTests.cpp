@@ -3,7 +3,6 @@
 
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <limits>
@@ -492,115 +491,20 @@ TEST(KeyedArchiver, ForeignEmptyNewerMalformedAndDeeplyNestedDataAreRefused) {
     EXPECT_EQ(errorOf<Link>(chain(100)), "The archive is damaged: the archive nests objects too deeply.");
 }
 
-// Every prefix of a rich archive, and every byte of it flipped, dropped or doubled, decodes or fails
-// cleanly; under the sanitizer build this also shows that nothing reads out of bounds or leaks.
-TEST(KeyedArchiver, TruncatedAndMutatedArchivesGiveAnObjectOrAnError) {
+// Every prefix of a rich archive decodes or fails cleanly; a CBOR archive is complete only at its
+// full length, while trailing JSON whitespace may go. (Arbitrary bytes are the fuzz target's.)
+TEST(KeyedArchiver, TruncatedArchivesGiveAnObjectOrAnError) {
     for (ArchiveFormat format : {ArchiveFormat::CBOR, ArchiveFormat::JSON}) {
         const auto archive = KeyedArchiver::archivedDataWithRootObject(fullyPopulated(), format);
-        std::size_t failures = 0, decoded = 0, mutations = 0;
+        std::size_t failures = 0;
         for (std::size_t length = 0; length < archive.size(); ++length) {
             const std::string error = errorOf(std::span(archive).first(length), format);
             failures += error != "decoded";
             EXPECT_FALSE(error.empty());
         }
-        // A CBOR archive is complete only at its full length; trailing JSON whitespace may go.
-        if (format == ArchiveFormat::CBOR) {
+        if (format == ArchiveFormat::CBOR)
             EXPECT_EQ(failures, archive.size());
-        }
-        // Every byte of the compact CBOR form, every third of the longer JSON form.
-        const std::size_t step = format == ArchiveFormat::CBOR ? 1 : 3;
-        for (std::size_t position = 0; position < archive.size(); position += step) {
-            for (int edit = 0; edit < 4; ++edit) {
-                auto mutated = archive;
-                const auto at = mutated.begin() + static_cast<std::ptrdiff_t>(position);
-                if (edit < 2)
-                    mutated[position] ^= std::byte{edit == 0 ? std::uint8_t{0x01} : std::uint8_t{0xA0}};
-                else if (edit == 2)
-                    mutated.erase(at);
-                else
-                    mutated.insert(at, archive[position] ^ std::byte{0x5A});
-                const std::string error = errorOf(mutated, format);
-                ++mutations;
-                if (error == "decoded")
-                    ++decoded;
-                else
-                    EXPECT_THAT(error, HasSubstr("archive"));
-            }
-        }
-        // Mutations inside values (names, samples) leave a readable archive; most others do not.
-        EXPECT_GT(decoded, 0u);
-        EXPECT_LT(decoded, mutations);
     }
-}
-
-// Replaces each value inside a valid archive with values of every other kind, and removes it, so that
-// each typed decoder meets each wrong kind. Every outcome must be an object or an error that the
-// archive code wrote itself, never an exception of the JSON library passed through.
-TEST(KeyedArchiver, StructurallyMutatedArchivesGiveAnObjectOrAClearError) {
-    const json original = treeOf(KeyedArchiver::archivedDataWithRootObject(fullyPopulated()));
-    const json replacements[] = {
-        nullptr,
-        true,
-        -1,
-        std::numeric_limits<std::uint64_t>::max(),
-        std::numeric_limits<std::int64_t>::min(),
-        1e300,
-        std::nan(""),
-        -std::numeric_limits<double>::infinity(),
-        "text",
-        json::binary({1, 2, 3}),
-        json::array(),
-        json::array({1, "x", nullptr}),
-        json::object(),
-        {{"$class", "Span"}},
-        {{"$class", 7}},
-        {{"$class", "Date"}},
-        {{"$class", "Date"}, {"$time", "noon"}},
-        {{"$class", "Color"}, {"$rgba", {1, 2, 3, "4"}}},
-        {{"$class", "IndexSet"}, {"$indexes", {1.5}}},
-        {{"$class", "FloatVector"}, {"$floats", json::binary({1, 2, 3, 4, 5})}},
-        {{"$class", "FloatVector"}, {"$floats", "AAAA"}},
-        {{"$class", "Dictionary"}, {"$entries", json::array()}},
-        {{"$class", "Dictionary"}, {"$entries", {{"k", {{"$class", "Span"}}}}}},
-        {{"$class", "Span"}, {"$values", "not a list"}},
-    };
-    std::size_t locations = 0, decoded = 0, refused = 0;
-    auto check = [&](const json& mutated) {
-        const std::string error = errorOf(bytesOf(json::to_cbor(mutated)));
-        if (error == "decoded") {
-            ++decoded;
-            return;
-        }
-        ++refused;
-        EXPECT_EQ(error.find("json.exception"), std::string::npos) << error;
-        EXPECT_TRUE(error.starts_with("The archive ") || error.starts_with("The data is not")) << error;
-        EXPECT_TRUE(error.ends_with(".")) << error;
-    };
-    std::function<void(const json&, const json::json_pointer&)> visit = [&](const json& node,
-                                                                            const json::json_pointer& at) {
-        ++locations;
-        for (const json& replacement : replacements) {
-            json mutated = original;
-            mutated[at] = replacement;
-            check(mutated);
-        }
-        if (!at.empty() && original[at.parent_pointer()].is_object()) {
-            json mutated = original;
-            mutated[at.parent_pointer()].erase(at.back());
-            check(mutated);
-        }
-        if (node.is_object()) {
-            for (const auto& [key, child] : node.items())
-                visit(child, at / key);
-        } else if (node.is_array()) {
-            for (std::size_t i = 0; i < node.size(); ++i)
-                visit(node[i], at / i);
-        }
-    };
-    visit(original, json::json_pointer());
-    EXPECT_GT(locations, 60u);
-    EXPECT_GT(decoded, 0u);
-    EXPECT_GT(refused, 1000u);
 }
 
 } // namespace
