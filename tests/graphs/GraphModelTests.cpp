@@ -1,0 +1,371 @@
+// Graph models: defaults and settings, extents fitted by reloads against extents the user sets (and
+// undoes), record observation, archives, and the CSV and image exports.
+
+#include "audio/MicrophoneCalibrationRecord.h"
+#include "core/VELTMeasurementRecord.h"
+#include "engine/IsolatedUserDefaults.h"
+#include "graphs/FrequencyGraphPlots.h"
+#include "graphs/TavolarMagnitudeResponseGraph.h"
+#include "platform/Logging.h"
+#include "platform/RunLoop.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+namespace tavolar {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A record of a decaying 1 kHz resonance plus an impulse, valid from 20 Hz to 20 kHz.
+std::shared_ptr<VELTMeasurementRecord> resonance(double gain, std::string name) {
+    VELTRealVector impulse(16384);
+    for (std::size_t n = 0; n < 4800; ++n)
+        impulse[n] = static_cast<float>(gain * std::exp(-double(n) / 400.0) *
+                                        std::sin(2.0 * M_PI * 1000.0 * double(n) / 48000.0));
+    impulse[0] += static_cast<float>(gain);
+    auto record = VELTMeasurementRecord::record();
+    record->setSampleRate(48000);
+    record->setImpulseResponse(std::move(impulse));
+    record->setWindowBegin(-100);
+    record->setWindowEnd(8000);
+    record->setStartFrequency(20.0f);
+    record->setEndFrequency(20000.0f);
+    record->setComment(std::move(name));
+    return record;
+}
+
+std::shared_ptr<const VELTGraphData> flatCurve(float level) {
+    return VELTGraphData::graphDataWithX(VELTRealVector(std::vector<float>{20.0f, 200.0f, 2000.0f}),
+                                         VELTRealVector(std::vector<float>{level, level, level}),
+                                         VELTColor::blackColor());
+}
+
+std::filesystem::path temporaryFile(std::string_view name) {
+    return std::filesystem::temp_directory_path() /
+           ("tavolar-graph-tests-" + std::to_string(::getpid()) + "-" + std::string(name));
+}
+
+TEST(GraphModel, NewMagnitudeGraphCarriesItsDefaultsAndDesktopData) {
+    TavolarMagnitudeResponseGraph graph;
+    EXPECT_EQ(graph.aspectRatio(), 2.4);
+    EXPECT_EQ(graph.graphHeightForWidth(600.0), 250.0);
+    EXPECT_EQ(graph.title(), "Frequency Response");
+    EXPECT_EQ(graph.smoothingFraction(), 12.0); // the registered default
+    EXPECT_EQ(graph.titleModifier(), "(1/12 Octave Smoothing)");
+    EXPECT_TRUE(graph.horizontalAxis().isLogarithmic());
+    EXPECT_FALSE(graph.verticalAxis().isLogarithmic());
+    EXPECT_EQ(graph.horizontalAxis().label(), "Frequency (Hz)");
+    EXPECT_EQ(graph.horizontalAxis().formattedValue(2500.0), "2.5k");
+    EXPECT_EQ(graph.verticalAxisLabel(), "Magnitude (dB)");
+    EXPECT_EQ(graph.extentsFilter(), VELTGraphExtentsFilter(10.0, std::nullopt, std::nullopt, std::nullopt));
+    EXPECT_FALSE(graph.needsReload());
+
+    const UndoActionNames expected{{"extents.x.min", "Set X Minimum"},
+                                   {"extents.x.max", "Set X Maximum"},
+                                   {"extents.y.min", "Set Y Minimum"},
+                                   {"extents.y.max", "Set Y Maximum"},
+                                   {"extentsLocked", "Toggle Extents Lock"},
+                                   {"smoothingFraction", "Set Smoothing Fraction"},
+                                   {"multiSelectMode", "Set Multiple Selection Mode"},
+                                   {"normalize", "Toggle Normalization"},
+                                   {"logFrequencyScale", "Toggle Log Frequency Scale"}};
+    EXPECT_EQ(graph.undoablePropertyKeyPaths(), expected);
+    // Every undoable key path is one the graph reads and writes, and a change of it is redrawn.
+    const auto display = graph.keyPathsOfPropertiesAffectingDisplay();
+    for (const auto& [keyPath, name] : expected) {
+        EXPECT_TRUE(graph.numberForKeyPath(keyPath).has_value()) << keyPath;
+        EXPECT_NE(std::find(display.begin(), display.end(), keyPath), display.end()) << keyPath;
+    }
+    EXPECT_NE(std::find(display.begin(), display.end(), "markers"), display.end());
+    EXPECT_EQ(graph.measurementRecordKeyPathsAffectingDisplay(),
+              (std::vector<std::string>{"plotColor", "microphoneCalibrationRecord"}));
+    EXPECT_EQ(graph.settingsMenuNibNames(), std::vector<std::string>{"GraphMenu"});
+    EXPECT_EQ(graph.inspectorViewControllerEntries(),
+              (std::vector<InspectorViewControllerEntry>{{"GraphExtentsViewController", false}}));
+}
+
+TEST(GraphModel, SmoothingKeyEquivalentsSetTheTitleModifierAndUndo) {
+    TavolarMagnitudeResponseGraph graph;
+    InMemoryUndoManager undo;
+    graph.setUndoManager(&undo);
+    const std::vector<std::pair<std::string, std::int64_t>> keys{{"0", 0},  {"1", 48}, {"2", 24},
+                                                                 {"3", 12}, {"4", 6},  {"5", 3}};
+    ASSERT_EQ(graph.keyEquivalents().size(), keys.size());
+    for (std::size_t i = 0; i < keys.size(); ++i) {
+        const KeyEquivalent key = graph.keyEquivalents()[i];
+        EXPECT_EQ(key, (KeyEquivalent{keys[i].first, kKeyModifierCommand,
+                                      "setFrequencyDisplaySmoothing:", keys[i].second}));
+    }
+    auto press = [&](std::string_view name) {
+        for (const KeyEquivalent& key : graph.keyEquivalents())
+            if (key.key == name)
+                return graph.performAction(key.action, key.tag);
+        return false;
+    };
+    ASSERT_TRUE(press("0"));
+    EXPECT_EQ(graph.titleModifier(), "");
+    EXPECT_EQ(graph.graphCalculationSettings().smoothingFraction, 0.0f);
+    ASSERT_TRUE(press("5"));
+    EXPECT_EQ(graph.titleModifier(), "(1/3 Octave Smoothing)");
+    EXPECT_FLOAT_EQ(graph.graphCalculationSettings().smoothingFraction, 1.0f / 3.0f);
+    EXPECT_TRUE(graph.needsReload());
+    EXPECT_FALSE(graph.performAction("terminate:", 0));
+
+    EXPECT_EQ(undo.undoCount(), 2u);
+    EXPECT_EQ(undo.undoActionName(), "Set Smoothing Fraction");
+    undo.undo();
+    EXPECT_EQ(graph.titleModifier(), "");
+    undo.undo();
+    EXPECT_EQ(graph.titleModifier(), "(1/12 Octave Smoothing)");
+    undo.redo();
+    EXPECT_EQ(graph.smoothingFraction(), 0.0);
+}
+
+TEST(GraphModel, ScaleSuffixesAndCollapsedFrequencies) {
+    const std::vector<std::pair<double, std::string>> scales{
+        {2000.0, " x2k"}, {500.0, " x500"}, {1000.0, " x1000"}, {50.0, ""}, {100.0, ""}, {1.0, ""}};
+    for (const auto& [scale, suffix] : scales)
+        EXPECT_EQ(TavolarFrequencyDomainGraph::stringForScale(scale), suffix) << scale;
+    TavolarMagnitudeResponseGraph graph;
+    graph.setVerticalAxisDataScaleFactor(2000.0);
+    EXPECT_EQ(graph.verticalAxis().label(), "Magnitude (dB x2k)");
+
+    const VELTCollapsingFrequencyNumberFormatter formatter =
+        TavolarFrequencyDomainGraph::frequencyFormatter();
+    const std::vector<std::pair<double, std::string>> frequencies{{2000.0, "2k"}, {12500.0, "12.5k"},
+                                                                  {1000.0, "1k"}, {999.0, "999"},
+                                                                  {31.5, "31.5"}, {1.0e6, "1,000k"}};
+    for (const auto& [hertz, text] : frequencies) {
+        EXPECT_EQ(formatter.stringForNumber(hertz), text);
+        EXPECT_EQ(formatter.numberFromString(text), hertz) << text;
+    }
+    EXPECT_EQ(formatter.numberFromString("20K"), 20000.0);
+    for (std::string_view bad : {"", "k", "1.5kk", "twelve"})
+        EXPECT_EQ(formatter.numberFromString(bad), std::nullopt) << bad;
+}
+
+TEST(GraphModel, ReloadedExtentsFitTheDataUnlessLockedAndAreNotUndoable) {
+    TavolarMagnitudeResponseGraph graph;
+    InMemoryUndoManager undo;
+    graph.setUndoManager(&undo);
+
+    // Flat curves span 1 dB around their level.
+    graph.replaceGraphDataArray({flatCurve(94.2f), flatCurve(94.2f)});
+    EXPECT_NEAR(graph.extents().yMin, 93.7, 1e-5);
+    EXPECT_NEAR(graph.extents().yMax, 94.7, 1e-5);
+    EXPECT_EQ(graph.extents().xMin, 20.0);
+    EXPECT_FALSE(undo.canUndo());
+
+    // A user's change is undoable under its name, and undo and redo take it back and forth.
+    VELTGraphExtents mine = graph.extents();
+    mine.yMax = 120.0;
+    graph.setExtents(mine);
+    EXPECT_EQ(undo.undoActionName(), "Set Y Maximum");
+    undo.undo();
+    EXPECT_NEAR(graph.extents().yMax, 94.7, 1e-5);
+    undo.redo();
+    EXPECT_EQ(graph.extents(), mine);
+
+    // Real reloads: with the lock the user's extents stay, without it they follow the data.
+    graph.setMeasurementRecords({resonance(1.0, "a")});
+    graph.setExtentsLocked(true);
+    EXPECT_EQ(undo.undoActionName(), "Toggle Extents Lock");
+    const std::size_t undoCount = undo.undoCount();
+    graph.reloadDataSynchronously();
+    ASSERT_EQ(graph.graphDataArray().size(), 1u);
+    EXPECT_FALSE(graph.needsReload());
+    EXPECT_EQ(graph.extents(), mine);
+    graph.setExtentsLocked(false);
+    graph.reloadDataSynchronously();
+    EXPECT_EQ(graph.extents(), graph.extentsFilter().filter(*graph.extentsFittingGraphData()));
+    EXPECT_NE(graph.extents(), mine);
+    EXPECT_EQ(undo.undoCount(), undoCount + 1); // the unlock only
+    EXPECT_TRUE(undo.isUndoRegistrationEnabled());
+
+    // Undo outliving its graph does nothing.
+    {
+        TavolarMagnitudeResponseGraph shortLived;
+        shortLived.setUndoManager(&undo);
+        shortLived.setNormalize(true);
+    }
+    EXPECT_EQ(undo.undoActionName(), "Toggle Normalization");
+    undo.undo();
+}
+
+class RecordingDelegate final : public TavolarGraphDelegate {
+public:
+    std::vector<std::string> calls;
+    void graphWillChangeMeasurementRecords(TavolarGraph&) override { calls.push_back("willChange"); }
+    void graphDidChangeMeasurementRecords(TavolarGraph&) override { calls.push_back("didChange"); }
+    void graphWillReloadData(TavolarGraph&) override { calls.push_back("willReload"); }
+    void graphDidReloadData(TavolarGraph& graph) override {
+        calls.push_back("didReload " + std::to_string(graph.graphDataArray().size()));
+    }
+};
+
+TEST(GraphModel, DrawnRecordsChangesMarkTheGraphForReload) {
+    auto record = resonance(1.0, "a");
+    auto graph = std::make_shared<TavolarMagnitudeResponseGraph>();
+    auto delegate = std::make_shared<RecordingDelegate>();
+    graph->setDelegate(delegate);
+    int dirty = 0;
+    graph->setContentsDirtyHandler([&] { ++dirty; });
+    graph->setMeasurementRecords({record});
+
+    bool reloaded = false;
+    graph->reloadDataWithCompletionHandler([&] { reloaded = true; });
+    EXPECT_TRUE(graph->graphDataArray().empty()); // the data arrives on the main queue
+    ASSERT_TRUE(RunLoop::runUntil([&] { return reloaded; }, 10s));
+    EXPECT_EQ(graph->graphDataArray().size(), 1u);
+    EXPECT_FALSE(graph->needsReload());
+    EXPECT_EQ(delegate->calls,
+              (std::vector<std::string>{"willChange", "didChange", "willReload", "didReload 1"}));
+
+    // Only the key paths that affect the curves mark the graph; so do the copies that exports make.
+    auto copy = graph->copy();
+    copy->setNeedsReload(false);
+    const std::vector<std::pair<std::function<void()>, bool>> changes{
+        {[&] { record->setComment("renamed"); }, false},
+        {[&] {
+             record->setPlotColor(ArchivedColor{1.0, 0.0, 0.0, 1.0});
+         },
+         true},
+        {[&] {
+             record->setMicrophoneCalibrationRecord(
+                 std::make_shared<const MicrophoneCalibrationRecord>("mic", std::nullopt, nullptr, nullptr));
+         },
+         true},
+    };
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        graph->setNeedsReload(false);
+        copy->setNeedsReload(false);
+        const int dirtyBefore = dirty;
+        changes[i].first();
+        EXPECT_EQ(graph->needsReload(), changes[i].second) << i;
+        EXPECT_EQ(copy->needsReload(), changes[i].second) << i;
+        EXPECT_EQ(dirty - dirtyBefore, changes[i].second ? 1 : 0) << i;
+    }
+
+    reloaded = false;
+    graph->reloadDataIfNeeded();
+    ASSERT_TRUE(RunLoop::runUntil([&] { return !graph->needsReload(); }, 10s));
+
+    // Records no longer drawn are no longer observed.
+    graph->setMeasurementRecords({});
+    EXPECT_TRUE(graph->graphDataArray().empty());
+    graph->setNeedsReload(false);
+    record->setPlotColor(ArchivedColor{0.0, 0.0, 1.0, 1.0});
+    EXPECT_FALSE(graph->needsReload());
+}
+
+TEST(GraphModel, ArchivedSettingsRoundTripAndMissingKeysKeepDefaults) {
+    TavolarMagnitudeResponseGraph graph;
+    graph.setExtentsLocked(true);
+    graph.setExtentsFilter(VELTGraphExtentsFilter(20.0, 20000.0, std::nullopt, 10.0));
+    graph.setAspectRatio(3.0);
+    graph.setSmoothingFraction(6.0);
+    graph.setMultiSelectMode(2);
+    graph.setNormalize(true);
+    graph.setLogFrequencyScale(false);
+    graph.setVerticalAxisDataScaleFactor(500.0); // not archived
+
+    auto data = KeyedArchiver::archivedDataWithRootObject(graph);
+    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<TavolarMagnitudeResponseGraph>(data);
+    ASSERT_TRUE(decoded.has_value()) << decoded.error().localizedDescription;
+    EXPECT_TRUE(decoded->extentsLocked());
+    EXPECT_EQ(decoded->extentsFilter(), graph.extentsFilter());
+    EXPECT_EQ(decoded->aspectRatio(), 3.0);
+    EXPECT_EQ(decoded->smoothingFraction(), 6.0);
+    EXPECT_EQ(decoded->titleModifier(), "(1/6 Octave Smoothing)");
+    EXPECT_EQ(decoded->multiSelectMode(), 2);
+    EXPECT_TRUE(decoded->normalize());
+    EXPECT_FALSE(decoded->logFrequencyScale());
+    EXPECT_FALSE(decoded->horizontalAxis().isLogarithmic());
+    EXPECT_EQ(decoded->verticalAxisDataScaleFactor(), 1.0);
+
+    KeyedArchiver empty(TavolarMagnitudeResponseGraph::className);
+    auto bare = KeyedUnarchiver::unarchivedObjectOfClass<TavolarMagnitudeResponseGraph>(
+        empty.finish(ArchiveFormat::CBOR));
+    ASSERT_TRUE(bare.has_value());
+    EXPECT_EQ(bare->aspectRatio(), 2.4);
+    EXPECT_EQ(bare->smoothingFraction(), 12.0);
+    EXPECT_TRUE(bare->logFrequencyScale());
+    EXPECT_EQ(bare->extentsFilter().xMin, 10.0);
+}
+
+TEST(GraphModel, CSVExportWritesTwoTitledColumnsPerCurveAndNothingWithoutData) {
+    const auto file = temporaryFile("export.csv");
+    std::filesystem::remove(file);
+    TavolarMagnitudeResponseGraph graph;
+    std::optional<bool> written;
+    {
+        LogCapture log;
+        graph.exportDataToCSVFileAtURL(file, [&](bool result) { written = result; });
+        ASSERT_TRUE(RunLoop::runUntil([&] { return written.has_value(); }, 10s));
+        EXPECT_FALSE(*written);
+        EXPECT_FALSE(std::filesystem::exists(file));
+        EXPECT_EQ(log.texts(), std::vector<std::string>{"(ERROR) TavolarGraph.cpp : No data to write"});
+    }
+
+    graph.setMeasurementRecords({resonance(1.0, "Left"), resonance(0.5, "Right")});
+    graph.setSmoothingFraction(0.0);
+    written.reset();
+    graph.exportDataToCSVFileAtURL(file, [&](bool result) { written = result; });
+    ASSERT_TRUE(RunLoop::runUntil([&] { return written.has_value(); }, 10s));
+    ASSERT_TRUE(*written);
+    std::ifstream input(file);
+    std::string header, row;
+    std::getline(input, header);
+    std::getline(input, row);
+    EXPECT_EQ(header, "Left Frequency (Hz),Left Magnitude (dB),Right Frequency (Hz),Right Magnitude (dB),");
+    const VELTGraphData& left = *graph.graphDataArray()[0];
+    EXPECT_EQ(row.substr(0, row.find(',', row.find(',') + 1) + 1),
+              fmt::format("{:f},{:f},", left.x()[0], left.y()[0]));
+    std::filesystem::remove(file);
+}
+
+#if TAVOLAR_WITH_GRAPHICS
+TEST(GraphModel, ImageExportDrawsWhatTheCommandLinesPlotDraws) {
+    TavolarMagnitudeResponseGraph graph;
+    const RecordArray records{resonance(1.0, "a"), resonance(0.25, "b")};
+    graph.setMeasurementRecords(records);
+    auto png = graph.pngExportedImageDataWithSize(400.0, 250.0, 2.0);
+    ASSERT_TRUE(png.has_value()) << png.error().localizedDescription;
+    // The model itself is left as it was: the export drew a reloaded copy.
+    EXPECT_TRUE(graph.graphDataArray().empty());
+
+    const auto description = *frequencyGraphNamed("magnitude");
+    GraphCalculationSettings settings;
+    settings.smoothingFraction = 1.0f / 12.0f;
+    auto plot = frequencyGraphPlot(
+        description, makeFrequencyGraphController(description.kind, settings)->calculate(records), settings);
+    ASSERT_TRUE(plot.has_value());
+    const auto file = temporaryFile("plot.png");
+    ASSERT_TRUE(writeImage(file, VELTImageFormat::PNG, {400.0, 250.0, 144.0}, [&](VELTPainter& painter) {
+        drawGraph(painter, *plot, {0.0, 0.0, 400.0, 250.0});
+    }));
+    std::ifstream input(file, std::ios::binary);
+    const std::string expected((std::istreambuf_iterator<char>(input)), std::istreambuf_iterator<char>());
+    std::filesystem::remove(file);
+    ASSERT_EQ(png->size(), expected.size());
+    EXPECT_EQ(std::memcmp(png->data(), expected.data(), expected.size()), 0);
+
+    for (VELTImageFormat format : {VELTImageFormat::PDF, VELTImageFormat::SVG}) {
+        auto picture = graph.exportedImageDataOfType(format, 400.0, 250.0);
+        ASSERT_TRUE(picture.has_value());
+        const std::string start(reinterpret_cast<const char*>(picture->data()),
+                                std::min<std::size_t>(picture->size(), 64));
+        EXPECT_TRUE(start.starts_with(format == VELTImageFormat::PDF ? "%PDF" : "<?xml")) << start;
+    }
+}
+#endif
+
+} // namespace
+} // namespace tavolar
