@@ -1,0 +1,65 @@
+#pragma once
+// Shared pieces of the native module: how engine errors reach Python, and how sample vectors cross
+// into numpy arrays (without copying) and back.
+
+#include "core/VELTMeasurementRecord.h"
+#include "math/VELTRealVector.h"
+#include "platform/TavolarError.h"
+
+#include <memory>
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <string>
+#include <string_view>
+
+namespace tavolar::python {
+
+namespace py = pybind11;
+
+// An engine error on its way to Python, raised there as the tavolar.Error subclass named by kind
+// ("Error", "DeviceError", "DocumentError", "CalibrationError").
+struct RaisedError {
+    std::string kind;
+    TavolarError error;
+};
+
+// Throws RaisedError when expected holds an error, and answers its value otherwise.
+template <typename T> T valueOrRaise(Expected<T> expected, std::string_view kind = "Error") {
+    if (!expected)
+        throw RaisedError{std::string(kind), std::move(expected.error())};
+    if constexpr (!std::is_void_v<T>)
+        return std::move(*expected);
+}
+
+[[noreturn]] inline void raise(std::string_view kind, std::string description, std::string suggestion = {}) {
+    throw RaisedError{std::string(kind), TavolarError::make(std::move(description), std::move(suggestion))};
+}
+
+// A vector the caller hands over: the array owns it from now on and may be written to.
+py::array_t<float> arrayTakingVector(VELTRealVector vector);
+// A vector the engine keeps (an impulse response in a record or a cache): the array shares it, keeps
+// it alive and is read-only, since the engine relies on it not changing.
+py::array_t<float> arraySharingVector(std::shared_ptr<const VELTRealVector> vector);
+// rows x columns values taken over as a C-ordered 2-D array.
+py::array_t<float> matrixTakingVector(VELTRealVector vector, std::size_t rows, std::size_t columns);
+
+// Samples from Python: float32 or float64 of one dimension, any strides. what names the argument in
+// messages.
+VELTRealVector vectorFromArray(const py::array& array, std::string_view what);
+// Channels first, samples last: a 1-D array is one channel.
+std::vector<VELTRealVector> channelsFromArray(const py::array& array, std::string_view what);
+
+// A measurement record as Python holds it: the record, and the open document it came from (which
+// keeps the impulse cache it reads its samples from alive).
+struct RecordHandle {
+    std::shared_ptr<VELTMeasurementRecord> record;
+    std::shared_ptr<void> owner;
+};
+
+void addErrors(py::module_& module);
+void addDocuments(py::module_& module);
+void addCurves(py::module_& module, py::class_<RecordHandle>& record);
+void addMeasuring(py::module_& module);
+void addPlots(py::module_& module);
+
+} // namespace tavolar::python

@@ -1,0 +1,397 @@
+// The curves of a record, computed as tavolar export computes them (the same engine calls, in the
+// same order), so that a curve read in Python and an exported file hold the same numbers. The engine
+// work runs with the GIL released.
+
+#include "Bindings.h"
+#include "dsp/Decibels.h"
+#include "dsp/Hilbert.h"
+#include "dsp/Smoothing.h"
+#include "dsp/WeightingFilters.h"
+#include "graphcalc/RecordCurves.h"
+#include "graphcalc/SpectrogramGraphCalculationController.h"
+
+#include <complex>
+#include <fmt/format.h>
+#include <functional>
+#include <limits>
+#include <numbers>
+#include <pybind11/stl.h>
+
+namespace tavolar::python {
+
+namespace {
+
+constexpr std::string_view kFrequencyCurveNames[] = {"magnitude",     "spl",          "phase",
+                                                     "minimum-phase", "excess-phase", "group-delay"};
+
+void requireImpulse(const VELTMeasurementRecord& record) {
+    if (!record.impulseResponse() || record.sampleRate() <= 0)
+        raise("Error", "The record has no impulse response.");
+}
+
+std::size_t checkedFFTLength(const VELTMeasurementRecord& record, std::optional<std::size_t> given) {
+    if (!given)
+        return record.fftLength();
+    if (*given < 256 || *given > (std::size_t{1} << 22) || (*given & (*given - 1)) != 0)
+        throw py::value_error(
+            fmt::format("fft_length must be a power of two from 256 to 4194304 (got {}).", *given));
+    return *given;
+}
+
+// The gain in dB of the weighting filter of the record's rate at each frequency.
+VELTRealVector weightingDecibels(const VELTMeasurementRecord& record, char weighting,
+                                 const VELTRealVector& frequencies) {
+    std::optional<VELTRealDoubleVector> a, b;
+    (weighting == 'a' ? VELTGetAWeightingFilter : VELTGetCWeightingFilter)(record.sampleRate(), &a, &b);
+    if (!a || !b)
+        raise("Error",
+              fmt::format("The record has a sample rate of {} Hz, for which there is no {}-weighting filter.",
+                          record.sampleRate(), weighting == 'a' ? 'A' : 'C'),
+              "Weighting works at 44100, 48000, 88200, 96000, 176400 and 192000 Hz.");
+    auto evaluate = [](const VELTRealDoubleVector& p, std::complex<double> zInverse) {
+        std::complex<double> sum = 0.0;
+        for (std::size_t k = p.length(); k-- > 0;)
+            sum = sum * zInverse + p[k];
+        return sum;
+    };
+    VELTRealVector gains(frequencies.length());
+    const double rate = static_cast<double>(record.sampleRate());
+    for (std::size_t i = 0; i < frequencies.length(); ++i) {
+        const std::complex<double> zInverse =
+            std::polar(1.0, -2.0 * std::numbers::pi * frequencies[i] / rate);
+        gains[i] = static_cast<float>(
+            20.0 * std::log10(std::abs(evaluate(*b, zInverse) / evaluate(*a, zInverse)) + kDecibelFloor));
+    }
+    return gains;
+}
+
+VELTRealVector frequencyCurve(const VELTMeasurementRecord& record, std::string_view name,
+                              std::size_t fftLength) {
+    if (name == "magnitude")
+        return record.fftMagnitudeResponseWithFFTLength(fftLength);
+    if (name == "spl")
+        return record.fftSPLResponseWithFFTLength(fftLength);
+    if (name == "phase")
+        return record.fftPhaseResponseWithFFTLength(fftLength);
+    if (name == "minimum-phase")
+        return record.minimumPhaseResponseWithFFTLength(fftLength);
+    if (name == "excess-phase")
+        return record.excessPhaseResponseWithFFTLength(fftLength);
+    return record.groupDelayWithFFTLength(fftLength);
+}
+
+struct FrequencyRequest {
+    std::vector<std::string> names;
+    std::optional<int> smoothing; // 1/N octave
+    bool powerSmoothing = false;
+    std::optional<int> pointsPerOctave;
+    std::optional<char> weighting; // 'a' or 'c'
+    PhaseTimeReference phaseReference = PhaseTimeReference::TimeZero;
+    std::size_t fftLength = 0;
+    bool unwrapped = false;
+};
+
+// The named curves over the record's valid bins (or the points of a logarithmic grid within them).
+// Levels are weighted and then smoothed over every bin from 0 Hz, as smoothing windows count bins
+// from there, and the valid bins are taken afterwards; phases and group delay are picked, not averaged.
+std::pair<VELTRealVector, std::vector<VELTRealVector>> frequencyCurves(const VELTMeasurementRecord& record,
+                                                                       const FrequencyRequest& request) {
+    const VELTMeasurementRecord* source = &record;
+    std::shared_ptr<VELTMeasurementRecord> wholeSpectrum;
+    if (request.smoothing || request.pointsPerOctave) {
+        wholeSpectrum = record.cachedCopy();
+        wholeSpectrum->setStartFrequency(0.0f);
+        wholeSpectrum->setEndFrequency(static_cast<float>(record.sampleRate()));
+        source = wholeSpectrum.get();
+    }
+    const std::size_t fftLength = request.fftLength;
+    const VELTRealVector sourceAxis = source->frequencyTableWithFFTLength(fftLength);
+    const BinRange valid = record.validRangeForFFTLength(fftLength);
+    const std::size_t offset = valid.location - source->validRangeForFFTLength(fftLength).location;
+    std::optional<VELTRealVector> weights;
+    if (request.weighting)
+        weights = weightingDecibels(record, *request.weighting, sourceAxis);
+
+    VELTRealVector axis;
+    std::function<VELTRealVector(const VELTRealVector&)> onAxis = [](const VELTRealVector& values) {
+        return values;
+    };
+    if (request.pointsPerOctave) {
+        const auto rate = static_cast<std::uint32_t>(record.sampleRate());
+        const float fraction = 1.0f / static_cast<float>(*request.pointsPerOctave);
+        const VELTRealVector table = tableForSmoothedPointsWithFraction(fraction, rate);
+        std::vector<std::size_t> kept;
+        for (std::size_t at = 0; at < table.length() && valid.length > 0; ++at)
+            if (table[at] >= sourceAxis[offset] && table[at] <= sourceAxis[offset + valid.length - 1])
+                kept.push_back(at);
+        auto pick = [kept](const VELTRealVector& values) {
+            VELTRealVector picked(kept.size());
+            for (std::size_t at = 0; at < kept.size(); ++at)
+                picked[at] = values[kept[at]];
+            return picked;
+        };
+        axis = pick(table);
+        onAxis = [=](const VELTRealVector& values) {
+            return pick(smoothedPointsWithFraction(values, fraction, rate));
+        };
+    } else if (request.smoothing) {
+        axis = record.frequencyTableWithFFTLength(fftLength);
+        onAxis = [=](const VELTRealVector& values) { return values.realVectorInRange(offset, valid.length); };
+    } else {
+        axis = sourceAxis;
+    }
+
+    std::vector<VELTRealVector> curves;
+    for (const std::string& name : request.names) {
+        VELTRealVector values = frequencyCurve(*source, name, fftLength);
+        if (name == "phase" || name == "excess-phase" || name == "group-delay")
+            shiftTimeReference(values, name == "group-delay", sourceAxis,
+                               phaseReferenceShift(record, request.phaseReference));
+        if (name == "magnitude" || name == "spl") {
+            if (weights)
+                values.add(*weights);
+            if (request.smoothing && values.length() >= 2) {
+                const float fraction = 1.0f / static_cast<float>(*request.smoothing);
+                if (request.powerSmoothing) {
+                    convertPowerToAbs(values);
+                    smoothPowersWithOctaveFraction(values, fraction);
+                    convertAbsToPower(values);
+                } else {
+                    smoothWithOctaveFraction(values, fraction);
+                }
+            }
+        }
+        if (name.ends_with("phase") && !request.unwrapped)
+            wrapDegrees(values);
+        curves.push_back(onAxis(values));
+    }
+    return {std::move(axis), std::move(curves)};
+}
+
+PhaseTimeReference timeReference(const std::string& name) {
+    if (name == "zero")
+        return PhaseTimeReference::TimeZero;
+    if (name == "window")
+        return PhaseTimeReference::WindowStart;
+    if (name == "peak")
+        return PhaseTimeReference::Peak;
+    throw py::value_error(
+        fmt::format("phase_reference must be \"zero\", \"window\" or \"peak\", not \"{}\".", name));
+}
+
+std::optional<char> weightingLetter(const std::optional<std::string>& weighting) {
+    if (!weighting || *weighting == "z" || *weighting == "Z")
+        return std::nullopt;
+    if (*weighting == "a" || *weighting == "A")
+        return 'a';
+    if (*weighting == "c" || *weighting == "C")
+        return 'c';
+    throw py::value_error(fmt::format("weighting must be \"a\", \"c\" or None, not \"{}\".", *weighting));
+}
+
+constexpr std::pair<std::string_view, std::int64_t> kSliceWindows[] = {
+    {"rectangular", 0},  {"hamming", 1}, {"half-hamming", 2}, {"hanning", 3},
+    {"half-hanning", 4}, {"bingham", 5}, {"half-bingham", 6}};
+
+} // namespace
+
+void addCurves(py::module_& module, py::class_<RecordHandle>& record) {
+    record.def(
+        "frequency_curves",
+        [](const RecordHandle& self, std::vector<std::string> names, std::optional<int> smoothing,
+           std::string smoothingDomain, std::optional<int> pointsPerOctave,
+           std::optional<std::string> weighting, std::string phaseReference,
+           std::optional<std::size_t> fftLength, bool unwrapped) {
+            requireImpulse(*self.record);
+            for (const std::string& name : names)
+                if (std::find(std::begin(kFrequencyCurveNames), std::end(kFrequencyCurveNames), name) ==
+                    std::end(kFrequencyCurveNames))
+                    throw py::value_error(fmt::format("There is no frequency curve \"{}\".", name));
+            if (smoothing && (*smoothing < 1 || *smoothing > 48))
+                throw py::value_error(
+                    fmt::format("smoothing is 1/N octave with N from 1 to 48 (got {}).", *smoothing));
+            if (pointsPerOctave && (*pointsPerOctave < 1 || *pointsPerOctave > 96))
+                throw py::value_error(
+                    fmt::format("points_per_octave must be from 1 to 96 (got {}).", *pointsPerOctave));
+            if (smoothingDomain != "db" && smoothingDomain != "power")
+                throw py::value_error("smoothing_domain must be \"db\" or \"power\".");
+            FrequencyRequest request{names,
+                                     smoothing,
+                                     smoothingDomain == "power",
+                                     pointsPerOctave,
+                                     weightingLetter(weighting),
+                                     timeReference(phaseReference),
+                                     checkedFFTLength(*self.record, fftLength),
+                                     unwrapped};
+            std::pair<VELTRealVector, std::vector<VELTRealVector>> result;
+            {
+                py::gil_scoped_release release;
+                result = frequencyCurves(*self.record, request);
+            }
+            std::vector<py::array_t<float>> curves;
+            for (VELTRealVector& curve : result.second)
+                curves.push_back(arrayTakingVector(std::move(curve)));
+            return py::make_tuple(arrayTakingVector(std::move(result.first)), curves, request.fftLength);
+        },
+        py::arg("names"), py::arg("smoothing") = py::none(), py::arg("smoothing_domain") = "db",
+        py::arg("points_per_octave") = py::none(), py::arg("weighting") = py::none(),
+        py::arg("phase_reference") = "zero", py::arg("fft_length") = py::none(),
+        py::arg("unwrapped") = false);
+
+    record.def("time_curves", [](const RecordHandle& self) {
+        requireImpulse(*self.record);
+        VELTRealVector timeline, impulse, envelope;
+        {
+            py::gil_scoped_release release;
+            impulse = self.record->centeredImpulseResponse();
+            timeline = self.record->centeredTimeline();
+            envelope = energyTimeCurve(impulse);
+            envelope.setLength(impulse.length());
+            convertAbsToMagnitude(envelope);
+        }
+        return py::make_tuple(arrayTakingVector(std::move(timeline)), arrayTakingVector(std::move(impulse)),
+                              arrayTakingVector(std::move(envelope)));
+    });
+
+    record.def(
+        "harmonic_curves",
+        [](const RecordHandle& self, std::vector<std::int64_t> orders, bool total, bool noiseFloor,
+           std::optional<std::size_t> fftLength) {
+            requireImpulse(*self.record);
+            for (std::size_t at = 0; at < orders.size(); ++at)
+                if (orders[at] < 2 || orders[at] > 20 || (at > 0 && orders[at] <= orders[at - 1]))
+                    throw py::value_error("Harmonic orders are ascending numbers from 2 to 20.");
+            HarmonicCurveRequest request{orders, total, noiseFloor,
+                                         checkedFFTLength(*self.record, fftLength)};
+            HarmonicCurveSet set;
+            {
+                py::gil_scoped_release release;
+                set = harmonicCurvesOfRecord(*self.record, request);
+            }
+            if (set.failure)
+                switch (*set.failure) {
+                case HarmonicCurveFailure::NoSweep:
+                    raise("Error", "The record has no sweep settings, so its harmonics cannot be located.",
+                          "Harmonic distortion needs the sweep that was played.");
+                case HarmonicCurveFailure::SweepDoesNotRise:
+                    raise("Error",
+                          "The record's sweep does not rise in frequency, so it has no harmonics to locate.");
+                case HarmonicCurveFailure::OrderTooHigh:
+                    raise(
+                        "Error",
+                        fmt::format("Harmonic {} overlaps the linear response; the highest order that can be "
+                                    "told apart is {}.",
+                                    orders.empty() ? 2 : orders.back(), set.highestOrder),
+                        "Choose lower orders, or measure with a longer sweep.");
+                case HarmonicCurveFailure::TooShortForTotal:
+                    raise("Error",
+                          "The record is too short to tell its 2nd harmonic from the linear response, so it "
+                          "has "
+                          "no total harmonic distortion.",
+                          "Measure with a longer sweep or a longer response.");
+                case HarmonicCurveFailure::TooShortForNoise:
+                    raise("Error",
+                          "The record is too short to hold a stretch without harmonics, so its noise floor "
+                          "cannot be read.",
+                          "Measure with a longer sweep or a longer response.");
+                }
+            py::dict levels, phases;
+            for (auto& [order, values] : set.orders)
+                levels[py::int_(order)] = arrayTakingVector(std::move(values));
+            for (auto& [order, values] : set.phases)
+                phases[py::int_(order)] = arrayTakingVector(std::move(values));
+            py::dict result;
+            result["frequencies"] = arrayTakingVector(std::move(set.frequencies));
+            result["orders"] = levels;
+            result["phases"] = phases;
+            result["total"] = set.total ? py::object(arrayTakingVector(std::move(*set.total))) : py::none();
+            result["noise_floor"] =
+                set.noiseFloor ? py::object(arrayTakingVector(std::move(*set.noiseFloor))) : py::none();
+            result["summed_orders"] = set.summedOrders;
+            result["highest_order"] = set.highestOrder;
+            return result;
+        },
+        py::arg("orders"), py::arg("total"), py::arg("noise_floor"), py::arg("fft_length") = py::none());
+
+    record.def(
+        "band_levels",
+        [](const RecordHandle& self, bool octave, std::optional<std::string> weighting) {
+            const std::optional<char> letter = weightingLetter(weighting);
+            std::pair<std::optional<BandLevels>, std::optional<BandLevelFailure>> result;
+            {
+                py::gil_scoped_release release;
+                result = bandLevelsOfRecord(*self.record, octave, letter.value_or('z'));
+            }
+            auto& [bands, fault] = result;
+            if (fault == BandLevelFailure::NoImpulseResponse)
+                raise("Error", "The record has no impulse response.");
+            if (fault == BandLevelFailure::UnsupportedSampleRate)
+                raise(
+                    "Error",
+                    fmt::format("The record has a sample rate of {} Hz, for which there are no band filters.",
+                                self.record->sampleRate()),
+                    "Band levels work at 44100, 48000, 88200, 96000, 176400 and 192000 Hz.");
+            if (fault == BandLevelFailure::EmptyWindow)
+                raise("Error", "The record's window holds no samples.", "Set a window within the response.");
+            py::dict out;
+            out["nominal"] = arrayTakingVector(std::move(bands->nominal));
+            out["exact"] = arrayTakingVector(std::move(bands->exact));
+            out["levels"] = arrayTakingVector(std::move(bands->levels));
+            out["spl"] = bands->spl ? py::object(arrayTakingVector(std::move(*bands->spl))) : py::none();
+            return out;
+        },
+        py::arg("octave"), py::arg("weighting") = py::none());
+
+    record.def(
+        "surface",
+        [](const RecordHandle& self, bool spectrogram, std::optional<std::int64_t> fftLength,
+           std::int64_t slices, float start, float duration, std::optional<std::string> window, float overlap,
+           bool startAtPeak) {
+            requireImpulse(*self.record);
+            if (slices < 1 || slices > 1000)
+                throw py::value_error(fmt::format("slices must be from 1 to 1000 (got {}).", slices));
+            GraphCalculationSettings settings;
+            WaterfallSettings& waterfall = settings.waterfall;
+            waterfall.fftLength = static_cast<std::int64_t>(
+                checkedFFTLength(*self.record, fftLength.value_or(spectrogram ? 4096 : 8192)));
+            waterfall.sliceCount = slices;
+            waterfall.startTime = start;
+            waterfall.duration = duration;
+            waterfall.startAtPeak = startAtPeak;
+            waterfall.overlap = overlap;
+            waterfall.windowType = spectrogram ? 3 : 4;
+            if (window) {
+                auto known = std::find_if(std::begin(kSliceWindows), std::end(kSliceWindows),
+                                          [&](const auto& entry) { return entry.first == *window; });
+                if (known == std::end(kSliceWindows))
+                    throw py::value_error(fmt::format("There is no slice window \"{}\".", *window));
+                waterfall.windowType = known->second;
+            }
+            std::shared_ptr<const GraphData3D> surface;
+            {
+                py::gil_scoped_release release;
+                std::unique_ptr<WaterfallGraphCalculationController> controller =
+                    spectrogram ? std::make_unique<SpectrogramGraphCalculationController>(settings)
+                                : std::make_unique<WaterfallGraphCalculationController>(settings);
+                GraphDataArray result = controller->calculate({self.record});
+                if (!result.empty())
+                    surface = std::dynamic_pointer_cast<const GraphData3D>(result.front());
+            }
+            if (!surface)
+                raise("Error", "The record gives no slices.");
+            VELTRealVector values(surface->rows() * surface->columns());
+            for (std::size_t row = 0; row < surface->rows(); ++row) {
+                std::span<const float> levels = surface->rowAtIndex(row);
+                std::copy(levels.begin(), levels.end(),
+                          values.mutableComponents() + row * surface->columns());
+            }
+            return py::make_tuple(arrayTakingVector(VELTRealVector(surface->x().span())),
+                                  arrayTakingVector(surface->z()),
+                                  matrixTakingVector(std::move(values), surface->rows(), surface->columns()));
+        },
+        py::arg("spectrogram"), py::arg("fft_length") = py::none(), py::arg("slices") = 25,
+        py::arg("start") = 0.0f, py::arg("duration") = 0.0f, py::arg("window") = py::none(),
+        py::arg("overlap") = 0.5f, py::arg("start_at_peak") = false);
+}
+
+} // namespace tavolar::python

@@ -1,0 +1,359 @@
+// Measurement documents and their records, read, selected and changed through the command line's
+// record store, so that Python and the commands agree on numbering, names and what is written.
+
+#include "AudioFiles.h"
+#include "Bindings.h"
+#include "CommandLine.h"
+#include "RecordDescription.h"
+#include "RecordStore.h"
+#include "platform/KeyedArchiver.h"
+
+#include <cmath>
+#include <fmt/format.h>
+#include <map>
+#include <optional>
+#include <pybind11/stl.h>
+#include <set>
+
+namespace tavolar::python {
+
+namespace {
+
+using cli::RecordStore;
+
+// An open document: its store, and the records handed out so far, so that two look-ups of one record
+// give the same record and a change made through either is seen by both.
+struct DocumentState {
+    std::optional<RecordStore> store;
+    bool readOnly = false;
+    std::map<std::string, std::shared_ptr<VELTMeasurementRecord>, std::less<>> loaded; // by UUID
+
+    RecordStore& openStore() {
+        if (!store)
+            throw py::value_error("The document is closed.");
+        return *store;
+    }
+
+    // The records keep their samples when the store (and with it the impulse cache) goes.
+    void close() {
+        for (auto& [uuid, record] : loaded) {
+            std::shared_ptr<const VELTRealVector> impulse = record->impulseResponse();
+            record->setImpulseCache(nullptr);
+            if (impulse && record->sampleRate() != 0)
+                record->setImpulseResponse(impulse);
+        }
+        store.reset();
+    }
+};
+
+std::shared_ptr<DocumentState> documentOf(const RecordHandle& handle) {
+    return std::static_pointer_cast<DocumentState>(handle.owner);
+}
+
+RecordHandle loadRecord(const std::shared_ptr<DocumentState>& state, std::size_t index) {
+    RecordStore& store = state->openStore();
+    if (index >= store.summaries().size())
+        throw py::index_error(fmt::format("The document holds {} records; there is no record at index {}.",
+                                          store.summaries().size(), index));
+    const std::string& uuid = store.summaries()[index].uuid;
+    if (auto known = state->loaded.find(uuid); known != state->loaded.end())
+        return {known->second, state};
+    auto record = valueOrRaise(store.load(index), "DocumentError");
+    state->loaded.emplace(uuid, record);
+    return {record, state};
+}
+
+// The place of a record given by number, UUID, UUID prefix or, failing those, its name.
+std::size_t findRecord(DocumentState& state, const std::string& key) {
+    RecordStore& store = state.openStore();
+    const std::vector<std::string> selectors{key};
+    if (key != "all")
+        if (auto selected = store.select(selectors, false); selected && selected->size() == 1)
+            return selected->front();
+    std::vector<std::size_t> named;
+    for (std::size_t index = 0; index < store.summaries().size(); ++index)
+        if (store.summaries()[index].name == key)
+            named.push_back(index);
+    if (named.size() == 1)
+        return named.front();
+    if (named.size() > 1)
+        throw py::key_error(fmt::format("{} records are named {}; give a UUID instead.", named.size(), key));
+    throw py::key_error(fmt::format("{} names no record of {}: give a UUID, a UUID prefix or a name.", key,
+                                    store.path().string()));
+}
+
+// What set changes, checked as set checks it before anything is changed.
+struct RecordChanges {
+    std::optional<float> windowBegin, windowEnd; // ms
+    std::optional<std::string> windowType;
+    std::optional<std::string> comment, notes, color;
+    std::optional<float> splReference;
+    bool noSPLReference = false;
+    std::optional<double> speedOfSound;
+};
+
+void changeRecord(const RecordHandle& handle, const RecordChanges& changes) {
+    VELTMeasurementRecord& record = *handle.record;
+    std::optional<std::int64_t> windowType;
+    if (changes.windowType) {
+        windowType = cli::windowTypeFromName(*changes.windowType);
+        if (!windowType)
+            throw py::value_error(fmt::format("{} is not a window type; the types are {}.",
+                                              *changes.windowType, fmt::join(cli::windowTypeNames(), ", ")));
+    }
+    std::optional<ArchivedColor> color;
+    if (changes.color) {
+        color = cli::parseColor(*changes.color);
+        if (!color)
+            throw py::value_error(
+                fmt::format("{} is not a colour: give #RRGGBB, such as #1F77B4, or a name such "
+                            "as red.",
+                            *changes.color));
+    }
+    if (changes.speedOfSound && !(*changes.speedOfSound > 0.0 && *changes.speedOfSound < 100000.0))
+        throw py::value_error("The speed of sound must be a positive number of m/s.");
+    if (changes.splReference && !std::isfinite(*changes.splReference))
+        throw py::value_error("The SPL reference must be a number of dB.");
+    for (std::optional<float> value : {changes.windowBegin, changes.windowEnd})
+        if (value && !std::isfinite(*value))
+            throw py::value_error("Window times must be numbers of ms.");
+    const bool changesWindow = changes.windowBegin || changes.windowEnd || windowType;
+    if (changesWindow) {
+        if (!record.impulseResponse() || record.sampleRate() <= 0)
+            raise("Error", "The record has no impulse response to window.");
+        const std::int64_t begin =
+            changes.windowBegin ? record.samplesFromMilliseconds(*changes.windowBegin) : record.windowBegin();
+        const std::int64_t end =
+            changes.windowEnd ? record.samplesFromMilliseconds(*changes.windowEnd) : record.windowEnd();
+        const std::int64_t earliest = record.minimumImpulseSampleIndex();
+        const std::int64_t latest = record.impulseMidpoint();
+        const double msPerSample = 1000.0 / static_cast<double>(record.sampleRate());
+        if (begin >= end)
+            throw py::value_error(
+                fmt::format("The window would end ({:.3f} ms) before it begins ({:.3f} ms).",
+                            end * msPerSample, begin * msPerSample));
+        if (begin < earliest || end > latest)
+            throw py::value_error(fmt::format("The window {:.3f} ms to {:.3f} ms lies outside the impulse "
+                                              "response, which runs from {:.3f} ms to {:.3f} ms.",
+                                              begin * msPerSample, end * msPerSample, earliest * msPerSample,
+                                              latest * msPerSample));
+    }
+    std::shared_ptr<DocumentState> document = documentOf(handle);
+    if (document && document->readOnly)
+        raise("DocumentError", "The document was opened read-only.",
+              "Open it with Document.open(path, readonly=False) to change its records.");
+
+    if (changesWindow) {
+        VELTWindow window = record.impulseResponseWindow();
+        if (changes.windowBegin)
+            window.setBegin(record.samplesFromMilliseconds(*changes.windowBegin));
+        if (changes.windowEnd)
+            window.setEnd(record.samplesFromMilliseconds(*changes.windowEnd));
+        if (windowType)
+            window.setType(*windowType);
+        record.setImpulseResponseWindow(window);
+    }
+    if (changes.comment)
+        record.setComment(*changes.comment);
+    if (changes.notes)
+        record.setNotes(*changes.notes);
+    if (color)
+        record.setPlotColor(*color);
+    if (changes.splReference) {
+        record.setSPLReferenceLevel(*changes.splReference);
+        record.setUseSPLReferenceLevel(true);
+    }
+    if (changes.noSPLReference)
+        record.setUseSPLReferenceLevel(false);
+    if (changes.speedOfSound)
+        record.setSpeedOfSound(*changes.speedOfSound);
+    if (document) {
+        const std::shared_ptr<VELTMeasurementRecord> changed[] = {handle.record};
+        valueOrRaise(document->openStore().save(changed, {}), "DocumentError");
+    }
+}
+
+std::string describe(const RecordHandle& handle) {
+    std::size_t number = 0;
+    nlohmann::json loopback = nullptr;
+    if (auto document = documentOf(handle); document && document->store) {
+        const auto& summaries = document->store->summaries();
+        const std::string uuid = handle.record->impulseUUID();
+        for (std::size_t index = 0; index < summaries.size(); ++index)
+            if (summaries[index].uuid == uuid)
+                number = index + 1;
+        loopback = document->store->loopbackReference(uuid);
+    }
+    return cli::jsonText(cli::describeRecord(*handle.record, number, loopback));
+}
+
+// A record made from samples: the analysis defaults that measure and import give.
+std::shared_ptr<VELTMeasurementRecord> recordFromSamples(VELTRealVector samples, std::int64_t sampleRate,
+                                                         RecordStore* store) {
+    valueOrRaise(cli::checkSampleRate(sampleRate, "The sample rate", false));
+    if (samples.length() < 2)
+        throw py::value_error("An impulse response needs at least two samples.");
+    if (!samples.isFinite())
+        throw py::value_error("The impulse response holds samples that are not finite.");
+    std::shared_ptr<VELTMeasurementRecord> record;
+    if (store) {
+        record = store->makeRecord(std::move(samples), sampleRate);
+    } else {
+        record = VELTMeasurementRecord::record();
+        record->setSampleRate(sampleRate);
+        record->setImpulseResponse(std::move(samples));
+    }
+    record->setDate(ArchivedDate(std::chrono::system_clock::now()));
+    return record;
+}
+
+} // namespace
+
+void addDocuments(py::module_& module) {
+    py::class_<RecordHandle> record(module, "RecordHandle", "One measurement record of the engine.");
+    record
+        .def_static(
+            "from_impulse",
+            [](const py::array& samples, std::int64_t sampleRate, std::optional<std::string> name) {
+                auto made =
+                    recordFromSamples(vectorFromArray(samples, "The impulse response"), sampleRate, nullptr);
+                made->setComment(name);
+                cli::applyDefaultAnalysisSettings(*made);
+                return RecordHandle{made, nullptr};
+            },
+            py::arg("samples"), py::arg("sample_rate"), py::arg("name") = py::none())
+        .def_property_readonly("uuid", [](const RecordHandle& self) { return self.record->impulseUUID(); })
+        .def_property_readonly(
+            "display_name", [](const RecordHandle& self) { return RecordStore::displayName(*self.record); })
+        .def_property_readonly("sample_rate",
+                               [](const RecordHandle& self) { return self.record->sampleRate(); })
+        .def_property_readonly("in_document", [](const RecordHandle& self) { return self.owner != nullptr; })
+        .def("description", &describe, "Everything info shows of the record, as JSON text.")
+        .def("impulse",
+             [](const RecordHandle& self) { return arraySharingVector(self.record->impulseResponse()); })
+        .def("windowed_impulse",
+             [](const RecordHandle& self) {
+                 return arrayTakingVector(self.record->windowedImpulseResponse());
+             })
+        .def(
+            "change",
+            [](const RecordHandle& self, std::optional<float> windowBegin, std::optional<float> windowEnd,
+               std::optional<std::string> windowType, std::optional<std::string> comment,
+               std::optional<std::string> notes, std::optional<std::string> color,
+               std::optional<float> splReference, bool noSPLReference, std::optional<double> speedOfSound) {
+                changeRecord(self, RecordChanges{windowBegin, windowEnd, windowType, comment, notes, color,
+                                                 splReference, noSPLReference, speedOfSound});
+            },
+            py::kw_only(), py::arg("window_begin") = py::none(), py::arg("window_end") = py::none(),
+            py::arg("window_type") = py::none(), py::arg("comment") = py::none(),
+            py::arg("notes") = py::none(), py::arg("color") = py::none(),
+            py::arg("spl_reference") = py::none(), py::arg("no_spl_reference") = false,
+            py::arg("speed_of_sound") = py::none())
+        .def("archive",
+             [](const RecordHandle& self) {
+                 std::vector<std::byte> data = KeyedArchiver::archivedDataWithRootObject(*self.record);
+                 return py::bytes(reinterpret_cast<const char*>(data.data()), data.size());
+             })
+        .def_static("from_archive", [](const py::bytes& data) {
+            const std::string_view bytes = data;
+            auto decoded = valueOrRaise(KeyedUnarchiver::unarchivedObjectOfClass<VELTMeasurementRecord>(
+                std::as_bytes(std::span(bytes.data(), bytes.size()))));
+            return RecordHandle{std::make_shared<VELTMeasurementRecord>(std::move(decoded)), nullptr};
+        });
+    addCurves(module, record);
+
+    py::class_<DocumentState, std::shared_ptr<DocumentState>>(module, "DocumentHandle",
+                                                              "An open measurement document.")
+        .def_static(
+            "open",
+            [](const std::string& path, bool create, bool readOnly) {
+                auto state = std::make_shared<DocumentState>();
+                std::error_code status;
+                if (create && std::filesystem::exists(path, status))
+                    raise("DocumentError", fmt::format("The document {} already exists.", path),
+                          "Open it with Document.open, or remove it first.");
+                state->store =
+                    valueOrRaise(RecordStore::open(path, create     ? RecordStore::Mode::CreateIfMissing
+                                                         : readOnly ? RecordStore::Mode::ReadOnly
+                                                                    : RecordStore::Mode::ReadWrite),
+                                 "DocumentError");
+                state->readOnly = readOnly;
+                return state;
+            },
+            py::arg("path"), py::arg("create") = false, py::arg("readonly") = false)
+        .def_property_readonly("path", [](DocumentState& self) { return self.openStore().path().string(); })
+        .def_property_readonly("closed", [](const DocumentState& self) { return !self.store; })
+        .def_readonly("readonly", &DocumentState::readOnly)
+        .def("close", &DocumentState::close)
+        .def("__len__", [](DocumentState& self) { return self.openStore().summaries().size(); })
+        .def("uuids",
+             [](DocumentState& self) {
+                 std::vector<std::string> uuids;
+                 for (const RecordSummary& summary : self.openStore().summaries())
+                     uuids.push_back(summary.uuid);
+                 return uuids;
+             })
+        .def("find", [](DocumentState& self, const std::string& key) { return findRecord(self, key); })
+        .def("load", [](const std::shared_ptr<DocumentState>& self,
+                        std::size_t index) { return loadRecord(self, index); })
+        .def(
+            "add",
+            [](const std::shared_ptr<DocumentState>& self, std::vector<RecordHandle> records) {
+                if (self->readOnly)
+                    raise("DocumentError", "The document was opened read-only.",
+                          "Open it with Document.open(path, readonly=False) to add records.");
+                RecordStore& store = self->openStore();
+                std::vector<std::shared_ptr<VELTMeasurementRecord>> added;
+                std::vector<std::string> impulses;
+                for (const RecordHandle& given : records) {
+                    // A record from elsewhere is copied into this document with its own samples.
+                    auto impulse = given.record->impulseResponse();
+                    if (!impulse || given.record->sampleRate() <= 0)
+                        raise("Error", "A record without an impulse response cannot be stored.");
+                    auto record = store.makeRecord(*impulse, given.record->sampleRate());
+                    given.record->copyAttributesToMeasurementRecord(*record);
+                    record->setImpulseResponse(impulse);
+                    added.push_back(std::move(record));
+                    impulses.push_back(added.back()->impulseUUID());
+                }
+                valueOrRaise(store.save(added, impulses), "DocumentError");
+                std::vector<RecordHandle> handles;
+                for (const auto& record : added) {
+                    self->loaded.emplace(record->impulseUUID(), record);
+                    handles.push_back({record, self});
+                }
+                return handles;
+            },
+            "Stores copies of records in the document and answers them.")
+        .def(
+            "add_impulses",
+            [](const std::shared_ptr<DocumentState>& self, const py::array& samples, std::int64_t sampleRate,
+               std::optional<std::string> name) {
+                if (self->readOnly)
+                    raise("DocumentError", "The document was opened read-only.",
+                          "Open it with Document.open(path, readonly=False) to add records.");
+                RecordStore& store = self->openStore();
+                std::vector<VELTRealVector> channels = channelsFromArray(samples, "The impulse responses");
+                std::vector<std::shared_ptr<VELTMeasurementRecord>> added;
+                std::vector<std::string> impulses;
+                for (std::size_t channel = 0; channel < channels.size(); ++channel) {
+                    auto record = recordFromSamples(std::move(channels[channel]), sampleRate, &store);
+                    if (name)
+                        record->setComment(
+                            channels.size() == 1 ? *name : fmt::format("{} (channel {})", *name, channel));
+                    cli::applyDefaultAnalysisSettings(*record);
+                    impulses.push_back(record->impulseUUID());
+                    added.push_back(std::move(record));
+                }
+                valueOrRaise(store.save(added, impulses), "DocumentError");
+                std::vector<RecordHandle> handles;
+                for (const auto& record : added) {
+                    self->loaded.emplace(record->impulseUUID(), record);
+                    handles.push_back({record, self});
+                }
+                return handles;
+            },
+            py::arg("samples"), py::arg("sample_rate"), py::arg("name") = py::none());
+}
+
+} // namespace tavolar::python

@@ -1,0 +1,23 @@
+"""Acoustic measurement: documents of measurement records, their curves, measuring with audio
+devices, and graphs, on the TavolarKit engine."""
+
+from ._curves import BandLevels, FrequencyCurve, FrequencyResponse, HarmonicDistortion, Surface, TimeCurve
+from ._errors import CalibrationError, DeviceError, DocumentError, Error
+from ._records import Document, Record, Records, Window
+
+__all__ = [
+    "BandLevels",
+    "CalibrationError",
+    "DeviceError",
+    "Document",
+    "DocumentError",
+    "Error",
+    "FrequencyCurve",
+    "FrequencyResponse",
+    "HarmonicDistortion",
+    "Record",
+    "Records",
+    "Surface",
+    "TimeCurve",
+    "Window",
+]

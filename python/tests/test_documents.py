@@ -1,0 +1,115 @@
+"""Documents and records: opening, looking records up, and changes that the command line sees."""
+
+from __future__ import annotations
+
+import json
+from pathlib import Path
+from typing import Any, Callable
+
+import numpy as np
+import pytest
+
+import tavolar
+
+
+def info(cli: Callable[..., Any], path: Path) -> Any:
+    return json.loads(cli("info", str(path), "1", "--json").stdout)[0]
+
+
+def test_open_create_and_close(document: Path, tmp_path: Path) -> None:
+    with tavolar.Document.open(document) as opened:
+        assert len(opened.records) == 1 and not opened.closed
+        record = opened.records[0]
+    assert opened.closed and "closed" in repr(opened)
+    # A record outlives its closed document with its samples.
+    assert record.impulse.shape == (524288,)
+
+    with pytest.raises(tavolar.DocumentError) as missing:
+        tavolar.Document.open(tmp_path / "missing.tavolar")
+    assert "does not exist" in missing.value.message and missing.value.suggestion
+    with pytest.raises(tavolar.DocumentError, match="already exists"):
+        tavolar.Document.create(document)
+    with tavolar.Document.create(tmp_path / "new.tavolar") as created:
+        assert len(created.records) == 0
+
+
+def test_records_are_found_by_place_uuid_prefix_and_name(document: Path) -> None:
+    with tavolar.Document.open(document) as opened:
+        first = opened.records[0]
+        for key in (-1, first.uuid, first.uuid[:6].lower(), "Left speaker", "1"):
+            assert opened.records[key] == first, key
+        assert first.uuid in opened.records and "nothing" not in opened.records
+        assert opened.records[0:5] == [first]
+        with pytest.raises(KeyError, match="names no record"):
+            opened.records["nothing"]
+        with pytest.raises(IndexError):
+            opened.records[3]
+
+
+@pytest.mark.parametrize(
+    "attribute, value, key, expected",
+    [
+        ("name", "Tweeter", "name", "Tweeter"),
+        ("notes", "axis, 1 m", "notes", "axis, 1 m"),
+        ("spl_reference", 87.5, "splReference", {"inUse": True, "levelDecibels": 87.5}),
+        ("speed_of_sound", 343.0, "speedOfSound", 343.0),
+        ("color", "red", "color", "#FF0000"),
+        ("window", (-1.0, 80.0, "half-hanning"), "window", {"beginMilliseconds": -1.0, "endMilliseconds": 80.0,
+                                                            "type": "half-hanning"}),
+    ],
+)
+def test_changes_are_written_as_set_writes_them(cli: Callable[..., Any], document: Path, attribute: str,
+                                                value: Any, key: str, expected: Any) -> None:
+    with tavolar.Document.open(document) as opened:
+        setattr(opened.records[0], attribute, value)
+    stored = info(cli, document)[key]
+    if isinstance(expected, dict):
+        stored = {name: stored[name] for name in expected}
+    assert stored == expected
+
+
+@pytest.mark.parametrize(
+    "change, error, message",
+    [
+        ({"end": -5.0}, ValueError, "before it begins"),
+        ({"end": 99999.0}, ValueError, "lies outside the impulse response"),
+        ({"type": "triangle"}, ValueError, "not a window type"),
+    ],
+)
+def test_bad_changes_leave_the_record_as_it_was(document: Path, change: Any, error: type,
+                                                message: str) -> None:
+    with tavolar.Document.open(document) as opened:
+        record = opened.records[0]
+        before = record.info()
+        with pytest.raises(error, match=message):
+            record.set_window(**change)
+        with pytest.raises(ValueError, match="not a colour"):
+            record.color = "ultraviolet"
+        assert record.info() == before
+
+
+def test_read_only_documents_refuse_changes(document: Path) -> None:
+    with tavolar.Document.open(document, readonly=True) as opened:
+        with pytest.raises(tavolar.DocumentError, match="read-only"):
+            opened.records[0].name = "x"
+        with pytest.raises(tavolar.DocumentError, match="read-only"):
+            opened.add_impulse_responses(np.ones(64, np.float32), 48000)
+
+
+def test_impulse_responses_become_records(cli: Callable[..., Any], tmp_path: Path) -> None:
+    path = tmp_path / "added.tavolar"
+    impulses = np.zeros((2, 4096), dtype=np.float64, order="F")
+    impulses[0, 10] = 1.0
+    impulses[1, 20] = 0.5
+    with tavolar.Document.create(path) as created:
+        added = created.add_impulse_responses(impulses, 48000, name="Pair")
+        assert [record.name for record in added] == ["Pair (channel 0)", "Pair (channel 1)"]
+        # A record of no document is stored as a copy.
+        loose = tavolar.Record.from_impulse_response(impulses[0], 44100, name="Loose")
+        (copy,) = created.add(loose)
+        assert copy.uuid != loose.uuid and copy.sample_rate == 44100
+    listed = json.loads(cli("list", str(path), "--json").stdout)
+    assert [entry["name"] for entry in listed] == ["Pair (channel 0)", "Pair (channel 1)", "Loose"]
+    with tavolar.Document.open(path) as opened:
+        np.testing.assert_array_equal(opened.records[1].impulse, impulses[1].astype(np.float32))
+        assert opened.records[0].info()["peak"]["samples"] == 10
