@@ -34,10 +34,6 @@ std::unexpected<TavolarError> settingsError(std::string description, std::string
     return makeUnexpected(std::move(description), std::move(suggestion), kPlotSettingsError);
 }
 
-bool isFrequencyGraph(std::string_view name) {
-    return frequencyGraphNamed(name).has_value();
-}
-
 bool isSurfaceGraph(std::string_view name) {
     return name == "waterfall" || name == "spectrogram";
 }
@@ -54,7 +50,7 @@ Expected<void> checkedSettings(const PlotSettings& s) {
         return settingsError(fmt::format("There is no graph named {}.", s.graph),
                              fmt::format("The graphs are {}.", fmt::join(names, ", ")));
     const auto frequency = frequencyGraphNamed(s.graph);
-    const bool smoothed = (frequency && frequency->smoothed) || s.graph == "waterfall";
+    const bool smoothed = frequency && frequency->smoothed;
     const bool decibelGraph = s.graph == "magnitude" || s.graph == "spl";
     const bool phaseGraph = s.graph == "phase" || s.graph == "minimum-phase" || s.graph == "excess-phase";
     if (s.smoothing && (*s.smoothing < 1 || *s.smoothing > kLargestSmoothingDenominator))
@@ -62,7 +58,7 @@ Expected<void> checkedSettings(const PlotSettings& s) {
                                          kLargestSmoothingDenominator, *s.smoothing));
     if (s.smoothing && !smoothed)
         return settingsError(fmt::format("The {} graph is not smoothed.", s.graph),
-                             "Smoothing applies to the magnitude, SPL and waterfall graphs.");
+                             "Smoothing applies to the magnitude and SPL graphs.");
     if (std::find(kCombinations.begin(), kCombinations.end(), s.combine) == kCombinations.end())
         return settingsError(fmt::format("There is no combination named {}.", s.combine),
                              fmt::format("The combinations are {}.", fmt::join(kCombinations, ", ")));
@@ -101,6 +97,12 @@ Expected<void> checkedSettings(const PlotSettings& s) {
     if (s.colorMap != "viridis" && s.colorMap != "magma")
         return settingsError(fmt::format("There is no colour map named {}.", s.colorMap),
                              "The colour maps are viridis and magma.");
+    const WaterfallSettings& w = s.waterfall;
+    if (w.sliceCount < 2 || w.sliceCount > 1000 || w.fftLength < 64 || w.fftLength > 65536 ||
+        (w.fftLength & (w.fftLength - 1)) != 0 || !(w.duration >= 0.0f) || !std::isfinite(w.startTime))
+        return settingsError(
+            "Waterfalls and spectrograms take 2 to 1000 slices, a transform of a power of two "
+            "from 64 to 65536 samples, and a duration that is not negative.");
     if (!(s.floor > 0.0) || s.floor > 200.0)
         return settingsError(fmt::format("The floor is from 0 to 200 dB below the peak (got {}).", s.floor));
     for (const auto& range : {s.xRange, s.yRange})
@@ -135,6 +137,19 @@ GraphCalculationSettings calculationSettings(const PlotSettings& s) {
     settings.thirdOctaveBands = s.graph == "third-octave-bands";
     settings.weighting = s.weighting;
     settings.waterfall = s.waterfall;
+    // The waterfall's slices are long and few; a spectrogram left at those settings gets short,
+    // closely overlapping ones over the first half second instead.
+    const WaterfallSettings defaults;
+    const WaterfallSettings& w = s.waterfall;
+    if (s.graph == "spectrogram" && w.windowType == defaults.windowType &&
+        w.startAtPeak == defaults.startAtPeak && w.startTime == defaults.startTime &&
+        w.duration == defaults.duration && w.fftLength == defaults.fftLength &&
+        w.sliceCount == defaults.sliceCount && w.overlap == defaults.overlap) {
+        settings.waterfall.fftLength = 1024;
+        settings.waterfall.overlap = 0.9375f;
+        settings.waterfall.startTime = -5.0f;
+        settings.waterfall.duration = 500.0f;
+    }
     return settings;
 }
 
@@ -303,7 +318,7 @@ Expected<GraphPicture> plotRecords(const RecordArray& records, const PlotSetting
     VELTGraphPlot& plot = picture->plot;
     plot.appearance = *VELTGraphAppearance::appearanceNamed(s.theme);
     plot.note = sampleRateNote(records);
-    if (s.smoothing && (isFrequencyGraph(s.graph) || s.graph == "waterfall"))
+    if (s.smoothing)
         plot.note += fmt::format(" \u00B7 1/{} octave smoothing", *s.smoothing);
     if (s.title)
         plot.title = *s.title;

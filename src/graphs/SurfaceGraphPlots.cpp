@@ -1,13 +1,92 @@
 #include "graphs/SurfaceGraphPlots.h"
 
+#include "core/VELTMeasurementRecord.h"
+#include "graphcalc/SpectrogramGraphCalculationController.h"
+#include "graphcalc/WaterfallGraphCalculationController.h"
+#include "graphing/VELTSurfaceLayout.h"
+
+#include <algorithm>
+#include <fmt/format.h>
+
 namespace tavolar {
 
-Expected<GraphPicture> surfacePicture(const RecordArray&, const PlotSettings& settings,
-                                      const GraphCalculationSettings&) {
-    return makeUnexpected(settings.graph + " pictures are not drawn yet.");
+namespace {
+
+VELTSurfacePlot surfacePlotOf(const GraphPicture& picture) {
+    const VELTGraphPlot& plot = picture.plot;
+    VELTSurfacePlot surface;
+    surface.title = plot.title;
+    surface.titleModifier = plot.titleModifier;
+    surface.note = plot.note;
+    if (!plot.curves.empty())
+        surface.surface = std::dynamic_pointer_cast<const GraphData3D>(plot.curves.front());
+    surface.logarithmicX = plot.logarithmicX;
+    surface.xMin = plot.extents.xMin;
+    surface.xMax = plot.extents.xMax;
+    surface.zMin = plot.extents.yMin;
+    surface.zMax = plot.extents.yMax;
+    std::tie(surface.levelMin, surface.levelMax) = picture.levelRange;
+    surface.colorMap = VELTColorMap::named(picture.colorMap).value_or(VELTColorMap::viridis());
+    surface.appearance = plot.appearance;
+    return surface;
 }
 
-void drawWaterfall(VELTPainter&, const GraphPicture&, const VELTRect&) {}
-void drawHeatMap(VELTPainter&, const GraphPicture&, const VELTRect&) {}
+} // namespace
+
+Expected<GraphPicture> surfacePicture(const RecordArray& records, const PlotSettings& settings,
+                                      const GraphCalculationSettings& calculation) {
+    const bool waterfall = settings.graph == "waterfall";
+    // One record's surface: surfaces of several records would hide each other.
+    const RecordArray first{records.front()};
+    GraphDataArray data = waterfall ? WaterfallGraphCalculationController(calculation).calculate(first)
+                                    : SpectrogramGraphCalculationController(calculation).calculate(first);
+    std::shared_ptr<const GraphData3D> surface;
+    if (!data.empty())
+        surface = std::dynamic_pointer_cast<const GraphData3D>(data.front());
+    if (!surface || surface->rows() == 0 || surface->columns() < 2)
+        return makeUnexpected(
+            fmt::format("The record holds no {} to draw.", waterfall ? "waterfall" : "spectrogram"),
+            "Its impulse response may be too short for the slices asked for.");
+    GraphPicture picture;
+    picture.style = waterfall ? PictureStyle::Waterfall : PictureStyle::HeatMap;
+    picture.colorMap = settings.colorMap;
+    picture.levelRange = {-settings.floor, 0.0};
+    picture.roundedY = false;
+    VELTGraphPlot& plot = picture.plot;
+    plot.title = waterfall ? "Waterfall" : "Spectrogram";
+    if (records.size() > 1 && !surface->name().empty())
+        plot.titleModifier = "(" + surface->name() + ")";
+    plot.logarithmicX = !settings.linearFrequency;
+    plot.xQuantity = surface->xQuantity();
+    plot.yQuantity = surface->zQuantity();
+    const double nyquist = surface->x()[surface->columns() - 1];
+    plot.extents.xMin = settings.linearFrequency ? 0.0 : std::min(20.0, nyquist / 10.0);
+    plot.extents.xMax = std::min(20000.0, nyquist);
+    plot.extents.yMin = surface->z()[0];
+    plot.extents.yMax = surface->z()[surface->rows() - 1];
+    // Most of a recording is silence: time ends a fifth after the last slice that rises above the
+    // lowest fifth of the levels shown.
+    const float audible = static_cast<float>(-settings.floor * 0.8);
+    for (std::size_t row = surface->rows(); row-- > 0;) {
+        const auto values = surface->rowAtIndex(row);
+        if (std::any_of(values.begin(), values.end(), [&](float v) { return v > audible; })) {
+            const double end = surface->z()[row];
+            plot.extents.yMax = std::min(plot.extents.yMax, end + (end - plot.extents.yMin) * 0.2);
+            break;
+        }
+    }
+    if (!(plot.extents.yMax > plot.extents.yMin))
+        plot.extents.yMax = plot.extents.yMin + 1.0;
+    plot.curves = {surface};
+    return picture;
+}
+
+void drawWaterfall(VELTPainter& painter, const GraphPicture& picture, const VELTRect& bounds) {
+    drawWaterfallGraph(painter, surfacePlotOf(picture), bounds);
+}
+
+void drawHeatMap(VELTPainter& painter, const GraphPicture& picture, const VELTRect& bounds) {
+    drawHeatMapGraph(painter, surfacePlotOf(picture), bounds);
+}
 
 } // namespace tavolar
