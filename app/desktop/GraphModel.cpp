@@ -1,38 +1,61 @@
 #include "GraphModel.h"
 
 #include "GraphRenderer.h"
-#include "graphing/VELTUnitFormatter.h"
+#include "graphs/FrequencyGraphPlots.h"
+#include "platform/DispatchQueue.h"
 
 #include <algorithm>
 #include <cmath>
-#include <fmt/format.h>
-#include <fmt/ranges.h>
+#include <map>
 
 namespace tavolar::desktop {
 
 namespace {
 
 constexpr double kLowestFrequency = 1.0; // Hz
-constexpr double kSmallestYSpan = 1.0;   // dB (or the graph's unit)
-// The narrowest frequency range, as a ratio, so that the axis always has room for a tick.
-constexpr double kSmallestXRatio = 1.001;
+constexpr double kSmallestDecibelSpan = 1.0;
+// The narrowest ranges otherwise, relative to their size, so that an axis always has room for a tick.
+constexpr double kSmallestRelativeSpan = 1e-3;
 
-bool isWrappedPhase(FrequencyGraphKind kind) {
-    return kind == FrequencyGraphKind::Phase || kind == FrequencyGraphKind::MinimumPhase ||
-           kind == FrequencyGraphKind::ExcessPhase;
-}
+const std::vector<std::string_view> kCombinations{"none", "average", "difference", "sum", "rms-average"};
 
 } // namespace
 
-GraphModel::GraphModel(FrequencyGraphDescription graph, QObject* parent) : QObject(parent), graph_(graph) {
+GraphModel::GraphModel(std::string name, QObject* parent) : QObject(parent), name_(std::move(name)) {
     // Smoothed graphs start at 1/12 octave.
-    if (graph_.smoothed)
+    if (takesSmoothing())
         smoothing_ = 12;
-    controller_ = makeFrequencyGraphController(graph_.kind, calculationSettings());
 }
 
 GraphModel::~GraphModel() {
     *alive_ = false;
+}
+
+QString GraphModel::title() const {
+    if (auto graph = frequencyGraphNamed(name_))
+        return QString::fromUtf8(graph->title.data(), static_cast<qsizetype>(graph->title.size()));
+    static const std::map<std::string, const char*> titles{{"impulse", "Impulse Response"},
+                                                           {"etc", "Energy-Time Curve"},
+                                                           {"distortion", "Distortion"},
+                                                           {"octave-bands", "Octave Bands"},
+                                                           {"third-octave-bands", "1/3 Octave Bands"},
+                                                           {"waterfall", "Waterfall"},
+                                                           {"spectrogram", "Spectrogram"}};
+    auto found = titles.find(name_);
+    return found == titles.end() ? QString::fromStdString(name_) : tr(found->second);
+}
+
+bool GraphModel::takesSmoothing() const {
+    auto graph = frequencyGraphNamed(name_);
+    return graph && graph->smoothed;
+}
+
+bool GraphModel::takesNormalization() const {
+    return name_ == "magnitude" || name_ == "spl";
+}
+
+bool GraphModel::takesCombination() const {
+    return frequencyGraphNamed(name_).has_value();
 }
 
 const std::vector<std::pair<std::string, QString>>& GraphModel::undoablePropertyKeyPaths() {
@@ -79,29 +102,26 @@ double GraphModel::value(const std::string& keyPath) const {
 void GraphModel::setValue(const std::string& keyPath, double value) {
     bool recompute = false;
     if (keyPath == "smoothingFraction") {
-        smoothing_ = graph_.smoothed ? std::max(0, static_cast<int>(std::lround(value))) : 0;
+        smoothing_ = takesSmoothing() ? std::clamp(static_cast<int>(std::lround(value)), 0, 48) : 0;
         recompute = true;
     } else if (keyPath == "normalize") {
-        normalize_ = value != 0.0;
+        normalize_ = takesNormalization() && value != 0.0;
         recompute = true;
     } else if (keyPath == "multiSelectMode") {
-        multiSelectMode_ = std::max<std::int64_t>(0, std::llround(value));
+        multiSelectMode_ = takesCombination() ? std::clamp<std::int64_t>(std::llround(value), 0, 4) : 0;
         recompute = true;
     } else if (keyPath == "extentsLocked") {
         extentsLocked_ = value != 0.0;
+    } else if (keyPath == "extents.x.min") {
+        extents_.xMin = value;
+    } else if (keyPath == "extents.x.max") {
+        extents_.xMax = value;
+    } else if (keyPath == "extents.y.min") {
+        extents_.yMin = value;
+    } else if (keyPath == "extents.y.max") {
+        extents_.yMax = value;
     } else {
-        VELTGraphExtents extents = extents_;
-        if (keyPath == "extents.x.min")
-            extents.xMin = value;
-        else if (keyPath == "extents.x.max")
-            extents.xMax = value;
-        else if (keyPath == "extents.y.min")
-            extents.yMin = value;
-        else if (keyPath == "extents.y.max")
-            extents.yMax = value;
-        else
-            return;
-        extents_ = extents;
+        return;
     }
     emit valueChanged(QString::fromStdString(keyPath));
     if (recompute)
@@ -121,75 +141,95 @@ void GraphModel::setRecords(RecordArray records) {
     reload();
 }
 
-GraphCalculationSettings GraphModel::calculationSettings() const {
-    GraphCalculationSettings settings;
-    settings.smoothingFraction = smoothing_ > 0 ? 1.0f / static_cast<float>(smoothing_) : 0.0f;
+PlotSettings GraphModel::plotSettings() const {
+    PlotSettings settings;
+    settings.graph = name_;
+    if (smoothing_ > 0)
+        settings.smoothing = smoothing_;
     settings.normalize = normalize_;
-    settings.multiSelectMode = multiSelectMode_;
+    settings.combine = std::string(kCombinations[static_cast<std::size_t>(multiSelectMode_)]);
     return settings;
 }
 
 void GraphModel::reload() {
-    controller_->setSettings(calculationSettings());
+    const std::uint64_t generation = ++generation_;
     reloading_ = true;
-    // The handler runs on the main queue, which the window drains; a model gone by then is left alone.
+    if (records_.empty()) {
+        receive(makeUnexpected("There are no records to show."));
+        return;
+    }
+    // The picture is computed on the global queue and handed to the main queue; a model gone by then,
+    // or a later reload, leaves it unused.
     std::weak_ptr<bool> alive = alive_;
-    controller_->calculate(records_, [this, alive](GraphDataArray curves) {
-        if (auto living = alive.lock(); living && *living)
-            receive(std::move(curves));
+    DispatchQueue::global().async([this, alive, generation, records = records_, settings = plotSettings()] {
+        auto picture = std::make_shared<Expected<GraphPicture>>(plotRecords(records, settings));
+        DispatchQueue::main().async([this, alive, generation, picture] {
+            if (auto living = alive.lock(); living && *living && generation == generation_)
+                receive(std::move(*picture));
+        });
     });
 }
 
 void GraphModel::reloadSynchronously() {
-    controller_->setSettings(calculationSettings());
-    receive(controller_->calculate(records_));
+    ++generation_;
+    receive(records_.empty() ? Expected<GraphPicture>(makeUnexpected("There are no records to show."))
+                             : plotRecords(records_, plotSettings()));
 }
 
-void GraphModel::receive(GraphDataArray curves) {
+void GraphModel::receive(Expected<GraphPicture> picture) {
     reloading_ = false;
-    curves_ = std::move(curves);
-    // New data brings the extents that fit it, unless the user locked them; this is no undoable step.
-    if (!extentsLocked_)
-        if (auto fitted = fittedExtents())
-            extents_ = *fitted;
+    if (picture) {
+        picture_ = std::move(*picture);
+        problem_.clear();
+        // New data brings the extents that fit it, unless the user locked them; this is no undoable
+        // step.
+        if (!extentsLocked_)
+            if (auto fitted = fittedExtents())
+                extents_ = *fitted;
+    } else {
+        picture_.reset();
+        problem_ = QString::fromStdString(picture.error().localizedDescription);
+    }
     emit changed();
 }
 
-std::optional<VELTGraphPlot> GraphModel::plot(const VELTGraphAppearance& appearance) const {
-    auto plotted = frequencyGraphPlot(graph_, curves_, calculationSettings());
-    if (!plotted)
+std::optional<GraphPicture> GraphModel::picture() const {
+    if (!picture_)
         return std::nullopt;
-    plotted->appearance = appearance;
-    plotted->extents = extents_;
-    // The note names the curves' sample rates and the smoothing, as picture files have it.
-    std::vector<std::string> rates;
-    for (const auto& curve : curves_) {
-        std::string rate = formatFrequencyWithUnit(static_cast<double>(curve->sampleRate()));
-        if (curve->sampleRate() > 0 && std::find(rates.begin(), rates.end(), rate) == rates.end())
-            rates.push_back(std::move(rate));
+    GraphPicture picture = *picture_;
+    if (isInteractive()) {
+        picture.plot.extents = extents_;
+        picture.roundedY = false;
     }
-    plotted->note = fmt::format("{}", fmt::join(rates, ", "));
-    if (smoothing_ > 0 && graph_.smoothed)
-        plotted->note += fmt::format(" \u00B7 1/{} octave smoothing", smoothing_);
-    return plotted;
+    return picture;
+}
+
+const GraphDataArray& GraphModel::curves() const {
+    static const GraphDataArray none;
+    return picture_ ? picture_->plot.curves : none;
+}
+
+bool GraphModel::isInteractive() const {
+    return picture_ && (picture_->style == PictureStyle::Curves || picture_->style == PictureStyle::Bars);
+}
+
+bool GraphModel::logarithmicX() const {
+    return picture_ ? picture_->plot.logarithmicX : true;
 }
 
 std::optional<VELTGraphExtents> GraphModel::fittedExtents() const {
-    auto plotted = frequencyGraphPlot(graph_, curves_, calculationSettings());
-    if (!plotted)
+    if (!picture_)
         return std::nullopt;
-    // Wrapped phases keep their ±180° range; other axes end on whole steps of their ticks.
-    if (!isWrappedPhase(graph_.kind))
+    VELTGraphExtents extents = picture_->plot.extents;
+    if (picture_->roundedY && isInteractive())
         withMeasuringPainter([&](VELTPainter& painter) {
-            plotted->extents = roundedGraphExtents(painter, *plotted, viewBounds_);
+            extents = roundedGraphExtents(painter, picture_->plot, viewBounds_);
         });
-    return limited(plotted->extents);
+    return extents;
 }
 
 double GraphModel::highestFrequency() const {
     std::int64_t rate = 0;
-    for (const auto& curve : curves_)
-        rate = std::max(rate, curve->sampleRate());
     for (const auto& record : records_)
         rate = std::max(rate, record->sampleRate());
     return rate > 0 ? static_cast<double>(rate) / 2.0 : 24000.0;
@@ -197,24 +237,39 @@ double GraphModel::highestFrequency() const {
 
 VELTGraphExtents GraphModel::limited(const VELTGraphExtents& proposed) const {
     VELTGraphExtents result = proposed;
-    const double highest = highestFrequency();
-    if (!(proposed.xMax / proposed.xMin >= kSmallestXRatio) || !std::isfinite(proposed.xMin) ||
-        !std::isfinite(proposed.xMax)) {
-        result.xMin = extents_.xMin;
-        result.xMax = extents_.xMax;
-    } else if (proposed.xMax / proposed.xMin >= highest / kLowestFrequency) {
-        result.xMin = kLowestFrequency;
-        result.xMax = highest;
-    } else if (proposed.xMin < kLowestFrequency) {
-        // Moved back inside, keeping the span of the axis (a ratio on the logarithmic axis).
-        result.xMax = proposed.xMax * (kLowestFrequency / proposed.xMin);
-        result.xMin = kLowestFrequency;
-    } else if (proposed.xMax > highest) {
-        result.xMin = proposed.xMin * (highest / proposed.xMax);
-        result.xMax = highest;
+    const bool finite = std::isfinite(proposed.xMin) && std::isfinite(proposed.xMax) &&
+                        std::isfinite(proposed.yMin) && std::isfinite(proposed.yMax);
+    if (!finite)
+        return extents_;
+    const bool frequencyAxis = picture_ && picture_->plot.xQuantity.unit == "Hz";
+    if (logarithmicX()) {
+        const double lowest = frequencyAxis ? kLowestFrequency : 0.0;
+        const double highest = frequencyAxis ? highestFrequency() : INFINITY;
+        if (!(proposed.xMin > 0.0) || !(proposed.xMax / proposed.xMin >= 1.0 + kSmallestRelativeSpan)) {
+            result.xMin = extents_.xMin;
+            result.xMax = extents_.xMax;
+        } else if (frequencyAxis && proposed.xMax / proposed.xMin >= highest / lowest) {
+            result.xMin = lowest;
+            result.xMax = highest;
+        } else if (proposed.xMin < lowest) {
+            // Moved back inside, keeping the span of the axis (a ratio on the logarithmic axis).
+            result.xMax = proposed.xMax * (lowest / proposed.xMin);
+            result.xMin = lowest;
+        } else if (proposed.xMax > highest) {
+            result.xMin = proposed.xMin * (highest / proposed.xMax);
+            result.xMax = highest;
+        }
+    } else {
+        const double size = std::max(std::abs(proposed.xMin), std::abs(proposed.xMax));
+        if (!(proposed.xMax - proposed.xMin >= kSmallestRelativeSpan * std::max(size, 1e-3))) {
+            result.xMin = extents_.xMin;
+            result.xMax = extents_.xMax;
+        }
     }
-    if (!(proposed.yMax - proposed.yMin >= kSmallestYSpan) || !std::isfinite(proposed.yMin) ||
-        !std::isfinite(proposed.yMax)) {
+    const bool decibels = picture_ && picture_->plot.yQuantity.unit == "dB";
+    const double size = std::max(std::abs(proposed.yMin), std::abs(proposed.yMax));
+    const double smallestY = decibels ? kSmallestDecibelSpan : kSmallestRelativeSpan * std::max(size, 1e-6);
+    if (!(proposed.yMax - proposed.yMin >= smallestY)) {
         result.yMin = extents_.yMin;
         result.yMax = extents_.yMax;
     }
@@ -222,42 +277,58 @@ VELTGraphExtents GraphModel::limited(const VELTGraphExtents& proposed) const {
 }
 
 VELTGraphExtents GraphModel::zoomed(double x, double y, double factor) const {
-    // About the point: its distance to each end scales by the factor (on the logarithmic axis, the
-    // distance in log frequency), so the inverse factor undoes it.
-    const double logX = std::log(x);
-    VELTGraphExtents proposed{std::exp(logX - (logX - std::log(extents_.xMin)) * factor),
-                              std::exp(logX + (std::log(extents_.xMax) - logX) * factor),
-                              y - (y - extents_.yMin) * factor, y + (extents_.yMax - y) * factor};
+    // About the point: its distance to each end scales by the factor (on a logarithmic axis, the
+    // distance in log x), so the inverse factor undoes it.
+    VELTGraphExtents proposed{0.0, 0.0, y - (y - extents_.yMin) * factor, y + (extents_.yMax - y) * factor};
+    if (logarithmicX()) {
+        const double logX = std::log(x);
+        proposed.xMin = std::exp(logX - (logX - std::log(extents_.xMin)) * factor);
+        proposed.xMax = std::exp(logX + (std::log(extents_.xMax) - logX) * factor);
+    } else {
+        proposed.xMin = x - (x - extents_.xMin) * factor;
+        proposed.xMax = x + (extents_.xMax - x) * factor;
+    }
     return limited(proposed);
 }
 
 VELTGraphExtents GraphModel::panned(double fromX, double fromY, double toX, double toY) const {
-    const double ratio = fromX / toX;
     const double shift = fromY - toY;
-    return limited(
-        {extents_.xMin * ratio, extents_.xMax * ratio, extents_.yMin + shift, extents_.yMax + shift});
+    VELTGraphExtents proposed{extents_.xMin, extents_.xMax, extents_.yMin + shift, extents_.yMax + shift};
+    if (logarithmicX()) {
+        proposed.xMin *= fromX / toX;
+        proposed.xMax *= fromX / toX;
+    } else {
+        proposed.xMin += fromX - toX;
+        proposed.xMax += fromX - toX;
+    }
+    return limited(proposed);
 }
 
-std::vector<GraphModel::Reading> GraphModel::readout(double frequency) const {
+std::vector<GraphModel::Reading> GraphModel::readout(double at) const {
     std::vector<Reading> readings;
-    for (const auto& curve : curves_) {
-        const auto& style = curve->lineStyle().color;
+    if (!picture_ || picture_->style != PictureStyle::Curves)
+        return readings;
+    const bool logarithmic = logarithmicX();
+    for (const auto& curve : curves()) {
+        const VELTColor& color = curve->lineStyle().color;
         Reading reading{QString::fromStdString(curve->name()),
-                        QColor::fromRgbF(static_cast<float>(style.red), static_cast<float>(style.green),
-                                         static_cast<float>(style.blue)),
+                        QColor::fromRgbF(static_cast<float>(color.red), static_cast<float>(color.green),
+                                         static_cast<float>(color.blue)),
                         std::nullopt};
         const auto x = curve->x().span();
         const auto y = curve->y().span();
         const std::size_t count = std::min(x.size(), y.size());
-        // The first point at or above the frequency, and the one before it.
-        const auto above = std::lower_bound(x.begin(), x.begin() + count, static_cast<float>(frequency));
-        const auto at = static_cast<std::size_t>(above - x.begin());
-        if (count > 0 && at < count && x[at] == static_cast<float>(frequency)) {
-            reading.value = y[at];
-        } else if (at > 0 && at < count && x[at - 1] > 0.0f) {
-            const double low = std::log(x[at - 1]), high = std::log(x[at]);
-            const double t = (std::log(frequency) - low) / (high - low);
-            reading.value = y[at - 1] + t * (y[at] - y[at - 1]);
+        // The first point at or beyond x, and the one before it.
+        const auto above = std::lower_bound(x.begin(), x.begin() + static_cast<std::ptrdiff_t>(count), at,
+                                            [](float point, double wanted) { return point < wanted; });
+        const auto index = static_cast<std::size_t>(above - x.begin());
+        if (index < count && x[index] == at) {
+            reading.value = y[index];
+        } else if (index > 0 && index < count) {
+            auto position = [&](double value) { return logarithmic ? std::log(value) : value; };
+            const double low = position(x[index - 1]), high = position(x[index]);
+            const double t = (position(at) - low) / (high - low);
+            reading.value = y[index - 1] + t * (y[index] - y[index - 1]);
         }
         if (reading.value && !std::isfinite(*reading.value))
             reading.value.reset();

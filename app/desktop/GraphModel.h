@@ -1,11 +1,10 @@
 #pragma once
-// One frequency graph of a document window: its settings (each undoable under its key path), its
-// extents, and the curves of the records it shows, computed on the calculation queue. The gestures
-// of the graph view (zoom, pan, fit) are worked out here as extents, so that they can be tested
-// without a window and undone as values.
+// One graph of a document window: its settings (each undoable under its key path), its extents, and
+// the picture of the records it shows, computed by the same code as picture files on a worker
+// thread. The gestures of the graph view (zoom, pan, fit) are worked out here as extents, so that
+// they can be tested without a window and undone as values.
 
-#include "graphcalc/GraphCalculationController.h"
-#include "graphs/FrequencyGraphPlots.h"
+#include "graphs/RecordPlots.h"
 
 #include <QColor>
 #include <QObject>
@@ -21,10 +20,17 @@ namespace tavolar::desktop {
 class GraphModel : public QObject {
     Q_OBJECT
 public:
-    explicit GraphModel(FrequencyGraphDescription graph, QObject* parent = nullptr);
+    // A graph of plotGraphNames(): "magnitude", "group-delay", "impulse", "waterfall", ...
+    explicit GraphModel(std::string name, QObject* parent = nullptr);
     ~GraphModel() override;
 
-    const FrequencyGraphDescription& graph() const noexcept { return graph_; }
+    const std::string& name() const noexcept { return name_; }
+    // The graph's name for people: "Frequency Response", "Impulse Response".
+    QString title() const;
+    // Which settings the graph takes.
+    bool takesSmoothing() const;
+    bool takesNormalization() const;
+    bool takesCombination() const;
 
     // The settings that are undoable, by key path, with their undo action names.
     static const std::vector<std::pair<std::string, QString>>& undoablePropertyKeyPaths();
@@ -40,26 +46,33 @@ public:
     // Sets the extents as they are; gestures keep to the limits through zoomed, panned and limited.
     void setExtents(const VELTGraphExtents& extents);
 
-    // The records to draw; their curves are computed again.
+    // The records to draw; the picture is computed again.
     void setRecords(RecordArray records);
-    // Computes the curves on the calculation queue; they arrive on the main queue.
+    // Computes the picture on a worker thread; it arrives on the main queue, which the window
+    // drains. A later reload supersedes an earlier one that has not arrived.
     void reload();
-    // Computes the curves before returning (pictures made without a window, tests).
+    // Computes the picture before returning (pictures made without a window, tests).
     void reloadSynchronously();
     bool isReloading() const noexcept { return reloading_; }
-    const GraphDataArray& curves() const noexcept { return curves_; }
+    // Why there is no picture (no records, or nothing of this graph in them).
+    const QString& problem() const noexcept { return problem_; }
 
-    // The plot as picture files draw it, with the model's extents; nothing before there are curves.
-    std::optional<VELTGraphPlot> plot(const VELTGraphAppearance& appearance) const;
+    // The picture as files draw it, with the model's extents; nothing before there is one.
+    std::optional<GraphPicture> picture() const;
+    const GraphDataArray& curves() const;
+    // Whether the extents can be zoomed and panned (curves and bars, not surfaces).
+    bool isInteractive() const;
+    bool logarithmicX() const;
     // Where the view draws (points); automatic extents round the Y axis out to its ticks there.
     void setViewBounds(const VELTRect& bounds) { viewBounds_ = bounds; }
-    // Extents fitting the curves (Y rounded out to whole ticks, as picture files have them).
+    // Extents fitting the picture (Y rounded out to whole ticks, as picture files have them).
     std::optional<VELTGraphExtents> fittedExtents() const;
 
-    // The highest frequency shown: half the highest sample rate among the curves.
+    // The highest frequency shown: half the highest sample rate among the records.
     double highestFrequency() const;
-    // The proposed extents kept to the limits (X from 1 Hz to the highest frequency, Y at least
-    // 1 unit across); an axis that cannot be brought within them keeps its present range.
+    // The proposed extents kept to the limits (on a frequency axis from 1 Hz to the highest
+    // frequency; levels in dB at least 1 dB across); an axis that cannot be brought within them keeps
+    // its present range.
     VELTGraphExtents limited(const VELTGraphExtents& proposed) const;
     // Zoomed about the point (x, y) by factor (below 1 zooms in): the point stays where it is, and a
     // zoom by 1/factor about the same point brings the extents back.
@@ -67,14 +80,14 @@ public:
     // Moved so that the point (fromX, fromY) comes to lie at (toX, toY).
     VELTGraphExtents panned(double fromX, double fromY, double toX, double toY) const;
 
-    // Each curve's value at the frequency, interpolated between its points (linear in log
-    // frequency); nothing for a curve that does not reach the frequency.
+    // Each curve's value at x, interpolated between its points (on a logarithmic axis, linearly in
+    // log x); nothing for a curve that does not reach x.
     struct Reading {
         QString name;
         QColor color;
         std::optional<double> value;
     };
-    std::vector<Reading> readout(double frequency) const;
+    std::vector<Reading> readout(double x) const;
 
 signals:
     // Something drawn changed.
@@ -82,10 +95,10 @@ signals:
     void valueChanged(const QString& keyPath);
 
 private:
-    GraphCalculationSettings calculationSettings() const;
-    void receive(GraphDataArray curves);
+    PlotSettings plotSettings() const;
+    void receive(Expected<GraphPicture> picture);
 
-    FrequencyGraphDescription graph_;
+    std::string name_;
     int smoothing_ = 0;
     bool normalize_ = false;
     std::int64_t multiSelectMode_ = 0;
@@ -93,9 +106,10 @@ private:
     VELTGraphExtents extents_{20.0, 20000.0, -60.0, 0.0};
     VELTRect viewBounds_{0.0, 0.0, 480.0, 300.0};
     RecordArray records_;
-    GraphDataArray curves_;
+    std::optional<GraphPicture> picture_;
+    QString problem_;
     bool reloading_ = false;
-    std::unique_ptr<GraphCalculationController> controller_;
+    std::uint64_t generation_ = 0;
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

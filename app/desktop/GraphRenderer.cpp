@@ -21,7 +21,7 @@ struct CairoImage {
 
 } // namespace
 
-RenderedGraph renderGraph(const VELTGraphPlot& plot, QSize pixels, double devicePixelRatio) {
+RenderedGraph renderPicture(const GraphPicture& picture, QSize pixels, double devicePixelRatio) {
     const int width = std::max(1, static_cast<int>(pixels.width() * devicePixelRatio));
     const int height = std::max(1, static_cast<int>(pixels.height() * devicePixelRatio));
     // Cairo's ARGB32 is premultiplied and native-endian, as QImage's ARGB32_Premultiplied, so the
@@ -35,8 +35,10 @@ RenderedGraph renderGraph(const VELTGraphPlot& plot, QSize pixels, double device
         cairo_scale(cairo.context, scale, scale);
         VELTCairoPainter painter(cairo.context);
         const VELTRect bounds{0.0, 0.0, width / scale, height / scale};
-        painter.fillRect(bounds, plot.appearance.background);
-        rendered.layout = drawGraph(painter, plot, bounds);
+        painter.fillRect(bounds, picture.plot.appearance.background);
+        drawPicture(painter, picture, bounds);
+        if (picture.style == PictureStyle::Curves || picture.style == PictureStyle::Bars)
+            rendered.layout = layoutGraph(painter, picture.plot, bounds);
         cairo_surface_flush(cairo.surface);
     }
     image.setDevicePixelRatio(devicePixelRatio);

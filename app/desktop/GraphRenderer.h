@@ -3,10 +3,11 @@
 // graph is painted into a Cairo image surface that becomes a QImage, so a window shows exactly what
 // an exported picture holds.
 
-#include "graphing/VELTGraphLayout.h"
+#include "graphs/RecordPlots.h"
 
 #include <QImage>
 #include <functional>
+#include <optional>
 
 namespace tavolar::desktop {
 
@@ -15,11 +16,12 @@ inline constexpr double kPixelsPerPoint = 96.0 / 72.0;
 
 struct RenderedGraph {
     QImage image;
-    VELTGraphLayout layout; // in points, as the layout placed everything
+    // Where the layout placed everything (points), for pictures of curves and bars.
+    std::optional<VELTGraphLayout> layout;
 };
 
-// Draws the plot into an image of the size in pixels (times devicePixelRatio).
-RenderedGraph renderGraph(const VELTGraphPlot& plot, QSize pixels, double devicePixelRatio = 1.0);
+// Draws the picture into an image of the size in pixels (times devicePixelRatio).
+RenderedGraph renderPicture(const GraphPicture& picture, QSize pixels, double devicePixelRatio = 1.0);
 
 // Calls measure with a painter that measures text as drawing would, but draws nowhere.
 void withMeasuringPainter(const std::function<void(VELTPainter&)>& measure);

@@ -42,16 +42,17 @@ void GraphWidget::setAppearance(const VELTGraphAppearance& appearance) {
 void GraphWidget::ensureRendered() {
     if (rendered_)
         return;
-    auto plot = graph_.plot(appearance_);
-    if (!plot)
+    auto picture = graph_.picture();
+    if (!picture)
         return;
-    rendered_ = renderGraph(*plot, size(), devicePixelRatioF());
+    picture->plot.appearance = appearance_;
+    rendered_ = renderPicture(*picture, size(), devicePixelRatioF());
 }
 
 QRectF GraphWidget::plotArea() const {
-    if (!rendered_)
+    if (!rendered_ || !rendered_->layout || !graph_.isInteractive())
         return {};
-    const VELTRect& area = rendered_->layout.plotArea;
+    const VELTRect& area = rendered_->layout->plotArea;
     return {area.x * kPixelsPerPoint, area.y * kPixelsPerPoint, area.width * kPixelsPerPoint,
             area.height * kPixelsPerPoint};
 }
@@ -63,8 +64,9 @@ std::optional<QPointF> GraphWidget::dataAt(QPointF position) const {
     const VELTGraphExtents& extents = graph_.extents();
     const double across = (position.x() - area.left()) / area.width();
     const double up = (area.bottom() - position.y()) / area.height();
-    return QPointF(extents.xMin * std::pow(extents.xMax / extents.xMin, across),
-                   extents.yMin + up * (extents.yMax - extents.yMin));
+    const double x = graph_.logarithmicX() ? extents.xMin * std::pow(extents.xMax / extents.xMin, across)
+                                           : extents.xMin + across * (extents.xMax - extents.xMin);
+    return QPointF(x, extents.yMin + up * (extents.yMax - extents.yMin));
 }
 
 std::optional<QPointF> GraphWidget::positionOf(QPointF data) const {
@@ -72,7 +74,9 @@ std::optional<QPointF> GraphWidget::positionOf(QPointF data) const {
     if (area.isEmpty())
         return std::nullopt;
     const VELTGraphExtents& extents = graph_.extents();
-    const double across = std::log(data.x() / extents.xMin) / std::log(extents.xMax / extents.xMin);
+    const double across = graph_.logarithmicX()
+                              ? std::log(data.x() / extents.xMin) / std::log(extents.xMax / extents.xMin)
+                              : (data.x() - extents.xMin) / (extents.xMax - extents.xMin);
     const double up = (data.y() - extents.yMin) / (extents.yMax - extents.yMin);
     return QPointF(area.left() + across * area.width(), area.bottom() - up * area.height());
 }
@@ -83,9 +87,15 @@ QString GraphWidget::readoutText() const {
     auto data = dataAt(*cursor_);
     if (!data)
         return {};
-    QString text = QString::fromStdString(formatFrequencyWithUnit(data->x()));
-    auto plot = graph_.plot(appearance_);
-    const std::string unit = plot ? displayUnit(plot->yQuantity.unit) : std::string();
+    auto picture = graph_.picture();
+    if (!picture)
+        return {};
+    const GraphQuantity& xQuantity = picture->plot.xQuantity;
+    QString text =
+        xQuantity.unit == "Hz"
+            ? QString::fromStdString(formatFrequencyWithUnit(data->x()))
+            : QString::fromStdString(formatShortNumber(data->x()) + " " + displayUnit(xQuantity.unit));
+    const std::string unit = displayUnit(picture->plot.yQuantity.unit);
     for (const auto& reading : graph_.readout(data->x()))
         text += QString("\n%1: %2")
                     .arg(reading.name, reading.value ? QString::number(*reading.value, 'f', 2) + " " +
@@ -100,8 +110,7 @@ void GraphWidget::paintEvent(QPaintEvent*) {
     if (!rendered_) {
         painter.fillRect(rect(), qColor(appearance_.background));
         painter.setPen(qColor(appearance_.secondaryText));
-        painter.drawText(rect(), Qt::AlignCenter,
-                         graph_.isReloading() ? tr("Computing…") : tr("No visible records to show."));
+        painter.drawText(rect(), Qt::AlignCenter, graph_.isReloading() ? tr("Computing…") : graph_.problem());
         return;
     }
     painter.drawImage(QPointF(0, 0), rendered_->image);

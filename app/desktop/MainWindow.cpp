@@ -48,15 +48,15 @@ MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString
 
     tabs_ = new QTabWidget;
     tabs_->setDocumentMode(true);
-    for (const FrequencyGraphDescription& description : frequencyGraphDescriptions()) {
-        auto* graph = new GraphModel(description, this);
+    for (std::string_view name : plotGraphNames()) {
+        auto* graph = new GraphModel(std::string(name), this);
         auto* widget = new GraphWidget(*graph, document_->undoStack());
         widget->setAppearance(appearance);
-        widget->setObjectName(QString::fromUtf8(description.name.data(), description.name.size()));
+        widget->setObjectName(QString::fromUtf8(name.data(), static_cast<qsizetype>(name.size())));
         graphs_.push_back(graph);
         widgets_.push_back(widget);
         stale_.push_back(true);
-        tabs_->addTab(widget, QString::fromUtf8(description.title.data(), description.title.size()));
+        tabs_->addTab(widget, graph->title());
         connect(graph, &GraphModel::valueChanged, this, [this] { updateGraphActions(); });
     }
 
@@ -209,9 +209,10 @@ void MainWindow::refreshGraphs() {
 void MainWindow::updateGraphActions() {
     GraphModel& graph = currentGraphWidget().graph();
     for (QAction* action : smoothingActions_->actions()) {
-        action->setEnabled(graph.graph().smoothed);
+        action->setEnabled(graph.takesSmoothing());
         action->setChecked(action->data().toInt() == graph.smoothing());
     }
+    normalizeAction_->setEnabled(graph.takesNormalization());
     normalizeAction_->setChecked(graph.value("normalize") != 0.0);
     lockAction_->setChecked(graph.extentsLocked());
 }
