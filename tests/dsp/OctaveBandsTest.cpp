@@ -291,26 +291,6 @@ TEST(OctaveBands, SineAtABandsExactCentreReadsItsRMSLevelInThatBand) {
         }
 }
 
-// Periodic pink noise: every bin from 1 Hz up with the power 1/f and a random phase, so that each
-// band's power is the sum over its bins (no statistical spread), about eleven seconds long.
-TEST(OctaveBands, PinkNoiseGivesEqualThirdOctaveLevelsOverTheBank) {
-    std::mt19937 generator(1);
-    std::uniform_real_distribution<double> phase(0, 2 * kPi);
-    for (const std::int64_t rate : kRates) {
-        const std::size_t length = std::size_t{1} << static_cast<int>(std::round(std::log2(rate * 11.0)));
-        VELTComplexVector spectrum(length / 2 + 1);
-        for (std::size_t k = 1; k < length / 2; ++k)
-            if (const double f = static_cast<double>(k) * rate / length; f >= 1) {
-                const std::complex<double> bin = std::polar(1e3 / std::sqrt(f), phase(generator));
-                spectrum.mutableRealComponents()[k] = static_cast<float>(bin.real());
-                spectrum.mutableImaginaryComponents()[k] = static_cast<float>(bin.imag());
-            }
-        const auto [lowest, highest] =
-            std::ranges::minmax(descendingLevels(thirdOctaveBandsWithSampleRate(spectrum.ifft(), rate)));
-        EXPECT_LT(highest - lowest, 0.5) << rate;
-    }
-}
-
 TEST(OctaveBands, DecompositionsWalkTheBanksAndFilteredBandsMatchThem) {
     struct Case {
         const Bank* bank;

@@ -107,7 +107,6 @@ TEST(Phase, WrappingDegreesLeavesTheFirstComponentAndTheLimits) {
 }
 
 TEST(Search, ThresholdSearchesInBothDirections) {
-    EXPECT_EQ(kNotFound, 9223372036854775807ull);
     const VELTRealVector falling{2.0f, 1.0f, 0.0f};
     // "Less than" is deliberately inclusive.
     EXPECT_EQ(indexOfFirstComponentLessThan(falling, 1.0f), 1u);
@@ -226,8 +225,6 @@ TEST(Indexing, PositionInAnIndexSet) {
 TEST(LogMapping, FrequenciesOntoAxisPoints) {
     SLogMapping* mapping = SLogMappingCreate();
     ASSERT_NE(mapping, nullptr);
-    EXPECT_EQ(mapping->minValue, 0.0);
-    EXPECT_EQ(mapping->scale, 0.0);
     // Points before values: the scale is recomputed by every setter.
     SLogMappingSetMinPoint(mapping, 0.0);
     SLogMappingSetMaxPoint(mapping, 300.0);
