@@ -262,9 +262,21 @@ Expected<GraphPicture> distortionPicture(const RecordArray& records, const PlotS
     if (!extents)
         return makeUnexpected("The records hold no harmonic distortion to draw.",
                               "Distortion is read from logarithmic sweeps.");
-    if (!s.percent)
+    if (!s.percent) {
+        // The last bins below the sweep's end read spurious levels: the top is at most 10 dB over
+        // the 99.5th percentile of all levels, and the range reaches 100 dB down from it.
+        std::vector<float> levels;
+        for (const auto& curve : curves)
+            for (std::size_t i = 0; i < curve->y().length(); ++i)
+                if (std::isfinite(curve->y()[i]))
+                    levels.push_back(curve->y()[i]);
+        if (levels.size() >= 200) {
+            auto nth = levels.begin() + static_cast<std::ptrdiff_t>(0.995 * double(levels.size() - 1));
+            std::nth_element(levels.begin(), nth, levels.end());
+            extents->yMax = std::min(extents->yMax, static_cast<double>(*nth) + 10.0);
+        }
         extents->yMin = std::max(extents->yMin, extents->yMax - 100.0);
-    else
+    } else
         extents->yMin = std::max(0.0, extents->yMin);
     plot.extents = *extents;
     plot.curves = std::move(curves);

@@ -11,7 +11,9 @@
 #include <memory>
 #include <pango/pangocairo.h>
 #include <string>
+#include <tiffio.h>
 #include <utility>
+#include <vector>
 
 namespace tavolar {
 
@@ -233,8 +235,10 @@ Expected<VELTImageFormat> imageFormatOfPath(const std::filesystem::path& path) {
         return VELTImageFormat::SVG;
     if (extension == ".pdf")
         return VELTImageFormat::PDF;
+    if (extension == ".tif" || extension == ".tiff")
+        return VELTImageFormat::TIFF;
     return makeUnexpected(fmt::format("Cannot tell the picture format of {}.", path.string()),
-                          "Name a file ending in .png, .svg or .pdf.");
+                          "Name a file ending in .png, .svg or .pdf (or .tiff).");
 }
 
 namespace {
@@ -252,6 +256,68 @@ Expected<void> cairoStatus(cairo_status_t status, const std::filesystem::path& p
     return makeUnexpected(fmt::format("Cannot write {}: {}", path.string(), cairo_status_to_string(status)));
 }
 
+// The image surface as an RGBA TIFF file (8 bits a channel, alpha not premultiplied, deflated),
+// with its resolution in dots per inch.
+Expected<void> writeTIFF(cairo_surface_t* surface, const std::filesystem::path& path, double dpi,
+                         const std::string& title) {
+    cairo_surface_flush(surface);
+    const int width = cairo_image_surface_get_width(surface);
+    const int height = cairo_image_surface_get_height(surface);
+    const int stride = cairo_image_surface_get_stride(surface);
+    const unsigned char* data = cairo_image_surface_get_data(surface);
+    std::unique_ptr<TIFF, void (*)(TIFF*)> tiff(TIFFOpen(path.c_str(), "w"), [](TIFF* t) {
+        if (t)
+            TIFFClose(t);
+    });
+    if (!tiff)
+        return makeUnexpected(fmt::format("{} could not be written.", path.string()),
+                              "Check that its folder exists and may be written to.");
+    TIFF* t = tiff.get();
+    const std::uint16_t extra = EXTRASAMPLE_UNASSALPHA;
+    TIFFSetField(t, TIFFTAG_IMAGEWIDTH, static_cast<std::uint32_t>(width));
+    TIFFSetField(t, TIFFTAG_IMAGELENGTH, static_cast<std::uint32_t>(height));
+    TIFFSetField(t, TIFFTAG_SAMPLESPERPIXEL, 4);
+    TIFFSetField(t, TIFFTAG_BITSPERSAMPLE, 8);
+    TIFFSetField(t, TIFFTAG_EXTRASAMPLES, 1, &extra);
+    TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_RGB);
+    TIFFSetField(t, TIFFTAG_PLANARCONFIG, PLANARCONFIG_CONTIG);
+    TIFFSetField(t, TIFFTAG_ORIENTATION, ORIENTATION_TOPLEFT);
+    TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_ADOBE_DEFLATE);
+    TIFFSetField(t, TIFFTAG_PREDICTOR, PREDICTOR_HORIZONTAL);
+    TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, TIFFDefaultStripSize(t, 0));
+    TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_INCH);
+    TIFFSetField(t, TIFFTAG_XRESOLUTION, static_cast<float>(dpi));
+    TIFFSetField(t, TIFFTAG_YRESOLUTION, static_cast<float>(dpi));
+    TIFFSetField(t, TIFFTAG_SOFTWARE, "TavolarKit");
+    if (!title.empty())
+        TIFFSetField(t, TIFFTAG_IMAGEDESCRIPTION, title.c_str());
+    // Cairo keeps native-endian 0xAARRGGBB words with the colour premultiplied by alpha.
+    std::vector<unsigned char> row(static_cast<std::size_t>(width) * 4);
+    for (int y = 0; y < height; ++y) {
+        const auto* pixels =
+            reinterpret_cast<const std::uint32_t*>(data + static_cast<std::ptrdiff_t>(y) * stride);
+        for (int x = 0; x < width; ++x) {
+            const std::uint32_t p = pixels[x];
+            const unsigned alpha = p >> 24;
+            auto channel = [&](int shift) -> unsigned char {
+                const unsigned value = (p >> shift) & 0xFF;
+                return static_cast<unsigned char>(
+                    alpha == 0 ? 0 : std::min(255u, (value * 255 + alpha / 2) / alpha));
+            };
+            unsigned char* out = row.data() + static_cast<std::size_t>(x) * 4;
+            out[0] = channel(16);
+            out[1] = channel(8);
+            out[2] = channel(0);
+            out[3] = static_cast<unsigned char>(alpha);
+        }
+        if (TIFFWriteScanline(t, row.data(), static_cast<std::uint32_t>(y), 0) < 0)
+            return makeUnexpected(fmt::format("{} could not be written.", path.string()),
+                                  "Check that the disk has room.");
+    }
+    tiff.reset();
+    return {};
+}
+
 } // namespace
 
 Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat format,
@@ -263,7 +329,8 @@ Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat for
                                           size.width, size.height, size.dpi),
                               "Give a positive width and height; bitmaps may be at most 32767 pixels wide.");
     std::unique_ptr<cairo_surface_t, SurfaceDeleter> surface;
-    if (format == VELTImageFormat::PNG)
+    const bool bitmap = format == VELTImageFormat::PNG || format == VELTImageFormat::TIFF;
+    if (bitmap)
         surface.reset(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, size.pixelWidth(), size.pixelHeight()));
     else if (format == VELTImageFormat::SVG)
         surface.reset(cairo_svg_surface_create(path.c_str(), size.width, size.height));
@@ -284,7 +351,7 @@ Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat for
     }
     {
         std::unique_ptr<cairo_t, ContextDeleter> context(cairo_create(surface.get()));
-        if (format == VELTImageFormat::PNG)
+        if (bitmap)
             cairo_scale(context.get(), size.dpi / VELTImageSize::kPointsPerInch,
                         size.dpi / VELTImageSize::kPointsPerInch);
         cairo_set_source_rgb(context.get(), 1.0, 1.0, 1.0);
@@ -300,6 +367,8 @@ Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat for
         if (auto status = cairoStatus(cairo_surface_write_to_png(surface.get(), path.c_str()), path); !status)
             return status;
     }
+    if (format == VELTImageFormat::TIFF)
+        return writeTIFF(surface.get(), path, size.dpi, metadata.title);
     cairo_surface_finish(surface.get());
     return cairoStatus(cairo_surface_status(surface.get()), path);
 }

@@ -31,7 +31,8 @@ public:
     void fillRect(const VELTRect& rect, const VELTColor& color) override;
     void strokeRect(const VELTRect& rect, const VELTLineStyle& style) override;
     void fillPolygon(std::span<const VELTPoint> points, const VELTColor& color) override;
-    void drawImage(const VELTRect& rect, int width, int height, std::span<const std::uint32_t> pixels) override;
+    void drawImage(const VELTRect& rect, int width, int height,
+                   std::span<const std::uint32_t> pixels) override;
     void drawText(std::string_view text, VELTPoint anchor, const VELTFont& font, const VELTColor& color,
                   VELTHorizontalAlignment horizontal, VELTVerticalAlignment vertical,
                   bool rotated = false) override;
@@ -68,7 +69,8 @@ struct VELTImageSize {
     int pixelHeight() const;
 };
 
-enum class VELTImageFormat { PNG, SVG, PDF };
+// TIFF files are bitmaps like PNG files: RGBA, with their resolution in the file.
+enum class VELTImageFormat { PNG, SVG, PDF, TIFF };
 
 // What a PDF file says of itself. Without a creation date the file carries the time it was written;
 // with one ("2026-01-31T12:00:00") the same graph always makes the same file.
@@ -78,12 +80,13 @@ struct VELTImageMetadata {
     std::optional<std::string> creationDate;
 };
 
-// The format a file name's extension asks for (".png", ".svg" or ".pdf", any case), or an error
-// naming the formats there are.
+// The format a file name's extension asks for (".png", ".svg", ".pdf", ".tif" or ".tiff", any
+// case), or an error naming the formats there are.
 Expected<VELTImageFormat> imageFormatOfPath(const std::filesystem::path& path);
 
 // Paints a picture of the size into the file: draw is called once with a painter whose user space is
-// the picture's points, on a white ground. The metadata go into PDF files.
+// the picture's points, on a white ground. The metadata go into PDF files (and the title into TIFF
+// files).
 Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat format,
                           const VELTImageSize& size, const std::function<void(VELTPainter&)>& draw,
                           const VELTImageMetadata& metadata = {});
