@@ -89,24 +89,15 @@ TEST(VELTWindow, OldestUnkeyedFormCountsTypesFromOne) {
     EXPECT_FALSE(decode(oldestFormArchive({10, 20})).has_value());
 }
 
-TEST(VELTWindow, MalformedArchivesAreDecodingErrors) {
-    // A keyed archive of an unknown version is read as the oldest form, which it does not hold.
+// Values of the wrong kind are the archiver's own tests' concern; a keyed archive of an unknown
+// version is read as the oldest form, which it does not hold.
+TEST(VELTWindow, AnUnknownVersionIsADecodingError) {
     KeyedArchiver unknownVersion(VELTWindow::className);
     unknownVersion.encodeString("3.0", "Version");
     unknownVersion.encodeInt64(1, "Begin");
     unknownVersion.encodeInt64(2, "End");
     unknownVersion.encodeInt32(1, "Type");
     EXPECT_FALSE(decode(unknownVersion.finish(ArchiveFormat::CBOR)).has_value());
-
-    KeyedArchiver wrongKind(VELTWindow::className);
-    wrongKind.encodeString("2.0", "Version");
-    wrongKind.encodeString("ten", "Begin");
-    wrongKind.encodeInt64(20, "End");
-    wrongKind.encodeInt32(0, "Type");
-    EXPECT_FALSE(decode(wrongKind.finish(ArchiveFormat::CBOR)).has_value());
-
-    EXPECT_FALSE(
-        decode({std::byte{0xFF}, std::byte{0x00}, std::byte{0x13}}).has_value()); // no archive at all
 }
 
 } // namespace
