@@ -3,21 +3,28 @@ devices, and graphs, on the TavolarKit engine."""
 
 from ._curves import BandLevels, FrequencyCurve, FrequencyResponse, HarmonicDistortion, Surface, TimeCurve
 from ._errors import CalibrationError, DeviceError, DocumentError, Error
+from ._measure import Device, Devices, Measurement, devices, measure, start_measure
 from ._records import Document, Record, Records, Window
 
 __all__ = [
     "BandLevels",
     "CalibrationError",
+    "Device",
     "DeviceError",
+    "Devices",
     "Document",
     "DocumentError",
     "Error",
     "FrequencyCurve",
     "FrequencyResponse",
     "HarmonicDistortion",
+    "Measurement",
     "Record",
     "Records",
     "Surface",
     "TimeCurve",
     "Window",
+    "devices",
+    "measure",
+    "start_measure",
 ]

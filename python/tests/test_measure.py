@@ -1,0 +1,92 @@
+"""Measuring with the simulated device: records, progress, errors, cancelling and Ctrl-C."""
+
+from __future__ import annotations
+
+import json
+import signal
+import threading
+import time
+from pathlib import Path
+from typing import Any, Callable, Dict, List
+
+import pytest
+
+import tavolar
+
+
+def test_devices_mark_the_default() -> None:
+    listed = tavolar.devices()
+    assert listed[0].uid == "sim:default" and listed[0].default and listed[0].inputs == 2
+    assert repr(listed).startswith("* <Device sim:default (default)")
+
+
+def test_measurements_give_records_and_progress(cli: Callable[..., Any], tmp_path: Path) -> None:
+    events: List[Dict[str, Any]] = []
+    path = tmp_path / "m.tavolar"
+    with tavolar.Document.create(path) as document:
+        (record,) = tavolar.measure(fast=True, loopback=(1, 1), averages=2, name="Left",
+                                    sweep={"start": 20, "end": 20000, "length": 500}, progress=events.append,
+                                    document=document)
+        assert record.name == "Left" and record.averages == 2
+        assert (record.sweep or {})["durationMilliseconds"] == 500
+        assert abs(record.info()["delayMilliseconds"]) < 5
+    assert [event["sweep"] for event in events if event["stage"] == "sweep"] == [1, 2]
+    assert events[-1] == {"stage": "deconvolving", "channel": 1, "channels": 1}
+    assert [entry["name"] for entry in json.loads(cli("list", str(path), "--json").stdout)] == ["Left"]
+
+
+@pytest.mark.parametrize(
+    "options, error, message",
+    [
+        ({"device": "sim:studio"}, tavolar.DeviceError, "no simulated device sim:studio"),
+        ({"device": "jack:nowhere"}, tavolar.DeviceError, "not present"),
+        ({"channels": [5]}, tavolar.DeviceError, "no input 5"),
+        ({"loopback": "1:0"}, ValueError, "divided by itself"),
+        ({"averages": 0}, ValueError, "averages"),
+        ({"sweep": {"start": 5000, "end": 100}}, tavolar.Error, "5000"),
+        ({"sweep": {"speed": 1}}, ValueError, "no setting \"speed\""),
+        ({"channels": [1]}, tavolar.DeviceError, "Too Quiet"),
+    ],
+)
+def test_bad_measurements_are_refused(options: Dict[str, Any], error: type, message: str) -> None:
+    with pytest.raises(error, match=message) as raised:
+        tavolar.measure(fast=True, sweep=options.pop("sweep", {"length": 100}), **options)
+    if message == "Too Quiet":
+        assert "level_check=False" in raised.value.suggestion
+
+
+def test_waiting_releases_the_gil_and_can_be_cancelled() -> None:
+    counted = [0]
+    stop = threading.Event()
+
+    def count() -> None:
+        while not stop.is_set():
+            counted[0] += 1
+            time.sleep(0.001)
+
+    counter = threading.Thread(target=count)
+    counter.start()
+    measurement = tavolar.start_measure(sweep={"length": 1000})
+    with pytest.raises(TimeoutError):
+        measurement.wait(timeout=0.2)
+    stop.set()
+    counter.join()
+    assert counted[0] > 20 and not measurement.done
+    measurement.cancel()
+    with pytest.raises(tavolar.Error, match="Measurement Aborted"):
+        measurement.wait()
+
+
+def test_ctrl_c_ends_a_measurement_at_once() -> None:
+    measurement = tavolar.start_measure(sweep={"length": 2000})
+    raised_at: List[float] = []
+
+    def interrupt() -> None:
+        raised_at.append(time.monotonic())
+        signal.raise_signal(signal.SIGINT)
+
+    threading.Timer(0.3, interrupt).start()
+    with pytest.raises(KeyboardInterrupt):
+        measurement.wait()
+    assert time.monotonic() - raised_at[0] < 0.5
+    assert measurement.done
