@@ -388,6 +388,8 @@ TEST(GraphPicture, FormatsAndSizesRefused) {
     EXPECT_EQ(*imageFormatOfPath("GRAPH.PNG"), VELTImageFormat::PNG);
     EXPECT_EQ(*imageFormatOfPath("a/graph.svg"), VELTImageFormat::SVG);
     EXPECT_EQ(*imageFormatOfPath("graph.Pdf"), VELTImageFormat::PDF);
+    EXPECT_EQ(*imageFormatOfPath("graph.tif"), VELTImageFormat::TIFF);
+    EXPECT_EQ(*imageFormatOfPath("graph.TIFF"), VELTImageFormat::TIFF);
     ScratchFile png("refused.png");
     auto draw = [](VELTPainter&) {};
     EXPECT_FALSE(writeImage(png.path, VELTImageFormat::PNG, {0, 100, 300}, draw));
