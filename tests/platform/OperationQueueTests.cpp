@@ -24,7 +24,6 @@ TEST(OperationQueue, RunsAtMostItsWidthAtOnceAndAWidthOfOneInTheOrderAdded) {
     for (int width : {1, 2, 3}) {
         SCOPED_TRACE(width);
         OperationQueue queue;
-        EXPECT_EQ(queue.maxConcurrentOperationCount(), OperationQueue::kDefaultMaxConcurrentOperationCount);
         queue.setMaxConcurrentOperationCount(width);
         std::atomic<int> inside{0}, most{0};
         std::mutex mutex;

@@ -293,8 +293,12 @@ TEST(VELTAudioInputController, ReadingBackHandlesEmptyMissingAndMismatchedFiles)
     EXPECT_TRUE(log.contains(
         "(ERROR) VELTAudioInputController.cpp : Could not get recorded channels. Could not open audio file"));
 
-    // A record device that is not present fails at the device step, and recording does nothing.
+    // A record device that is not present fails at the device step, which is logged, and recording
+    // does nothing.
     VELTAudioInputController unconfigured(captureSettings("nothing:here", {0}, {0}));
+    EXPECT_TRUE(
+        log.contains("(ERROR) VELTAudioInputController.cpp : Could not configure audio input Could not "
+                     "set property"));
     EXPECT_FALSE(unconfigured.isConfigured());
     auto configured = unconfigured.configureAudioInput();
     ASSERT_FALSE(configured);
