@@ -192,9 +192,10 @@ void addPlotCommand(CLI::App& app, CommandList& commands) {
             "distortion, octave-bands, third-octave-bands, waterfall or spectrogram")
         ->check(CLI::IsMember(graphs));
     command
-        ->add_option("--smoothing", options->smoothing,
-                     "Smooth magnitude, SPL and waterfall over 1/N octave, N from 1 to 48 (12 when given "
-                     "without N)")
+        ->add_option(
+            "--smoothing", options->smoothing,
+            "Smooth magnitude, SPL, waterfall and spectrogram over 1/N octave, N from 1 to 48 (12 when given "
+            "without N)")
         ->expected(0, 1)
         ->default_str("12");
     command

@@ -50,7 +50,8 @@ Expected<void> checkedSettings(const PlotSettings& s) {
         return settingsError(fmt::format("There is no graph named {}.", s.graph),
                              fmt::format("The graphs are {}.", fmt::join(names, ", ")));
     const auto frequency = frequencyGraphNamed(s.graph);
-    const bool smoothed = frequency && frequency->smoothed;
+    const bool smoothed =
+        (frequency && frequency->smoothed) || s.graph == "waterfall" || s.graph == "spectrogram";
     const bool decibelGraph = s.graph == "magnitude" || s.graph == "spl";
     const bool phaseGraph = s.graph == "phase" || s.graph == "minimum-phase" || s.graph == "excess-phase";
     if (s.smoothing && (*s.smoothing < 1 || *s.smoothing > kLargestSmoothingDenominator))
@@ -58,7 +59,7 @@ Expected<void> checkedSettings(const PlotSettings& s) {
                                          kLargestSmoothingDenominator, *s.smoothing));
     if (s.smoothing && !smoothed)
         return settingsError(fmt::format("The {} graph is not smoothed.", s.graph),
-                             "Smoothing applies to the magnitude and SPL graphs.");
+                             "Smoothing applies to the magnitude, SPL, waterfall and spectrogram graphs.");
     if (std::find(kCombinations.begin(), kCombinations.end(), s.combine) == kCombinations.end())
         return settingsError(fmt::format("There is no combination named {}.", s.combine),
                              fmt::format("The combinations are {}.", fmt::join(kCombinations, ", ")));

@@ -31,7 +31,7 @@ struct PlotSettings {
     // "group-delay", "impulse", "etc", "distortion", "octave-bands", "third-octave-bands",
     // "waterfall" or "spectrogram".
     std::string graph = "magnitude";
-    std::optional<int> smoothing;                    // 1/N octave, N from 1 to 48 (magnitude and SPL)
+    std::optional<int> smoothing;                    // 1/N octave, N from 1 to 48 (magnitude, SPL, surfaces)
     bool normalize = false;                          // magnitude and SPL: each curve's peak at 0 dB
     std::string combine = "none";                    // none, average, difference, sum or rms-average
     std::optional<std::pair<double, double>> xRange; // the X values shown (Hz or ms)

@@ -4,8 +4,10 @@
 #include "graphcalc/SpectrogramGraphCalculationController.h"
 #include "graphcalc/WaterfallGraphCalculationController.h"
 #include "graphing/VELTSurfaceLayout.h"
+#include "graphs/FrequencyGraphPlots.h"
 
 #include <algorithm>
+#include <cmath>
 #include <fmt/format.h>
 
 namespace tavolar {
@@ -31,6 +33,41 @@ VELTSurfacePlot surfacePlotOf(const GraphPicture& picture) {
     return surface;
 }
 
+// Each row of the surface smoothed over a fraction of an octave: the mean power of the bins within
+// half the fraction on either side of each bin (bins on a linear frequency axis), back in dB.
+std::shared_ptr<const GraphData3D> smoothedSurface(const GraphData3D& surface, double octaves) {
+    const std::size_t rows = surface.rows(), columns = surface.columns();
+    const double step =
+        columns > 1 ? (double(surface.x()[columns - 1]) - surface.x()[0]) / double(columns - 1) : 0.0;
+    if (!(step > 0.0))
+        return std::make_shared<GraphData3D>(surface);
+    VELTRealVector values(rows * columns);
+    std::vector<double> sums(columns + 1);
+    const double half = std::pow(2.0, octaves / 2.0);
+    for (std::size_t row = 0; row < rows; ++row) {
+        const auto levels = surface.rowAtIndex(row);
+        for (std::size_t bin = 0; bin < columns; ++bin)
+            sums[bin + 1] =
+                sums[bin] + (std::isfinite(levels[bin]) ? std::pow(10.0, levels[bin] / 10.0) : 0.0);
+        for (std::size_t bin = 0; bin < columns; ++bin) {
+            const double f = surface.x()[bin];
+            auto index = [&](double frequency) {
+                return static_cast<std::size_t>(std::clamp(std::lround((frequency - surface.x()[0]) / step),
+                                                           0L, static_cast<long>(columns - 1)));
+            };
+            const std::size_t low = std::min(index(f / half), bin), high = std::max(index(f * half), bin);
+            const double mean = (sums[high + 1] - sums[low]) / double(high - low + 1);
+            values[row * columns + bin] = static_cast<float>(10.0 * std::log10(std::max(mean, 1e-30)));
+        }
+    }
+    auto smoothed = std::make_shared<GraphData3D>(std::move(values), rows, columns);
+    smoothed->setXZ(surface.x(), surface.z());
+    smoothed->setInfoDictionary(surface.infoDictionary());
+    smoothed->setName(surface.name());
+    smoothed->setQuantities(surface.xQuantity(), surface.zQuantity(), surface.yQuantity());
+    return smoothed;
+}
+
 } // namespace
 
 Expected<GraphPicture> surfacePicture(const RecordArray& records, const PlotSettings& settings,
@@ -47,6 +84,8 @@ Expected<GraphPicture> surfacePicture(const RecordArray& records, const PlotSett
         return makeUnexpected(
             fmt::format("The record holds no {} to draw.", waterfall ? "waterfall" : "spectrogram"),
             "Its impulse response may be too short for the slices asked for.");
+    if (settings.smoothing)
+        surface = smoothedSurface(*surface, 1.0 / *settings.smoothing);
     GraphPicture picture;
     picture.style = waterfall ? PictureStyle::Waterfall : PictureStyle::HeatMap;
     picture.colorMap = settings.colorMap;
@@ -56,6 +95,9 @@ Expected<GraphPicture> surfacePicture(const RecordArray& records, const PlotSett
     plot.title = waterfall ? "Waterfall" : "Spectrogram";
     if (records.size() > 1 && !surface->name().empty())
         plot.titleModifier = "(" + surface->name() + ")";
+    if (settings.smoothing)
+        plot.titleModifier += (plot.titleModifier.empty() ? "" : " ") +
+                              smoothingTitleModifier(1.0f / static_cast<float>(*settings.smoothing));
     plot.logarithmicX = !settings.linearFrequency;
     plot.xQuantity = surface->xQuantity();
     plot.yQuantity = surface->zQuantity();
