@@ -57,31 +57,13 @@ private:
 };
 
 inline float FFTWaterfallWorkingSet::decibelsOfPower(float power) noexcept {
-    // p = 2^e m with m in [sqrt(1/2), sqrt(2)); ln m = 2 atanh(s), s = (m - 1) / (m + 1), |s| < 0.172,
-    // by its series up to s^9 (the next term is below 1e-9). Selections are made on the bits, with
-    // masks: comparisons of floats that may be not-a-number keep the compiler from vectorising.
-    const auto raw = std::bit_cast<std::uint32_t>(power);
-    // Subnormal powers (magnitudes below 1.1e-19) are brought into the normal range by 2^64 first.
-    const std::uint32_t subnormal = 0u - static_cast<std::uint32_t>((raw & 0x7F800000u) == 0u);
-    const std::uint32_t bits =
-        (std::bit_cast<std::uint32_t>(power * 0x1p64f) & subnormal) | (raw & ~subnormal);
-    const std::uint32_t upper = ((bits & 0x007FFFFFu) + 0x004AFB0Cu) >> 23; // mantissa above sqrt(2)
-    const float mantissa = std::bit_cast<float>((bits & 0x007FFFFFu) | (0x3F800000u - (upper << 23)));
-    const auto exponent = static_cast<std::int32_t>(((bits >> 23) & 0xFFu) + upper) - 127 -
-                          static_cast<std::int32_t>(subnormal & 64u);
-    const float s = (mantissa - 1.0f) / (mantissa + 1.0f), s2 = s * s;
-    const float logarithm =
-        2.0f * s * (1.0f + s2 * (1.0f / 3.0f + s2 * (1.0f / 5.0f + s2 * (1.0f / 7.0f + s2 * (1.0f / 9.0f)))));
-    constexpr float kDecibelsPerOctave = 3.01029996f; // 10 log10(2)
-    constexpr float kDecibelsPerNeper = 4.34294482f;  // 10 / ln(10)
-    const float decibels = kDecibelsPerOctave * static_cast<float>(exponent) + kDecibelsPerNeper * logarithm;
-    // Silence reads as the floor's level, 20 log10(kDecibelFloor); infinity and not-a-number pass.
+    // 20 log10(sqrt(power)) = 10 log10(power). Silence reads as the floor's level,
+    // 20 log10(kDecibelFloor), rather than minus infinity.
     constexpr float kSilence = -758.595642f;
+    const auto raw = std::bit_cast<std::uint32_t>(power);
     const std::uint32_t zero = 0u - static_cast<std::uint32_t>((raw & 0x7FFFFFFFu) == 0u);
-    const std::uint32_t special = 0u - static_cast<std::uint32_t>((raw & 0x7F800000u) == 0x7F800000u);
-    const std::uint32_t result = (std::bit_cast<std::uint32_t>(kSilence) & zero) | (raw & special) |
-                                 (std::bit_cast<std::uint32_t>(decibels) & ~(zero | special));
-    return std::bit_cast<float>(result);
+    return std::bit_cast<float>((std::bit_cast<std::uint32_t>(kSilence) & zero) |
+                                (std::bit_cast<std::uint32_t>(scaledLog10(power, 10.0f)) & ~zero));
 }
 
 } // namespace tavolar
