@@ -367,6 +367,15 @@ TEST(KeyedArchiver, DecodingErrorsSayWhatIsStoredWhatWasExpectedAndWhere) {
         {everything({{"flag", {1}}}),
          "The archive holds an array where a boolean was expected (“flag” in Everything)."},
         {everything({{"single", 1e300}}), "where a float was expected"},
+        {everything({{"large", "12"}}),
+         "The archive holds a string where a 64-bit integer was expected (“large” in Everything)."},
+        {everything({{"unsignedLarge", -1}}), "The archive holds the value -1 where an unsigned 64-bit "
+                                              "integer was expected; it does not fit (“unsignedLarge” in "
+                                              "Everything)."},
+        {everything({{"precise", json::array()}}),
+         "The archive holds an array where a double was expected (“precise” in Everything)."},
+        {everything({{"number", "x"}}),
+         "The archive holds a string where a number was expected (“number” in Everything)."},
         // Several faults: the first one encountered is reported.
         {everything({{"flag", "yes"}, {"small", "no"}}), "(“flag” in Everything)"},
         // Secure decoding: every nested object's class is checked.
