@@ -321,6 +321,15 @@ std::vector<VELTLineStyle> curveStyles(const VELTGraphPlot& plot) {
     return styles;
 }
 
+// The colour of a curve's bars: its line's colour, or in print a grey lighter for each curve.
+VELTColor barFill(const VELTGraphPlot& plot, const std::vector<VELTLineStyle>& styles, std::size_t curve) {
+    VELTColor fill = styles[curve].color;
+    if (plot.appearance.monochrome)
+        fill.alpha = 1.0 - 0.6 * static_cast<double>(curve) /
+                               static_cast<double>(std::max<std::size_t>(styles.size(), 2) - 1);
+    return fill;
+}
+
 void drawLegend(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& area,
                 const std::vector<VELTLineStyle>& styles) {
     const VELTGraphAppearance& a = plot.appearance;
@@ -362,7 +371,9 @@ void drawLegend(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect&
     painter.strokeRect(box, a.majorGrid);
     for (std::size_t i = 0; i < names.size(); ++i) {
         const double y = box.y + inset + line * (static_cast<double>(i) + 0.5);
-        if (i < shown)
+        if (i < shown && plot.bars)
+            painter.fillRect({box.x + inset, y - line * 0.3, swatch, line * 0.6}, barFill(plot, styles, i));
+        else if (i < shown)
             painter.drawLine({box.x + inset, y}, {box.x + inset + swatch, y}, styles[i]);
         painter.drawText(names[i], {box.x + inset * 2.0 + swatch, y}, a.legendFont, a.text,
                          VELTHorizontalAlignment::Left, VELTVerticalAlignment::Middle);
@@ -395,11 +406,7 @@ void drawBars(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& a
             const double top = std::max(mapY(plot, area, y), area.y - 1.0);
             if (top >= area.bottom())
                 continue;
-            VELTColor fill = styles[c].color;
-            if (plot.appearance.monochrome)
-                fill.alpha = 1.0 - 0.6 * static_cast<double>(c) /
-                                       static_cast<double>(std::max<std::size_t>(count, 2) - 1);
-            painter.fillRect({left, top, slot, area.bottom() - top}, fill);
+            painter.fillRect({left, top, slot, area.bottom() - top}, barFill(plot, styles, c));
         }
     }
 }
