@@ -21,6 +21,12 @@ void VELTGraph::addGraphData(std::shared_ptr<const VELTGraphData> data) {
     didChangeValueForKey("graphDataArray");
 }
 
+void VELTGraph::setGraphDataArray(GraphDataArray graphData) {
+    std::erase(graphData, nullptr);
+    graphData_ = std::move(graphData);
+    didChangeValueForKey("graphDataArray");
+}
+
 void VELTGraph::removeAllGraphData() {
     if (graphData_.empty())
         return;

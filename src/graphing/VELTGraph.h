@@ -49,6 +49,8 @@ public:
 
     const GraphDataArray& graphDataArray() const noexcept { return graphData_; }
     void addGraphData(std::shared_ptr<const VELTGraphData> data);
+    // Replaces the whole list (empty entries left out) with one notification.
+    void setGraphDataArray(GraphDataArray graphData);
     void removeAllGraphData();
     // True when there is graph data to draw.
     bool canDraw() const noexcept { return !graphData_.empty(); }

@@ -77,7 +77,7 @@ std::string TavolarFrequencyDomainGraph::stringForScale(double scale) {
 }
 
 void TavolarFrequencyDomainGraph::updateTitleModifier() {
-    if (smoothingFraction_ > 0.0)
+    if (smoothingFraction_ > 0.0 && isSmoothed())
         setTitleModifier(fmt::sprintf(
             TavolarLocalizedString("(1/%.0f Octave Smoothing)", "Smoothing after a graph's title"),
             smoothingFraction_));
@@ -119,6 +119,8 @@ GraphQuantity TavolarFrequencyDomainGraph::verticalAxisQuantity() const {
 
 std::vector<KeyEquivalent> TavolarFrequencyDomainGraph::keyEquivalents() const {
     std::vector<KeyEquivalent> keys = TavolarGraph::keyEquivalents();
+    if (!isSmoothed())
+        return keys;
     const std::string action(kSetSmoothingAction);
     for (const auto& [key, fraction] :
          {std::pair{"0", 0}, {"1", 48}, {"2", 24}, {"3", 12}, {"4", 6}, {"5", 3}})
@@ -127,7 +129,7 @@ std::vector<KeyEquivalent> TavolarFrequencyDomainGraph::keyEquivalents() const {
 }
 
 bool TavolarFrequencyDomainGraph::performAction(std::string_view action, std::int64_t tag) {
-    if (action != kSetSmoothingAction)
+    if (action != kSetSmoothingAction || !isSmoothed())
         return TavolarGraph::performAction(action, tag);
     setSmoothingFraction(static_cast<double>(tag));
     return true;
@@ -141,7 +143,9 @@ std::vector<std::string> TavolarFrequencyDomainGraph::measurementRecordKeyPathsA
 
 UndoActionNames TavolarFrequencyDomainGraph::undoablePropertyKeyPaths() const {
     UndoActionNames names = TavolarGraph::undoablePropertyKeyPaths();
-    names.emplace("smoothingFraction", TavolarLocalizedString("Set Smoothing Fraction", "Undo action name"));
+    if (isSmoothed())
+        names.emplace("smoothingFraction",
+                      TavolarLocalizedString("Set Smoothing Fraction", "Undo action name"));
     names.emplace("multiSelectMode",
                   TavolarLocalizedString("Set Multiple Selection Mode", "Undo action name"));
     names.emplace("normalize", TavolarLocalizedString("Toggle Normalization", "Undo action name"));
@@ -188,10 +192,10 @@ bool TavolarFrequencyDomainGraph::setNumberForKeyPath(std::string_view keyPath, 
 }
 
 GraphCalculationSettings TavolarFrequencyDomainGraph::graphCalculationSettings() const {
-    GraphCalculationSettings settings;
+    GraphCalculationSettings settings = TavolarGraph::graphCalculationSettings();
     // The controllers take the smoothing in octaves.
     settings.smoothingFraction =
-        smoothingFraction_ > 0.0 ? static_cast<float>(1.0 / smoothingFraction_) : 0.0f;
+        isSmoothed() && smoothingFraction_ > 0.0 ? static_cast<float>(1.0 / smoothingFraction_) : 0.0f;
     settings.multiSelectMode = multiSelectMode_;
     settings.normalize = normalize_;
     return settings;
@@ -216,12 +220,6 @@ void TavolarFrequencyDomainGraph::decodeArchivedValues(KeyedUnarchiver& coder) {
         setNormalize(*normalize != 0.0);
     if (auto logarithmic = coder.decodeNumber("logFrequencyScale"))
         setLogFrequencyScale(*logarithmic != 0.0);
-}
-
-TavolarFrequencyDomainGraph TavolarFrequencyDomainGraph::initWithCoder(KeyedUnarchiver& coder) {
-    TavolarFrequencyDomainGraph graph;
-    graph.decodeArchivedValues(coder);
-    return graph;
 }
 
 } // namespace tavolar

@@ -47,6 +47,10 @@ public:
     void setHorizontalAxis(VELTAxis axis) override;
     static VELTCollapsingFrequencyNumberFormatter frequencyFormatter() { return {}; }
 
+    // Whether the smoothing applies to this graph's curves (not to phases and delays, whose average
+    // means nothing): without it there is no smoothing note, shortcut or undoable smoothing.
+    virtual bool isSmoothed() const { return true; }
+
     // " x2k" above 1000, " x500" above 100 (1000 itself is " x1000"), and nothing from 100 down.
     static std::string stringForScale(double scale);
     // "(1/12 Octave Smoothing)" with smoothing, nothing without.
@@ -72,7 +76,9 @@ public:
 
     void encodeWithCoder(KeyedArchiver& coder) const override;
     void decodeArchivedValues(KeyedUnarchiver& coder) override;
-    static TavolarFrequencyDomainGraph initWithCoder(KeyedUnarchiver& coder);
+    static TavolarFrequencyDomainGraph initWithCoder(KeyedUnarchiver& coder) {
+        return decodedGraph<TavolarFrequencyDomainGraph>(coder);
+    }
 
 private:
     double smoothingFraction_ = 0.0;

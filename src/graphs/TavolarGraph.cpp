@@ -22,7 +22,7 @@ TavolarGraph::TavolarGraph(const TavolarGraph& other)
     : VELTGraph(other), GraphSettingsSource(other), needsReload_(other.needsReload_),
       drawsTitle_(other.drawsTitle_), extentsLocked_(other.extentsLocked_),
       extentsFilter_(other.extentsFilter_), aspectRatio_(other.aspectRatio_),
-      titleModifier_(other.titleModifier_) {
+      titleModifier_(other.titleModifier_), calculationSettings_(other.calculationSettings_) {
     makeUpdateController();
 }
 
@@ -118,11 +118,7 @@ void TavolarGraph::reloadDataIfNeeded() {
 }
 
 void TavolarGraph::replaceGraphDataArray(GraphDataArray graphData) {
-    graphData = prepareGraphDataArrayForGraphing(std::move(graphData));
-    removeAllGraphData();
-    for (auto& data : graphData)
-        addGraphData(std::move(data));
-    didChangeValueForKey("canDraw");
+    setGraphDataArray(prepareGraphDataArrayForGraphing(std::move(graphData)));
     if (!extentsLocked_) {
         // Extents that follow the data are no change of the user's to take back.
         UndoRegistrationDisabled disabled(undoManager_);
@@ -217,13 +213,16 @@ std::vector<InspectorViewControllerEntry> TavolarGraph::inspectorViewControllerE
 }
 
 UndoActionNames TavolarGraph::undoablePropertyKeyPaths() const {
-    return {
+    UndoActionNames names{
         {std::string(kXMinKeyPath), TavolarLocalizedString("Set X Minimum", "Undo action name")},
         {std::string(kXMaxKeyPath), TavolarLocalizedString("Set X Maximum", "Undo action name")},
         {std::string(kYMinKeyPath), TavolarLocalizedString("Set Y Minimum", "Undo action name")},
         {std::string(kYMaxKeyPath), TavolarLocalizedString("Set Y Maximum", "Undo action name")},
         {"extentsLocked", TavolarLocalizedString("Toggle Extents Lock", "Undo action name")},
     };
+    for (GraphSetting& setting : graphSettings())
+        names.emplace(std::move(setting.keyPath), std::move(setting.undoActionName));
+    return names;
 }
 
 std::vector<std::string> TavolarGraph::keyPathsOfPropertiesAffectingDisplay() const {
@@ -231,6 +230,8 @@ std::vector<std::string> TavolarGraph::keyPathsOfPropertiesAffectingDisplay() co
     for (std::string_view keyPath : {kXMinKeyPath, kXMaxKeyPath, kYMinKeyPath, kYMaxKeyPath,
                                      std::string_view("extentsLocked"), std::string_view("markers")})
         keyPaths.emplace_back(keyPath);
+    for (GraphSetting& setting : graphSettings())
+        keyPaths.push_back(std::move(setting.keyPath));
     return keyPaths;
 }
 
@@ -248,6 +249,9 @@ std::optional<double> TavolarGraph::numberForKeyPath(std::string_view keyPath) c
         return aspectRatio_;
     if (keyPath == "drawsTitle")
         return drawsTitle_ ? 1.0 : 0.0;
+    for (const GraphSetting& setting : graphSettings())
+        if (setting.keyPath == keyPath)
+            return setting.value(calculationSettings_);
     return VELTGraph::numberForKeyPath(keyPath);
 }
 
@@ -258,9 +262,29 @@ bool TavolarGraph::setNumberForKeyPath(std::string_view keyPath, double value) {
         setAspectRatio(value);
     else if (keyPath == "drawsTitle")
         setDrawsTitle(value != 0.0);
-    else
+    else if (!setGraphSetting(keyPath, value))
         return VELTGraph::setNumberForKeyPath(keyPath, value);
     return true;
+}
+
+bool TavolarGraph::setGraphSetting(std::string_view keyPath, double value) {
+    for (const GraphSetting& setting : graphSettings()) {
+        if (setting.keyPath != keyPath)
+            continue;
+        const double old = setting.value(calculationSettings_);
+        GraphCalculationSettings changed = calculationSettings_;
+        setting.setValue(changed, value);
+        // Compared as stored, so that a value the setting rounds to what it holds is no change.
+        if (setting.value(changed) == old)
+            return true;
+        willChangeNumberForKeyPath(keyPath, old);
+        calculationSettings_ = std::move(changed);
+        didChangeValueForKey(keyPath);
+        graphSettingDidChange(keyPath);
+        setNeedsReload(true);
+        return true;
+    }
+    return false;
 }
 
 void TavolarGraph::willChangeNumberForKeyPath(std::string_view keyPath, double oldValue) {
@@ -295,6 +319,8 @@ void TavolarGraph::encodeWithCoder(KeyedArchiver& coder) const {
         filter[key] = value;
     coder.encodeDictionary(filter, "extentsFilter");
     coder.encodeDouble(aspectRatio_, "aspectRatio");
+    for (const GraphSetting& setting : graphSettings())
+        coder.encodeNumber(setting.value(calculationSettings_), setting.keyPath);
 }
 
 void TavolarGraph::decodeArchivedValues(KeyedUnarchiver& coder) {
@@ -313,12 +339,9 @@ void TavolarGraph::decodeArchivedValues(KeyedUnarchiver& coder) {
         if (std::isfinite(aspectRatio) && aspectRatio > 0.0)
             aspectRatio_ = aspectRatio;
     }
-}
-
-TavolarGraph TavolarGraph::initWithCoder(KeyedUnarchiver& coder) {
-    TavolarGraph graph;
-    graph.decodeArchivedValues(coder);
-    return graph;
+    for (const GraphSetting& setting : graphSettings())
+        if (auto value = coder.decodeNumber(setting.keyPath); value && std::isfinite(*value))
+            setGraphSetting(setting.keyPath, *value);
 }
 
 // ---- Export

@@ -17,6 +17,8 @@
 #include "graphing/cairo/VELTCairoPainter.h"
 #endif
 
+#include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -25,6 +27,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 namespace tavolar {
@@ -63,6 +66,47 @@ struct TitleRun {
 };
 
 using UndoActionNames = std::map<std::string, std::string, std::less<>>;
+
+// A setting of a graph that steers its calculation: kept in the graph's calculation settings,
+// addressed as a number by its key path (which is also its archive key), undoable under its name.
+struct GraphSetting {
+    std::string keyPath;
+    std::string undoActionName;
+    std::function<double(const GraphCalculationSettings&)> value;
+    std::function<void(GraphCalculationSettings&, double)> setValue;
+};
+
+// A graph setting kept in the member of the calculation settings that access returns (a generic
+// lambda returning a reference), of boolean, integer, enumeration or floating-point type. Values are
+// clamped to [minimum, maximum] and rounded for integer types; not-a-number is ignored.
+template <typename Access>
+GraphSetting makeGraphSetting(std::string keyPath, std::string undoActionName, Access access,
+                              double minimum = -1.0e15, double maximum = 1.0e15) {
+    auto value = [access](const GraphCalculationSettings& settings) {
+        const auto& member = access(settings);
+        using T = std::remove_cvref_t<decltype(member)>;
+        if constexpr (std::is_enum_v<T>)
+            return static_cast<double>(static_cast<std::underlying_type_t<T>>(member));
+        else
+            return static_cast<double>(member);
+    };
+    auto setValue = [access, minimum, maximum](GraphCalculationSettings& settings, double number) {
+        if (std::isnan(number))
+            return;
+        number = std::clamp(number, minimum, maximum);
+        auto& member = access(settings);
+        using T = std::remove_cvref_t<decltype(member)>;
+        if constexpr (std::is_same_v<T, bool>)
+            member = number != 0.0;
+        else if constexpr (std::is_enum_v<T>)
+            member = static_cast<T>(static_cast<std::underlying_type_t<T>>(std::llround(number)));
+        else if constexpr (std::is_integral_v<T>)
+            member = static_cast<T>(std::llround(number));
+        else
+            member = static_cast<T>(number);
+    };
+    return {std::move(keyPath), std::move(undoActionName), std::move(value), std::move(setValue)};
+}
 
 class TavolarGraph : public VELTGraph, public GraphSettingsSource {
 public:
@@ -173,7 +217,10 @@ public:
     // Sets a value by key path (what undo calls).
     bool changeKeyPath(std::string_view keyPath, double value) { return setNumberForKeyPath(keyPath, value); }
 
-    GraphCalculationSettings graphCalculationSettings() const override { return {}; }
+    // The settings that steer this graph's calculation, each read and written by key path, undoable,
+    // redrawn and archived like the graph's own properties.
+    virtual std::vector<GraphSetting> graphSettings() const { return {}; }
+    GraphCalculationSettings graphCalculationSettings() const override { return calculationSettings_; }
     VELTGraphPlot graphPlot() const override;
 
     // ---- Archiving: the extents lock, the extents filter and the aspect ratio; never records,
@@ -182,7 +229,7 @@ public:
     virtual void encodeWithCoder(KeyedArchiver& coder) const;
     // Applies the archived values; a missing key leaves the value as it is.
     virtual void decodeArchivedValues(KeyedUnarchiver& coder);
-    static TavolarGraph initWithCoder(KeyedUnarchiver& coder);
+    static TavolarGraph initWithCoder(KeyedUnarchiver& coder) { return decodedGraph<TavolarGraph>(coder); }
 
     // ---- Export
 
@@ -221,6 +268,15 @@ protected:
         copy->setupMeasurementRecordObserving();
         return copy;
     }
+    template <typename Graph> static Graph decodedGraph(KeyedUnarchiver& coder) {
+        Graph graph;
+        graph.decodeArchivedValues(coder);
+        return graph;
+    }
+    // After a graph setting changed (the base brings the axis titles up to date).
+    virtual void graphSettingDidChange(std::string_view keyPath) {
+        updateAxisLabels();
+    }
     // The controller that computes this graph's data; the base makes a plain one, which makes none.
     virtual std::unique_ptr<GraphCalculationController> makeGraphCalculationController() const;
     void willChangeNumberForKeyPath(std::string_view keyPath, double oldValue) override;
@@ -231,6 +287,8 @@ protected:
 private:
     void setupMeasurementRecordObserving();
     void destroyMeasurementRecordObserving();
+    // Sets a graph setting by key path; false when the graph has none by that name.
+    bool setGraphSetting(std::string_view keyPath, double value);
     void makeUpdateController();
 
     RecordArray records_;
@@ -241,6 +299,7 @@ private:
     VELTGraphExtentsFilter extentsFilter_;
     double aspectRatio_ = 2.4;
     std::string titleModifier_;
+    GraphCalculationSettings calculationSettings_;
     std::weak_ptr<TavolarGraphDelegate> delegate_;
     UndoManager* undoManager_ = nullptr;
     std::function<void()> contentsDirty_;

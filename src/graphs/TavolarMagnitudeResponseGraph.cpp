@@ -16,12 +16,6 @@ std::string TavolarMagnitudeResponseGraph::graphTitle() {
     return TavolarLocalizedString("Frequency Response", "Title for the frequency response graph");
 }
 
-TavolarMagnitudeResponseGraph TavolarMagnitudeResponseGraph::initWithCoder(KeyedUnarchiver& coder) {
-    TavolarMagnitudeResponseGraph graph;
-    graph.decodeArchivedValues(coder);
-    return graph;
-}
-
 std::unique_ptr<GraphCalculationController>
 TavolarMagnitudeResponseGraph::makeGraphCalculationController() const {
     return std::make_unique<MagnitudeResponseGraphCalculationController>(graphCalculationSettings());

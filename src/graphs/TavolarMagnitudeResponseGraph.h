@@ -14,7 +14,9 @@ public:
     std::shared_ptr<TavolarGraph> copy() const override;
 
     static std::string graphTitle();
-    static TavolarMagnitudeResponseGraph initWithCoder(KeyedUnarchiver& coder);
+    static TavolarMagnitudeResponseGraph initWithCoder(KeyedUnarchiver& coder) {
+        return decodedGraph<TavolarMagnitudeResponseGraph>(coder);
+    }
 
 protected:
     std::unique_ptr<GraphCalculationController> makeGraphCalculationController() const override;
