@@ -2,7 +2,7 @@
 
 from __future__ import annotations
 
-from dataclasses import dataclass, field
+import dataclasses
 from typing import Any, Dict, Optional
 
 import numpy as np
@@ -11,35 +11,35 @@ import numpy.typing as npt
 Array = npt.NDArray[np.float32]
 
 
-@dataclass(frozen=True)
+@dataclasses.dataclass(frozen=True)
 class FrequencyResponse:
     """Magnitude (dB, or dB SPL) and phase (degrees) over frequency (Hz)."""
 
     frequencies: Array
     magnitude: Array
     phase: Array
-    meta: Dict[str, Any] = field(default_factory=dict)
+    meta: Dict[str, Any] = dataclasses.field(default_factory=dict)
 
 
-@dataclass(frozen=True)
+@dataclasses.dataclass(frozen=True)
 class FrequencyCurve:
     """One curve over frequency (Hz): a phase in degrees or a group delay in ms."""
 
     frequencies: Array
     values: Array
-    meta: Dict[str, Any] = field(default_factory=dict)
+    meta: Dict[str, Any] = dataclasses.field(default_factory=dict)
 
 
-@dataclass(frozen=True)
+@dataclasses.dataclass(frozen=True)
 class TimeCurve:
     """One curve over time (ms from time zero): the impulse response, or its energy in dB."""
 
     time: Array
     values: Array
-    meta: Dict[str, Any] = field(default_factory=dict)
+    meta: Dict[str, Any] = dataclasses.field(default_factory=dict)
 
 
-@dataclass(frozen=True)
+@dataclasses.dataclass(frozen=True)
 class HarmonicDistortion:
     """Harmonic levels relative to the fundamental (dB) over the excitation frequency (Hz)."""
 
@@ -48,10 +48,10 @@ class HarmonicDistortion:
     phases: Dict[int, Array]
     thd: Optional[Array]
     noise_floor: Optional[Array]
-    meta: Dict[str, Any] = field(default_factory=dict)
+    meta: Dict[str, Any] = dataclasses.field(default_factory=dict)
 
 
-@dataclass(frozen=True)
+@dataclasses.dataclass(frozen=True)
 class BandLevels:
     """Octave or third-octave band levels: nominal and exact centres (Hz), dB re full scale, dB SPL."""
 
@@ -59,10 +59,10 @@ class BandLevels:
     exact: Array
     levels: Array
     spl: Optional[Array]
-    meta: Dict[str, Any] = field(default_factory=dict)
+    meta: Dict[str, Any] = dataclasses.field(default_factory=dict)
 
 
-@dataclass(frozen=True)
+@dataclasses.dataclass(frozen=True)
 class Surface:
     """A waterfall or spectrogram: levels (dB) with a row per slice (times, ms) and a column per
     frequency (Hz)."""
@@ -70,4 +70,4 @@ class Surface:
     frequencies: Array
     times: Array
     levels: Array
-    meta: Dict[str, Any] = field(default_factory=dict)
+    meta: Dict[str, Any] = dataclasses.field(default_factory=dict)

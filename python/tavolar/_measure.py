@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
-from typing import Any, Callable, Dict, List, NamedTuple, Optional, Sequence, Tuple, Union
+import typing
+from collections import abc
+from typing import Any, Callable, Dict, List, Optional, Tuple, Union
 
 from . import _native
 from ._records import Document, Record
@@ -11,7 +13,7 @@ Progress = Callable[[Dict[str, Any]], None]
 Sweep = Union[None, str, Dict[str, Any]]
 
 
-class Device(NamedTuple):
+class Device(typing.NamedTuple):
     """An audio device: its UID (what measure takes), name, sample rate and channel counts."""
 
     uid: str
@@ -76,7 +78,7 @@ class Measurement:
         self._handle.cancel()
 
 
-def start_measure(device: str = "sim:default", channels: Sequence[int] = (0,), output_channel: int = 0,
+def start_measure(device: str = "sim:default", channels: abc.Sequence[int] = (0,), output_channel: int = 0,
                   loopback: Union[None, str, Tuple[int, int]] = None, sweep: Sweep = None, averages: int = 1,
                   level_check: bool = True, fast: bool = False, name: Optional[str] = None,
                   progress: Optional[Progress] = None, document: Optional[Document] = None) -> Measurement:
@@ -93,7 +95,7 @@ def start_measure(device: str = "sim:default", channels: Sequence[int] = (0,), o
     return Measurement(handle, document)
 
 
-def measure(device: str = "sim:default", channels: Sequence[int] = (0,), output_channel: int = 0,
+def measure(device: str = "sim:default", channels: abc.Sequence[int] = (0,), output_channel: int = 0,
             loopback: Union[None, str, Tuple[int, int]] = None, sweep: Sweep = None, averages: int = 1,
             level_check: bool = True, fast: bool = False, name: Optional[str] = None,
             progress: Optional[Progress] = None, document: Optional[Document] = None) -> List[Record]:

@@ -5,7 +5,9 @@ from __future__ import annotations
 import datetime
 import json
 import os
-from typing import Any, Dict, Iterator, List, NamedTuple, Optional, Sequence, Tuple, Union, overload
+import typing
+from collections import abc
+from typing import Any, Dict, List, Optional, Tuple, Union, overload
 
 import numpy as np
 import numpy.typing as npt
@@ -16,7 +18,7 @@ from ._curves import BandLevels, FrequencyCurve, FrequencyResponse, HarmonicDist
 PathLike = Union[str, "os.PathLike[str]"]
 
 
-class Window(NamedTuple):
+class Window(typing.NamedTuple):
     """The analysed stretch of an impulse response: ms from time zero, end exclusive, and its taper."""
 
     begin: float
@@ -231,7 +233,7 @@ class Record:
         time, _, envelope = self._handle.time_curves()
         return TimeCurve(time, envelope, self._meta(units={"time": "ms", "values": "dB"}))
 
-    def harmonic_distortion(self, orders: Sequence[int] = (2, 3), thd: bool = True,
+    def harmonic_distortion(self, orders: abc.Sequence[int] = (2, 3), thd: bool = True,
                             noise_floor: bool = True, fft_length: Optional[int] = None) -> HarmonicDistortion:
         """Harmonic levels, total harmonic distortion (orders 2 to 9 as far as the record tells them
         apart) and noise floor, each in dB relative to the fundamental."""
@@ -294,7 +296,7 @@ class Record:
         return f"<tavolar.Record {self.name!r} {self.uuid} {self.sample_rate} Hz>"
 
 
-class Records(Sequence[Record]):
+class Records(abc.Sequence[Record]):
     """The records of a document in document order; also looked up by UUID, UUID prefix or name."""
 
     __slots__ = ("_document",)
@@ -333,7 +335,7 @@ class Records(Sequence[Record]):
             return True
         return False
 
-    def __iter__(self) -> Iterator[Record]:
+    def __iter__(self) -> abc.Iterator[Record]:
         for index in range(len(self)):
             yield self[index]
 
@@ -378,7 +380,7 @@ class Document:
         handles = self._handle.add_impulses(np.asarray(samples), sample_rate, name)
         return [Record(handle) for handle in handles]
 
-    def add(self, records: Union[Record, Sequence[Record]]) -> List[Record]:
+    def add(self, records: Union[Record, abc.Sequence[Record]]) -> List[Record]:
         """Stores copies of records (measured ones, or records of another document)."""
         given = [records] if isinstance(records, Record) else list(records)
         return [Record(handle) for handle in self._handle.add([record._handle for record in given])]

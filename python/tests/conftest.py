@@ -14,9 +14,10 @@ import pytest
 @pytest.fixture(scope="session")
 def cli() -> Callable[..., subprocess.CompletedProcess[str]]:
     """Runs the command line (TAVOLAR_CLI names it) and answers its completed process."""
-    program = os.environ.get("TAVOLAR_CLI") or shutil.which("tavolar")
-    if not program:
+    found = os.environ.get("TAVOLAR_CLI") or shutil.which("tavolar")
+    if not found:
         pytest.skip("the command line is not built (TAVOLAR_CLI names it)")
+    program: str = found
 
     def run(*arguments: str, check: bool = True) -> subprocess.CompletedProcess[str]:
         return subprocess.run([program, *arguments], capture_output=True, text=True, check=check)

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import json
 from pathlib import Path
-from typing import Any, Callable
+from typing import Any, Callable, List, Union
 
 import numpy as np
 import pytest
@@ -36,7 +36,8 @@ def test_open_create_and_close(document: Path, tmp_path: Path) -> None:
 def test_records_are_found_by_place_uuid_prefix_and_name(document: Path) -> None:
     with tavolar.Document.open(document) as opened:
         first = opened.records[0]
-        for key in (-1, first.uuid, first.uuid[:6].lower(), "Left speaker", "1"):
+        keys: List[Union[int, str]] = [-1, first.uuid, first.uuid[:6].lower(), "Left speaker", "1"]
+        for key in keys:
             assert opened.records[key] == first, key
         assert first.uuid in opened.records and "nothing" not in opened.records
         assert opened.records[0:5] == [first]

@@ -7,7 +7,7 @@ import signal
 import threading
 import time
 from pathlib import Path
-from typing import Any, Callable, Dict, List
+from typing import Any, Callable, Dict, List, Type
 
 import pytest
 
@@ -48,11 +48,11 @@ def test_measurements_give_records_and_progress(cli: Callable[..., Any], tmp_pat
         ({"channels": [1]}, tavolar.DeviceError, "Too Quiet"),
     ],
 )
-def test_bad_measurements_are_refused(options: Dict[str, Any], error: type, message: str) -> None:
+def test_bad_measurements_are_refused(options: Dict[str, Any], error: Type[Exception], message: str) -> None:
     with pytest.raises(error, match=message) as raised:
         tavolar.measure(fast=True, sweep=options.pop("sweep", {"length": 100}), **options)
     if message == "Too Quiet":
-        assert "level_check=False" in raised.value.suggestion
+        assert "level_check=False" in getattr(raised.value, "suggestion")
 
 
 def test_waiting_releases_the_gil_and_can_be_cancelled() -> None:

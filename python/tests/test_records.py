@@ -86,5 +86,6 @@ def test_records_pickle_through_their_archive(measured: Path) -> None:
     # A spawned process starts from nothing: the record reaches it, and comes back, as its archive.
     with multiprocessing.get_context("spawn").Pool(1) as pool:
         returned = pool.apply(copy.copy, (record,))
+    assert isinstance(returned, tavolar.Record)
     np.testing.assert_array_equal(returned.frequency_response().magnitude,
                                   record.frequency_response().magnitude)
