@@ -246,12 +246,17 @@ std::vector<std::vector<VELTPoint>> plottedPoints(const VELTGraphData& curve, co
         run.clear();
     };
     const std::size_t n = std::min(curve.x().length(), curve.y().length());
+    double previous = std::numeric_limits<double>::quiet_NaN();
     for (std::size_t i = 0; i < n; ++i) {
         const double x = curve.x()[i], y = curve.y()[i];
         if (!std::isfinite(x) || !std::isfinite(y) || (plot.logarithmicX && !(x > 0.0))) {
             breakRun();
+            previous = std::numeric_limits<double>::quiet_NaN();
             continue;
         }
+        if (plot.yWrap > 0.0 && std::abs(y - previous) > plot.yWrap / 2.0)
+            breakRun();
+        previous = y;
         const VELTPoint p{mapX(plot, area, x), mapY(plot, area, y)};
         const long c = static_cast<long>(std::floor(p.x / columnWidth));
         if (!open || c != column) {

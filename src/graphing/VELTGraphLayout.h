@@ -77,6 +77,9 @@ struct VELTGraphPlot {
     std::vector<VELTGraphSpan> xSpans;
     // The X ticks to draw in place of those the axis would choose (the nominal centres of bands).
     std::vector<TickMark> xTicks;
+    // The period of a wrapped Y (360 for phases within ±180°), or 0: a curve breaks where it jumps by
+    // more than half of it between neighbouring points, rather than crossing the plot area.
+    double yWrap = 0.0;
     // Each point of each curve drawn as a bar up from the bottom of the plot area, the bars of one X
     // side by side, rather than the points joined by lines.
     bool bars = false;
@@ -111,8 +114,8 @@ VELTGraphExtents extentsWithDecibelsPerDecade(VELTPainter& painter, const VELTGr
 
 // The points of a curve in the plot area, with at most four points (first, lowest, highest, last) per
 // column of the given width, so that long curves draw quickly and vector files stay small. Points
-// that cannot be shown (not finite, or X not positive on a logarithmic axis) break the curve: each
-// inner vector is one unbroken run.
+// that cannot be shown (not finite, or X not positive on a logarithmic axis) break the curve, as do
+// the jumps of a wrapped Y (see VELTGraphPlot::yWrap): each inner vector is one unbroken run.
 std::vector<std::vector<VELTPoint>> plottedPoints(const VELTGraphData& curve, const VELTGraphPlot& plot,
                                                   const VELTRect& plotArea, double columnWidth = 0.5);
 

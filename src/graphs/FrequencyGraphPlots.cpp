@@ -74,6 +74,7 @@ std::optional<VELTGraphPlot> frequencyGraphPlot(const FrequencyGraphDescription&
         extents->yMin = -180.0;
         extents->yMax = 180.0;
         plot.ySteps = {45.0, 90.0, 180.0};
+        plot.yWrap = 360.0;
     }
     // Group delay swings wildly where the level has a deep notch: the range covers the middle 96 % of
     // the values, widened by a tenth, and the swings run off the plot area.

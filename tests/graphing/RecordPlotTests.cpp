@@ -2,7 +2,7 @@
 // and images it should have; the files of every format; the settings a graph refuses; and the pieces
 // the pictures are made of (band labels, colour maps, the heat map's pixels).
 
-#include "core/VELTMeasurementRecord.h"
+#include "graphing/SimulatedRecords.h"
 #include "graphing/VELTColorMap.h"
 #include "graphing/VELTSurfaceLayout.h"
 #include "graphs/BandGraphPlots.h"
@@ -22,40 +22,6 @@
 
 namespace tavolar {
 namespace {
-
-// A loudspeaker-like response measured with a 1 s sweep from 20 Hz to 20 kHz: two decaying
-// resonances over a faint deterministic noise, so that every level (harmonics too) is finite.
-std::shared_ptr<VELTMeasurementRecord> simulatedRecord(std::string name) {
-    constexpr double rate = 48000.0;
-    VELTRealVector impulse(65536);
-    std::uint32_t seed = 12345;
-    for (std::size_t n = 0; n < impulse.length(); ++n) {
-        seed = seed * 1664525u + 1013904223u;
-        const double noise = (static_cast<double>(seed >> 8) / double(1u << 24) - 0.5) * 2e-5;
-        const double t = static_cast<double>(n) / rate;
-        const double ring = n < 32768 ? std::exp(-t / 0.01) * std::sin(2 * M_PI * 80 * t) +
-                                            0.5 * std::exp(-t / 0.002) * std::sin(2 * M_PI * 3000 * t)
-                                      : 0.0;
-        impulse[n] = static_cast<float>(ring * 0.2 + noise);
-    }
-    auto record = VELTMeasurementRecord::record();
-    record->setSampleRate(48000);
-    record->setImpulseResponse(std::move(impulse));
-    record->setWindowBegin(-100);
-    record->setWindowEnd(9500);
-    record->setComment(std::move(name));
-    VELTLogSweepSettings sweep = VELTLogSweepSettings::shortLogSweepSettings();
-    sweep.setFullRangeSweep(false);
-    sweep.setStartFreq(20.0f);
-    sweep.setEndFreq(20000.0f);
-    record->setLogSweepSettings(sweep);
-    return record;
-}
-
-const RecordArray& records() {
-    static const RecordArray both{simulatedRecord("Left"), simulatedRecord("Right")};
-    return both;
-}
 
 // A painter that keeps what the picture is made of: texts, polylines, polygons, images and fills.
 class RecordingPainter final : public VELTPainter {
@@ -251,6 +217,25 @@ TEST(RecordPlots, RefusesWhatAGraphDoesNotTake) {
     auto none = plotRecords({}, PlotSettings{});
     ASSERT_FALSE(none);
     EXPECT_NE(none.error().code, kPlotSettingsError);
+}
+
+TEST(RecordPlots, WrappedPhasesBreakWhereTheyJump) {
+    VELTGraphPlot plot;
+    plot.curves = {VELTGraphData::graphDataWithX(
+        VELTRealVector(std::span<const float>(std::vector<float>{100, 200, 300, 400, 500, 600})),
+        VELTRealVector(std::span<const float>(std::vector<float>{90, 170, -175, -120, 179, -179})),
+        VELTColor::blackColor())};
+    plot.extents = {100, 600, -180, 180};
+    const VELTRect area{0, 0, 500, 200};
+    auto sizes = [&] {
+        std::vector<std::size_t> runs;
+        for (const auto& run : plottedPoints(*plot.curves.front(), plot, area))
+            runs.push_back(run.size());
+        return runs;
+    };
+    EXPECT_EQ(sizes(), (std::vector<std::size_t>{6}));
+    plot.yWrap = 360;
+    EXPECT_EQ(sizes(), (std::vector<std::size_t>{2, 2, 1, 1}));
 }
 
 TEST(RecordPlots, NominalBandCentres) {
