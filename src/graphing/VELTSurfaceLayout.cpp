@@ -333,9 +333,11 @@ void drawWaterfallGraph(VELTPainter& painter, const VELTSurfacePlot& plot, const
     painter.drawText(axisTitle(vq.name, vq.unit), {bounds.x + a.padding, front.y + front.height / 2.0},
                      a.axisTitleFont, a.text, VELTHorizontalAlignment::Center, VELTVerticalAlignment::Top,
                      true);
-    // The time axis's title under the middle of its edge, clear of the frequency labels.
+    // The time axis's title in the row of the frequency labels, after the last of them, where the
+    // time axis starts.
     painter.drawText(axisTitle(zq.name, zq.unit),
-                     {front.right() + dx * 0.5 + a.tickLength, front.bottom() - dy * 0.5 + line},
+                     {front.right() + painter.textWidth("20k", a.tickLabelFont) / 2.0 + kGap * 2.0,
+                      front.bottom() + a.tickLength + kGap / 2.0},
                      a.axisTitleFont, a.text, VELTHorizontalAlignment::Left, VELTVerticalAlignment::Top);
     drawNote(painter, plot, bounds,
              front.x + front.width / 2.0 + painter.textWidth(xTitle, a.axisTitleFont) / 2.0);
