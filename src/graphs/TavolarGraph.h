@@ -251,6 +251,10 @@ public:
                                                                   double scaleFactor) const {
         return exportedImageDataOfType(VELTImageFormat::PNG, width, height, scaleFactor);
     }
+    Expected<std::vector<std::byte>> tiffExportedImageDataWithSize(double width, double height,
+                                                                   double scaleFactor) const {
+        return exportedImageDataOfType(VELTImageFormat::TIFF, width, height, scaleFactor);
+    }
     Expected<std::vector<std::byte>> pdfExportedImageDataWithSize(double width, double height) const {
         return exportedImageDataOfType(VELTImageFormat::PDF, width, height);
     }

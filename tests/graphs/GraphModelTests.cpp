@@ -6,6 +6,7 @@
 #include "engine/IsolatedUserDefaults.h"
 #include "graphs/FrequencyGraphPlots.h"
 #include "graphs/TavolarMagnitudeResponseGraph.h"
+#include "platform/Assertions.h"
 #include "platform/Logging.h"
 #include "platform/RunLoop.h"
 
@@ -300,6 +301,101 @@ TEST(GraphModel, ArchivedSettingsRoundTripAndMissingKeysKeepDefaults) {
     EXPECT_EQ(bare->extentsFilter().xMin, 10.0);
 }
 
+// Keeps the lines drawn in a given style, and the texts.
+class LinePainter final : public VELTPainter {
+public:
+    explicit LinePainter(VELTLineStyle style) : style_(std::move(style)) {}
+    std::vector<std::pair<VELTPoint, VELTPoint>> lines;
+    std::vector<std::string> texts;
+    void drawLine(VELTPoint from, VELTPoint to, const VELTLineStyle& style) override {
+        if (style == style_)
+            lines.emplace_back(from, to);
+    }
+    void drawPolyline(std::span<const VELTPoint>, const VELTLineStyle&) override {}
+    void fillRect(const VELTRect&, const VELTColor&) override {}
+    void strokeRect(const VELTRect&, const VELTLineStyle&) override {}
+    void fillPolygon(std::span<const VELTPoint>, const VELTColor&) override {}
+    void drawImage(const VELTRect&, int, int, std::span<const std::uint32_t>) override {}
+    void drawText(std::string_view text, VELTPoint, const VELTFont&, const VELTColor&,
+                  VELTHorizontalAlignment, VELTVerticalAlignment, bool) override {
+        texts.emplace_back(text);
+    }
+    double textWidth(std::string_view text, const VELTFont& font) override {
+        return 0.5 * font.size * text.size();
+    }
+    double lineHeight(const VELTFont& font) override { return 1.2 * font.size; }
+    void pushClip(const VELTRect&) override {}
+    void popClip() override {}
+
+private:
+    VELTLineStyle style_;
+};
+
+TEST(GraphModel, MarkersLieAtTheirValuesOnTheAxesScale) {
+    TavolarMagnitudeResponseGraph graph;
+    graph.replaceGraphDataArray({flatCurve(90.0f)});
+    graph.setExtents({10.0, 10000.0, 80.0, 100.0});
+    const VELTGraphMarker style;
+    graph.setMarkers({{VELTGraphMarker::Orientation::Vertical, 100.0, "100 Hz", style.lineStyle},
+                      {VELTGraphMarker::Orientation::Vertical, 5.0, "off the axis", style.lineStyle},
+                      {VELTGraphMarker::Orientation::Horizontal, 85.0, "", style.lineStyle}});
+    LinePainter painter(style.lineStyle);
+    graph.drawInRect(painter, {0.0, 0.0, 600.0, 250.0});
+    const VELTRect area = layoutGraph(painter, graph.graphPlot(), {0.0, 0.0, 600.0, 250.0}).plotArea;
+    ASSERT_EQ(painter.lines.size(), 2u);
+    // 100 Hz is a third of the way along three decades; 85 dB a quarter of the way up.
+    EXPECT_NEAR(painter.lines[0].first.x, area.x + area.width / 3.0, 1e-9);
+    EXPECT_EQ(painter.lines[0].first.x, painter.lines[0].second.x);
+    EXPECT_NEAR(painter.lines[1].first.y, area.bottom() - area.height / 4.0, 1e-9);
+    EXPECT_NE(std::find(painter.texts.begin(), painter.texts.end(), "100 Hz"), painter.texts.end());
+    EXPECT_EQ(std::find(painter.texts.begin(), painter.texts.end(), "off the axis"), painter.texts.end());
+}
+
+TEST(GraphModel, FrequencyScaleChangesKeepTheExtentsShowable) {
+    TavolarMagnitudeResponseGraph graph;
+    InMemoryUndoManager undo;
+    graph.setUndoManager(&undo);
+    graph.setLogFrequencyScale(false);
+    EXPECT_FALSE(graph.horizontalAxis().isLogarithmic());
+    EXPECT_EQ(graph.horizontalAxis().formattedValue(20000.0), "20k");
+    graph.setExtents({0.0, 0.0, -10.0, 10.0});
+    graph.setLogFrequencyScale(true);
+    // The filter's 10 Hz is the lowest frequency a logarithmic axis shows here.
+    EXPECT_EQ(graph.extents(), (VELTGraphExtents{10.0, 10000.0, -10.0, 10.0}));
+    EXPECT_EQ(undo.undoActionName(), "Toggle Log Frequency Scale");
+    undo.undo();
+    EXPECT_FALSE(graph.logFrequencyScale());
+}
+
+TEST(GraphModel, UndoRegistrationNestsAndNewChangesDropTheRedoStack) {
+    InMemoryUndoManager undo;
+    std::vector<std::string> done;
+    // An action that records itself and registers its opposite, as model setters do.
+    std::function<void(std::string)> change = [&](std::string name) {
+        done.push_back(name);
+        undo.registerUndo(name, [&, name] { change(name + "'"); });
+    };
+    change("a");
+    undo.disableUndoRegistration();
+    undo.disableUndoRegistration();
+    change("ignored");
+    undo.enableUndoRegistration();
+    EXPECT_FALSE(undo.isUndoRegistrationEnabled());
+    change("ignored too");
+    undo.enableUndoRegistration();
+    EXPECT_TRUE(undo.isUndoRegistrationEnabled());
+    EXPECT_EQ(undo.undoCount(), 1u);
+    undo.undo();
+    EXPECT_EQ(undo.redoActionName(), "a'");
+    undo.redo();
+    EXPECT_EQ(undo.undoActionName(), "a''");
+    undo.undo();
+    change("b");
+    EXPECT_FALSE(undo.canRedo());
+    EXPECT_EQ(done, (std::vector<std::string>{"a", "ignored", "ignored too", "a'", "a''", "a'''", "b"}));
+    EXPECT_THROW(undo.enableUndoRegistration(), ParameterAssertion);
+}
+
 TEST(GraphModel, CSVExportWritesTwoTitledColumnsPerCurveAndNothingWithoutData) {
     const auto file = temporaryFile("export.csv");
     std::filesystem::remove(file);
@@ -357,12 +453,14 @@ TEST(GraphModel, ImageExportDrawsWhatTheCommandLinesPlotDraws) {
     ASSERT_EQ(png->size(), expected.size());
     EXPECT_EQ(std::memcmp(png->data(), expected.data(), expected.size()), 0);
 
-    for (VELTImageFormat format : {VELTImageFormat::PDF, VELTImageFormat::SVG}) {
+    const std::vector<std::pair<VELTImageFormat, std::string_view>> signatures{
+        {VELTImageFormat::PDF, "%PDF"}, {VELTImageFormat::SVG, "<?xml"}, {VELTImageFormat::TIFF, "II*"}};
+    for (const auto& [format, signature] : signatures) {
         auto picture = graph.exportedImageDataOfType(format, 400.0, 250.0);
         ASSERT_TRUE(picture.has_value());
         const std::string start(reinterpret_cast<const char*>(picture->data()),
                                 std::min<std::size_t>(picture->size(), 64));
-        EXPECT_TRUE(start.starts_with(format == VELTImageFormat::PDF ? "%PDF" : "<?xml")) << start;
+        EXPECT_TRUE(start.starts_with(signature)) << start;
     }
 }
 #endif
