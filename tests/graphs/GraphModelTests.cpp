@@ -165,9 +165,14 @@ TEST(GraphModel, ReloadedExtentsFitTheDataUnlessLockedAndAreNotUndoable) {
     EXPECT_FALSE(undo.canUndo());
 
     // A user's change is undoable under its name, and undo and redo take it back and forth.
+    // Observers hear of the limit that changed, and of the extents as a whole.
+    std::vector<std::string> heard;
+    for (const char* keyPath : {"extents", "extents.y.max", "extents.x.min"})
+        graph.addObserver(keyPath, [&](std::string_view path) { heard.emplace_back(path); });
     VELTGraphExtents mine = graph.extents();
     mine.yMax = 120.0;
     graph.setExtents(mine);
+    EXPECT_EQ(heard, (std::vector<std::string>{"extents", "extents.y.max"}));
     EXPECT_EQ(undo.undoActionName(), "Set Y Maximum");
     undo.undo();
     EXPECT_NEAR(graph.extents().yMax, 94.7, 1e-5);
