@@ -4,9 +4,11 @@ devices, and graphs, on the TavolarKit engine."""
 from ._curves import BandLevels, FrequencyCurve, FrequencyResponse, HarmonicDistortion, Surface, TimeCurve
 from ._errors import CalibrationError, DeviceError, DocumentError, Error
 from ._measure import Device, Devices, Measurement, devices, measure, start_measure
+from ._plots import GRAPHS, Plot, plot
 from ._records import Document, Record, Records, Window
 
 __all__ = [
+    "GRAPHS",
     "BandLevels",
     "CalibrationError",
     "Device",
@@ -19,6 +21,7 @@ __all__ = [
     "FrequencyResponse",
     "HarmonicDistortion",
     "Measurement",
+    "Plot",
     "Record",
     "Records",
     "Surface",
@@ -26,5 +29,6 @@ __all__ = [
     "Window",
     "devices",
     "measure",
+    "plot",
     "start_measure",
 ]

@@ -15,6 +15,9 @@ import numpy.typing as npt
 from . import _native
 from ._curves import BandLevels, FrequencyCurve, FrequencyResponse, HarmonicDistortion, Surface, TimeCurve
 
+if typing.TYPE_CHECKING:
+    from ._plots import Plot
+
 PathLike = Union[str, "os.PathLike[str]"]
 
 
@@ -279,6 +282,20 @@ class Record:
         """Short-time spectra over the impulse response (a Hanning window, 4096 points and half
         overlap unless given); the slices follow from duration, fft_length and overlap."""
         return self._surface(True, fft_length, 25, start, duration, window, overlap, start_at_peak)
+
+    # ---- Graphs
+
+    def plot(self, graph: str = "magnitude", path: Optional[PathLike] = None, **options: Any) -> "Plot":
+        """The record's graph, written to path when one is given (see tavolar.plot)."""
+        from ._plots import plot
+
+        return plot(self, graph, path, **options)
+
+    def _repr_png_(self) -> bytes:
+        return self.plot()._repr_png_()
+
+    def _repr_svg_(self) -> str:
+        return self.plot()._repr_svg_()
 
     # ---- Python protocols
 
