@@ -185,11 +185,7 @@ void addPlotCommand(CLI::App& app, CommandList& commands) {
     command->add_option("document", options->document, "The document (*.tavolar)")->required();
     command->add_option("records", options->records, "Records by number, UUID or UUID prefix; default: all");
     std::vector<std::string> graphs(plotGraphNames().begin(), plotGraphNames().end());
-    command
-        ->add_option(
-            "-g,--graph", settings.graph,
-            "magnitude (default), spl, phase, minimum-phase, excess-phase, group-delay, impulse, etc, "
-            "distortion, octave-bands, third-octave-bands, waterfall or spectrogram")
+    command->add_option("-g,--graph", settings.graph, "The graph (default magnitude)")
         ->check(CLI::IsMember(graphs));
     command
         ->add_option(
@@ -240,13 +236,13 @@ void addPlotCommand(CLI::App& app, CommandList& commands) {
                       "Distortion: in percent of the fundamental rather than dB");
     command->add_option("--weighting", options->weighting, "Bands: a, c or z (none, default)")
         ->check(CLI::IsMember({"a", "c", "z"}));
-    command->add_option("--slices", options->slices,
-                        "Waterfall and spectrogram: the number of slices (default 25)");
+    command->add_option("--slices", options->slices, "Waterfall: the number of slices (default 25)");
+    command->add_option("--duration", options->duration,
+                        "Waterfall and spectrogram: ms from the first slice to the last (default: automatic; "
+                        "spectrogram 500)");
     command->add_option(
-        "--duration", options->duration,
-        "Waterfall and spectrogram: ms from the first slice to the last (default: automatic)");
-    command->add_option("--fft", options->fftLength,
-                        "Waterfall and spectrogram: samples of each slice's transform");
+        "--fft", options->fftLength,
+        "Waterfall and spectrogram: samples of each slice's transform (default 8192; spectrogram 1024)");
     command->add_option("--floor", settings.floor,
                         "Waterfall and spectrogram: the dB shown below the peak (default 60)");
     command->add_option("--colormap", settings.colorMap, "Spectrogram: viridis (default) or magma")

@@ -138,18 +138,19 @@ GraphCalculationSettings calculationSettings(const PlotSettings& s) {
     settings.thirdOctaveBands = s.graph == "third-octave-bands";
     settings.weighting = s.weighting;
     settings.waterfall = s.waterfall;
-    // The waterfall's slices are long and few; a spectrogram left at those settings gets short,
-    // closely overlapping ones over the first half second instead.
+    // The waterfall's slices are long and few; a spectrogram takes short, closely overlapping ones
+    // over the first half second instead, for each setting left as the waterfall has it.
     const WaterfallSettings defaults;
-    const WaterfallSettings& w = s.waterfall;
-    if (s.graph == "spectrogram" && w.windowType == defaults.windowType &&
-        w.startAtPeak == defaults.startAtPeak && w.startTime == defaults.startTime &&
-        w.duration == defaults.duration && w.fftLength == defaults.fftLength &&
-        w.sliceCount == defaults.sliceCount && w.overlap == defaults.overlap) {
-        settings.waterfall.fftLength = 1024;
-        settings.waterfall.overlap = 0.9375f;
-        settings.waterfall.startTime = -5.0f;
-        settings.waterfall.duration = 500.0f;
+    WaterfallSettings& w = settings.waterfall;
+    if (s.graph == "spectrogram") {
+        if (w.fftLength == defaults.fftLength)
+            w.fftLength = 1024;
+        if (w.overlap == defaults.overlap)
+            w.overlap = 0.9375f;
+        if (w.startTime == defaults.startTime)
+            w.startTime = -5.0f;
+        if (w.duration == defaults.duration)
+            w.duration = 500.0f;
     }
     return settings;
 }

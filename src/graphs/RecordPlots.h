@@ -46,9 +46,12 @@ struct PlotSettings {
     std::vector<int> orders{2, 3};                   // distortion: the harmonic orders drawn
     bool percent = false;                            // distortion: in percent of the fundamental
     char weighting = 'z';                            // bands: 'a', 'c' or 'z' (none)
-    WaterfallSettings waterfall;                     // waterfall and spectrogram slices
-    double floor = 60.0;                             // waterfall and spectrogram: dB shown below the peak
-    std::string colorMap = "viridis";                // spectrogram: viridis or magma
+    // Waterfall and spectrogram slices; a spectrogram takes 1024-sample slices overlapping by 15/16
+    // from 5 ms before the peak over 500 ms for the transform length, overlap, start and duration
+    // left at the waterfall's defaults.
+    WaterfallSettings waterfall;
+    double floor = 60.0;              // waterfall and spectrogram: dB shown below the peak
+    std::string colorMap = "viridis"; // spectrogram: viridis or magma
 };
 
 // How a picture is drawn.
