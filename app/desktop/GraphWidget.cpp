@@ -39,7 +39,7 @@ void GraphWidget::setAppearance(const VELTGraphAppearance& appearance) {
     update();
 }
 
-void GraphWidget::ensureRendered() {
+void GraphWidget::ensureRendered() const {
     if (rendered_)
         return;
     auto picture = graph_.picture();
@@ -50,6 +50,7 @@ void GraphWidget::ensureRendered() {
 }
 
 QRectF GraphWidget::plotArea() const {
+    ensureRendered();
     if (!rendered_ || !rendered_->layout || !graph_.isInteractive())
         return {};
     const VELTRect& area = rendered_->layout->plotArea;

@@ -47,13 +47,14 @@ protected:
     void leaveEvent(QEvent* event) override;
 
 private:
-    void ensureRendered();
+    // Draws the graph again when something changed, so that the layout matches the extents.
+    void ensureRendered() const;
     void pushExtents(const VELTGraphExtents& extents, const QString& text, int gesture);
 
     GraphModel& graph_;
     QUndoStack& undoStack_;
     VELTGraphAppearance appearance_ = VELTGraphAppearance::light();
-    std::optional<RenderedGraph> rendered_;
+    mutable std::optional<RenderedGraph> rendered_;
     std::optional<QPointF> cursor_;
     std::optional<QPointF> dragFrom_;
     int gesture_ = 0;

@@ -4,6 +4,7 @@
 #include "audio/devices/AudioDeviceUID.h"
 #include "audio/devices/VELTAudioDevice.h"
 #include "audio/devices/VELTAudioHardware.h"
+#include "platform/UserDefaults.h"
 
 #include <QApplication>
 #include <QFormLayout>
@@ -233,6 +234,7 @@ void MeasureDialog::start() {
     // or the box ticked. The answer is fixed now, as the engine may ask from its own threads.
     const bool bypass =
         keepQuiet_->isChecked() || (QApplication::queryKeyboardModifiers() & Qt::ShiftModifier);
+    UserDefaults::standard().registerDefaults({{"ChecksRecordingLevel", true}});
     VELTRZMeasurementController::setModifierFlagsProvider(
         [bypass] { return bypass ? std::uint64_t{1} << 17 : std::uint64_t{0}; });
     controller_ = VELTRZMeasurementController::make();

@@ -1,5 +1,7 @@
 #include "RecordTableModel.h"
 
+#include "platform/KeyedArchiver.h"
+
 #include <QDateTime>
 #include <QUndoCommand>
 #include <algorithm>
@@ -9,9 +11,32 @@ namespace tavolar::desktop {
 
 namespace {
 
-// Where a record keeps whether graphs leave it out, among the values that hosts store with it; a
-// record without the key is shown, so records from other hosts all appear.
-constexpr const char* kHiddenKey = "TavolarHidden";
+// A record's archive as the command line writes it (the record's values, then its loop-back
+// reference), with one more key for a record that graphs leave out. A record without the key is
+// shown, so records from other hosts all appear. Records' own values are read by the record store;
+// this reads the one key.
+constexpr std::string_view kHiddenKey = "tavolarHidden";
+constexpr std::string_view kLoopbackReferenceKey = "tavolarLoopbackReference";
+
+struct DesktopRecordArchive {
+    static constexpr std::string_view className = VELTMeasurementRecord::className;
+    const VELTMeasurementRecord* record = nullptr;
+    nlohmann::json loopbackReference;
+    bool hidden = false;
+
+    void encodeWithCoder(KeyedArchiver& coder) const {
+        record->encodeWithCoder(coder);
+        if (loopbackReference.is_object())
+            coder.encodeDictionary(loopbackReference, kLoopbackReferenceKey);
+        if (hidden)
+            coder.encodeBool(true, kHiddenKey);
+    }
+    static DesktopRecordArchive initWithCoder(KeyedUnarchiver& coder) {
+        DesktopRecordArchive archive;
+        archive.hidden = coder.containsValueForKey(kHiddenKey) && coder.decodeBool(kHiddenKey);
+        return archive;
+    }
+};
 
 QColor qColor(const std::optional<ArchivedColor>& color) {
     const ArchivedColor value = color.value_or(ArchivedColor{});
@@ -86,7 +111,13 @@ Expected<std::unique_ptr<RecordTableModel>> RecordTableModel::open(const std::fi
         auto record = model->store_.load(index);
         if (!record)
             return std::unexpected(record.error());
+        const std::string uuid = (*record)->impulseUUID();
         model->records_.push_back(*record);
+        auto archive = model->store_.document().recordArchive(uuid);
+        if (archive && *archive)
+            if (auto flags = KeyedUnarchiver::unarchivedObjectOfClass<DesktopRecordArchive>(**archive);
+                flags && flags->hidden)
+                model->hidden_.insert(uuid);
     }
     return model;
 }
@@ -101,9 +132,8 @@ RecordArray RecordTableModel::visibleRecords() const {
     return visible;
 }
 
-bool RecordTableModel::isVisible(const VELTMeasurementRecord& record) {
-    const nlohmann::json values = record.plugInDictionary();
-    return !(values.is_object() && values.value(kHiddenKey, false));
+bool RecordTableModel::isVisible(const VELTMeasurementRecord& record) const {
+    return !hidden_.contains(record.impulseUUID());
 }
 
 int RecordTableModel::rowCount(const QModelIndex& parent) const {
@@ -121,8 +151,11 @@ QVariant RecordTableModel::data(const QModelIndex& index, int role) const {
     const auto column = static_cast<Column>(index.column());
     if (column == Visible && role == Qt::CheckStateRole)
         return isVisible(record) ? Qt::Checked : Qt::Unchecked;
+    // Black is every record's colour until one is chosen; graphs draw such records in the colours of
+    // their palette, so the table says so rather than showing black.
+    const bool automaticColour = qColor(record.plotColor()) == QColor(Qt::black);
     if (column == Colour && role == Qt::DecorationRole)
-        return qColor(record.plotColor());
+        return automaticColour ? QVariant() : QVariant(qColor(record.plotColor()));
     if (role == Qt::ToolTipRole && column == Name)
         return QString::fromStdString(record.impulseUUID());
     if (role != Qt::DisplayRole && role != Qt::EditRole)
@@ -131,8 +164,9 @@ QVariant RecordTableModel::data(const QModelIndex& index, int role) const {
     case Name:
         return QString::fromStdString(cli::RecordStore::displayName(record));
     case Colour:
-        return role == Qt::EditRole ? QVariant(qColor(record.plotColor()))
-                                    : QVariant(qColor(record.plotColor()).name());
+        if (role == Qt::EditRole)
+            return qColor(record.plotColor());
+        return automaticColour ? tr("Automatic") : qColor(record.plotColor()).name();
     case Date:
         if (auto date = record.date()) {
             const auto milliseconds =
@@ -219,17 +253,12 @@ void RecordTableModel::applyField(const std::string& uuid, Column column, const 
     case Colour:
         record->setPlotColor(archivedColor(value.value<QColor>()));
         break;
-    case Visible: {
-        nlohmann::json values = record->plugInDictionary();
-        if (!values.is_object())
-            values = nlohmann::json::object();
+    case Visible:
         if (value.toBool())
-            values.erase(kHiddenKey);
+            hidden_.erase(uuid);
         else
-            values[kHiddenKey] = true;
-        record->setPlugInDictionary(std::move(values));
+            hidden_.insert(uuid);
         break;
-    }
     case Notes:
         record->setNotes(value.toString().toStdString());
         break;
@@ -317,12 +346,33 @@ int RecordTableModel::rowOf(const std::string& uuid) const {
 
 void RecordTableModel::save(const std::vector<std::shared_ptr<VELTMeasurementRecord>>& records,
                             bool withImpulses) {
-    std::vector<std::string> impulses;
-    if (withImpulses)
-        for (const auto& record : records)
-            impulses.push_back(record->impulseUUID());
-    if (auto saved = store_.save(records, impulses); !saved)
-        reportError(saved.error());
+    MeasurementDocument& document = store_.document();
+    auto written = document.performBatch([&]() -> Expected<void> {
+        for (const auto& record : records) {
+            const std::string uuid = record->impulseUUID();
+            if (withImpulses) {
+                auto impulse = record->cachedImpulseResponse();
+                if (!impulse)
+                    impulse = record->impulseResponse();
+                if (!impulse)
+                    return makeUnexpected("The record " + uuid + " has no impulse response to store.");
+                if (auto stored = document.putImpulseResponse(uuid, impulse->span(), record->sampleRate());
+                    !stored)
+                    return stored;
+            }
+            // The impulse response lives in the document's own table, not in the record's archive.
+            record->setDontSaveImpulse(true);
+            const std::vector<std::byte> archive = KeyedArchiver::archivedDataWithRootObject(
+                DesktopRecordArchive{record.get(), store_.loopbackReference(uuid), hidden_.contains(uuid)});
+            if (auto stored =
+                    document.putRecord(uuid, archive, {record->comment().value_or(""), record->date()});
+                !stored)
+                return stored;
+        }
+        return {};
+    });
+    if (!written)
+        reportError(cli::documentError(path(), written.error()));
 }
 
 void RecordTableModel::reportError(const TavolarError& error) {

@@ -13,6 +13,7 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -31,7 +32,7 @@ public:
     const std::vector<std::shared_ptr<VELTMeasurementRecord>>& records() const noexcept { return records_; }
     // The records drawn in graphs, in document order.
     RecordArray visibleRecords() const;
-    static bool isVisible(const VELTMeasurementRecord& record);
+    bool isVisible(const VELTMeasurementRecord& record) const;
 
     int rowCount(const QModelIndex& parent = {}) const override;
     int columnCount(const QModelIndex& parent = {}) const override;
@@ -71,6 +72,7 @@ private:
 
     cli::RecordStore store_;
     std::vector<std::shared_ptr<VELTMeasurementRecord>> records_;
+    std::set<std::string> hidden_; // UUIDs of the records that graphs leave out
     QUndoStack undoStack_;
 };
 

@@ -1,0 +1,222 @@
+// The models without widgets: record edits, deletion and graph settings through the undo stack, and
+// the document as a later session reads it after each step.
+
+#include "DesktopTestSupport.h"
+#include "GraphCommands.h"
+#include "GraphModel.h"
+
+#include <QColor>
+#include <QTemporaryDir>
+#include <cmath>
+#include <gtest/gtest.h>
+
+namespace tavolar::desktop::test {
+namespace {
+
+TEST(RecordTableModel, EditsAreSavedAsMadeAndUndoneAndRedoneInTheDocument) {
+    QTemporaryDir folder;
+    const auto path = makeDocument(folder, 2);
+    auto model = reopened(path);
+    ASSERT_TRUE(model);
+    struct Edit {
+        RecordTableModel::Column column;
+        int role;
+        QVariant value;
+        QVariant stored; // as field() answers it afterwards
+        QString actionName;
+    };
+    const Edit edits[] = {
+        {RecordTableModel::Name, Qt::EditRole, QString("Left, 1 m"), QString("Left, 1 m"), "Rename Record"},
+        {RecordTableModel::Notes, Qt::EditRole, QString("ünïcode notes"), QString("ünïcode notes"),
+         "Set Notes"},
+        {RecordTableModel::Colour, Qt::EditRole, QColor(0xD5, 0x5E, 0x00), QColor(0xD5, 0x5E, 0x00),
+         "Set Record Colour"},
+        {RecordTableModel::Visible, Qt::CheckStateRole, int(Qt::Unchecked), false, "Hide Record"},
+    };
+    for (const Edit& edit : edits) {
+        SCOPED_TRACE(edit.actionName.toStdString());
+        const QModelIndex index = model->index(1, edit.column);
+        const std::string uuid = model->records()[1]->impulseUUID();
+        const QVariant before = model->field(uuid, edit.column);
+        ASSERT_TRUE(model->setData(index, edit.value, edit.role));
+        EXPECT_EQ(model->undoStack().undoText(), edit.actionName);
+        EXPECT_EQ(model->field(uuid, edit.column), edit.stored);
+        EXPECT_EQ(reopened(path)->field(uuid, edit.column), edit.stored);
+        model->undoStack().undo();
+        EXPECT_EQ(model->field(uuid, edit.column), before);
+        EXPECT_EQ(reopened(path)->field(uuid, edit.column), before);
+        model->undoStack().redo();
+        EXPECT_EQ(reopened(path)->field(uuid, edit.column), edit.stored);
+    }
+    // The hidden record is left out of the graphs, in this session and the next.
+    EXPECT_EQ(model->visibleRecords().size(), 1u);
+    EXPECT_EQ(reopened(path)->visibleRecords().size(), 1u);
+    // An edit to the value a record already has is no step.
+    const int steps = model->undoStack().count();
+    model->setData(model->index(0, RecordTableModel::Name), QString("Record 1"), Qt::EditRole);
+    EXPECT_EQ(model->undoStack().count(), steps);
+}
+
+TEST(RecordTableModel, DeletedRecordsComeBackInPlaceWithTheirImpulseResponses) {
+    QTemporaryDir folder;
+    const auto path = makeDocument(folder, 3);
+    auto model = reopened(path);
+    ASSERT_TRUE(model);
+    const auto uuidsBefore = [&] {
+        std::vector<std::string> uuids;
+        auto later = reopened(path);
+        for (const auto& record : later->records())
+            uuids.push_back(record->impulseUUID());
+        return uuids;
+    };
+    const std::vector<std::string> original = uuidsBefore();
+    model->removeRecords({2, 0, 2});
+    EXPECT_EQ(model->undoStack().undoText(), "Delete Records");
+    ASSERT_EQ(model->rowCount(), 1);
+    EXPECT_EQ(uuidsBefore(), std::vector<std::string>{original[1]});
+
+    model->undoStack().undo();
+    EXPECT_EQ(model->rowCount(), 3);
+    EXPECT_EQ(uuidsBefore(), original);
+    // The impulse responses were written back with the records: the next session reads them.
+    auto later = reopened(path);
+    for (const auto& record : later->records()) {
+        auto impulse = record->impulseResponse();
+        ASSERT_TRUE(impulse);
+        EXPECT_EQ(impulse->length(), 8192u);
+    }
+    model->undoStack().redo();
+    EXPECT_EQ(reopened(path)->rowCount(), 1);
+}
+
+// A graph of the first record of a fresh document, its picture computed.
+struct LoadedGraph {
+    QTemporaryDir folder;
+    std::unique_ptr<RecordTableModel> document;
+    GraphModel graph{"magnitude"};
+    explicit LoadedGraph(int records = 1) {
+        document = reopened(makeDocument(folder, records));
+        graph.setRecords(document->visibleRecords());
+        graph.reloadSynchronously();
+    }
+};
+
+TEST(GraphModel, SettingsAreUndoneByTheirActionNames) {
+    LoadedGraph loaded;
+    GraphModel& graph = loaded.graph;
+    QUndoStack stack;
+    struct Change {
+        std::string keyPath;
+        double value;
+        QString actionName;
+    };
+    const Change changes[] = {
+        {"smoothingFraction", 3, "Set Smoothing Fraction"},
+        {"normalize", 1, "Toggle Normalization"},
+        {"extentsLocked", 1, "Toggle Extents Lock"},
+        {"multiSelectMode", 1, "Set Multiple Selection Mode"},
+        {"extents.x.min", 100, "Set X Minimum"},
+        {"extents.y.max", 12, "Set Y Maximum"},
+    };
+    for (const Change& change : changes) {
+        SCOPED_TRACE(change.keyPath);
+        const double before = graph.value(change.keyPath);
+        stack.push(new SetGraphValueCommand(graph, change.keyPath, change.value));
+        EXPECT_EQ(stack.undoText(), change.actionName);
+        EXPECT_EQ(graph.value(change.keyPath), change.value);
+        stack.undo();
+        EXPECT_EQ(graph.value(change.keyPath), before);
+        stack.redo();
+        EXPECT_EQ(graph.value(change.keyPath), change.value);
+    }
+    // Settings a graph does not take stay at their defaults.
+    GraphModel phase("phase");
+    phase.setValue("smoothingFraction", 12);
+    phase.setValue("normalize", 1);
+    EXPECT_EQ(phase.value("smoothingFraction"), 0.0);
+    EXPECT_EQ(phase.value("normalize"), 0.0);
+}
+
+TEST(GraphModel, StepsOfOneGestureMergeIntoOneUndo) {
+    LoadedGraph loaded;
+    GraphModel& graph = loaded.graph;
+    QUndoStack stack;
+    const VELTGraphExtents start = graph.extents();
+    for (double shift : {1.0, 2.0, 3.0})
+        stack.push(new SetGraphExtentsCommand(graph, {100.0, 1000.0 * shift, -10.0, 0.0}, "Pan", 7));
+    EXPECT_EQ(stack.count(), 1);
+    EXPECT_EQ(graph.extents().xMax, 3000.0);
+    stack.push(new SetGraphExtentsCommand(graph, {200.0, 2000.0, -10.0, 0.0}, "Pan", 8));
+    EXPECT_EQ(stack.count(), 2);
+    stack.undo();
+    stack.undo();
+    EXPECT_EQ(graph.extents(), start);
+}
+
+TEST(GraphModel, ZoomIsReversibleAndPanAndZoomKeepToTheLimits) {
+    LoadedGraph loaded;
+    GraphModel& graph = loaded.graph;
+    graph.setExtents({100.0, 5000.0, -40.0, 10.0});
+    const VELTGraphExtents start = graph.extents();
+    auto near = [](const VELTGraphExtents& a, const VELTGraphExtents& b) {
+        auto close = [](double x, double y) { return std::abs(x - y) <= 1e-9 * std::max(1.0, std::abs(y)); };
+        return close(a.xMin, b.xMin) && close(a.xMax, b.xMax) && close(a.yMin, b.yMin) &&
+               close(a.yMax, b.yMax);
+    };
+    struct Zoom {
+        double x, y, factor;
+    };
+    for (const Zoom& zoom : {Zoom{1000.0, -6.0, 0.8}, Zoom{120.0, 9.0, 0.5}, Zoom{4500.0, -39.0, 0.64},
+                             Zoom{300.0, 0.0, 1.25}}) {
+        graph.setExtents(graph.zoomed(zoom.x, zoom.y, zoom.factor));
+        // The point under the cursor stays put: its place along each axis is unchanged.
+        EXPECT_NEAR(std::log(zoom.x / graph.extents().xMin) /
+                        std::log(graph.extents().xMax / graph.extents().xMin),
+                    std::log(zoom.x / start.xMin) / std::log(start.xMax / start.xMin), 1e-12);
+        graph.setExtents(graph.zoomed(zoom.x, zoom.y, 1.0 / zoom.factor));
+        EXPECT_TRUE(near(graph.extents(), start)) << zoom.x << " " << zoom.factor;
+    }
+    // Far out: no lower than 1 Hz, no higher than half the sample rate.
+    const VELTGraphExtents out = graph.zoomed(1000.0, 0.0, 100.0);
+    EXPECT_EQ(out.xMin, 1.0);
+    EXPECT_EQ(out.xMax, 24000.0);
+    // Far in: the level axis keeps at least 1 dB; the frequency axis may narrow.
+    const VELTGraphExtents in = graph.zoomed(1000.0, 0.0, 1e-3);
+    EXPECT_EQ(in.yMin, start.yMin);
+    EXPECT_EQ(in.yMax, start.yMax);
+    EXPECT_LT(in.xMax / in.xMin, 1.1);
+    // Panned below 1 Hz: moved back in, the span of the axis kept.
+    const VELTGraphExtents panned = graph.panned(100.0, 0.0, 20000.0, 5.0);
+    EXPECT_EQ(panned.xMin, 1.0);
+    EXPECT_NEAR(panned.xMax, 50.0, 1e-9);
+    EXPECT_EQ(panned.yMin, start.yMin - 5.0);
+}
+
+TEST(GraphModel, ReadoutInterpolatesEveryCurveAtTheFrequency) {
+    LoadedGraph loaded(2);
+    GraphModel& graph = loaded.graph;
+    graph.setValue("smoothingFraction", 0);
+    graph.reloadSynchronously();
+    // Record n: gain 1/(n+1) with an echo of half its height 1 ms later, so 1.5 times the gain at
+    // 1 kHz and 0.5 times at 500 Hz.
+    struct Expected {
+        double frequency;
+        double decibels[2];
+    };
+    for (const Expected& expected : {Expected{1000.0, {20 * std::log10(0.75), 20 * std::log10(0.5)}},
+                                     Expected{500.0, {20 * std::log10(0.25), 20 * std::log10(1.0 / 6.0)}},
+                                     Expected{2012.5, {20 * std::log10(0.75), 20 * std::log10(0.5)}}}) {
+        const auto readings = graph.readout(expected.frequency);
+        ASSERT_EQ(readings.size(), 2u);
+        for (int n = 0; n < 2; ++n) {
+            ASSERT_TRUE(readings[n].value.has_value());
+            EXPECT_NEAR(*readings[n].value, expected.decibels[n], 0.1) << expected.frequency;
+        }
+        EXPECT_EQ(readings[1].name, "Record 2");
+    }
+    // Beyond the curves there is nothing to read.
+    EXPECT_FALSE(graph.readout(0.5).front().value.has_value());
+}
+
+} // namespace
+} // namespace tavolar::desktop::test

@@ -1,0 +1,162 @@
+// The window and the measurement dialog driven as a user drives them: wheel, drag and keys on the
+// graph, and measurements on the simulated device.
+
+#include "DesktopTestSupport.h"
+#include "MainWindow.h"
+#include "MeasureDialog.h"
+
+#include <QApplication>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QWheelEvent>
+#include <gtest/gtest.h>
+
+namespace tavolar::desktop::test {
+namespace {
+
+// A window showing a document of two records, laid out at a fixed size with its graph computed.
+struct OpenWindow {
+    QTemporaryDir folder;
+    std::filesystem::path path;
+    MainWindow* window;
+    explicit OpenWindow(const QString& graph = "magnitude") {
+        path = makeDocument(folder, 2);
+        window = new MainWindow(reopened(path));
+        window->setAttribute(Qt::WA_DeleteOnClose, false);
+        window->showGraph(graph);
+        window->resize(900, 640);
+        window->show();
+        QApplication::setActiveWindow(window);
+        EXPECT_TRUE(QTest::qWaitForWindowActive(window));
+        window->currentGraphWidget().graph().reloadSynchronously();
+        QApplication::processEvents();
+    }
+    ~OpenWindow() { delete window; }
+    GraphWidget& graph() { return window->currentGraphWidget(); }
+    QUndoStack& undo() { return window->document().undoStack(); }
+};
+
+void wheel(QWidget& widget, QPointF at, int steps) {
+    QWheelEvent event(at, widget.mapToGlobal(at), QPoint(), QPoint(0, 120 * steps), Qt::NoButton,
+                      Qt::NoModifier, Qt::NoScrollPhase, false);
+    QApplication::sendEvent(&widget, &event);
+}
+
+TEST(GraphWidget, WheelZoomThenTheReverseZoomGivesTheSameExtents) {
+    OpenWindow open;
+    GraphWidget& view = open.graph();
+    view.repaint();
+    const QRectF area = view.plotArea();
+    ASSERT_FALSE(area.isEmpty());
+    const VELTGraphExtents start = view.graph().extents();
+    const QPointF at = area.center() + QPointF(area.width() / 5, -area.height() / 7);
+    const QPointF dataBefore = *view.dataAt(at);
+    wheel(view, at, 2);
+    const VELTGraphExtents zoomed = view.graph().extents();
+    EXPECT_LT(zoomed.xMax / zoomed.xMin, start.xMax / start.xMin);
+    EXPECT_LT(zoomed.yMax - zoomed.yMin, start.yMax - start.yMin);
+    // The data under the cursor stays under it (the plot area may move by a pixel as the tick labels
+    // change).
+    const QPointF after = *view.positionOf(dataBefore);
+    EXPECT_NEAR(after.x(), at.x(), 1.5);
+    EXPECT_NEAR(after.y(), at.y(), 1.5);
+    wheel(view, at, -1);
+    wheel(view, at, -1);
+    const VELTGraphExtents back = view.graph().extents();
+    EXPECT_NEAR(back.xMin, start.xMin, start.xMin * 1e-9);
+    EXPECT_NEAR(back.xMax, start.xMax, start.xMax * 1e-9);
+    EXPECT_NEAR(back.yMin, start.yMin, 1e-9);
+    EXPECT_NEAR(back.yMax, start.yMax, 1e-9);
+    // Quick wheel steps are one step to undo.
+    EXPECT_EQ(open.undo().count(), 1);
+    EXPECT_EQ(open.undo().undoText(), "Zoom");
+}
+
+TEST(GraphWidget, DragPansAsOneUndoStepAndDoubleClickFits) {
+    OpenWindow open;
+    GraphWidget& view = open.graph();
+    view.repaint();
+    const QRectF area = view.plotArea();
+    const VELTGraphExtents start = view.graph().extents();
+    const QPoint from = area.center().toPoint();
+    QTest::mousePress(&view, Qt::LeftButton, Qt::NoModifier, from);
+    for (int step = 1; step <= 5; ++step) {
+        QMouseEvent move(QEvent::MouseMove, QPointF(from + QPoint(-20 * step, 10 * step)),
+                         view.mapToGlobal(QPointF(from + QPoint(-20 * step, 10 * step))), Qt::NoButton,
+                         Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(&view, &move);
+    }
+    QTest::mouseRelease(&view, Qt::LeftButton, Qt::NoModifier, from + QPoint(-100, 50));
+    EXPECT_GT(view.graph().extents().xMin, start.xMin); // dragged left: higher frequencies come in
+    EXPECT_GT(view.graph().extents().yMin, start.yMin); // dragged down: lower levels go out
+    EXPECT_EQ(open.undo().count(), 1);
+    EXPECT_EQ(open.undo().undoText(), "Pan");
+    QTest::mouseDClick(&view, Qt::LeftButton, Qt::NoModifier, from);
+    EXPECT_EQ(view.graph().extents(), start);
+    open.undo().undo();
+    open.undo().undo();
+    EXPECT_EQ(view.graph().extents(), start);
+}
+
+TEST(MainWindow, ControlDigitKeysSetTheSmoothing) {
+    OpenWindow open;
+    GraphModel& graph = open.graph().graph();
+    const std::pair<Qt::Key, int> keys[] = {{Qt::Key_0, 0},  {Qt::Key_1, 48}, {Qt::Key_2, 24},
+                                            {Qt::Key_3, 12}, {Qt::Key_4, 6},  {Qt::Key_5, 3}};
+    // From the default 1/12 octave, 0 first so that every key makes a change.
+    for (const auto& [key, smoothing] : keys) {
+        QTest::keyClick(open.window, key, Qt::ControlModifier);
+        EXPECT_EQ(graph.smoothing(), smoothing) << key;
+    }
+    EXPECT_EQ(open.undo().undoText(), "Set Smoothing Fraction");
+    QTest::keyClick(open.window, Qt::Key_3, Qt::ControlModifier);
+    EXPECT_EQ(graph.smoothing(), 12);
+    open.undo().undo();
+    EXPECT_EQ(graph.smoothing(), 3);
+}
+
+// Runs the dialog's measurement until it ends, and answers whether records were added.
+std::optional<bool> measureThrough(MeasureDialog& dialog, bool cancel) {
+    QSignalSpy finished(&dialog, &MeasureDialog::finished);
+    QTest::mouseClick(&dialog.measureButton(), Qt::LeftButton);
+    EXPECT_TRUE(dialog.isMeasuring()) << dialog.status().text().toStdString();
+    if (cancel) {
+        QTest::qWait(300);
+        EXPECT_TRUE(dialog.isMeasuring());
+        QTest::mouseClick(&dialog.cancelButton(), Qt::LeftButton);
+    }
+    if (!finished.wait(60000))
+        return std::nullopt;
+    return finished.front().front().toBool();
+}
+
+TEST(MeasureDialog, MeasurementOnTheSimulatedDeviceBecomesARecordAndACancelledOneNone) {
+    OpenWindow open;
+    RecordTableModel& document = open.window->document();
+    MeasureDialog dialog(document, open.window);
+    const int device = dialog.device().findData("sim:default");
+    ASSERT_GE(device, 0);
+    dialog.device().setCurrentIndex(device);
+    dialog.name().setText("Simulated");
+
+    dialog.fast().setChecked(true);
+    EXPECT_EQ(measureThrough(dialog, false), std::optional(true)) << dialog.status().text().toStdString();
+    ASSERT_EQ(document.rowCount(), 3);
+    EXPECT_EQ(document.index(2, RecordTableModel::Name).data().toString(), "Simulated");
+    auto later = reopened(open.path);
+    ASSERT_EQ(later->rowCount(), 3);
+    EXPECT_EQ(later->records()[2]->sampleRate(), 48000);
+    EXPECT_EQ(document.undoStack().undoText(), "Add Measurement");
+
+    // At the device's own pace the sweep lasts seconds, so the cancel comes while it plays.
+    dialog.fast().setChecked(false);
+    EXPECT_EQ(measureThrough(dialog, true), std::optional(false));
+    EXPECT_FALSE(dialog.isMeasuring());
+    EXPECT_TRUE(dialog.status().text().contains("cancelled")) << dialog.status().text().toStdString();
+    EXPECT_EQ(document.rowCount(), 3);
+    EXPECT_EQ(reopened(open.path)->rowCount(), 3);
+}
+
+} // namespace
+} // namespace tavolar::desktop::test
