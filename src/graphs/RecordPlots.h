@@ -83,14 +83,15 @@ struct GraphPicture {
 // The graphs plotRecords draws, by name.
 const std::vector<std::string_view>& plotGraphNames();
 
-// The picture of the records (at least one) with the settings. Errors: settings the graph does not
-// take (code kPlotSettingsError), or records that give nothing to draw.
+// The picture of the records (at least one) with the settings; a waterfall or spectrogram shows the
+// first record's. Errors: settings the graph does not take (code kPlotSettingsError), or records that
+// give nothing to draw. It computes on the calling thread (waiting for the calculation's workers).
 Expected<GraphPicture> plotRecords(const RecordArray& records, const PlotSettings& settings);
 
 // Draws the picture into bounds (points) through the painter: a view's paint method or a file.
 void drawPicture(VELTPainter& painter, const GraphPicture& picture, const VELTRect& bounds);
 
-// Writes the picture to a file whose extension says the format: .png, .svg, .pdf or .tiff (drawn at
+// Writes the picture to a file whose extension says the format: .png, .svg, .pdf or .tif(f) (drawn at
 // the size) or .csv (the data as columns, X then Y of each curve; the size is not used). The metadata
 // go into PDF files; without a title or subject they are the picture's.
 Expected<void> writePlot(const std::filesystem::path& path, const GraphPicture& picture,

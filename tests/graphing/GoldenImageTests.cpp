@@ -101,6 +101,10 @@ TEST(GoldenImages, EveryGraphAsKept) {
     if (!data)
         GTEST_SKIP() << "TAVOLAR_TEST_DATA is not set (CTest sets it)";
     const std::filesystem::path folder = std::filesystem::path(data).parent_path() / "graphing" / "golden";
+    for (const char* font : {"/usr/share/fonts/opentype/urw-base35/NimbusSans-Regular.otf",
+                             "/usr/share/fonts/truetype/dejavu/DejaVuSans.ttf"})
+        if (!std::filesystem::exists(font))
+            GTEST_SKIP() << font << " is not installed (fonts-urw-base35, fonts-dejavu-core)";
     const char* regenerate = std::getenv("TAVOLAR_REGENERATE_GOLDEN");
     const bool rewrite = regenerate && std::string(regenerate) == "1";
     GoldenFonts fonts(folder / "fonts.conf");
