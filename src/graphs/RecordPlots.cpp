@@ -204,16 +204,17 @@ Expected<GraphPicture> timePicture(const RecordArray& records, const PlotSetting
                                           impulse ? "impulse response" : "energy-time curve"));
     // The loudest point of all curves, and the last point within 60 dB of it: the response of
     // interest, however long the recording.
-    double peak = 0.0, peakTime = 0.0, lastLoud = 0.0;
+    double peak = -std::numeric_limits<double>::infinity(), peakTime = 0.0;
     for (const auto& curve : curves)
         for (std::size_t i = 0; i < curve->y().length(); ++i) {
             const double level = impulse && !s.decibels ? std::abs(curve->y()[i]) : curve->y()[i];
-            if (std::isfinite(level) && (level > peak || (peak == 0.0 && i == 0))) {
+            if (std::isfinite(level) && level > peak) {
                 peak = level;
                 peakTime = curve->x()[i];
             }
         }
     const double audible = impulse && !s.decibels ? peak * 1e-3 : peak - 60.0;
+    double lastLoud = peakTime;
     for (const auto& curve : curves)
         for (std::size_t i = 0; i < curve->y().length(); ++i) {
             const double level = impulse && !s.decibels ? std::abs(curve->y()[i]) : curve->y()[i];
