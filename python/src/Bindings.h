@@ -7,6 +7,7 @@
 #include "platform/TavolarError.h"
 
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <string>
@@ -54,6 +55,9 @@ std::vector<VELTRealVector> channelsFromArray(const py::array& array, std::strin
 struct RecordHandle {
     std::shared_ptr<VELTMeasurementRecord> record;
     std::shared_ptr<void> owner;
+    // The loop-back reference a new record's response was divided by, as the record store keeps it
+    // ({"output": N, "input": N}), until the record is stored in a document.
+    nlohmann::json loopback = nullptr;
 };
 
 void addErrors(py::module_& module);

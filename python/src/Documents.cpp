@@ -175,7 +175,7 @@ void changeRecord(const RecordHandle& handle, const RecordChanges& changes) {
 
 std::string describe(const RecordHandle& handle) {
     std::size_t number = 0;
-    nlohmann::json loopback = nullptr;
+    nlohmann::json loopback = handle.loopback;
     if (auto document = documentOf(handle); document && document->store) {
         const auto& summaries = document->store->summaries();
         const std::string uuid = handle.record->impulseUUID();
@@ -195,6 +195,10 @@ std::shared_ptr<VELTMeasurementRecord> recordFromSamples(VELTRealVector samples,
         throw py::value_error("An impulse response needs at least two samples.");
     if (!samples.isFinite())
         throw py::value_error("The impulse response holds samples that are not finite.");
+    // A record's response is circular, its second half the times before zero: for an odd length every
+    // time would read one sample late. A zero after the last sample evens the length, as import does.
+    if (samples.length() % 2 == 1)
+        samples.setLength(samples.length() + 1);
     std::shared_ptr<VELTMeasurementRecord> record;
     if (store) {
         record = store->makeRecord(std::move(samples), sampleRate);
@@ -313,6 +317,8 @@ void addDocuments(py::module_& module) {
                     auto record = store.makeRecord(*impulse, given.record->sampleRate());
                     given.record->copyAttributesToMeasurementRecord(*record);
                     record->setImpulseResponse(impulse);
+                    if (!given.loopback.is_null())
+                        store.setLoopbackReference(record->impulseUUID(), given.loopback);
                     added.push_back(std::move(record));
                     impulses.push_back(added.back()->impulseUUID());
                 }

@@ -291,7 +291,10 @@ std::vector<RecordHandle> Measurement::results() {
             name += fmt::format(" (input {})", entry.channel());
         record->setComment(name);
         cli::applyDefaultAnalysisSettings(*record);
-        records.push_back({record, nullptr});
+        nlohmann::json loopback = nullptr;
+        if (options_.loopback)
+            loopback = {{"output", options_.loopback->first}, {"input", options_.loopback->second}};
+        records.push_back({record, nullptr, std::move(loopback)});
     }
     return records;
 }

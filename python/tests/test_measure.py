@@ -33,6 +33,8 @@ def test_measurements_give_records_and_progress(cli: Callable[..., Any], tmp_pat
     assert [event["sweep"] for event in events if event["stage"] == "sweep"] == [1, 2]
     assert events[-1] == {"stage": "deconvolving", "channel": 1, "channels": 1}
     assert [entry["name"] for entry in json.loads(cli("list", str(path), "--json").stdout)] == ["Left"]
+    # The document keeps the loop-back reference the response was divided by, as measure keeps it.
+    assert json.loads(cli("info", str(path), "1", "--json").stdout)[0]["loopback"] == {"output": 1, "input": 1}
 
 
 @pytest.mark.parametrize(

@@ -55,6 +55,8 @@ def test_samples_of_any_layout_are_read(tmp_path: Path) -> None:
     ramp = np.arange(256, dtype=np.float64)
     record = tavolar.Record.from_impulse_response(ramp[::2], 48000)
     np.testing.assert_array_equal(record.impulse, ramp[::2].astype(np.float32))
+    # An odd length is evened with a zero, so that the circular time axis stays exact.
+    np.testing.assert_array_equal(tavolar.Record.from_impulse_response(ramp[:7], 48000).impulse, [*ramp[:7], 0])
     with tavolar.Document.create(tmp_path / "d.tavolar") as document:
         channels = np.asfortranarray(np.stack([ramp, -ramp]).astype(np.float32))
         added = document.add_impulse_responses(channels, 48000)
