@@ -112,7 +112,10 @@ void GraphModel::setValue(const std::string& keyPath, double value) {
         recompute = true;
     } else if (keyPath == "extentsLocked") {
         extentsLocked_ = value != 0.0;
-    } else if (keyPath == "extents.x.min") {
+    } else if (keyPath.starts_with("extents.")) {
+        extentsAutomatic_ = false;
+    }
+    if (keyPath == "extents.x.min") {
         extents_.xMin = value;
     } else if (keyPath == "extents.x.max") {
         extents_.xMax = value;
@@ -120,7 +123,7 @@ void GraphModel::setValue(const std::string& keyPath, double value) {
         extents_.yMin = value;
     } else if (keyPath == "extents.y.max") {
         extents_.yMax = value;
-    } else {
+    } else if (!recompute && keyPath != "extentsLocked") {
         return;
     }
     emit valueChanged(QString::fromStdString(keyPath));
@@ -133,6 +136,7 @@ void GraphModel::setExtents(const VELTGraphExtents& extents) {
     if (extents == extents_)
         return;
     extents_ = extents;
+    extentsAutomatic_ = false;
     emit changed();
 }
 
@@ -184,8 +188,10 @@ void GraphModel::receive(Expected<GraphPicture> picture) {
         // New data brings the extents that fit it, unless the user locked them; this is no undoable
         // step.
         if (!extentsLocked_)
-            if (auto fitted = fittedExtents())
+            if (auto fitted = fittedExtents()) {
                 extents_ = *fitted;
+                extentsAutomatic_ = true;
+            }
     } else {
         picture_.reset();
         problem_ = QString::fromStdString(picture.error().localizedDescription);
@@ -215,6 +221,17 @@ bool GraphModel::isInteractive() const {
 
 bool GraphModel::logarithmicX() const {
     return picture_ ? picture_->plot.logarithmicX : true;
+}
+
+void GraphModel::setViewBounds(const VELTRect& bounds) {
+    if (bounds == viewBounds_)
+        return;
+    viewBounds_ = bounds;
+    if (extentsAutomatic_)
+        if (auto fitted = fittedExtents(); fitted && *fitted != extents_) {
+            extents_ = *fitted;
+            emit changed();
+        }
 }
 
 std::optional<VELTGraphExtents> GraphModel::fittedExtents() const {

@@ -64,7 +64,8 @@ public:
     bool isInteractive() const;
     bool logarithmicX() const;
     // Where the view draws (points); automatic extents round the Y axis out to its ticks there.
-    void setViewBounds(const VELTRect& bounds) { viewBounds_ = bounds; }
+    // Extents still fitted automatically are fitted again to the new bounds.
+    void setViewBounds(const VELTRect& bounds);
     // Extents fitting the picture (Y rounded out to whole ticks, as picture files have them).
     std::optional<VELTGraphExtents> fittedExtents() const;
 
@@ -103,6 +104,7 @@ private:
     bool normalize_ = false;
     std::int64_t multiSelectMode_ = 0;
     bool extentsLocked_ = false;
+    bool extentsAutomatic_ = false; // the extents are the fitted ones, not the user's
     VELTGraphExtents extents_{20.0, 20000.0, -60.0, 0.0};
     VELTRect viewBounds_{0.0, 0.0, 480.0, 300.0};
     RecordArray records_;
