@@ -125,6 +125,8 @@ void MainWindow::buildMenus() {
     file->addAction(tr("&Open…"), QKeySequence::Open, this, &MainWindow::openDocumentDialog);
     file->addSeparator();
     file->addAction(tr("&Measure…"), QKeySequence(Qt::CTRL | Qt::Key_M), this, &MainWindow::measure);
+    file->addAction(tr("&Export Graph…"), QKeySequence(Qt::CTRL | Qt::Key_E), this,
+                    &MainWindow::exportGraphDialog);
     file->addSeparator();
     file->addAction(tr("&Close"), QKeySequence::Close, this, &QWidget::close);
 
@@ -249,6 +251,27 @@ void MainWindow::measure() {
     auto* dialog = new MeasureDialog(*document_, this);
     dialog->setAttribute(Qt::WA_DeleteOnClose);
     dialog->open();
+}
+
+Expected<void> MainWindow::exportGraph(const QString& path) {
+    GraphWidget& widget = currentGraphWidget();
+    auto picture = widget.graph().picture();
+    if (!picture)
+        return makeUnexpected(widget.graph().problem().toStdString());
+    picture->plot.appearance = widget.appearance();
+    return writePlot(path.toStdString(), *picture, VELTImageSize::defaultSize());
+}
+
+void MainWindow::exportGraphDialog() {
+    QString path =
+        QFileDialog::getSaveFileName(this, tr("Export Graph"), QString(),
+                                     tr("PNG pictures (*.png);;SVG drawings (*.svg);;PDF documents (*.pdf)"));
+    if (path.isEmpty())
+        return;
+    if (auto written = exportGraph(path); !written)
+        QMessageBox::warning(this, tr("The graph was not exported"),
+                             QString::fromStdString(written.error().localizedDescription + "\n\n" +
+                                                    written.error().localizedRecoverySuggestion));
 }
 
 void MainWindow::showError(const QString& message) {

@@ -39,6 +39,9 @@ public:
     bool showGraph(const QString& name);
     // Sets a graph setting of the current graph through the undo stack.
     void setGraphValue(const std::string& keyPath, double value);
+    // Writes the current graph as shown (its extents and theme) to a PNG, SVG or PDF file of the
+    // default picture size, through the same code as tavolar plot; an error says what went wrong.
+    Expected<void> exportGraph(const QString& path);
     // The window drawn off screen at the size, with the current graph's curves computed first.
     QImage screenshot(QSize size);
 
@@ -46,6 +49,7 @@ public slots:
     void newDocument();
     void openDocumentDialog();
     void measure();
+    void exportGraphDialog();
 
 private:
     void buildMenus();

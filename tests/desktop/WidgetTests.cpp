@@ -6,6 +6,7 @@
 #include "MeasureDialog.h"
 
 #include <QApplication>
+#include <QFile>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -114,6 +115,20 @@ TEST(MainWindow, ControlDigitKeysSetTheSmoothing) {
     EXPECT_EQ(graph.smoothing(), 12);
     open.undo().undo();
     EXPECT_EQ(graph.smoothing(), 3);
+}
+
+TEST(MainWindow, ExportsTheGraphAsShownToEveryPictureFormat) {
+    OpenWindow open;
+    const std::pair<const char*, QByteArray> formats[] = {
+        {"graph.png", "\x89PNG"}, {"graph.svg", "<?xml"}, {"graph.pdf", "%PDF"}};
+    for (const auto& [name, start] : formats) {
+        const QString path = open.folder.filePath(name);
+        ASSERT_TRUE(open.window->exportGraph(path).has_value()) << name;
+        QFile file(path);
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        EXPECT_TRUE(file.read(start.size()) == start) << name;
+    }
+    EXPECT_FALSE(open.window->exportGraph(open.folder.filePath("graph.gif")).has_value());
 }
 
 // Runs the dialog's measurement until it ends, and answers whether records were added.
