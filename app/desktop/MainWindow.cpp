@@ -6,15 +6,18 @@
 
 #include <QApplication>
 #include <QColorDialog>
+#include <QDoubleValidator>
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QHeaderView>
 #include <QKeySequence>
+#include <QLabel>
 #include <QMenuBar>
 #include <QMessageBox>
 #include <QSplitter>
 #include <QStatusBar>
 #include <QTimer>
+#include <QToolBar>
 
 namespace tavolar::desktop {
 
@@ -58,6 +61,10 @@ MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString
         stale_.push_back(true);
         tabs_->addTab(widget, graph->title());
         connect(graph, &GraphModel::valueChanged, this, [this] { updateGraphActions(); });
+        connect(graph, &GraphModel::changed, this, [this, graph] {
+            if (graph == &currentGraphWidget().graph())
+                updateExtentsFields();
+        });
     }
 
     table_ = new QTableView;
@@ -84,6 +91,21 @@ MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString
     setCentralWidget(splitter);
 
     buildMenus();
+    // The extents as numbers, each field an undoable setting of its own.
+    QToolBar* extents = addToolBar(tr("Extents"));
+    extents->setMovable(false);
+    const QString labels[] = {tr("X from"), tr("to"), tr("Y from"), tr("to")};
+    for (int index = 0; index < 4; ++index) {
+        auto* field = new QLineEdit;
+        field->setValidator(new QDoubleValidator(field));
+        field->setMaximumWidth(90);
+        extents->addWidget(new QLabel(" " + labels[index] + " "));
+        extents->addWidget(field);
+        connect(field, &QLineEdit::editingFinished, this, [this, index] { extentsFieldEdited(index); });
+        extentsFields_.push_back(field);
+    }
+    extents->addSeparator();
+    extents->addAction(lockAction_);
     connect(document_.get(), &RecordTableModel::recordsChanged, this, &MainWindow::refreshGraphs);
     connect(document_.get(), &RecordTableModel::errorOccurred, this, &MainWindow::showError);
     connect(tabs_, &QTabWidget::currentChanged, this, [this](int index) {
@@ -93,9 +115,11 @@ MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString
             stale_[static_cast<std::size_t>(index)] = false;
         }
         updateGraphActions();
+        updateExtentsFields();
     });
     refreshGraphs();
     updateGraphActions();
+    updateExtentsFields();
     statusBar()->showMessage(tr("%n record(s)", nullptr, document_->rowCount()));
 }
 
@@ -206,6 +230,33 @@ void MainWindow::refreshGraphs() {
     const auto current = static_cast<std::size_t>(std::max(0, tabs_->currentIndex()));
     graphs_[current]->setRecords(document_->visibleRecords());
     stale_[current] = false;
+}
+
+void MainWindow::updateExtentsFields() {
+    const GraphModel& graph = currentGraphWidget().graph();
+    const VELTGraphExtents& extents = graph.extents();
+    const double values[] = {extents.xMin, extents.xMax, extents.yMin, extents.yMax};
+    for (std::size_t index = 0; index < extentsFields_.size(); ++index) {
+        extentsFields_[index]->setEnabled(graph.isInteractive());
+        if (!extentsFields_[index]->hasFocus())
+            extentsFields_[index]->setText(QString::number(values[index], 'g', 6));
+    }
+}
+
+void MainWindow::extentsFieldEdited(int index) {
+    static const std::string keyPaths[] = {"extents.x.min", "extents.x.max", "extents.y.min",
+                                           "extents.y.max"};
+    GraphModel& graph = currentGraphWidget().graph();
+    bool valid = false;
+    const double value = extentsFields_[static_cast<std::size_t>(index)]->text().toDouble(&valid);
+    VELTGraphExtents proposed = graph.extents();
+    double* fields[] = {&proposed.xMin, &proposed.xMax, &proposed.yMin, &proposed.yMax};
+    *fields[index] = value;
+    // A value outside the limits (or an end past the other) is refused, and the field shows the
+    // extents again.
+    if (valid && graph.isInteractive() && graph.limited(proposed) == proposed)
+        setGraphValue(keyPaths[index], value);
+    updateExtentsFields();
 }
 
 void MainWindow::updateGraphActions() {

@@ -8,6 +8,7 @@
 #include "RecordTableModel.h"
 
 #include <QActionGroup>
+#include <QLineEdit>
 #include <QMainWindow>
 #include <QTabWidget>
 #include <QTableView>
@@ -39,6 +40,8 @@ public:
     bool showGraph(const QString& name);
     // Sets a graph setting of the current graph through the undo stack.
     void setGraphValue(const std::string& keyPath, double value);
+    // The fields of the current graph's extents: X minimum, X maximum, Y minimum, Y maximum.
+    QLineEdit& extentsField(int index) { return *extentsFields_.at(static_cast<std::size_t>(index)); }
     // Writes the current graph as shown (its extents and theme) to a PNG, SVG or PDF file of the
     // default picture size, through the same code as tavolar plot; an error says what went wrong.
     Expected<void> exportGraph(const QString& path);
@@ -55,6 +58,8 @@ private:
     void buildMenus();
     void refreshGraphs();
     void updateGraphActions();
+    void updateExtentsFields();
+    void extentsFieldEdited(int index);
     void showError(const QString& message);
 
     std::unique_ptr<RecordTableModel> document_;
@@ -67,6 +72,7 @@ private:
     QActionGroup* smoothingActions_ = nullptr;
     QAction* normalizeAction_ = nullptr;
     QAction* lockAction_ = nullptr;
+    std::vector<QLineEdit*> extentsFields_;
 };
 
 } // namespace tavolar::desktop

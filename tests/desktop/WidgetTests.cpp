@@ -117,6 +117,41 @@ TEST(MainWindow, ControlDigitKeysSetTheSmoothing) {
     EXPECT_EQ(graph.smoothing(), 3);
 }
 
+TEST(MainWindow, ExtentsFieldsSetEachLimitAsAStepOfItsOwn) {
+    OpenWindow open;
+    GraphModel& graph = open.graph().graph();
+    struct Edit {
+        int field;
+        QString text;
+        std::string keyPath;
+        std::optional<double> value; // nothing when the entry is refused
+        QString actionName;
+    };
+    const Edit edits[] = {
+        {0, "100", "extents.x.min", 100.0, "Set X Minimum"},
+        {1, "8000", "extents.x.max", 8000.0, "Set X Maximum"},
+        {2, "-30", "extents.y.min", -30.0, "Set Y Minimum"},
+        {3, "6", "extents.y.max", 6.0, "Set Y Maximum"},
+        {0, "0.5", "extents.x.min", std::nullopt, ""},   // below 1 Hz
+        {1, "90000", "extents.x.max", std::nullopt, ""}, // above half the sample rate
+        {3, "-29.5", "extents.y.max", std::nullopt, ""}, // less than 1 dB across
+    };
+    for (const Edit& edit : edits) {
+        SCOPED_TRACE(edit.text.toStdString());
+        const double before = graph.value(edit.keyPath);
+        const int steps = open.undo().count();
+        QLineEdit& field = open.window->extentsField(edit.field);
+        field.setText(edit.text);
+        emit field.editingFinished();
+        EXPECT_EQ(graph.value(edit.keyPath), edit.value.value_or(before));
+        EXPECT_EQ(open.undo().count(), steps + (edit.value ? 1 : 0));
+        if (edit.value) {
+            EXPECT_EQ(open.undo().undoText(), edit.actionName);
+        }
+        EXPECT_EQ(field.text().toDouble(), graph.value(edit.keyPath));
+    }
+}
+
 TEST(MainWindow, ExportsTheGraphAsShownToEveryPictureFormat) {
     OpenWindow open;
     const std::pair<const char*, QByteArray> formats[] = {
