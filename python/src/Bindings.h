@@ -2,6 +2,7 @@
 // Shared pieces of the native module: how engine errors reach Python, and how sample vectors cross
 // into numpy arrays (without copying) and back.
 
+#include "SweepOptions.h"
 #include "core/VELTMeasurementRecord.h"
 #include "math/VELTRealVector.h"
 #include "platform/TavolarError.h"
@@ -60,10 +61,16 @@ struct RecordHandle {
     nlohmann::json loopback = nullptr;
 };
 
+// Sweep settings as Python gives them: None (the short preset), a preset name ("short", "long") or a
+// dict of preset, start, end, length, level, begin_silence and end_silence, as the command line's
+// sweep options take them.
+cli::SweepOptions sweepOptions(const py::object& given);
+
 void addErrors(py::module_& module);
 void addDocuments(py::module_& module);
 void addCurves(py::module_& module, py::class_<RecordHandle>& record);
 void addMeasuring(py::module_& module);
 void addPlots(py::module_& module);
+void addSignals(py::module_& module);
 
 } // namespace tavolar::python

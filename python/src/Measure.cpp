@@ -299,6 +299,8 @@ std::vector<RecordHandle> Measurement::results() {
     return records;
 }
 
+} // namespace
+
 cli::SweepOptions sweepOptions(const py::object& given) {
     cli::SweepOptions sweep;
     if (given.is_none())
@@ -333,8 +335,6 @@ cli::SweepOptions sweepOptions(const py::object& given) {
     }
     return sweep;
 }
-
-} // namespace
 
 void addMeasuring(py::module_& module) {
     py::register_exception_translator([](std::exception_ptr pointer) {

@@ -111,4 +111,5 @@ PYBIND11_MODULE(_native, module) {
     python::addDocuments(module);
     python::addMeasuring(module);
     python::addPlots(module);
+    python::addSignals(module);
 }

@@ -6,6 +6,7 @@ from ._errors import CalibrationError, DeviceError, DocumentError, Error
 from ._measure import Device, Devices, Measurement, devices, measure, start_measure
 from ._plots import GRAPHS, Plot, plot
 from ._records import Document, Record, Records, Window
+from ._signals import deconvolve, sweep_stimulus
 
 __all__ = [
     "GRAPHS",
@@ -27,8 +28,10 @@ __all__ = [
     "Surface",
     "TimeCurve",
     "Window",
+    "deconvolve",
     "devices",
     "measure",
     "plot",
     "start_measure",
+    "sweep_stimulus",
 ]
