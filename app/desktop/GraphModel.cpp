@@ -1,6 +1,7 @@
 #include "GraphModel.h"
 
 #include "GraphRenderer.h"
+#include "graphing/VELTUnitFormatter.h"
 #include "graphs/FrequencyGraphPlots.h"
 #include "platform/DispatchQueue.h"
 
@@ -319,6 +320,50 @@ VELTGraphExtents GraphModel::panned(double fromX, double fromY, double toX, doub
         proposed.xMax += fromX - toX;
     }
     return limited(proposed);
+}
+
+void GraphModel::setMarker(int index, std::optional<double> x) {
+    markers_.at(static_cast<std::size_t>(index)) = x;
+    emit changed();
+}
+
+QStringList GraphModel::markerDescriptions() const {
+    QStringList lines;
+    if (!picture_)
+        return lines;
+    const GraphQuantity& xQuantity = picture_->plot.xQuantity;
+    const std::string yUnit = displayUnit(picture_->plot.yQuantity.unit);
+    auto xText = [&](double x) {
+        return QString::fromStdString(xQuantity.unit == "Hz"
+                                          ? formatFrequencyWithUnit(x)
+                                          : formatShortNumber(x) + " " + displayUnit(xQuantity.unit));
+    };
+    auto yText = [&](std::optional<double> y) {
+        return y ? QString::number(*y, 'f', 2) + " " + QString::fromStdString(yUnit) : tr("no value");
+    };
+    std::array<std::optional<double>, 2> values;
+    for (std::size_t index = 0; index < markers_.size(); ++index) {
+        if (!markers_[index])
+            continue;
+        const auto readings = readout(*markers_[index]);
+        if (!readings.empty())
+            values[index] = readings.front().value;
+        lines << QString("%1: %2, %3")
+                     .arg(QChar('A' + static_cast<int>(index)))
+                     .arg(xText(*markers_[index]), yText(values[index]));
+    }
+    if (markers_[0] && markers_[1]) {
+        const double across = *markers_[1] - *markers_[0];
+        QString line = QString("B \u2212 A: %1").arg(xText(across));
+        // On a frequency axis, the difference of the periods too: the time between the two.
+        if (xQuantity.unit == "Hz" && *markers_[0] > 0.0 && *markers_[1] > 0.0)
+            line += ", " + QString::fromStdString(
+                               formatShortNumber(1000.0 / *markers_[1] - 1000.0 / *markers_[0]) + " ms");
+        if (values[0] && values[1])
+            line += ", " + yText(*values[1] - *values[0]);
+        lines << line;
+    }
+    return lines;
 }
 
 std::vector<GraphModel::Reading> GraphModel::readout(double at) const {

@@ -9,6 +9,8 @@
 #include <QColor>
 #include <QObject>
 #include <QString>
+#include <QStringList>
+#include <array>
 #include <memory>
 #include <optional>
 #include <string>
@@ -90,6 +92,14 @@ public:
     };
     std::vector<Reading> readout(double x) const;
 
+    // Two markers, A and B, at places along X; a marker reads the first curve there.
+    const std::optional<double>& marker(int index) const {
+        return markers_.at(static_cast<std::size_t>(index));
+    }
+    void setMarker(int index, std::optional<double> x);
+    // "A: 500 Hz, -12.04 dB", "B: ...", and the differences "B − A: 500 Hz, 9.54 dB"; empty without markers.
+    QStringList markerDescriptions() const;
+
 signals:
     // Something drawn changed.
     void changed();
@@ -109,6 +119,7 @@ private:
     VELTRect viewBounds_{0.0, 0.0, 480.0, 300.0};
     RecordArray records_;
     std::optional<GraphPicture> picture_;
+    std::array<std::optional<double>, 2> markers_;
     QString problem_;
     bool reloading_ = false;
     std::uint64_t generation_ = 0;

@@ -3,6 +3,7 @@
 #include "GraphCommands.h"
 #include "graphing/VELTUnitFormatter.h"
 
+#include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QWheelEvent>
@@ -116,6 +117,7 @@ void GraphWidget::paintEvent(QPaintEvent*) {
     }
     painter.drawImage(QPointF(0, 0), rendered_->image);
     const QRectF area = plotArea();
+    drawMarkers(painter, area);
     if (!cursor_ || !area.contains(*cursor_))
         return;
     // The crosshair and its reading, in the graph's text colour over a box of its ground.
@@ -137,6 +139,41 @@ void GraphWidget::paintEvent(QPaintEvent*) {
     if (at.y() + box.height() > area.bottom())
         at.setY(cursor_->y() - 12 - box.height());
     box.moveTopLeft(at);
+    QColor ground = qColor(appearance_.background);
+    ground.setAlphaF(0.9f);
+    painter.fillRect(box, ground);
+    painter.setPen(qColor(appearance_.frame.color));
+    painter.drawRect(box);
+    painter.setPen(qColor(appearance_.text));
+    painter.drawText(box.adjusted(6, 4, -6, -4), Qt::AlignLeft | Qt::AlignTop, text);
+}
+
+void GraphWidget::drawMarkers(QPainter& painter, const QRectF& area) const {
+    const QStringList lines = graph_.markerDescriptions();
+    if (lines.isEmpty() || area.isEmpty())
+        return;
+    painter.save();
+    painter.setClipRect(area);
+    QFont font = painter.font();
+    font.setPointSizeF(8.5);
+    painter.setFont(font);
+    for (int index = 0; index < 2; ++index) {
+        const auto& x = graph_.marker(index);
+        if (!x)
+            continue;
+        auto at = positionOf(QPointF(*x, graph_.extents().yMin));
+        if (!at)
+            continue;
+        painter.setPen(QPen(qColor(appearance_.text), 1.0));
+        painter.drawLine(QPointF(at->x(), area.top()), QPointF(at->x(), area.bottom()));
+        painter.drawText(QPointF(at->x() + 3, area.top() + 12), QString(QChar('A' + index)));
+    }
+    painter.restore();
+    // The markers' readings in the lower left corner of the plot area.
+    const QString text = lines.join('\n');
+    QRectF box = painter.boundingRect(QRectF(0, 0, 500, 200), Qt::AlignLeft | Qt::AlignTop, text);
+    box.adjust(-6, -4, 6, 4);
+    box.moveBottomLeft(area.bottomLeft() + QPointF(8, -8));
     QColor ground = qColor(appearance_.background);
     ground.setAlphaF(0.9f);
     painter.fillRect(box, ground);
@@ -171,6 +208,14 @@ void GraphWidget::wheelEvent(QWheelEvent* event) {
 }
 
 void GraphWidget::mousePressEvent(QMouseEvent* event) {
+    // Shift and a click places marker A, then B, then A again.
+    if (event->button() == Qt::LeftButton && (event->modifiers() & Qt::ShiftModifier)) {
+        if (auto data = dataAt(event->position()); data && plotArea().contains(event->position())) {
+            graph_.setMarker(nextMarker_, data->x());
+            nextMarker_ = 1 - nextMarker_;
+        }
+        return;
+    }
     if (event->button() == Qt::LeftButton && plotArea().contains(event->position())) {
         dragFrom_ = event->position();
         ++gesture_;
@@ -197,6 +242,14 @@ void GraphWidget::mouseReleaseEvent(QMouseEvent*) {
 void GraphWidget::mouseDoubleClickEvent(QMouseEvent*) {
     if (auto fitted = graph_.fittedExtents())
         pushExtents(*fitted, tr("Fit to Data"), 0);
+}
+
+void GraphWidget::keyPressEvent(QKeyEvent* event) {
+    if (event->key() != Qt::Key_Escape)
+        return QWidget::keyPressEvent(event);
+    graph_.setMarker(0, std::nullopt);
+    graph_.setMarker(1, std::nullopt);
+    nextMarker_ = 0;
 }
 
 void GraphWidget::leaveEvent(QEvent*) {

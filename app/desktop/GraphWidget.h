@@ -1,7 +1,8 @@
 #pragma once
 // The view of one graph: the graph drawn as picture files draw it, and the gestures on it. The wheel
 // zooms about the cursor, a drag pans, a double click fits the extents to the curves; a crosshair
-// follows the cursor and reads every curve at its frequency. Changes of the extents are undoable.
+// follows the cursor and reads every curve at its frequency. Shift-clicks place two markers, whose
+// readings and differences show in a corner; Escape clears them. Changes of the extents are undoable.
 
 #include "GraphModel.h"
 #include "GraphRenderer.h"
@@ -44,11 +45,13 @@ protected:
     void mouseMoveEvent(QMouseEvent* event) override;
     void mouseReleaseEvent(QMouseEvent* event) override;
     void mouseDoubleClickEvent(QMouseEvent* event) override;
+    void keyPressEvent(QKeyEvent* event) override;
     void leaveEvent(QEvent* event) override;
 
 private:
     // Draws the graph again when something changed, so that the layout matches the extents.
     void ensureRendered() const;
+    void drawMarkers(QPainter& painter, const QRectF& area) const;
     void pushExtents(const VELTGraphExtents& extents, const QString& text, int gesture);
 
     GraphModel& graph_;
@@ -58,6 +61,7 @@ private:
     std::optional<QPointF> cursor_;
     std::optional<QPointF> dragFrom_;
     int gesture_ = 0;
+    int nextMarker_ = 0;
     QElapsedTimer lastWheel_;
 };
 

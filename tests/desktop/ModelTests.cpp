@@ -214,6 +214,14 @@ TEST(GraphModel, ReadoutInterpolatesEveryCurveAtTheFrequency) {
         }
         EXPECT_EQ(readings[1].name, "Record 2");
     }
+    // Markers read the first curve and give the differences: 500 Hz, 2 periods of 1 ms apart, and
+    // 20 log10(0.75 / 0.25) dB.
+    graph.setMarker(0, 500.0);
+    EXPECT_EQ(graph.markerDescriptions().size(), 1);
+    graph.setMarker(1, 1000.0);
+    const QStringList markers = graph.markerDescriptions();
+    ASSERT_EQ(markers.size(), 3);
+    EXPECT_TRUE(markers[2].startsWith("B \u2212 A: 500 Hz, \u22121 ms, 9.5")) << markers[2].toStdString();
     // Beyond the curves there is nothing to read.
     EXPECT_FALSE(graph.readout(0.5).front().value.has_value());
 }
