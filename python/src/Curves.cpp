@@ -10,12 +10,14 @@
 #include "graphcalc/RecordCurves.h"
 #include "graphcalc/SpectrogramGraphCalculationController.h"
 
+#include <atomic>
 #include <complex>
 #include <fmt/format.h>
 #include <functional>
 #include <limits>
 #include <numbers>
 #include <pybind11/stl.h>
+#include <thread>
 
 namespace tavolar::python {
 
@@ -193,6 +195,49 @@ constexpr std::pair<std::string_view, std::int64_t> kSliceWindows[] = {
     {"rectangular", 0},  {"hamming", 1}, {"half-hamming", 2}, {"hanning", 3},
     {"half-hanning", 4}, {"bingham", 5}, {"half-bingham", 6}};
 
+struct FrequencyOptions {
+    std::vector<std::string> names;
+    std::optional<int> smoothing;
+    std::string smoothingDomain;
+    std::optional<int> pointsPerOctave;
+    std::optional<std::string> weighting;
+    std::string phaseReference;
+    std::optional<std::size_t> fftLength;
+    bool unwrapped = false;
+};
+
+// The request for one record, with every option checked.
+FrequencyRequest frequencyRequest(const VELTMeasurementRecord& record, const FrequencyOptions& options) {
+    requireImpulse(record);
+    for (const std::string& name : options.names)
+        if (std::find(std::begin(kFrequencyCurveNames), std::end(kFrequencyCurveNames), name) ==
+            std::end(kFrequencyCurveNames))
+            throw py::value_error(fmt::format("There is no frequency curve \"{}\".", name));
+    if (options.smoothing && (*options.smoothing < 1 || *options.smoothing > 48))
+        throw py::value_error(
+            fmt::format("smoothing is 1/N octave with N from 1 to 48 (got {}).", *options.smoothing));
+    if (options.pointsPerOctave && (*options.pointsPerOctave < 1 || *options.pointsPerOctave > 96))
+        throw py::value_error(
+            fmt::format("points_per_octave must be from 1 to 96 (got {}).", *options.pointsPerOctave));
+    if (options.smoothingDomain != "db" && options.smoothingDomain != "power")
+        throw py::value_error("smoothing_domain must be \"db\" or \"power\".");
+    return FrequencyRequest{options.names,
+                            options.smoothing,
+                            options.smoothingDomain == "power",
+                            options.pointsPerOctave,
+                            weightingLetter(options.weighting),
+                            timeReference(options.phaseReference),
+                            checkedFFTLength(record, options.fftLength),
+                            options.unwrapped};
+}
+
+py::tuple curvesTuple(std::pair<VELTRealVector, std::vector<VELTRealVector>> result, std::size_t fftLength) {
+    std::vector<py::array_t<float>> curves;
+    for (VELTRealVector& curve : result.second)
+        curves.push_back(arrayTakingVector(std::move(curve)));
+    return py::make_tuple(arrayTakingVector(std::move(result.first)), curves, fftLength);
+}
+
 } // namespace
 
 void addCurves(py::module_& module, py::class_<RecordHandle>& record) {
@@ -202,41 +247,68 @@ void addCurves(py::module_& module, py::class_<RecordHandle>& record) {
            std::string smoothingDomain, std::optional<int> pointsPerOctave,
            std::optional<std::string> weighting, std::string phaseReference,
            std::optional<std::size_t> fftLength, bool unwrapped) {
-            requireImpulse(*self.record);
-            for (const std::string& name : names)
-                if (std::find(std::begin(kFrequencyCurveNames), std::end(kFrequencyCurveNames), name) ==
-                    std::end(kFrequencyCurveNames))
-                    throw py::value_error(fmt::format("There is no frequency curve \"{}\".", name));
-            if (smoothing && (*smoothing < 1 || *smoothing > 48))
-                throw py::value_error(
-                    fmt::format("smoothing is 1/N octave with N from 1 to 48 (got {}).", *smoothing));
-            if (pointsPerOctave && (*pointsPerOctave < 1 || *pointsPerOctave > 96))
-                throw py::value_error(
-                    fmt::format("points_per_octave must be from 1 to 96 (got {}).", *pointsPerOctave));
-            if (smoothingDomain != "db" && smoothingDomain != "power")
-                throw py::value_error("smoothing_domain must be \"db\" or \"power\".");
-            FrequencyRequest request{names,
-                                     smoothing,
-                                     smoothingDomain == "power",
-                                     pointsPerOctave,
-                                     weightingLetter(weighting),
-                                     timeReference(phaseReference),
-                                     checkedFFTLength(*self.record, fftLength),
-                                     unwrapped};
+            const FrequencyRequest request =
+                frequencyRequest(*self.record, {names, smoothing, smoothingDomain, pointsPerOctave, weighting,
+                                                phaseReference, fftLength, unwrapped});
             std::pair<VELTRealVector, std::vector<VELTRealVector>> result;
             {
                 py::gil_scoped_release release;
                 result = frequencyCurves(*self.record, request);
             }
-            std::vector<py::array_t<float>> curves;
-            for (VELTRealVector& curve : result.second)
-                curves.push_back(arrayTakingVector(std::move(curve)));
-            return py::make_tuple(arrayTakingVector(std::move(result.first)), curves, request.fftLength);
+            return curvesTuple(std::move(result), request.fftLength);
         },
         py::arg("names"), py::arg("smoothing") = py::none(), py::arg("smoothing_domain") = "db",
         py::arg("points_per_octave") = py::none(), py::arg("weighting") = py::none(),
         py::arg("phase_reference") = "zero", py::arg("fft_length") = py::none(),
         py::arg("unwrapped") = false);
+
+    // The same for many records at once, shared among threads that never touch Python.
+    module.def(
+        "frequency_curves_of_records",
+        [](const std::vector<RecordHandle>& records, std::vector<std::string> names,
+           std::optional<int> smoothing, std::string smoothingDomain, std::optional<int> pointsPerOctave,
+           std::optional<std::string> weighting, std::string phaseReference,
+           std::optional<std::size_t> fftLength, bool unwrapped, std::optional<std::size_t> threads) {
+            std::vector<FrequencyRequest> requests;
+            for (const RecordHandle& record : records)
+                requests.push_back(
+                    frequencyRequest(*record.record, {names, smoothing, smoothingDomain, pointsPerOctave,
+                                                      weighting, phaseReference, fftLength, unwrapped}));
+            if (threads && *threads < 1)
+                throw py::value_error("threads must be at least 1.");
+            std::vector<std::pair<VELTRealVector, std::vector<VELTRealVector>>> results(records.size());
+            std::vector<std::exception_ptr> failures(records.size());
+            {
+                py::gil_scoped_release release;
+                std::atomic<std::size_t> next{0};
+                auto work = [&] {
+                    for (std::size_t index = next++; index < records.size(); index = next++) {
+                        try {
+                            results[index] = frequencyCurves(*records[index].record, requests[index]);
+                        } catch (...) {
+                            failures[index] = std::current_exception();
+                        }
+                    }
+                };
+                const std::size_t workers = std::min<std::size_t>(
+                    records.size(), threads.value_or(std::max(1u, std::thread::hardware_concurrency())));
+                std::vector<std::jthread> helpers;
+                for (std::size_t worker = 1; worker < workers; ++worker)
+                    helpers.emplace_back(work);
+                work();
+            }
+            for (const std::exception_ptr& failure : failures)
+                if (failure)
+                    std::rethrow_exception(failure);
+            py::list tuples;
+            for (std::size_t index = 0; index < records.size(); ++index)
+                tuples.append(curvesTuple(std::move(results[index]), requests[index].fftLength));
+            return tuples;
+        },
+        py::arg("records"), py::arg("names"), py::arg("smoothing") = py::none(),
+        py::arg("smoothing_domain") = "db", py::arg("points_per_octave") = py::none(),
+        py::arg("weighting") = py::none(), py::arg("phase_reference") = "zero",
+        py::arg("fft_length") = py::none(), py::arg("unwrapped") = false, py::arg("threads") = py::none());
 
     record.def("time_curves", [](const RecordHandle& self) {
         requireImpulse(*self.record);

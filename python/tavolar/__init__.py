@@ -5,7 +5,7 @@ from ._curves import BandLevels, FrequencyCurve, FrequencyResponse, HarmonicDist
 from ._errors import CalibrationError, DeviceError, DocumentError, Error
 from ._measure import Device, Devices, Measurement, devices, measure, start_measure
 from ._plots import GRAPHS, Plot, plot
-from ._records import Document, Record, Records, Window
+from ._records import Document, Record, Records, Window, frequency_responses
 from ._signals import deconvolve, sweep_stimulus
 
 __all__ = [
@@ -30,6 +30,7 @@ __all__ = [
     "Window",
     "deconvolve",
     "devices",
+    "frequency_responses",
     "measure",
     "plot",
     "start_measure",

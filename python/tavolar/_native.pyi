@@ -128,3 +128,15 @@ def deconvolve(
     regularization: Optional[float] = None,
     name: Optional[str] = None,
 ) -> List[RecordHandle]: ...
+def frequency_curves_of_records(
+    records: List[RecordHandle],
+    names: List[str],
+    smoothing: Optional[int] = None,
+    smoothing_domain: str = "db",
+    points_per_octave: Optional[int] = None,
+    weighting: Optional[str] = None,
+    phase_reference: str = "zero",
+    fft_length: Optional[int] = None,
+    unwrapped: bool = False,
+    threads: Optional[int] = None,
+) -> List[Tuple[_Array, List[_Array], int]]: ...

@@ -190,15 +190,9 @@ class Record:
                            smoothing_domain: str = "db", unwrapped: bool = False) -> FrequencyResponse:
         """Magnitude (dB, or dB SPL with spl) smoothed over 1/smoothing octave (None: not smoothed),
         and phase in degrees counted from phase_reference ("zero", "window" or "peak")."""
-        level = "spl" if spl else "magnitude"
-        axis, (magnitude, phase), meta = self._frequency(
-            [level, "phase"], smoothing, points_per_octave, weighting, phase_reference, fft_length,
-            unwrapped, smoothing_domain)
-        unit = "dB SPL" if spl else "dB"
-        if weighting:
-            unit += weighting.upper()
-        meta["units"] = {"frequencies": "Hz", "magnitude": unit, "phase": "deg"}
-        return FrequencyResponse(axis, magnitude, phase, meta)
+        (response,) = frequency_responses([self], smoothing, points_per_octave, weighting, phase_reference,
+                                          fft_length, spl, smoothing_domain, unwrapped, threads=1)
+        return response
 
     def _frequency_curve(self, name: str, unit: str, points_per_octave: Optional[int],
                          phase_reference: str, fft_length: Optional[int],
@@ -311,6 +305,28 @@ class Record:
 
     def __repr__(self) -> str:
         return f"<tavolar.Record {self.name!r} {self.uuid} {self.sample_rate} Hz>"
+
+
+def frequency_responses(records: abc.Sequence[Record], smoothing: Optional[int] = 12,
+                        points_per_octave: Optional[int] = None, weighting: Optional[str] = None,
+                        phase_reference: str = "zero", fft_length: Optional[int] = None, spl: bool = False,
+                        smoothing_domain: str = "db", unwrapped: bool = False,
+                        threads: Optional[int] = None) -> List[FrequencyResponse]:
+    """The frequency responses of many records (see Record.frequency_response), computed on threads
+    (one per core unless given) that run while Python goes on."""
+    unit = ("dB SPL" if spl else "dB") + (weighting.upper() if weighting else "")
+    computed = _native.frequency_curves_of_records(
+        [record._handle for record in records], ["spl" if spl else "magnitude", "phase"], smoothing=smoothing,
+        smoothing_domain=smoothing_domain, points_per_octave=points_per_octave, weighting=weighting,
+        phase_reference=phase_reference, fft_length=fft_length, unwrapped=unwrapped, threads=threads)
+    responses = []
+    for record, (axis, (magnitude, phase), length) in zip(records, computed):
+        meta = record._meta(smoothing=smoothing, smoothing_domain=smoothing_domain,
+                            points_per_octave=points_per_octave, weighting=weighting,
+                            phase_reference=phase_reference, fft_length=length, unwrapped=unwrapped,
+                            units={"frequencies": "Hz", "magnitude": unit, "phase": "deg"})
+        responses.append(FrequencyResponse(axis, magnitude, phase, meta))
+    return responses
 
 
 class Records(abc.Sequence[Record]):

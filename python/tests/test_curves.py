@@ -118,3 +118,18 @@ def test_curve_errors_name_the_problem(measured: Path) -> None:
     with pytest.raises(tavolar.Error, match="22050 Hz") as unsupported:
         loose.octave_bands()
     assert "44100" in unsupported.value.suggestion
+
+
+def test_many_records_on_threads_equal_one_by_one() -> None:
+    rng = np.random.default_rng(7)
+    records = [tavolar.Record.from_impulse_response(rng.standard_normal(8192).astype(np.float32), 48000)
+               for _ in range(5)]
+    together = tavolar.frequency_responses(records, smoothing=6, threads=2)
+    for record, response in zip(records, together):
+        alone = record.frequency_response(smoothing=6)
+        np.testing.assert_array_equal(response.magnitude, alone.magnitude)
+        np.testing.assert_array_equal(response.phase, alone.phase)
+        assert response.meta["record"] == record.uuid
+    odd = tavolar.Record.from_impulse_response(np.ones(64, np.float32), 22050)
+    with pytest.raises(tavolar.Error, match="no A-weighting filter"):
+        tavolar.frequency_responses([*records, odd], weighting="a", threads=2)
