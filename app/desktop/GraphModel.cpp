@@ -3,6 +3,7 @@
 #include "GraphRenderer.h"
 #include "graphing/VELTUnitFormatter.h"
 #include "graphs/FrequencyGraphPlots.h"
+#include "graphs/TavolarMagnitudeResponseGraph.h"
 #include "platform/DispatchQueue.h"
 
 #include <algorithm>
@@ -60,17 +61,26 @@ bool GraphModel::takesCombination() const {
 }
 
 const std::vector<std::pair<std::string, QString>>& GraphModel::undoablePropertyKeyPaths() {
-    static const std::vector<std::pair<std::string, QString>> keyPaths{
-        {"extents.x.min", tr("Set X Minimum")},
-        {"extents.x.max", tr("Set X Maximum")},
-        {"extents.y.min", tr("Set Y Minimum")},
-        {"extents.y.max", tr("Set Y Maximum")},
-        {"extentsLocked", tr("Toggle Extents Lock")},
-        {"smoothingFraction", tr("Set Smoothing Fraction")},
-        {"multiSelectMode", tr("Set Multiple Selection Mode")},
-        {"normalize", tr("Toggle Normalization")},
-    };
+    // The names are the graph models' own, which every front end shares.
+    static const std::vector<std::pair<std::string, QString>> keyPaths = [] {
+        std::vector<std::pair<std::string, QString>> names;
+        for (const auto& [keyPath, name] : TavolarMagnitudeResponseGraph().undoablePropertyKeyPaths())
+            names.emplace_back(keyPath, QString::fromStdString(name));
+        return names;
+    }();
     return keyPaths;
+}
+
+const std::vector<std::pair<int, int>>& GraphModel::smoothingKeys() {
+    static const std::vector<std::pair<int, int>> keys = [] {
+        std::vector<std::pair<int, int>> found;
+        for (const KeyEquivalent& key : TavolarMagnitudeResponseGraph().keyEquivalents())
+            if (key.action == TavolarFrequencyDomainGraph::kSetSmoothingAction && key.key.size() == 1 &&
+                key.key[0] >= '0' && key.key[0] <= '9')
+                found.emplace_back(key.key[0] - '0', static_cast<int>(key.tag));
+        return found;
+    }();
+    return keys;
 }
 
 QString GraphModel::undoActionName(const std::string& keyPath) {

@@ -37,6 +37,9 @@ public:
     // The settings that are undoable, by key path, with their undo action names.
     static const std::vector<std::pair<std::string, QString>>& undoablePropertyKeyPaths();
     static QString undoActionName(const std::string& keyPath);
+    // The smoothing shortcuts of frequency graphs: Ctrl with the digit sets the smoothing (digit,
+    // denominator of the octave fraction, 0 for none).
+    static const std::vector<std::pair<int, int>>& smoothingKeys();
     // A setting by key path: "smoothingFraction" (the octave fraction's denominator, 0 for none),
     // "normalize", "multiSelectMode", "extentsLocked", "extents.x.min" ... "extents.y.max".
     double value(const std::string& keyPath) const;

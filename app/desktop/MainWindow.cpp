@@ -23,9 +23,6 @@ namespace tavolar::desktop {
 
 namespace {
 
-// The smoothing of the keys 0 to 5: none, then 1/48 to 1/3 octave.
-constexpr int kSmoothingOfKey[] = {0, 48, 24, 12, 6, 3};
-
 constexpr int kMainQueueIntervalMilliseconds = 10;
 
 } // namespace
@@ -174,8 +171,7 @@ void MainWindow::buildMenus() {
 
     QMenu* graph = menuBar()->addMenu(tr("&Graph"));
     smoothingActions_ = new QActionGroup(this);
-    for (int key = 0; key < 6; ++key) {
-        const int smoothing = kSmoothingOfKey[key];
+    for (const auto& [key, smoothing] : GraphModel::smoothingKeys()) {
         QAction* action = graph->addAction(smoothing == 0 ? tr("No Smoothing")
                                                           : tr("1/%1 Octave Smoothing").arg(smoothing));
         action->setCheckable(true);
@@ -184,7 +180,7 @@ void MainWindow::buildMenus() {
         action->setShortcutContext(Qt::WindowShortcut);
         smoothingActions_->addAction(action);
         connect(action, &QAction::triggered, this,
-                [this, smoothing] { setGraphValue("smoothingFraction", smoothing); });
+                [this, smoothing = smoothing] { setGraphValue("smoothingFraction", smoothing); });
     }
     graph->addSeparator();
     normalizeAction_ = graph->addAction(tr("&Normalize"), this,
