@@ -6,6 +6,7 @@
 #include "CommandLine.h"
 #include "RecordDescription.h"
 #include "RecordStore.h"
+#include "audio/MicrophoneCalibrationRecord.h"
 #include "platform/KeyedArchiver.h"
 
 #include <cmath>
@@ -173,6 +174,80 @@ void changeRecord(const RecordHandle& handle, const RecordChanges& changes) {
     }
 }
 
+// Attaches a microphone calibration (from a file, a sensitivity for the one the record has, or
+// neither with remove) as tavolar calibrate attaches it to records.
+void calibrateRecord(const RecordHandle& handle, std::optional<std::string> file,
+                     std::optional<double> sensitivity, std::optional<std::string> unit, bool remove) {
+    if (remove && (file || sensitivity || unit))
+        throw py::value_error("remove takes the calibration away: give neither a file nor a sensitivity.");
+    if (!remove && !file && !sensitivity && !unit)
+        throw py::value_error("Nothing to attach: give a calibration file, a sensitivity, or remove=True.");
+    if (sensitivity && !std::isfinite(*sensitivity))
+        throw py::value_error("The sensitivity must be a number.");
+    std::optional<MicrophoneSensitivityUnit> units;
+    if (unit) {
+        if (*unit == "mV/Pa")
+            units = MicrophoneSensitivityUnit::millivoltsPerPascal;
+        else if (*unit == "dBV/uBar" || *unit == "dBV/µBar")
+            units = MicrophoneSensitivityUnit::dBVPerMicrobar;
+        else if (*unit == "dBFS")
+            units = MicrophoneSensitivityUnit::dBFS;
+        else
+            throw py::value_error(
+                fmt::format("{} is not a sensitivity unit: mV/Pa, dBV/uBar or dBFS.", *unit));
+    } else if (sensitivity) {
+        units = MicrophoneSensitivityUnit::millivoltsPerPascal;
+    }
+    std::shared_ptr<const MicrophoneCalibrationRecord> calibration;
+    if (!remove) {
+        calibration = handle.record->microphoneCalibrationRecord();
+        if (file) {
+            auto read = MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(*file);
+            if (!read) {
+                // The loader's suggestion names the line at fault; the shape of a file is the fallback.
+                const std::string& suggestion = read.error().localizedRecoverySuggestion;
+                raise("CalibrationError", fmt::format("{}: {}", *file, read.error().localizedDescription),
+                      suggestion.empty()
+                          ? "A calibration file holds lines of frequency (Hz), magnitude (dB) and "
+                            "optionally phase (degrees)."
+                          : suggestion);
+            }
+            read->setName(cli::validUTF8(read->name()));
+            calibration = std::make_shared<const MicrophoneCalibrationRecord>(std::move(*read));
+        }
+        if (sensitivity || units) {
+            if (!calibration)
+                raise("CalibrationError",
+                      "The record has no microphone calibration to give a sensitivity to.",
+                      "Give the calibration file too.");
+            auto changed = std::make_shared<MicrophoneCalibrationRecord>(*calibration);
+            if (sensitivity)
+                changed->setSensitivity(*sensitivity);
+            if (units)
+                changed->setSensitivityUnits(*units);
+            calibration = std::move(changed);
+        }
+    }
+    std::shared_ptr<DocumentState> document = documentOf(handle);
+    if (document && document->readOnly)
+        raise("DocumentError", "The document was opened read-only.",
+              "Open it with Document.open(path, readonly=False) to change its records.");
+    VELTMeasurementRecord& record = *handle.record;
+    record.setMicrophoneCalibrationRecord(calibration);
+    record.setUseMicrophoneCalibrationRecord(calibration != nullptr);
+    std::optional<RecordChannelEntry> entry = record.recordChannelEntry();
+    if (!entry && calibration)
+        entry = RecordChannelEntry(0, nullptr, std::nullopt);
+    if (entry) {
+        entry->setCalibrationRecord(calibration);
+        record.setRecordChannelEntry(entry);
+    }
+    if (document) {
+        const std::shared_ptr<VELTMeasurementRecord> changed[] = {handle.record};
+        valueOrRaise(document->openStore().save(changed, {}), "DocumentError");
+    }
+}
+
 std::string describe(const RecordHandle& handle) {
     std::size_t number = 0;
     nlohmann::json loopback = handle.loopback;
@@ -253,6 +328,9 @@ void addDocuments(py::module_& module) {
             py::arg("notes") = py::none(), py::arg("color") = py::none(),
             py::arg("spl_reference") = py::none(), py::arg("no_spl_reference") = false,
             py::arg("speed_of_sound") = py::none())
+        .def("calibrate", &calibrateRecord, py::kw_only(), py::arg("file") = py::none(),
+             py::arg("sensitivity") = py::none(), py::arg("sensitivity_unit") = py::none(),
+             py::arg("remove") = false)
         .def("archive",
              [](const RecordHandle& self) {
                  std::vector<std::byte> data = KeyedArchiver::archivedDataWithRootObject(*self.record);

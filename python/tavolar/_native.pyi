@@ -36,6 +36,14 @@ class RecordHandle:
         no_spl_reference: bool = False,
         speed_of_sound: Optional[float] = None,
     ) -> None: ...
+    def calibrate(
+        self,
+        *,
+        file: Optional[str] = None,
+        sensitivity: Optional[float] = None,
+        sensitivity_unit: Optional[str] = None,
+        remove: bool = False,
+    ) -> None: ...
     def archive(self) -> bytes: ...
     def frequency_curves(
         self,

@@ -122,6 +122,14 @@ class Record:
         calibration: Optional[Dict[str, Any]] = self.info()["calibration"]
         return calibration
 
+    def calibrate(self, file: Optional[PathLike] = None, sensitivity: Optional[float] = None,
+                  sensitivity_unit: Optional[str] = None, remove: bool = False) -> None:
+        """Attaches a microphone calibration file (lines of frequency in Hz, magnitude in dB and
+        optionally phase in degrees), gives the calibration a sensitivity (mV/Pa, dBV/uBar or dBFS),
+        or removes it, as ``tavolar calibrate`` does."""
+        self._handle.calibrate(file=None if file is None else os.fspath(file), sensitivity=sensitivity,
+                               sensitivity_unit=sensitivity_unit, remove=remove)
+
     @property
     def spl_reference(self) -> Optional[float]:
         """The SPL reference level in dB while it is in use, else None."""

@@ -114,3 +114,28 @@ def test_impulse_responses_become_records(cli: Callable[..., Any], tmp_path: Pat
     with tavolar.Document.open(path) as opened:
         np.testing.assert_array_equal(opened.records[1].impulse, impulses[1].astype(np.float32))
         assert opened.records[0].info()["peak"]["samples"] == 10
+
+
+def test_calibrations_attach_as_calibrate_attaches_them(cli: Callable[..., Any], document: Path,
+                                                        tmp_path: Path) -> None:
+    file = tmp_path / "mic-7.txt"
+    file.write_text("10 -3.0 0\n1000 -3.0 0\n24000 -3.0 0\n")
+    (tmp_path / "broken.txt").write_text("this is no calibration\n")
+    with tavolar.Document.open(document) as opened:
+        record = opened.records[0]
+        uncalibrated = record.frequency_response(smoothing=None)
+        band = (uncalibrated.frequencies >= 20) & (uncalibrated.frequencies <= 20000)
+        with pytest.raises(tavolar.CalibrationError, match="no microphone calibration"):
+            record.calibrate(sensitivity=12.0)
+        with pytest.raises(tavolar.CalibrationError, match="broken.txt") as broken:
+            record.calibrate(file=tmp_path / "broken.txt")
+        assert broken.value.suggestion
+        record.calibrate(file=file, sensitivity=-38.0, sensitivity_unit="dBV/uBar")
+        # The calibration's -3 dB is taken out of the response within the calibrated band.
+        calibrated = record.frequency_response(smoothing=None).magnitude
+        np.testing.assert_allclose((calibrated - uncalibrated.magnitude)[band], 3.0, atol=0.01)
+    stored = info(cli, document)["calibration"]
+    assert (stored["microphone"], stored["sensitivity"], stored["inUse"]) == ("mic-7", -38.0, True)
+    with tavolar.Document.open(document) as opened:
+        opened.records[0].calibrate(remove=True)
+        assert opened.records[0].calibration is None
