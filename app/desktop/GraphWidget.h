@@ -2,7 +2,8 @@
 // The view of one graph: the graph drawn as picture files draw it, and the gestures on it. The wheel
 // zooms about the cursor, a drag pans, a double click fits the extents to the curves; a crosshair
 // follows the cursor and reads every curve at its frequency. Shift-clicks place two markers, whose
-// readings and differences show in a corner; Escape clears them. Changes of the extents are undoable.
+// readings and differences show in a corner; Escape clears them. A click on the legend names the
+// curve clicked. Changes of the extents are undoable.
 
 #include "GraphModel.h"
 #include "GraphRenderer.h"
@@ -32,10 +33,16 @@ public:
     std::optional<QPointF> positionOf(QPointF data) const;
     // The plot area in the widget's coordinates.
     QRectF plotArea() const;
+    // The row of the legend at a position: the index of its curve, or nothing.
+    std::optional<int> legendRowAt(QPointF position) const;
     // The crosshair's reading: the frequency and each curve's value there.
     QString readoutText() const;
 
     QSize sizeHint() const override { return {720, 450}; }
+
+signals:
+    // A click on the curve's row of the legend.
+    void legendClicked(int curve);
 
 protected:
     void paintEvent(QPaintEvent* event) override;

@@ -57,6 +57,18 @@ MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString
         widgets_.push_back(widget);
         stale_.push_back(true);
         tabs_->addTab(widget, graph->title());
+        // A click on a curve in the legend hides its record, where each curve is one record's.
+        connect(widget, &GraphWidget::legendClicked, this, [this, graph](int curve) {
+            const RecordArray visible = document_->visibleRecords();
+            if (graph->curves().size() != visible.size() || curve >= static_cast<int>(visible.size()))
+                return;
+            const auto& records = document_->records();
+            const auto row =
+                std::find(records.begin(), records.end(), visible[static_cast<std::size_t>(curve)]);
+            document_->setData(
+                document_->index(static_cast<int>(row - records.begin()), RecordTableModel::Visible),
+                Qt::Unchecked, Qt::CheckStateRole);
+        });
         connect(graph, &GraphModel::valueChanged, this, [this] { updateGraphActions(); });
         connect(graph, &GraphModel::changed, this, [this, graph] {
             if (graph == &currentGraphWidget().graph())

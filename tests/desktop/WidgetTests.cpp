@@ -100,6 +100,24 @@ TEST(GraphWidget, DragPansAsOneUndoStepAndDoubleClickFits) {
     EXPECT_EQ(view.graph().extents(), start);
 }
 
+TEST(GraphWidget, AClickOnTheLegendHidesThatCurvesRecord) {
+    OpenWindow open;
+    GraphWidget& view = open.graph();
+    view.repaint();
+    const QRectF area = view.plotArea();
+    // The legend sits in the plot area's top right corner, a row per record: find the second row.
+    std::optional<QPoint> second;
+    for (int y = static_cast<int>(area.top()); y < area.top() + 60 && !second; ++y)
+        if (view.legendRowAt(QPointF(area.right() - 20, y)) == 1)
+            second = QPoint(static_cast<int>(area.right()) - 20, y + 2);
+    ASSERT_TRUE(second);
+    EXPECT_FALSE(view.legendRowAt(area.center()).has_value());
+    const std::string uuid = open.window->document().records()[1]->impulseUUID();
+    QTest::mouseClick(&view, Qt::LeftButton, Qt::NoModifier, *second);
+    EXPECT_EQ(open.window->document().field(uuid, RecordTableModel::Visible), false);
+    EXPECT_EQ(open.undo().undoText(), "Hide Record");
+}
+
 TEST(MainWindow, ControlDigitKeysSetTheSmoothing) {
     OpenWindow open;
     GraphModel& graph = open.graph().graph();
