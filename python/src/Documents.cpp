@@ -394,7 +394,6 @@ void addDocuments(py::module_& module) {
                         raise("Error", "A record without an impulse response cannot be stored.");
                     auto record = store.makeRecord(*impulse, given.record->sampleRate());
                     given.record->copyAttributesToMeasurementRecord(*record);
-                    record->setImpulseResponse(impulse);
                     if (!given.loopback.is_null())
                         store.setLoopbackReference(record->impulseUUID(), given.loopback);
                     added.push_back(std::move(record));

@@ -109,11 +109,13 @@ def test_impulse_responses_become_records(cli: Callable[..., Any], tmp_path: Pat
         loose = tavolar.Record.from_impulse_response(impulses[0], 44100, name="Loose")
         (copy,) = created.add(loose)
         assert copy.uuid != loose.uuid and copy.sample_rate == 44100
+        np.testing.assert_array_equal(copy.impulse, loose.impulse)
     listed = json.loads(cli("list", str(path), "--json").stdout)
     assert [entry["name"] for entry in listed] == ["Pair (channel 0)", "Pair (channel 1)", "Loose"]
     with tavolar.Document.open(path) as opened:
         np.testing.assert_array_equal(opened.records[1].impulse, impulses[1].astype(np.float32))
         assert opened.records[0].info()["peak"]["samples"] == 10
+        np.testing.assert_array_equal(opened.records["Loose"].impulse, impulses[0].astype(np.float32))
 
 
 def test_calibrations_attach_as_calibrate_attaches_them(cli: Callable[..., Any], document: Path,
