@@ -225,9 +225,21 @@ void MeasureDialog::start() {
     settings->setPlaybackDeviceUID(recordUID_);
     settings->setRecordDeviceUID(recordUID_);
     settings->setPlaybackChannels(IndexSet{static_cast<std::uint64_t>(output_->value())});
+    // Each input keeps the calibration and sensitivity the document holds for it.
+    auto stored = document_.captureSettings();
+    if (!stored) {
+        status_->setText(errorText(stored.error()));
+        return;
+    }
     std::vector<RecordChannelEntry> entries;
-    for (std::int64_t channel : channels_)
-        entries.emplace_back(channel, nullptr, std::nullopt);
+    for (std::int64_t channel : channels_) {
+        RecordChannelEntry entry(channel, nullptr, std::nullopt);
+        if (*stored)
+            for (const RecordChannelEntry& known : (*stored)->recordChannelEntries())
+                if (known.channel() == channel)
+                    entry = known;
+        entries.push_back(entry);
+    }
     settings->setRecordChannelEntries(entries);
 
     // The level check is bypassed as the engine's advice says: Shift held when the measurement starts,
@@ -303,6 +315,10 @@ void MeasureDialog::measurementEnded(bool aborted) {
         record->setLogSweepSettings(result->logSweepSettings());
         record->setSynchronousAverages(result->synchronousAverages());
         record->setRecordChannelEntry(entry);
+        if (entry.calibrationRecord()) {
+            record->setMicrophoneCalibrationRecord(entry.calibrationRecord());
+            record->setUseMicrophoneCalibrationRecord(true);
+        }
         std::string deviceName = deviceName_;
         if (result->recordDevice()) {
             record->setAudioDeviceUID(result->recordDevice()->uid);

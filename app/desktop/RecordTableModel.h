@@ -50,6 +50,11 @@ public:
     std::shared_ptr<VELTMeasurementRecord> makeRecord(VELTRealVector impulseResponse,
                                                       std::int64_t sampleRate);
 
+    // The document's capture settings (the calibrations of the input channels), when it holds any.
+    Expected<std::optional<VELTAudioCaptureSettings>> captureSettings() const {
+        return store_.captureSettings();
+    }
+
     // What the undo commands call: the value of a column for the record with the UUID, and setting
     // it (written to the document at once).
     QVariant field(const std::string& uuid, Column column) const;
