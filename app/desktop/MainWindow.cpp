@@ -98,6 +98,7 @@ MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString
     splitter->setStretchFactor(0, 3);
     splitter->setStretchFactor(1, 1);
     setCentralWidget(splitter);
+    resize(1100, 780);
 
     buildMenus();
     // The extents as numbers, each field an undoable setting of its own.
