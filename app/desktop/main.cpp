@@ -44,11 +44,11 @@ int main(int argc, char** argv) {
     parser.addHelpOption();
     parser.addVersionOption();
     QCommandLineOption screenshot("screenshot", "Draw the window off screen to a PNG file and exit.", "FILE");
-    QCommandLineOption graph(
-        "graph",
-        "The graph shown: magnitude (default), spl, phase, minimum-phase, excess-phase or "
-        "group-delay.",
-        "NAME", "magnitude");
+    QStringList graphNames;
+    for (std::string_view name : tavolar::plotGraphNames())
+        graphNames << QString::fromUtf8(name.data(), static_cast<qsizetype>(name.size()));
+    QCommandLineOption graph("graph", "The graph shown: " + graphNames.join(", ") + " (default magnitude).",
+                             "NAME", "magnitude");
     QCommandLineOption size("size", "The window's size for --screenshot (default 1000x700).", "WxH",
                             "1000x700");
     QCommandLineOption theme("theme", "light (default) or dark.", "THEME", "light");
