@@ -42,8 +42,10 @@ py::array_t<float> arrayTakingVector(VELTRealVector vector);
 // A vector the engine keeps (an impulse response in a record or a cache): the array shares it, keeps
 // it alive and is read-only, since the engine relies on it not changing.
 py::array_t<float> arraySharingVector(std::shared_ptr<const VELTRealVector> vector);
-// rows x columns values taken over as a C-ordered 2-D array.
-py::array_t<float> matrixTakingVector(VELTRealVector vector, std::size_t rows, std::size_t columns);
+// Values of shared, immutable engine data (graph data) of the given C-ordered shape: the array views
+// them, keeps owner alive and is read-only.
+py::array_t<float> arrayViewing(std::shared_ptr<const void> owner, const float* data,
+                                std::vector<py::ssize_t> shape);
 
 // Samples from Python: float32 or float64 of one dimension, any strides. what names the argument in
 // messages.

@@ -451,15 +451,13 @@ void addCurves(py::module_& module, py::class_<RecordHandle>& record) {
             }
             if (!surface)
                 raise("Error", "The record gives no slices.");
-            VELTRealVector values(surface->rows() * surface->columns());
-            for (std::size_t row = 0; row < surface->rows(); ++row) {
-                std::span<const float> levels = surface->rowAtIndex(row);
-                std::copy(levels.begin(), levels.end(),
-                          values.mutableComponents() + row * surface->columns());
-            }
-            return py::make_tuple(arrayTakingVector(VELTRealVector(surface->x().span())),
-                                  arrayTakingVector(surface->z()),
-                                  matrixTakingVector(std::move(values), surface->rows(), surface->columns()));
+            // The graph data hold the levels row by row: the arrays view them, read-only, as graphs
+            // share graph data.
+            const auto rows = static_cast<py::ssize_t>(surface->rows());
+            const auto columns = static_cast<py::ssize_t>(surface->columns());
+            return py::make_tuple(arrayViewing(surface, surface->x().components(), {columns}),
+                                  arrayViewing(surface, surface->z().components(), {rows}),
+                                  arrayViewing(surface, surface->y().components(), {rows, columns}));
         },
         py::arg("spectrogram"), py::arg("fft_length") = py::none(), py::arg("slices") = 25,
         py::arg("start") = 0.0f, py::arg("duration") = 0.0f, py::arg("window") = py::none(),

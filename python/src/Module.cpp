@@ -27,6 +27,10 @@ void requireFloatSamples(const py::array& array, std::string_view what) {
                                          py::str(py::handle(type)).cast<std::string>()));
 }
 
+void makeReadOnly(py::array& array) {
+    py::detail::array_proxy(array.ptr())->flags &= ~py::detail::npy_api::NPY_ARRAY_WRITEABLE_;
+}
+
 } // namespace
 
 py::array_t<float> arrayTakingVector(VELTRealVector vector) {
@@ -36,13 +40,17 @@ py::array_t<float> arrayTakingVector(VELTRealVector vector) {
                               owned->components(), owner);
 }
 
-py::array_t<float> matrixTakingVector(VELTRealVector vector, std::size_t rows, std::size_t columns) {
-    TAVOLAR_PARAMETER_ASSERT(vector.length() == rows * columns);
-    auto* owned = new VELTRealVector(std::move(vector));
-    py::capsule owner(owned, [](void* pointer) { delete static_cast<VELTRealVector*>(pointer); });
-    return py::array_t<float>(Shape{static_cast<py::ssize_t>(rows), static_cast<py::ssize_t>(columns)},
-                              Shape{static_cast<py::ssize_t>(columns * sizeof(float)), sizeof(float)},
-                              owned->components(), owner);
+py::array_t<float> arrayViewing(std::shared_ptr<const void> owner, const float* data,
+                                std::vector<py::ssize_t> shape) {
+    Shape strides(shape.size(), sizeof(float));
+    for (std::size_t axis = shape.size(); axis-- > 1;)
+        strides[axis - 1] = strides[axis] * shape[axis];
+    auto* holder = new std::shared_ptr<const void>(std::move(owner));
+    py::capsule capsule(holder,
+                        [](void* pointer) { delete static_cast<std::shared_ptr<const void>*>(pointer); });
+    py::array_t<float> array(std::move(shape), std::move(strides), data, capsule);
+    makeReadOnly(array);
+    return array;
 }
 
 py::array_t<float> arraySharingVector(std::shared_ptr<const VELTRealVector> vector) {
@@ -54,7 +62,7 @@ py::array_t<float> arraySharingVector(std::shared_ptr<const VELTRealVector> vect
     py::capsule owner(
         holder, [](void* pointer) { delete static_cast<std::shared_ptr<const VELTRealVector>*>(pointer); });
     py::array_t<float> array(Shape{length}, Shape{sizeof(float)}, data, owner);
-    py::detail::array_proxy(array.ptr())->flags &= ~py::detail::npy_api::NPY_ARRAY_WRITEABLE_;
+    makeReadOnly(array);
     return array;
 }
 

@@ -65,7 +65,7 @@ class BandLevels:
 @dataclasses.dataclass(frozen=True)
 class Surface:
     """A waterfall or spectrogram: levels (dB) with a row per slice (times, ms) and a column per
-    frequency (Hz)."""
+    frequency (Hz). The arrays view the engine's graph data and are read-only."""
 
     frequencies: Array
     times: Array
