@@ -333,7 +333,11 @@ void addDocuments(py::module_& module) {
              py::arg("remove") = false)
         .def("archive",
              [](const RecordHandle& self) {
-                 std::vector<std::byte> data = KeyedArchiver::archivedDataWithRootObject(*self.record);
+                 // A record a document stored keeps its samples out of its own archive; a pickled
+                 // record carries them, so a snapshot that saves them is archived.
+                 std::shared_ptr<VELTMeasurementRecord> snapshot = self.record->cachedCopy();
+                 snapshot->setDontSaveImpulse(false);
+                 std::vector<std::byte> data = KeyedArchiver::archivedDataWithRootObject(*snapshot);
                  return py::bytes(reinterpret_cast<const char*>(data.data()), data.size());
              })
         .def_static("from_archive", [](const py::bytes& data) {

@@ -83,7 +83,7 @@ def test_errors_carry_message_and_suggestion() -> None:
                                                                           error.message, error.suggestion, 7)
 
 
-def test_records_pickle_through_their_archive(measured: Path) -> None:
+def test_records_pickle_through_their_archive(measured: Path, tmp_path: Path) -> None:
     with tavolar.Document.open(measured, readonly=True) as document:
         record = document.records[0]
         with pytest.raises(TypeError, match="cannot be pickled"):
@@ -91,6 +91,13 @@ def test_records_pickle_through_their_archive(measured: Path) -> None:
     restored = pickle.loads(pickle.dumps(record))
     assert restored == record and restored.info() == record.info()
     np.testing.assert_array_equal(restored.impulse, record.impulse)
+    # A record just written to a document carries its samples too.
+    with tavolar.Document.create(tmp_path / "new.tavolar") as created:
+        (stored,) = created.add(record)
+        stored.name = "Changed"
+        again = pickle.loads(pickle.dumps(stored))
+    assert again.name == "Changed"
+    np.testing.assert_array_equal(again.impulse, record.impulse)
 
     # A spawned process starts from nothing: the record reaches it, and comes back, as its archive.
     with multiprocessing.get_context("spawn").Pool(1) as pool:
