@@ -380,6 +380,28 @@ void addDocuments(py::module_& module) {
                  return uuids;
              })
         .def("find", [](DocumentState& self, const std::string& key) { return findRecord(self, key); })
+        .def("remove",
+             [](DocumentState& self, std::size_t index) {
+                 if (self.readOnly)
+                     raise("DocumentError", "The document was opened read-only.",
+                           "Open it with Document.open(path, readonly=False) to remove records.");
+                 RecordStore& store = self.openStore();
+                 if (index >= store.summaries().size())
+                     throw py::index_error(fmt::format("There is no record at index {}.", index));
+                 // As delete removes them: a damaged record can be removed too, as nothing of it is read.
+                 const std::string uuid = store.summaries()[index].uuid;
+                 MeasurementDocument& document = store.document();
+                 auto removed = document.performBatch([&]() -> Expected<void> {
+                     if (auto gone = document.removeRecord(uuid); !gone)
+                         return std::unexpected(gone.error());
+                     return {};
+                 });
+                 if (!removed)
+                     throw RaisedError{"DocumentError", cli::documentError(store.path(), removed.error())};
+                 self.loaded.erase(uuid);
+                 // Saving nothing lists the records anew.
+                 valueOrRaise(store.save({}, {}), "DocumentError");
+             })
         .def("load", [](const std::shared_ptr<DocumentState>& self,
                         std::size_t index) { return loadRecord(self, index); })
         .def(

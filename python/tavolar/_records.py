@@ -365,6 +365,13 @@ class Records(abc.Sequence[Record]):
         index = key + len(self) if key < 0 else key
         return Record(self._document.load(index))
 
+    def __delitem__(self, key: Union[int, str]) -> None:
+        """Removes a record from the document, as ``tavolar delete`` does."""
+        if isinstance(key, str):
+            self._document.remove(self._document.find(key))
+        else:
+            self._document.remove(key + len(self) if key < 0 else key)
+
     def __contains__(self, key: object) -> bool:
         if isinstance(key, Record):
             return key.uuid in self._document.uuids()

@@ -95,6 +95,8 @@ def test_read_only_documents_refuse_changes(document: Path) -> None:
             opened.records[0].name = "x"
         with pytest.raises(tavolar.DocumentError, match="read-only"):
             opened.add_impulse_responses(np.ones(64, np.float32), 48000)
+        with pytest.raises(tavolar.DocumentError, match="read-only"):
+            del opened.records[0]
 
 
 def test_impulse_responses_become_records(cli: Callable[..., Any], tmp_path: Path) -> None:
@@ -116,6 +118,11 @@ def test_impulse_responses_become_records(cli: Callable[..., Any], tmp_path: Pat
         np.testing.assert_array_equal(opened.records[1].impulse, impulses[1].astype(np.float32))
         assert opened.records[0].info()["peak"]["samples"] == 10
         np.testing.assert_array_equal(opened.records["Loose"].impulse, impulses[0].astype(np.float32))
+        # Removed as delete removes it.
+        del opened.records["Pair (channel 1)"]
+        assert [record.name for record in opened.records] == ["Pair (channel 0)", "Loose"]
+    listed = json.loads(cli("list", str(path), "--json").stdout)
+    assert [entry["name"] for entry in listed] == ["Pair (channel 0)", "Loose"]
 
 
 def test_calibrations_attach_as_calibrate_attaches_them(cli: Callable[..., Any], document: Path,
