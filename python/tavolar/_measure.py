@@ -7,6 +7,7 @@ from collections import abc
 from typing import Any, Callable, Dict, List, Optional, Tuple, Union
 
 from . import _native
+from ._errors import DocumentError
 from ._records import Document, Record
 
 Progress = Callable[[Dict[str, Any]], None]
@@ -89,6 +90,10 @@ def start_measure(device: str = "sim:default", channels: abc.Sequence[int] = (0,
     (output, input) pair whose recording is divided out. fast runs a simulated device as fast as the
     machine allows. progress is called with a dict for each sweep that begins and each channel
     deconvolved."""
+    if document is not None and (document.closed or document._handle.readonly):
+        # Refused before measuring, so that no measurement is lost for want of a place to keep it.
+        raise DocumentError("The document to keep the records in is closed or was opened read-only.",
+                            "Open it with Document.open(path) and measure into it while it is open.")
     handle = _native.MeasurementHandle(device=device, channels=list(channels), output_channel=output_channel,
                                        loopback=_loopback(loopback), sweep=sweep, averages=averages,
                                        level_check=level_check, fast=fast, name=name, progress=progress)

@@ -30,6 +30,8 @@ def test_measurements_give_records_and_progress(cli: Callable[..., Any], tmp_pat
         assert record.name == "Left" and record.averages == 2
         assert (record.sweep or {})["durationMilliseconds"] == 500
         assert abs(record.info()["delayMilliseconds"]) < 5
+    with pytest.raises(tavolar.DocumentError, match="closed or was opened read-only"):
+        tavolar.start_measure(fast=True, document=document)
     assert [event["sweep"] for event in events if event["stage"] == "sweep"] == [1, 2]
     assert events[-1] == {"stage": "deconvolving", "channel": 1, "channels": 1}
     assert [entry["name"] for entry in json.loads(cli("list", str(path), "--json").stdout)] == ["Left"]
