@@ -311,12 +311,16 @@ Expected<VELTAudioDevice> presentDevice(const std::string& uid) {
         return usageFailure(fmt::format("The device UID {} cannot be used: {}",
                                         uid.size() > 60 ? uid.substr(0, 57) + "..." : uid, *problem),
                             "Run tavolar devices to see the devices present and their ports.");
-    if (VELTAudioHardware::deviceIDForDeviceUID(uid) == kAudioDeviceUnknown)
+    if (VELTAudioHardware::deviceIDForDeviceUID(uid) == kAudioDeviceUnknown) {
+        if (auto reason = VELTAudioHardware::deviceAbsenceReason(uid))
+            return failure(*reason, "Continue the server if it was stopped (kill -CONT and its process "
+                                    "number), or restart it.");
         return failure(fmt::format("The audio device {} is not present.", uid),
                        uid.starts_with("jack")
                            ? "Start the JACK server first, or run tavolar devices to see the "
                              "devices present."
                            : "Run tavolar devices to see the devices present.");
+    }
     return VELTAudioDevice(uid);
 }
 

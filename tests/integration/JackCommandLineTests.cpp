@@ -1,10 +1,13 @@
 // tavolar, the command-line host, on a real JACK server: every running server is listed whatever
-// its name, and a measurement averaged through connections the user made keeps them for every sweep.
+// its name, a measurement averaged through connections the user made keeps them for every sweep,
+// and a server that was stopped before the measurement began is reported rather than waited for.
 
 #include "JackTestServer.h"
 #include "audio/devices/AudioDeviceUID.h"
 
+#include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <memory>
@@ -73,6 +76,30 @@ TEST_F(JackCommandLine, ConnectionsTheUserMadeHoldForEverySweep) {
     EXPECT_EQ(record["peak"]["samples"], 3);
     EXPECT_EQ(record["device"]["uid"],
               AudioDeviceUID::parse(deviceUID() + "?client=meter&connect=no")->canonicalString());
+}
+
+// libjack waits for a stopped server's answer without a limit; the command gives up after seconds.
+TEST_F(JackCommandLine, AServerStoppedBeforeTheMeasurementIsReported) {
+    ASSERT_TRUE(start(48000, 256, 2));
+    signalServer(SIGSTOP);
+    const std::filesystem::path document =
+        std::filesystem::temp_directory_path() / (deviceUID().substr(5) + "-stopped.tavolar");
+    const auto started = std::chrono::steady_clock::now();
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(
+        popen(fmt::format("{} measure {} -d {} 2>&1", TAVOLAR_CLI_PATH, document.string(), deviceUID()).c_str(),
+              "r"),
+        pclose);
+    std::string output;
+    char buffer[4096];
+    for (std::size_t count; pipe && (count = fread(buffer, 1, sizeof buffer, pipe.get())) > 0;)
+        output.append(buffer, count);
+    const int status = pipe ? pclose(pipe.release()) : -1;
+    signalServer(SIGCONT);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 30s);
+    EXPECT_NE(status, 0);
+    EXPECT_NE(output.find("runs but did not answer within seconds: it is stopped or hangs."), std::string::npos)
+        << output;
+    EXPECT_FALSE(std::filesystem::exists(document));
 }
 
 } // namespace

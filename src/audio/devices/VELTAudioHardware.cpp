@@ -7,6 +7,7 @@
 #include "audio/devices/simulated/SimulatedDeviceConfiguration.h"
 
 #include <algorithm>
+#include <fmt/format.h>
 #include <map>
 #include <mutex>
 
@@ -244,6 +245,16 @@ std::optional<std::string> VELTAudioHardware::deviceUIDProblem(std::string_view 
 #if defined(TAVOLAR_WITH_JACK)
     if (parsed->scheme == "jack")
         return jackRoutingProblem(*parsed);
+#endif
+    return std::nullopt;
+}
+
+std::optional<std::string> VELTAudioHardware::deviceAbsenceReason(std::string_view deviceUID) {
+#if defined(TAVOLAR_WITH_JACK)
+    auto parsed = AudioDeviceUID::parse(deviceUID);
+    if (parsed && parsed->scheme == "jack" && jackServerDidNotAnswer(parsed->name))
+        return fmt::format("The JACK server {} runs but did not answer within seconds: it is stopped or hangs.",
+                           parsed->name.empty() ? "default" : parsed->name);
 #endif
     return std::nullopt;
 }

@@ -58,6 +58,10 @@ public:
     // whether or not its device is present.
     static std::optional<std::string> deviceUIDProblem(std::string_view deviceUID);
 
+    // Why the device of this UID was found absent, when more is known than that it is missing: a
+    // JACK server that runs but did not answer (stopped, or hung). For a person to read.
+    static std::optional<std::string> deviceAbsenceReason(std::string_view deviceUID);
+
     // Whether this build has the JACK backend.
     static bool hasJackBackend() noexcept;
 };

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <condition_variable>
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
@@ -98,13 +99,91 @@ bool isDefaultServer(const std::string& serverName) {
     return serverName.empty() || serverName == "default";
 }
 
+// Servers whose last client did not open in time, by name ("" for the default server), and how many
+// opens each still has outstanding. While one waits, no other open can get an answer: libjack opens
+// one client at a time, on any server.
+struct UnansweringServers {
+    std::mutex mutex;
+    std::map<std::string, int> outstanding;
+    static UnansweringServers& shared() {
+        static UnansweringServers servers;
+        return servers;
+    }
+    static std::string key(const std::string& serverName) {
+        return isDefaultServer(serverName) ? std::string() : serverName;
+    }
+    void abandoned(const std::string& serverName) {
+        std::lock_guard lock(mutex);
+        ++outstanding[key(serverName)];
+    }
+    // An abandoned open that returned at last: the server answers again.
+    void answeredLate(const std::string& serverName) {
+        std::lock_guard lock(mutex);
+        if (auto found = outstanding.find(key(serverName)); found != outstanding.end() && --found->second == 0)
+            outstanding.erase(found);
+    }
+    bool contains(const std::string& serverName) {
+        std::lock_guard lock(mutex);
+        return outstanding.contains(key(serverName));
+    }
+    bool any() {
+        std::lock_guard lock(mutex);
+        return !outstanding.empty();
+    }
+};
+
+// libjack waits for the server's answer without a time limit, so a server that was stopped
+// (SIGSTOP) or hangs would hang the program that asks. The client is opened on a thread of its own;
+// after kOpenTimeout the caller gives up, and should the answer come after all, that thread closes
+// the client nobody waits for.
+constexpr auto kOpenTimeout = std::chrono::seconds(8);
+
 jack_client_t* openClient(const std::string& clientName, const std::string& serverName,
                           jack_status_t& status) {
     silenceJack();
-    if (serverName.empty() || serverName == "default")
-        return jack_client_open(clientName.c_str(), JackNoStartServer, &status);
-    return jack_client_open(clientName.c_str(), jack_options_t(JackNoStartServer | JackServerName), &status,
-                            serverName.c_str());
+    if (UnansweringServers::shared().any()) {
+        status = jack_status_t(JackFailure | JackServerError);
+        return nullptr;
+    }
+    struct Pending {
+        std::mutex mutex;
+        std::condition_variable answered;
+        bool done = false;
+        bool abandoned = false;
+        jack_client_t* client = nullptr;
+        jack_status_t status{};
+    };
+    auto pending = std::make_shared<Pending>();
+    std::thread([pending, clientName, serverName] {
+        jack_status_t opened{};
+        jack_client_t* client =
+            isDefaultServer(serverName)
+                ? jack_client_open(clientName.c_str(), JackNoStartServer, &opened)
+                : jack_client_open(clientName.c_str(), jack_options_t(JackNoStartServer | JackServerName),
+                                   &opened, serverName.c_str());
+        std::unique_lock lock(pending->mutex);
+        if (pending->abandoned) {
+            lock.unlock();
+            if (client)
+                jack_client_close(client);
+            UnansweringServers::shared().answeredLate(serverName);
+            return;
+        }
+        pending->client = client;
+        pending->status = opened;
+        pending->done = true;
+        pending->answered.notify_all();
+    }).detach();
+    std::unique_lock lock(pending->mutex);
+    const bool answered = pending->answered.wait_for(lock, kOpenTimeout, [&] { return pending->done; });
+    if (!answered) {
+        pending->abandoned = true;
+        UnansweringServers::shared().abandoned(serverName);
+        status = jack_status_t(JackFailure | JackServerError);
+        return nullptr;
+    }
+    status = pending->status;
+    return pending->client;
 }
 
 std::vector<std::string> physicalPorts(jack_client_t* client, unsigned long flags) {
@@ -975,6 +1054,10 @@ bool jackServerIsRunning(const std::string& serverName) {
         return false;
     jack_client_close(client);
     return true;
+}
+
+bool jackServerDidNotAnswer(const std::string& serverName) {
+    return UnansweringServers::shared().contains(serverName);
 }
 
 std::vector<std::string> runningJackServerNames() {
