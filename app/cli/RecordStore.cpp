@@ -243,10 +243,13 @@ Expected<void> RecordStore::save(std::span<const std::shared_ptr<VELTMeasurement
                 record->setComment(validUTF8(*comment));
             if (auto notes = record->notes(); notes && !isValidUTF8(*notes))
                 record->setNotes(validUTF8(*notes));
-            // The impulse response lives in the document's own table, not in the record's archive.
+            // The impulse response lives in the document's own table, not in the record's archive;
+            // the record itself is left as it was given, so that it still archives whole elsewhere.
+            const bool savedImpulse = !record->dontSaveImpulse();
             record->setDontSaveImpulse(true);
             std::vector<std::byte> archive =
                 KeyedArchiver::archivedDataWithRootObject(StoredRecord{record, loopbackReference(uuid)});
+            record->setDontSaveImpulse(!savedImpulse);
             RecordMetadata metadata{record->comment().value_or(""), record->date()};
             if (auto stored = document_->putRecord(uuid, archive, metadata); !stored)
                 return stored;
