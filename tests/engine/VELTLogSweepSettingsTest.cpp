@@ -40,13 +40,9 @@ VELTLogSweepSettings customSettings() {
 }
 
 // The defaults' values are pinned by the archive and stimulus tests; here the switches that hide
-// the stored values, and the presets' names and lengths.
+// the stored values, and the short preset's stimulus.
 TEST(VELTLogSweepSettings, DefaultsAndEffectiveValues) {
     VELTLogSweepSettings settings;
-    EXPECT_EQ(settings.name(), "Untitled");
-    EXPECT_EQ(settings.leadIn(), 0.0f);
-    EXPECT_EQ(settings.leadOut(), 0.0f);
-
     // The stored values show once the switches are off, whatever was set while they were on.
     settings.setStartFreq(50.0f);
     settings.setEndFreq(5000.0f);
@@ -60,9 +56,7 @@ TEST(VELTLogSweepSettings, DefaultsAndEffectiveValues) {
     EXPECT_EQ(settings.beginSilence(), 10.0f);
     EXPECT_EQ(settings.endSilence(), 0.0f);
 
-    const auto shortSweep = VELTLogSweepSettings::shortLogSweepSettings();
-    EXPECT_EQ(shortSweep.name(), "Short (1s) Sweep");
-    EXPECT_EQ(shortSweep.stimulusSignalWithSampleRate(8000),
+    EXPECT_EQ(VELTLogSweepSettings::shortLogSweepSettings().stimulusSignalWithSampleRate(8000),
               VELTLogSweepSettings().stimulusSignalWithSampleRate(8000));
 }
 
