@@ -1,6 +1,7 @@
 #include "document/DocumentTestSupport.h"
 #include "platform/Assertions.h"
 
+#include <bit>
 #include <cmath>
 #include <cstring>
 #include <fstream>
@@ -129,6 +130,16 @@ TEST(MeasurementDocument, OrdersRemovesRecordsWithTheirImpulsesAndDropsUnusedImp
     ASSERT_TRUE(document);
     for (std::uint64_t key = 1; key <= 4; ++key)
         ASSERT_TRUE(putRecordAndImpulse(*document, key));
+    // On disk: each new record takes the next position, and its checksum is the 64-bit FNV-1a of its
+    // archive (worked out here), which documents written before must keep.
+    std::uint64_t fnv1a = 0xcbf29ce484222325ULL;
+    for (std::byte value : archiveBytes(1, 0))
+        fnv1a = (fnv1a ^ static_cast<std::uint64_t>(value)) * 0x100000001b3ULL;
+    const auto file = folder / "Order.tavolar";
+    EXPECT_EQ(sql(file, "SELECT position FROM records ORDER BY position"),
+              (std::vector<std::vector<std::string>>{{"1"}, {"2"}, {"3"}, {"4"}}));
+    EXPECT_EQ(sql(file, "SELECT checksum FROM records WHERE position = 1"),
+              (std::vector<std::vector<std::string>>{{std::to_string(std::bit_cast<std::int64_t>(fnv1a))}}));
     // An impulse stored before (or without) its record, as a copy's is.
     ASSERT_TRUE(document->putImpulseResponse(recordUUID(7), impulseSamples(7, 0), 48000));
 
