@@ -154,7 +154,7 @@ jack_client_t* openClient(const std::string& clientName, const std::string& serv
         jack_status_t status{};
     };
     auto pending = std::make_shared<Pending>();
-    std::thread([pending, clientName, serverName] {
+    std::thread opener([pending, clientName, serverName] {
         jack_status_t opened{};
         jack_client_t* client =
             isDefaultServer(serverName)
@@ -173,15 +173,22 @@ jack_client_t* openClient(const std::string& clientName, const std::string& serv
         pending->status = opened;
         pending->done = true;
         pending->answered.notify_all();
-    }).detach();
+    });
     std::unique_lock lock(pending->mutex);
     const bool answered = pending->answered.wait_for(lock, kOpenTimeout, [&] { return pending->done; });
     if (!answered) {
         pending->abandoned = true;
+        lock.unlock();
+        opener.detach();
         UnansweringServers::shared().abandoned(serverName);
         status = jack_status_t(JackFailure | JackServerError);
         return nullptr;
     }
+    lock.unlock();
+    // The opening thread has ended before its client is used: libjack keeps per-thread data, which
+    // a thread still ending while the client is closed (and libjack's globals torn down) would meet
+    // freed.
+    opener.join();
     status = pending->status;
     return pending->client;
 }
