@@ -19,8 +19,9 @@ struct SoundFileCloser {
 };
 using SoundFile = std::unique_ptr<SNDFILE, SoundFileCloser>;
 
-// Frames read at a time: the interleaved buffer stays small whatever the file's length.
-constexpr sf_count_t kFramesPerRead = 65536;
+// Samples read or written at a time over all channels: the interleaved buffer stays small whatever the file's
+// length and channel count.
+constexpr sf_count_t kSamplesPerRead = sf_count_t{1} << 18;
 
 } // namespace
 
@@ -56,23 +57,26 @@ Expected<SoundSignal> readSoundFile(const std::filesystem::path& path, std::stri
     const auto frames = static_cast<std::size_t>(info.frames);
     SoundSignal signal;
     signal.sampleRate = info.samplerate;
-    signal.channels.reserve(channels);
-    for (std::size_t channel = 0; channel < channels; ++channel)
-        signal.channels.emplace_back(frames);
-    std::vector<float> interleaved(static_cast<std::size_t>(kFramesPerRead) * channels);
+    // The channels grow with what is actually read rather than with the header's frame count: a
+    // damaged header that claims billions of frames must give "truncated", not exhaust memory.
+    signal.channels.resize(channels);
+    const sf_count_t framesPerRead = std::max<sf_count_t>(1, kSamplesPerRead / info.channels);
+    std::vector<float> interleaved(static_cast<std::size_t>(framesPerRead) * channels);
+    std::vector<float> channelChunk(static_cast<std::size_t>(framesPerRead));
     std::size_t done = 0;
     while (done < frames) {
         const sf_count_t wanted =
-            std::min<sf_count_t>(kFramesPerRead, info.frames - static_cast<sf_count_t>(done));
+            std::min<sf_count_t>(framesPerRead, info.frames - static_cast<sf_count_t>(done));
         const sf_count_t read = sf_readf_float(file.get(), interleaved.data(), wanted);
         if (read <= 0)
             break;
+        const auto count = static_cast<std::size_t>(read);
         for (std::size_t channel = 0; channel < channels; ++channel) {
-            float* destination = signal.channels[channel].mutableComponents() + done;
-            for (sf_count_t frame = 0; frame < read; ++frame)
-                destination[frame] = interleaved[static_cast<std::size_t>(frame) * channels + channel];
+            for (std::size_t frame = 0; frame < count; ++frame)
+                channelChunk[frame] = interleaved[frame * channels + channel];
+            signal.channels[channel].appendVector(std::span<const float>(channelChunk.data(), count));
         }
-        done += static_cast<std::size_t>(read);
+        done += count;
     }
     if (done != frames)
         return failure(fmt::format("The {} file {} is truncated: {} of {} samples could be read.", role, name,
@@ -144,9 +148,10 @@ Expected<void> writeFloatWav(const std::filesystem::path& path,
             complete = sf_writef_float(file.get(), channels.front().data(),
                                        static_cast<sf_count_t>(frames)) == static_cast<sf_count_t>(frames);
         } else {
-            std::vector<float> interleaved(static_cast<std::size_t>(kFramesPerRead) * channels.size());
-            for (std::size_t from = 0; complete && from < frames; from += kFramesPerRead) {
-                const std::size_t count = std::min<std::size_t>(kFramesPerRead, frames - from);
+            const auto framesPerWrite = static_cast<std::size_t>(kSamplesPerRead) / channels.size();
+            std::vector<float> interleaved(framesPerWrite * channels.size());
+            for (std::size_t from = 0; complete && from < frames; from += framesPerWrite) {
+                const std::size_t count = std::min<std::size_t>(framesPerWrite, frames - from);
                 for (std::size_t frame = 0; frame < count; ++frame)
                     for (std::size_t channel = 0; channel < channels.size(); ++channel)
                         interleaved[frame * channels.size() + channel] = channels[channel][from + frame];

@@ -154,12 +154,22 @@ Expected<void> SimulatedDeviceConfiguration::loadImpulseResponseFromFile(const s
                         path.string(), info.frames, info.samplerate, sampleRate),
             "Resample the impulse response to the device's sample rate.");
     }
-    std::vector<float> interleaved(static_cast<std::size_t>(info.frames) * info.channels);
-    sf_count_t read = sf_readf_float(file, interleaved.data(), info.frames);
+    // The header's frame count is not trusted for the allocation: the response grows with what is
+    // actually read, so a damaged header that claims billions of frames costs nothing.
+    const auto channels = static_cast<std::size_t>(info.channels);
+    const sf_count_t framesPerRead = std::max<sf_count_t>(1, (sf_count_t{1} << 16) / info.channels);
+    std::vector<float> interleaved(static_cast<std::size_t>(framesPerRead) * channels);
+    std::vector<float> response;
+    for (sf_count_t remaining = info.frames; remaining > 0;) {
+        const sf_count_t read =
+            sf_readf_float(file, interleaved.data(), std::min(remaining, framesPerRead));
+        if (read <= 0)
+            break;
+        for (sf_count_t frame = 0; frame < read; ++frame)
+            response.push_back(interleaved[static_cast<std::size_t>(frame) * channels]);
+        remaining -= read;
+    }
     sf_close(file);
-    std::vector<float> response(static_cast<std::size_t>(std::max<sf_count_t>(read, 0)));
-    for (std::size_t n = 0; n < response.size(); ++n)
-        response[n] = interleaved[n * info.channels];
     if (response.empty())
         return makeUnexpected(fmt::format("Could not read impulse response file {}", path.string()),
                               "Check that the file is a complete sound file.");
