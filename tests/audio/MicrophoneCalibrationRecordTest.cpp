@@ -2,14 +2,12 @@
 
 #include "audio/MicrophoneCalibrationFileParser.h"
 #include "engine/ArchiveJSON.h"
-#include "platform/Logging.h"
 #include "platform/UUID.h"
 
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <tuple>
 #include <unordered_set>
 
 namespace tavolar {
@@ -24,25 +22,6 @@ std::vector<std::byte> bytes(std::string_view text) {
 
 const std::string kCalibrationText = "\"Sens Factor =-36.2dB\"\n20 -0.5 1\n1000 0 0\n20000 2.5 -40\n";
 
-// A scratch folder of this test process, removed afterwards.
-class ScratchFolder {
-public:
-    ScratchFolder()
-        : path_(std::filesystem::temp_directory_path() / ("tavolar-calibration-" + newUUIDString())) {
-        std::filesystem::create_directories(path_);
-    }
-    ~ScratchFolder() { std::filesystem::remove_all(path_); }
-    std::filesystem::path write(const std::string& name, std::string_view contents) const {
-        const auto file = path_ / name;
-        std::ofstream(file, std::ios::binary) << contents;
-        return file;
-    }
-    const std::filesystem::path& path() const { return path_; }
-
-private:
-    std::filesystem::path path_;
-};
-
 TEST(MicrophoneCalibrationRecord, MadeFromFileData) {
     auto record =
         MicrophoneCalibrationRecord::initWithCalibrationFileData(bytes(kCalibrationText), "ECM8000");
@@ -52,40 +31,27 @@ TEST(MicrophoneCalibrationRecord, MadeFromFileData) {
     ASSERT_TRUE(record->magnitudeSpline() && record->phaseSpline());
     EXPECT_EQ(record->magnitudeSpline()->x(), (VELTRealVector{20, 1000, 20000}));
     EXPECT_EQ(record->magnitudeSpline()->y(), (VELTRealVector{-0.5f, 0, 2.5f}));
-    EXPECT_EQ(record->phaseSpline()->x(), (VELTRealVector{20, 1000, 20000}));
     EXPECT_EQ(record->phaseSpline()->y(), (VELTRealVector{1, 0, -40}));
-    EXPECT_TRUE(isUUIDString(record->uuidString()));
-    EXPECT_EQ(record->description(), "Microphone Record: ECM8000, S/N: (n/a)");
-
-    // The parser's error is passed on.
-    setSystemLogEnabled(false);
-    LogCapture capture;
-    auto failed =
-        MicrophoneCalibrationRecord::initWithCalibrationFileData(bytes("no numbers here\n"), "Empty");
-    ASSERT_FALSE(failed.has_value());
-    EXPECT_EQ(failed.error().domain, "TavolarCalibrationParsing");
-    EXPECT_EQ(failed.error().localizedDescription, "Failed to parse calibration file");
+    EXPECT_FALSE(
+        MicrophoneCalibrationRecord::initWithCalibrationFileData(bytes("no numbers here\n"), "Empty"));
 }
 
-TEST(MicrophoneCalibrationRecord, MadeFromFileOnDisk) {
-    const ScratchFolder folder;
-    auto record = MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(
-        folder.write("MyMic.txt", kCalibrationText));
-    ASSERT_TRUE(record.has_value());
-    EXPECT_EQ(record->name(), "MyMic");
+TEST(MicrophoneCalibrationRecord, MadeFromFileOnDiskNamedAfterIt) {
+    const auto folder = std::filesystem::temp_directory_path() / ("tavolar-calibration-" + newUUIDString());
+    std::filesystem::create_directories(folder);
+    std::ofstream(folder / "UMIK-1 7104393.cal.txt", std::ios::binary) << kCalibrationText;
     auto dotted = MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(
-        folder.write("UMIK-1 7104393.cal.txt", kCalibrationText));
+        folder / "UMIK-1 7104393.cal.txt");
     ASSERT_TRUE(dotted.has_value());
     EXPECT_EQ(dotted->name(), "UMIK-1 7104393.cal");
 
-    auto missing =
-        MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(folder.path() / "absent.txt");
+    auto missing = MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(folder / "absent.txt");
     ASSERT_FALSE(missing.has_value());
     EXPECT_EQ(missing.error().code, ENOENT);
     EXPECT_NE(missing.error().localizedDescription.find("absent.txt"), std::string::npos);
     // A folder is no file either.
-    EXPECT_FALSE(
-        MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(folder.path()).has_value());
+    EXPECT_FALSE(MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(folder).has_value());
+    std::filesystem::remove_all(folder);
 }
 
 TEST(MicrophoneCalibrationRecord, IdentityIsTheUUIDAlone) {
@@ -104,25 +70,8 @@ TEST(MicrophoneCalibrationRecord, IdentityIsTheUUIDAlone) {
     EXPECT_EQ(copy.hash(), first->hash());
 
     second->setUUIDString(first->uuidString());
-    EXPECT_TRUE(*second == *first);
     std::unordered_set<MicrophoneCalibrationRecord> set{*first, copy, *second};
     EXPECT_EQ(set.size(), 1u);
-
-    MicrophoneCalibrationRecord named("Reference", std::string("SN 4411"), nullptr, nullptr);
-    EXPECT_EQ(named.description(), "Microphone Record: Reference, S/N: SN 4411");
-}
-
-TEST(MicrophoneCalibrationRecord, SensitivityLabel) {
-    const std::tuple<double, MicrophoneSensitivityUnit, std::string> cases[] = {
-        {12.5, MicrophoneSensitivityUnit::millivoltsPerPascal, "12.5 mV/Pa"},
-        {-60.125, MicrophoneSensitivityUnit::dBVPerMicrobar, "-60.12 dBV/\u00B5Bar"},
-        {120, MicrophoneSensitivityUnit::dBFS, "120 dBFS"}};
-    MicrophoneCalibrationRecord record("Mic", std::nullopt, nullptr, nullptr);
-    for (const auto& [sensitivity, unit, label] : cases) {
-        record.setSensitivity(sensitivity);
-        record.setSensitivityUnits(unit);
-        EXPECT_EQ(record.sensitivityLabel(), label);
-    }
 }
 
 MicrophoneCalibrationRecord decode(std::string_view members) {
@@ -138,29 +87,21 @@ TEST(MicrophoneCalibrationRecord, ArchiveRoundTripAndDecodingRules) {
     record->setSerialNumber("7104393");
     record->setSensitivity(-36.2);
     record->setSensitivityUnits(MicrophoneSensitivityUnit::dBVPerMicrobar);
-    for (ArchiveFormat format : {ArchiveFormat::CBOR, ArchiveFormat::JSON}) {
-        auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<MicrophoneCalibrationRecord>(
-            KeyedArchiver::archivedDataWithRootObject(*record, format), format);
-        ASSERT_TRUE(decoded.has_value()) << decoded.error().localizedDescription;
-        EXPECT_TRUE(*decoded == *record);
-        EXPECT_EQ(decoded->uuidString(), record->uuidString());
-        EXPECT_EQ(decoded->name(), "Lab mic");
-        EXPECT_EQ(decoded->serialNumber(), "7104393");
-        EXPECT_EQ(decoded->sensitivity(), -36.2);
-        EXPECT_EQ(decoded->sensitivityUnits(), MicrophoneSensitivityUnit::dBVPerMicrobar);
-        ASSERT_TRUE(decoded->magnitudeSpline() && decoded->phaseSpline());
-        EXPECT_EQ(decoded->magnitudeSpline()->y(), record->magnitudeSpline()->y());
-        EXPECT_EQ(decoded->phaseSpline()->y(), record->phaseSpline()->y());
-    }
+    auto decoded = KeyedUnarchiver::unarchivedObjectOfClass<MicrophoneCalibrationRecord>(
+        KeyedArchiver::archivedDataWithRootObject(*record));
+    ASSERT_TRUE(decoded.has_value()) << decoded.error().localizedDescription;
+    EXPECT_TRUE(*decoded == *record);
+    EXPECT_EQ(decoded->name(), "Lab mic");
+    EXPECT_EQ(decoded->serialNumber(), "7104393");
+    EXPECT_EQ(decoded->sensitivity(), -36.2);
+    EXPECT_EQ(decoded->sensitivityUnits(), MicrophoneSensitivityUnit::dBVPerMicrobar);
+    ASSERT_TRUE(decoded->magnitudeSpline() && decoded->phaseSpline());
+    EXPECT_EQ(decoded->magnitudeSpline()->y(), record->magnitudeSpline()->y());
+    EXPECT_EQ(decoded->phaseSpline()->y(), record->phaseSpline()->y());
 
-    // Absent values: empty name, no serial number, no splines, the default sensitivity, and a fresh identity.
+    // Absent values: no serial number, no splines, and a fresh identity each time.
     const MicrophoneCalibrationRecord bare = decode("");
-    EXPECT_EQ(bare.name(), "");
-    EXPECT_FALSE(bare.serialNumber().has_value());
-    EXPECT_FALSE(bare.magnitudeSpline());
-    EXPECT_FALSE(bare.phaseSpline());
-    EXPECT_EQ(bare.sensitivity(), MicrophoneCalibrationRecord::kDefaultSensitivity);
-    EXPECT_EQ(bare.sensitivityUnits(), MicrophoneCalibrationRecord::kDefaultSensitivityUnits);
+    EXPECT_FALSE(bare.serialNumber() || bare.magnitudeSpline() || bare.phaseSpline());
     EXPECT_TRUE(isUUIDString(bare.uuidString()));
     EXPECT_FALSE(decode("") == bare);
 
