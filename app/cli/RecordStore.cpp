@@ -77,18 +77,26 @@ namespace {
 struct StoredRecord {
     static constexpr std::string_view className = VELTMeasurementRecord::className;
     static constexpr std::string_view kLoopbackReferenceKey = "tavolarLoopbackReference";
+    static constexpr std::string_view kHiddenKey = "tavolarHidden";
 
     std::shared_ptr<VELTMeasurementRecord> record;
     nlohmann::json loopbackReference;
+    bool hidden = false;
 
     void encodeWithCoder(KeyedArchiver& coder) const {
         record->encodeWithCoder(coder);
         if (loopbackReference.is_object())
             coder.encodeDictionary(loopbackReference, kLoopbackReferenceKey);
+        if (hidden)
+            coder.encodeBool(true, kHiddenKey);
     }
     static StoredRecord initWithCoder(KeyedUnarchiver& coder) {
         StoredRecord stored{
             std::make_shared<VELTMeasurementRecord>(VELTMeasurementRecord::initWithCoder(coder)), nullptr};
+        // Absent means shown; a value that is no flag (only a damaged archive holds one) is left out
+        // like a malformed reference, rather than costing the record.
+        if (coder.classNameForKey(kHiddenKey) == "Number")
+            stored.hidden = coder.decodeBool(kHiddenKey);
         if (auto reference = coder.decodeDictionary(kLoopbackReferenceKey);
             reference && isWellFormed(*reference))
             stored.loopbackReference = std::move(*reference);
@@ -207,6 +215,10 @@ Expected<std::shared_ptr<VELTMeasurementRecord>> RecordStore::load(std::size_t i
     std::shared_ptr<VELTMeasurementRecord> record = std::move(decoded->record);
     if (decoded->loopbackReference.is_object())
         loopbackReferences_[summary.uuid] = std::move(decoded->loopbackReference);
+    if (decoded->hidden)
+        hidden_.insert(summary.uuid);
+    else
+        hidden_.erase(summary.uuid);
     // The document's table of impulse responses is the record's impulse cache; a response kept in
     // the archive itself (older documents) moves into the cache and is replaced by the table's.
     record->setImpulseCache(cache_);
@@ -247,8 +259,8 @@ Expected<void> RecordStore::save(std::span<const std::shared_ptr<VELTMeasurement
             // the record itself is left as it was given, so that it still archives whole elsewhere.
             const bool savedImpulse = !record->dontSaveImpulse();
             record->setDontSaveImpulse(true);
-            std::vector<std::byte> archive =
-                KeyedArchiver::archivedDataWithRootObject(StoredRecord{record, loopbackReference(uuid)});
+            std::vector<std::byte> archive = KeyedArchiver::archivedDataWithRootObject(
+                StoredRecord{record, loopbackReference(uuid), isHidden(uuid)});
             record->setDontSaveImpulse(!savedImpulse);
             RecordMetadata metadata{record->comment().value_or(""), record->date()};
             if (auto stored = document_->putRecord(uuid, archive, metadata); !stored)
@@ -311,6 +323,13 @@ nlohmann::json RecordStore::loopbackReference(const std::string& uuid) const {
 
 void RecordStore::setLoopbackReference(const std::string& uuid, nlohmann::json reference) {
     loopbackReferences_[uuid] = std::move(reference);
+}
+
+void RecordStore::setHidden(const std::string& uuid, bool hidden) {
+    if (hidden)
+        hidden_.insert(uuid);
+    else
+        hidden_.erase(uuid);
 }
 
 std::string RecordStore::displayName(const VELTMeasurementRecord& record) {

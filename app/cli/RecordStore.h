@@ -17,6 +17,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -86,6 +87,12 @@ public:
     nlohmann::json loopbackReference(const std::string& uuid) const;
     void setLoopbackReference(const std::string& uuid, nlohmann::json reference);
 
+    // Whether graphs leave a record out. It is kept in the record's archive like the loop-back
+    // reference, written only for a hidden record, so that every record without it is shown and a
+    // command that rewrites the record keeps it. Known for records loaded or given one here.
+    bool isHidden(const std::string& uuid) const { return hidden_.contains(uuid); }
+    void setHidden(const std::string& uuid, bool hidden);
+
     // The name a record is shown under: its comment, or "Untitled".
     static std::string displayName(const VELTMeasurementRecord& record);
 
@@ -97,6 +104,7 @@ private:
     std::shared_ptr<MemoryImpulseCache> cache_;
     std::vector<RecordSummary> summaries_;
     mutable std::map<std::string, nlohmann::json, std::less<>> loopbackReferences_; // by UUID
+    mutable std::set<std::string, std::less<>> hidden_;                             // UUIDs
 };
 
 // Gives a new record its analysis defaults: a window from 2 ms before the impulse's peak to 500 ms

@@ -1,7 +1,5 @@
 #include "RecordTableModel.h"
 
-#include "platform/KeyedArchiver.h"
-
 #include <QDateTime>
 #include <QUndoCommand>
 #include <algorithm>
@@ -10,33 +8,6 @@
 namespace tavolar::desktop {
 
 namespace {
-
-// A record's archive as the command line writes it (the record's values, then its loop-back
-// reference), with one more key for a record that graphs leave out. A record without the key is
-// shown, so records from other hosts all appear. Records' own values are read by the record store;
-// this reads the one key.
-constexpr std::string_view kHiddenKey = "tavolarHidden";
-constexpr std::string_view kLoopbackReferenceKey = "tavolarLoopbackReference";
-
-struct DesktopRecordArchive {
-    static constexpr std::string_view className = VELTMeasurementRecord::className;
-    const VELTMeasurementRecord* record = nullptr;
-    nlohmann::json loopbackReference;
-    bool hidden = false;
-
-    void encodeWithCoder(KeyedArchiver& coder) const {
-        record->encodeWithCoder(coder);
-        if (loopbackReference.is_object())
-            coder.encodeDictionary(loopbackReference, kLoopbackReferenceKey);
-        if (hidden)
-            coder.encodeBool(true, kHiddenKey);
-    }
-    static DesktopRecordArchive initWithCoder(KeyedUnarchiver& coder) {
-        DesktopRecordArchive archive;
-        archive.hidden = coder.containsValueForKey(kHiddenKey) && coder.decodeBool(kHiddenKey);
-        return archive;
-    }
-};
 
 QColor qColor(const std::optional<ArchivedColor>& color) {
     const ArchivedColor value = color.value_or(ArchivedColor{});
@@ -111,13 +82,7 @@ Expected<std::unique_ptr<RecordTableModel>> RecordTableModel::open(const std::fi
         auto record = model->store_.load(index);
         if (!record)
             return std::unexpected(record.error());
-        const std::string uuid = (*record)->impulseUUID();
         model->records_.push_back(*record);
-        auto archive = model->store_.document().recordArchive(uuid);
-        if (archive && *archive)
-            if (auto flags = KeyedUnarchiver::unarchivedObjectOfClass<DesktopRecordArchive>(**archive);
-                flags && flags->hidden)
-                model->hidden_.insert(uuid);
     }
     return model;
 }
@@ -133,7 +98,7 @@ RecordArray RecordTableModel::visibleRecords() const {
 }
 
 bool RecordTableModel::isVisible(const VELTMeasurementRecord& record) const {
-    return !hidden_.contains(record.impulseUUID());
+    return !store_.isHidden(record.impulseUUID());
 }
 
 int RecordTableModel::rowCount(const QModelIndex& parent) const {
@@ -254,10 +219,7 @@ void RecordTableModel::applyField(const std::string& uuid, Column column, const 
         record->setPlotColor(archivedColor(value.value<QColor>()));
         break;
     case Visible:
-        if (value.toBool())
-            hidden_.erase(uuid);
-        else
-            hidden_.insert(uuid);
+        store_.setHidden(uuid, !value.toBool());
         break;
     case Notes:
         record->setNotes(value.toString().toStdString());
@@ -346,33 +308,14 @@ int RecordTableModel::rowOf(const std::string& uuid) const {
 
 void RecordTableModel::save(const std::vector<std::shared_ptr<VELTMeasurementRecord>>& records,
                             bool withImpulses) {
-    MeasurementDocument& document = store_.document();
-    auto written = document.performBatch([&]() -> Expected<void> {
-        for (const auto& record : records) {
-            const std::string uuid = record->impulseUUID();
-            if (withImpulses) {
-                auto impulse = record->cachedImpulseResponse();
-                if (!impulse)
-                    impulse = record->impulseResponse();
-                if (!impulse)
-                    return makeUnexpected("The record " + uuid + " has no impulse response to store.");
-                if (auto stored = document.putImpulseResponse(uuid, impulse->span(), record->sampleRate());
-                    !stored)
-                    return stored;
-            }
-            // The impulse response lives in the document's own table, not in the record's archive.
-            record->setDontSaveImpulse(true);
-            const std::vector<std::byte> archive = KeyedArchiver::archivedDataWithRootObject(
-                DesktopRecordArchive{record.get(), store_.loopbackReference(uuid), hidden_.contains(uuid)});
-            if (auto stored =
-                    document.putRecord(uuid, archive, {record->comment().value_or(""), record->date()});
-                !stored)
-                return stored;
-        }
-        return {};
-    });
-    if (!written)
-        reportError(cli::documentError(path(), written.error()));
+    // The record store writes records as the command line does, so that each keeps what the other
+    // writes (the visibility, the loop-back reference) whichever changes it next.
+    std::vector<std::string> impulses;
+    if (withImpulses)
+        for (const auto& record : records)
+            impulses.push_back(record->impulseUUID());
+    if (auto written = store_.save(records, impulses); !written)
+        reportError(written.error());
 }
 
 void RecordTableModel::reportError(const TavolarError& error) {

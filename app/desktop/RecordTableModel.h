@@ -13,7 +13,6 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -77,7 +76,6 @@ private:
 
     cli::RecordStore store_;
     std::vector<std::shared_ptr<VELTMeasurementRecord>> records_;
-    std::set<std::string> hidden_; // UUIDs of the records that graphs leave out
     QUndoStack undoStack_;
 };
 

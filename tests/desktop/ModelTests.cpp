@@ -51,6 +51,15 @@ TEST(RecordTableModel, EditsAreSavedAsMadeAndUndoneAndRedoneInTheDocument) {
     // The hidden record is left out of the graphs, in this session and the next.
     EXPECT_EQ(model->visibleRecords().size(), 1u);
     EXPECT_EQ(reopened(path)->visibleRecords().size(), 1u);
+    // The command line rewrites the record through the record store and keeps it hidden.
+    {
+        auto store = cli::RecordStore::open(path, cli::RecordStore::Mode::ReadWrite);
+        auto record = store->load(1);
+        ASSERT_TRUE(record);
+        (*record)->setNotes("edited elsewhere");
+        ASSERT_TRUE(store->save(std::vector{*record}, {}));
+    }
+    EXPECT_EQ(reopened(path)->visibleRecords().size(), 1u);
     // An edit to the value a record already has is no step.
     const int steps = model->undoStack().count();
     model->setData(model->index(0, RecordTableModel::Name), QString("Record 1"), Qt::EditRole);
