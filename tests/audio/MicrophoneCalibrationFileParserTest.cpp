@@ -6,11 +6,7 @@
 #include "platform/Logging.h"
 
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <gtest/gtest.h>
-#include <iterator>
 #include <random>
 
 namespace tavolar {
@@ -37,15 +33,6 @@ std::vector<std::byte> wide(std::string_view text, int unitSize, bool bigEndian,
     for (unsigned char c : text)
         append(c);
     return result;
-}
-
-std::vector<std::byte> testFile(std::string_view name) {
-    const char* root = std::getenv("TAVOLAR_TEST_DATA");
-    EXPECT_NE(root, nullptr) << "TAVOLAR_TEST_DATA is not set";
-    const std::filesystem::path path = std::filesystem::path(root ? root : ".") / "calibration" / name;
-    std::ifstream file(path, std::ios::binary);
-    EXPECT_TRUE(file.good()) << path;
-    return bytes(std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()));
 }
 
 std::vector<float> components(const VELTRealVector& vector) {
@@ -137,32 +124,6 @@ TEST(MicrophoneCalibrationFileParser, BinaryDataIsRefused) {
     }
 }
 
-TEST(MicrophoneCalibrationFileParser, RealFilesOfTheUsualShapes) {
-    // A lab certificate: quoted sensitivity, heading, tabs, CRLF, 31 third-octave points.
-    const Parsed lab = parse(testFile("lab-tab-crlf.txt"));
-    ASSERT_TRUE(lab.success);
-    ASSERT_EQ(lab.frequency.size(), 31u);
-    EXPECT_EQ(lab.frequency[2], 31.5f);
-    EXPECT_EQ(lab.frequency.back(), 20000.0f);
-    EXPECT_EQ(lab.phase.front(), 1.8f);
-
-    // Latin-1 with degree signs and a trailing German comment line, space-aligned columns.
-    const Parsed latin1 = parse(testFile("latin1-degrees.txt"));
-    ASSERT_TRUE(latin1.success);
-    EXPECT_EQ(latin1.frequency,
-              (std::vector<float>{20, 40, 80, 160, 315, 630, 1250, 2500, 5000, 10000, 20000}));
-    EXPECT_EQ(latin1.phase.back(), -131.5f);
-    auto detected = stringWithDetectedEncoding(testFile("latin1-degrees.txt"));
-    ASSERT_TRUE(detected.has_value());
-    EXPECT_NE(detected->text.find("Phase [\u00B0]"), std::string::npos);
-
-    // UTF-16 with a mark, commas, magnitude only.
-    const Parsed utf16 = parse(testFile("utf16-comma.txt"));
-    ASSERT_TRUE(utf16.success);
-    EXPECT_EQ(utf16.frequency, (std::vector<float>{20, 63, 200, 630, 2000, 6300, 20000}));
-    EXPECT_EQ(utf16.phase, std::vector<float>(7, 0.0f));
-}
-
 TEST(TextEncodingDetection, ValidatesUTF8Strictly) {
     EXPECT_TRUE(isValidUTF8(bytes("plain ASCII")));
     EXPECT_TRUE(isValidUTF8(bytes("\xC2\xB0 \xE2\x80\x93 \xF0\x9F\x8E\xA4")));
@@ -219,48 +180,43 @@ TEST(NumberScanner, ScansLikeThePlatformScanner) {
 TEST(CalibrationFileCheck, ColumnsMakeACurveOrTheFileIsRefused) {
     struct Case {
         std::string_view text;
-        std::vector<float> frequency, magnitude, phase; // empty: refused
-        std::string_view message;                       // in the log, or the refusal's suggestion
+        std::string_view message; // in the log, or the refusal's suggestion; none logged when empty
+        std::vector<float> frequency = {}, magnitude = {}, phase = {}; // no frequencies: refused
     };
     const Case cases[] = {
         {"100 1\n50 2\n70 3 9\n",
+         "WARNING: The calibration file's frequencies are not in increasing order (50 Hz on line 2 follows "
+         "100 Hz on line 1); its 3 points were sorted by frequency.",
          {50, 70, 100},
          {2, 3, 1},
-         {0, 9, 0},
-         "WARNING: The calibration file's frequencies are not in increasing order (50 Hz on line 2 follows "
-         "100 Hz on line 1); its 3 points were sorted by frequency."},
-        {"20 -1\n1000 0\n1000 0.5\n", {}, {}, {}, "Lines 2 and 3 both give the frequency 1000 Hz."},
-        {"1000 0\n20 1\n1000 2\n", {}, {}, {}, "Lines 1 and 3 both give the frequency 1000 Hz."},
-        {"20 0\n20.0005 1\n", {}, {}, {}, "Lines 1 and 2 give the frequencies 20 Hz and 20.0005 Hz, less"},
+         {0, 9, 0}},
+        {"20 -1\n1000 0\n1000 0.5\n", "Lines 2 and 3 both give the frequency 1000 Hz."},
+        {"1000 0\n20 1\n1000 2\n", "Lines 1 and 3 both give the frequency 1000 Hz."},
+        {"20 0\n20.0005 1\n", "Lines 1 and 2 give the frequencies 20 Hz and 20.0005 Hz, less"},
         {"20 -1\n1000 1e39\n",
-         {},
-         {},
-         {},
-         "Line 2 gives the magnitude 1e39 dB; calibration files give it "
-         "within ±200 dB."},
-        {"1e400 0\n", {}, {}, {}, "Line 1 gives the frequency 1e400 Hz; calibration files give it from 0 Hz"},
-        {"30 1.2\n3e21 2\n", {}, {}, {}, "Line 2 gives the frequency 3e21 Hz;"},
-        {"20 0 -4e38\n", {}, {}, {}, "Line 1 gives the phase -4e38°;"},
-        {"* Hz dB\n-20 1\n", {}, {}, {}, "Line 2 gives the frequency -20 Hz;"},
-        {"10\t-2,5\t0\n20\t-1,25\t0,5\n", {10, 20}, {-2.5f, -1.25f}, {0, 0.5f}, ""},
-        {"Freq;dB;Phase\r\n20;-1,5;0\r\n1000;0;12,5\r\n", {20, 1000}, {-1.5f, 0}, {0, 12.5f}, ""},
-        {"20 -1,5\n1000 0,25\n", {20, 1000}, {-1.5f, 0.25f}, {0, 0}, ""},
-        {"20,5\n30,6\n", {20, 30}, {5, 6}, {0, 0}, ""},
-        {"20,-1.5,0\n25,-1,0\n", {20, 25}, {-1.5f, -1}, {0, 0}, ""},
+         "Line 2 gives the magnitude 1e39 dB; calibration files give it within ±200 dB."},
+        {"1e400 0\n", "Line 1 gives the frequency 1e400 Hz; calibration files give it from 0 Hz"},
+        {"30 1.2\n3e21 2\n", "Line 2 gives the frequency 3e21 Hz;"},
+        {"20 0 -4e38\n", "Line 1 gives the phase -4e38°;"},
+        {"* Hz dB\n-20 1\n", "Line 2 gives the frequency -20 Hz;"},
+        {"10\t-2,5\t0\n20\t-1,25\t0,5\n", "", {10, 20}, {-2.5f, -1.25f}, {0, 0.5f}},
+        {"Freq;dB;Phase\r\n20;-1,5;0\r\n1000;0;12,5\r\n", "", {20, 1000}, {-1.5f, 0}, {0, 12.5f}},
+        {"20 -1,5\n1000 0,25\n", "", {20, 1000}, {-1.5f, 0.25f}, {0, 0}},
+        {"20,5\n30,6\n", "", {20, 30}, {5, 6}, {0, 0}},
+        {"20,-1.5,0\n25,-1,0\n", "", {20, 25}, {-1.5f, -1}, {0, 0}},
         {"20 -1\n30 -2\n1000\n40 -3\n50 -4\n",
+         "WARNING: Line 3 holds a frequency without a magnitude, and the data ends there; 2 lines of data "
+         "after it are not read.",
          {20, 30},
          {-1, -2},
-         {0, 0},
-         "WARNING: Line 3 holds a frequency without a magnitude, and the data ends there; 2 lines of data "
-         "after it are not read."},
-        {"Calibration\n1000\n20 -1.5 0\n", {}, {}, {}, "Line 2 holds a frequency without a magnitude"},
+         {0, 0}},
+        {"Calibration\n1000\n20 -1.5 0\n", "Line 2 holds a frequency without a magnitude"},
         {"\"Sens Factor =-38.5dB, SERNO: 7000123\"\n20 -1\n1000 0\n",
+         "WARNING: Line 1 gives the microphone's sensitivity (\"Sens Factor =-38.5dB\"), which is not taken "
+         "from the file: give it with calibrate --sensitivity and --sensitivity-unit.",
          {20, 1000},
          {-1, 0},
-         {0, 0},
-         "WARNING: Line 1 gives the microphone's sensitivity (\"Sens Factor =-38.5dB\"), which is not taken "
-         "from "
-         "the file: give it with calibrate --sensitivity and --sensitivity-unit."},
+         {0, 0}},
     };
     setSystemLogEnabled(false);
     for (const Case& c : cases) {
@@ -268,7 +224,6 @@ TEST(CalibrationFileCheck, ColumnsMakeACurveOrTheFileIsRefused) {
         const auto points = checkedCalibrationFile(bytes(c.text));
         ASSERT_EQ(points.has_value(), !c.frequency.empty()) << c.text;
         if (!points) {
-            EXPECT_EQ(points.error().domain, "TavolarCalibrationParsing");
             EXPECT_NE(points.error().localizedRecoverySuggestion.find(c.message), std::string::npos)
                 << points.error().localizedRecoverySuggestion;
             continue;

