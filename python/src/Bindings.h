@@ -68,7 +68,19 @@ struct RecordHandle {
 // sweep options take them.
 cli::SweepOptions sweepOptions(const py::object& given);
 
+// Hands the engine's log lines queued so far to the logger "tavolar"; needs the GIL.
+void deliverLogLines();
+// Keeps the engine's log lines from Python while it exists: for steps whose lines are expected and
+// of no concern to the caller.
+struct MutedLog {
+    MutedLog();
+    ~MutedLog();
+    MutedLog(const MutedLog&) = delete;
+    MutedLog& operator=(const MutedLog&) = delete;
+};
+
 void addErrors(py::module_& module);
+void addLogging(py::module_& module);
 void addDocuments(py::module_& module);
 void addCurves(py::module_& module, py::class_<RecordHandle>& record);
 void addMeasuring(py::module_& module);

@@ -197,7 +197,12 @@ void Measurement::start() {
     }
     UserDefaults::standard().registerDefaults({{"ChecksRecordingLevel", true}});
     delegate_ = std::make_shared<Delegate>();
-    controller_ = VELTRZMeasurementController::make();
+    {
+        // A new controller first configures its audio controllers for default settings that name no
+        // device; the errors that logs are expected, and the real settings follow at once.
+        MutedLog muted;
+        controller_ = VELTRZMeasurementController::make();
+    }
     controller_->setDelegate(delegate_);
     controller_->setLogSweepSettings(sweep);
     controller_->setAudioCaptureSettings(settings);
@@ -223,6 +228,7 @@ std::vector<RecordHandle> Measurement::wait(std::optional<double> timeout) {
     while (!delegate_->finished()) {
         runFor(std::chrono::milliseconds(20));
         try {
+            deliverLogLines();
             deliverProgress();
             if (PyErr_CheckSignals() != 0)
                 throw py::error_already_set();
@@ -247,6 +253,7 @@ std::vector<RecordHandle> Measurement::wait(std::optional<double> timeout) {
         py::gil_scoped_release release;
         RunLoop::runOnce();
     }
+    deliverLogLines();
     deliverProgress();
     return results();
 }

@@ -116,6 +116,7 @@ PYBIND11_MODULE(_native, module) {
     namespace python = tavolar::python;
     module.doc() = "The engine of the tavolar package: documents, records, curves, measuring and plots.";
     python::addErrors(module);
+    python::addLogging(module);
     python::addDocuments(module);
     python::addMeasuring(module);
     python::addPlots(module);

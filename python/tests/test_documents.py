@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import logging
 from pathlib import Path
 from typing import Any, Callable, List, Union
 
@@ -126,7 +127,8 @@ def test_impulse_responses_become_records(cli: Callable[..., Any], tmp_path: Pat
 
 
 def test_calibrations_attach_as_calibrate_attaches_them(cli: Callable[..., Any], document: Path,
-                                                        tmp_path: Path) -> None:
+                                                        tmp_path: Path, caplog: pytest.LogCaptureFixture) -> None:
+    caplog.set_level(logging.INFO, logger="tavolar")
     file = tmp_path / "mic-7.txt"
     file.write_text("10 -3.0 0\n1000 -3.0 0\n24000 -3.0 0\n")
     (tmp_path / "broken.txt").write_text("this is no calibration\n")
@@ -139,6 +141,9 @@ def test_calibrations_attach_as_calibrate_attaches_them(cli: Callable[..., Any],
         with pytest.raises(tavolar.CalibrationError, match="broken.txt") as broken:
             record.calibrate(file=tmp_path / "broken.txt")
         assert broken.value.suggestion
+        # The parser's own account of the failure reaches Python's logging.
+        logged = [line.message for line in caplog.records if line.name == "tavolar"]
+        assert logged == ["ERROR: No calibration data read"]
         record.calibrate(file=file, sensitivity=-38.0, sensitivity_unit="dBV/uBar")
         # The calibration's -3 dB is taken out of the response within the calibrated band.
         calibrated = record.frequency_response(smoothing=None).magnitude
