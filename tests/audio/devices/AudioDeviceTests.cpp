@@ -7,7 +7,6 @@
 #include "audio/devices/VELTAudioIOUnit.h"
 #include "audio/devices/VELTAudioNotificationQueueWorker.h"
 #include "audio/devices/VELTExtendedAudioFile.h"
-#include "audio/devices/simulated/SimulatedDeviceConfiguration.h"
 #include "platform/UUID.h"
 
 #include <atomic>
@@ -32,23 +31,6 @@ TEST(VELTAudioHardware, SimulatedDevicesArePresentAndUnknownOnesAreNot) {
     EXPECT_EQ(builtIn.sampleRateForDirection(0), 48000.0);
     EXPECT_EQ(builtIn.channelCountForDirection(1), 2u);
     EXPECT_NE(VELTAudioHardware::deviceIDForDeviceUID("sim:default"), kAudioDeviceUnknown);
-
-    SimulatedDeviceConfiguration configuration;
-    configuration.name = "registered-test";
-    configuration.sampleRate = 44100;
-    configuration.inputChannels = 6;
-    configuration.inputLatencies = {0, 0, 0, 0, 0, 31};
-    VELTAudioHardware::registerSimulatedDevice(configuration);
-    VELTAudioDevice registered("sim:registered-test");
-    EXPECT_EQ(registered.sampleRateForDirection(1), 44100.0);
-    EXPECT_EQ(registered.channelCountForDirection(1), 6u);
-    EXPECT_EQ(registered.recordingStreamLatencyForChannel(5), 31u);
-    EXPECT_EQ(registered.recordingStreamLatencyForChannel(6), 0u);
-    bool listed = false;
-    for (const VELTAudioDevice& device : VELTAudioHardware::devices())
-        listed |= device.deviceUID() == "sim:registered-test";
-    EXPECT_TRUE(listed);
-    VELTAudioHardware::removeSimulatedDevice("registered-test");
 
     // Parameters are part of the identity and configure the device.
     VELTAudioDevice parameterised("sim:default?latency=5,12&rate=96000");

@@ -9,6 +9,8 @@
 #include "platform/RunLoop.h"
 #include "platform/UserDefaults.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <complex>
 #include <fmt/format.h>
@@ -20,7 +22,8 @@
 namespace tavolar {
 namespace {
 
-// Records the delegate's calls in order, with the thread each ran on.
+// Records the delegate's calls in order, and whether one came off the main thread, which every stage but
+// the end of playback must reach.
 class RecordingDelegate : public VELTRZMeasurementControllerDelegate {
 public:
     void measurementControllerDidBeginPlayback(VELTRZMeasurementController&) override {
@@ -35,40 +38,29 @@ public:
         note(fmt::format("progress {}/{}", progress.at("current"), progress.at("total")));
     }
     void measurementControllerDidEndConvolution(VELTRZMeasurementController& controller) override {
-        note("endConvolution");
-        std::lock_guard lock(mutex);
         resultsAtEnd = controller.measurementArray().size();
-        ended = true;
+        note("endConvolution");
     }
-    void measurementControllerDidAbort(VELTRZMeasurementController&) override {
-        note("abort");
-        std::lock_guard lock(mutex);
-        aborted = true;
-    }
+    void measurementControllerDidAbort(VELTRZMeasurementController&) override { note("abort"); }
 
     std::vector<std::string> calls() {
-        std::lock_guard lock(mutex);
+        std::lock_guard lock(mutex_);
         return calls_;
     }
-    bool offMainThread() {
-        std::lock_guard lock(mutex);
-        return offMain_;
-    }
+    std::ptrdiff_t count(std::string_view call) { return std::ranges::count(calls(), call); }
 
-    std::mutex mutex;
-    bool ended = false, aborted = false;
-    std::size_t resultsAtEnd = 0;
+    std::atomic<std::size_t> resultsAtEnd = 0;
+    std::atomic<bool> offMainThread = false;
 
 private:
     void note(std::string call) {
-        std::lock_guard lock(mutex);
-        // Every stage but the end of playback reaches the delegate on the main thread.
         if (!isMainThread() && call != "endPlayback")
-            offMain_ = true;
+            offMainThread = true;
+        std::lock_guard lock(mutex_);
         calls_.push_back(std::move(call));
     }
+    std::mutex mutex_;
     std::vector<std::string> calls_;
-    bool offMain_ = false;
 };
 
 VELTLogSweepSettings shortSweep() {
@@ -105,17 +97,10 @@ struct MeasurementRun {
         controller->setSynchronousAverages(averages);
     }
     bool measureToEnd() {
-        {
-            std::lock_guard lock(delegate->mutex);
-            delegate->ended = false;
-        }
+        const auto ended = delegate->count("endConvolution");
         controller->measure();
-        return RunLoop::runUntil(
-            [&] {
-                std::lock_guard lock(delegate->mutex);
-                return delegate->ended;
-            },
-            std::chrono::seconds(60));
+        return RunLoop::runUntil([&] { return delegate->count("endConvolution") > ended; },
+                                 std::chrono::seconds(60));
     }
 };
 
@@ -145,7 +130,7 @@ TEST(VELTRZMeasurementController, AveragedMeasurementReproducesTheDeviceUnderTes
                                             "endPlayback",   "beginConvolution", "progress 0/2",
                                             "progress 1/2",  "progress 2/2",     "endConvolution"};
     EXPECT_EQ(run.delegate->calls(), expected);
-    EXPECT_FALSE(run.delegate->offMainThread());
+    EXPECT_FALSE(run.delegate->offMainThread);
     EXPECT_EQ(run.delegate->resultsAtEnd, 2u) << "results are stored before the end is told";
     EXPECT_EQ(run.controller->averagingArray()->size(), 3u);
 
@@ -205,8 +190,7 @@ TEST(VELTRZMeasurementController, LevelChecksStopProcessingUnlessBypassed) {
         ASSERT_TRUE(quiet.controller->error());
         EXPECT_EQ(quiet.controller->error()->localizedDescription, "The Recording is Too Quiet");
         EXPECT_TRUE(quiet.controller->measurementArray().empty());
-        auto calls = quiet.delegate->calls();
-        EXPECT_EQ(std::count(calls.begin(), calls.end(), "beginConvolution"), 0);
+        EXPECT_EQ(quiet.delegate->count("beginConvolution"), 0);
 
         // Holding Shift skips the check.
         VELTRZMeasurementController::setModifierFlagsProvider([] { return std::uint64_t(1) << 17; });
@@ -255,17 +239,11 @@ TEST(VELTRZMeasurementController, AbortStopsWithoutProcessing) {
     run.controller->measure();
     RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(200));
     run.controller->abortMeasurement();
-    EXPECT_TRUE(RunLoop::runUntil(
-        [&] {
-            std::lock_guard lock(run.delegate->mutex);
-            return run.delegate->aborted;
-        },
-        std::chrono::seconds(5)));
+    EXPECT_TRUE(RunLoop::runUntil([&] { return run.delegate->count("abort") > 0; }, std::chrono::seconds(5)));
     ASSERT_TRUE(run.controller->error());
     EXPECT_EQ(run.controller->error()->localizedDescription, "Measurement Aborted");
     RunLoop::runUntil([] { return false; }, std::chrono::milliseconds(300));
-    auto calls = run.delegate->calls();
-    EXPECT_EQ(calls, (std::vector<std::string>{"beginPlayback", "abort"}));
+    EXPECT_EQ(run.delegate->calls(), (std::vector<std::string>{"beginPlayback", "abort"}));
 }
 
 } // namespace
