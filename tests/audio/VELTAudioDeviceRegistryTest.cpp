@@ -95,16 +95,17 @@ TEST(VELTAudioDeviceRegistry, ADeviceThatIsGoneIsNotAnsweredAndIsLookedUpAfresh)
 
 // The back end registers devices while holding its own lock, and its lookup takes that lock. Were
 // the lookup or a presence check called under the registry's lock, the two threads below would
-// deadlock; a watchdog ends the test program instead of letting it hang.
+// deadlock; the test program then ends after a while instead of hanging.
 TEST(VELTAudioDeviceRegistry, LookupsAndRegistrationsUnderTheBackEndsLockDoNotDeadlock) {
     VELTAudioDeviceRegistry registry;
     std::mutex backEndMutex;
+    const auto present = [&] {
+        std::lock_guard presence(backEndMutex);
+        return true;
+    };
     registry.setDeviceLookup([&](std::string_view uid) {
         std::lock_guard lock(backEndMutex);
-        registry.registerDevice(describe(std::string(uid), 48000.0), [&] {
-            std::lock_guard presence(backEndMutex);
-            return true;
-        });
+        registry.registerDevice(describe(std::string(uid), 48000.0), present);
         // A device nobody else registers is never found: every lookup of it misses again. The
         // back end's own device is left alone, or a lookup that ran after the back end's last
         // registration would take it away.
@@ -112,23 +113,10 @@ TEST(VELTAudioDeviceRegistry, LookupsAndRegistrationsUnderTheBackEndsLockDoNotDe
             registry.unregisterDevice(uid);
     });
 
-    std::atomic<bool> done{false};
-    std::thread watchdog([&] {
-        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (!done.load() && std::chrono::steady_clock::now() < limit)
-            std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        if (!done.load()) {
-            std::fprintf(stderr, "Deadlock between the registry's lock and the back end's lock\n");
-            std::_Exit(1);
-        }
-    });
     auto backEnd = std::async(std::launch::async, [&] {
         for (int index = 0; index < 2000; ++index) {
             std::lock_guard lock(backEndMutex);
-            registry.registerDevice(describe("sim:present", 48000.0), [&] {
-                std::lock_guard presence(backEndMutex);
-                return true;
-            });
+            registry.registerDevice(describe("sim:present", 48000.0), present);
         }
     });
     auto reader = std::async(std::launch::async, [&] {
@@ -137,10 +125,12 @@ TEST(VELTAudioDeviceRegistry, LookupsAndRegistrationsUnderTheBackEndsLockDoNotDe
             registry.deviceWithUID("sim:present");
         }
     });
-    backEnd.get();
-    reader.get();
-    done = true;
-    watchdog.join();
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    if (backEnd.wait_until(limit) != std::future_status::ready ||
+        reader.wait_until(limit) != std::future_status::ready) {
+        std::fprintf(stderr, "Deadlock between the registry's lock and the back end's lock\n");
+        std::_Exit(1);
+    }
     EXPECT_TRUE(registry.deviceWithUID("sim:present"));
 }
 

@@ -66,15 +66,9 @@ TEST(LockFreeRingBuffer, RegionsSplitAtTheWrapAndAConcurrentStreamArrivesIntact)
 }
 
 TEST(AudioDeviceUID, ParsesSchemesNamesAndRoutingAndRejectsMalformedText) {
-    auto plain = AudioDeviceUID::parse("jack");
-    ASSERT_TRUE(plain);
-    EXPECT_EQ(plain->scheme, "jack");
-    EXPECT_EQ(plain->name, "default");
-    EXPECT_EQ(plain->canonicalString(), "jack:default");
-
+    EXPECT_EQ(AudioDeviceUID::parse("jack").value().canonicalString(), "jack:default");
     auto routed = AudioDeviceUID::parse("jack:studio?out0=jconv:In-1&in3=jconv:Out%261");
     ASSERT_TRUE(routed);
-    EXPECT_EQ(routed->name, "studio");
     EXPECT_EQ(routed->parameter("out0"), "jconv:In-1");
     EXPECT_EQ(routed->parameter("in3"), "jconv:Out&1");
     EXPECT_FALSE(routed->parameter("in0"));
