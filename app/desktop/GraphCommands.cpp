@@ -3,7 +3,7 @@
 namespace tavolar::desktop {
 
 SetGraphValueCommand::SetGraphValueCommand(GraphModel& graph, std::string keyPath, double value)
-    : QUndoCommand(GraphModel::undoActionName(keyPath)), graph_(graph), keyPath_(std::move(keyPath)),
+    : QUndoCommand(graph.undoActionName(keyPath)), graph_(graph), keyPath_(std::move(keyPath)),
       old_(graph.value(keyPath_)), new_(value) {}
 
 void SetGraphValueCommand::redo() {

@@ -3,7 +3,17 @@
 #include "GraphRenderer.h"
 #include "graphing/VELTUnitFormatter.h"
 #include "graphs/FrequencyGraphPlots.h"
+#include "graphs/TavolarBandLevelGraph.h"
+#include "graphs/TavolarEnergyTimeCurveGraph.h"
+#include "graphs/TavolarExcessPhaseGraph.h"
+#include "graphs/TavolarGroupDelayGraph.h"
+#include "graphs/TavolarHarmonicDistortionGraph.h"
+#include "graphs/TavolarImpulseResponseGraph.h"
 #include "graphs/TavolarMagnitudeResponseGraph.h"
+#include "graphs/TavolarMinimumPhaseGraph.h"
+#include "graphs/TavolarSPLGraph.h"
+#include "graphs/TavolarSpectrogramGraph.h"
+#include "graphs/TavolarWaterfallGraph.h"
 #include "platform/DispatchQueue.h"
 
 #include <algorithm>
@@ -19,15 +29,53 @@ constexpr double kSmallestDecibelSpan = 1.0;
 // The narrowest ranges otherwise, relative to their size, so that an axis always has room for a tick.
 constexpr double kSmallestRelativeSpan = 1e-3;
 
+constexpr int kLargestSmoothingDenominator = 48;
+
+// The pictures' names of the combinations and phase references, in the order of the graph models'
+// values.
 const std::vector<std::string_view> kCombinations{"none", "average", "difference", "sum", "rms-average"};
+const std::vector<std::string_view> kPhaseReferences{"window", "zero", "peak"};
+
+std::shared_ptr<TavolarGraph> makeGraph(std::string_view name) {
+    if (name == "magnitude")
+        return std::make_shared<TavolarMagnitudeResponseGraph>();
+    if (name == "spl")
+        return std::make_shared<TavolarSPLGraph>();
+    if (name == "phase")
+        return std::make_shared<TavolarPhaseGraph>();
+    if (name == "minimum-phase")
+        return std::make_shared<TavolarMinimumPhaseGraph>();
+    if (name == "excess-phase")
+        return std::make_shared<TavolarExcessPhaseGraph>();
+    if (name == "group-delay")
+        return std::make_shared<TavolarGroupDelayGraph>();
+    if (name == "impulse")
+        return std::make_shared<TavolarImpulseResponseGraph>();
+    if (name == "etc")
+        return std::make_shared<TavolarEnergyTimeCurveGraph>();
+    if (name == "distortion")
+        return std::make_shared<TavolarHarmonicDistortionGraph>();
+    if (name == "waterfall")
+        return std::make_shared<TavolarWaterfallGraph>();
+    if (name == "spectrogram")
+        return std::make_shared<TavolarSpectrogramGraph>();
+    if (name == "octave-bands" || name == "third-octave-bands") {
+        auto graph = std::make_shared<TavolarBandLevelGraph>();
+        graph->setNumberForKeyPath("thirdOctaveBands", name == "third-octave-bands" ? 1.0 : 0.0);
+        return graph;
+    }
+    return std::make_shared<TavolarGraph>();
+}
+
+std::size_t indexWithin(double value, std::size_t count) {
+    return static_cast<std::size_t>(
+        std::clamp<long long>(std::llround(value), 0, static_cast<long long>(count) - 1));
+}
 
 } // namespace
 
-GraphModel::GraphModel(std::string name, QObject* parent) : QObject(parent), name_(std::move(name)) {
-    // Smoothed graphs start at 1/12 octave.
-    if (takesSmoothing())
-        smoothing_ = 12;
-}
+GraphModel::GraphModel(std::string name, QObject* parent)
+    : QObject(parent), name_(std::move(name)), graph_(makeGraph(name_)) {}
 
 GraphModel::~GraphModel() {
     *alive_ = false;
@@ -48,27 +96,41 @@ QString GraphModel::title() const {
 }
 
 bool GraphModel::takesSmoothing() const {
-    auto graph = frequencyGraphNamed(name_);
-    return graph && graph->smoothed;
+    return takes("smoothingFraction");
 }
 
 bool GraphModel::takesNormalization() const {
-    return name_ == "magnitude" || name_ == "spl";
+    return takes("normalize");
 }
 
 bool GraphModel::takesCombination() const {
-    return frequencyGraphNamed(name_).has_value();
+    return takes("multiSelectMode");
 }
 
-const std::vector<std::pair<std::string, QString>>& GraphModel::undoablePropertyKeyPaths() {
-    // The names are the graph models' own, which every front end shares.
-    static const std::vector<std::pair<std::string, QString>> keyPaths = [] {
-        std::vector<std::pair<std::string, QString>> names;
-        for (const auto& [keyPath, name] : TavolarMagnitudeResponseGraph().undoablePropertyKeyPaths())
-            names.emplace_back(keyPath, QString::fromStdString(name));
-        return names;
-    }();
-    return keyPaths;
+bool GraphModel::takes(std::string_view keyPath) const {
+    if (!graph_->undoablePropertyKeyPaths().contains(keyPath))
+        return false;
+    // The graph models share settings that not every picture draws (a phase graph keeps a smoothing
+    // it does not apply); the window offers those that show.
+    const auto frequency = frequencyGraphNamed(name_);
+    const bool phase = name_ == "phase" || name_ == "minimum-phase" || name_ == "excess-phase";
+    if (keyPath == "smoothingFraction")
+        return frequency && frequency->smoothed;
+    if (keyPath == "normalize")
+        return name_ == "magnitude" || name_ == "spl";
+    if (keyPath == "multiSelectMode")
+        return frequency.has_value();
+    if (keyPath == "logFrequencyScale")
+        return frequency || name_ == "distortion" || name_ == "waterfall" || name_ == "spectrogram";
+    if (keyPath == "unwrapPhase")
+        return phase;
+    if (keyPath == "phaseReference")
+        return phase || name_ == "group-delay";
+    if (keyPath == "decibels")
+        return name_ == "impulse";
+    if (keyPath == "percent")
+        return name_ == "distortion";
+    return keyPath == "extentsLocked" || keyPath.starts_with("extents.");
 }
 
 const std::vector<std::pair<int, int>>& GraphModel::smoothingKeys() {
@@ -83,100 +145,78 @@ const std::vector<std::pair<int, int>>& GraphModel::smoothingKeys() {
     return keys;
 }
 
-QString GraphModel::undoActionName(const std::string& keyPath) {
-    for (const auto& [path, name] : undoablePropertyKeyPaths())
-        if (path == keyPath)
-            return name;
-    return {};
+QString GraphModel::undoActionName(const std::string& keyPath) const {
+    const UndoActionNames names = graph_->undoablePropertyKeyPaths();
+    auto found = names.find(keyPath);
+    return found == names.end() ? QString() : QString::fromStdString(found->second);
+}
+
+int GraphModel::smoothing() const {
+    return static_cast<int>(std::lround(value("smoothingFraction")));
 }
 
 double GraphModel::value(const std::string& keyPath) const {
-    if (keyPath == "smoothingFraction")
-        return smoothing_;
-    if (keyPath == "normalize")
-        return normalize_ ? 1.0 : 0.0;
-    if (keyPath == "multiSelectMode")
-        return static_cast<double>(multiSelectMode_);
-    if (keyPath == "extentsLocked")
-        return extentsLocked_ ? 1.0 : 0.0;
-    if (keyPath == "extents.x.min")
-        return extents_.xMin;
-    if (keyPath == "extents.x.max")
-        return extents_.xMax;
-    if (keyPath == "extents.y.min")
-        return extents_.yMin;
-    if (keyPath == "extents.y.max")
-        return extents_.yMax;
-    return 0.0;
+    return takes(keyPath) ? graph_->numberForKeyPath(keyPath).value_or(0.0) : 0.0;
 }
 
 void GraphModel::setValue(const std::string& keyPath, double value) {
-    bool recompute = false;
-    if (keyPath == "smoothingFraction") {
-        smoothing_ = takesSmoothing() ? std::clamp(static_cast<int>(std::lround(value)), 0, 48) : 0;
-        recompute = true;
-    } else if (keyPath == "normalize") {
-        normalize_ = takesNormalization() && value != 0.0;
-        recompute = true;
-    } else if (keyPath == "multiSelectMode") {
-        multiSelectMode_ = takesCombination() ? std::clamp<std::int64_t>(std::llround(value), 0, 4) : 0;
-        recompute = true;
-    } else if (keyPath == "extentsLocked") {
-        extentsLocked_ = value != 0.0;
-    } else if (keyPath.starts_with("extents.")) {
-        extentsAutomatic_ = false;
-    }
-    if (keyPath == "extents.x.min") {
-        extents_.xMin = value;
-    } else if (keyPath == "extents.x.max") {
-        extents_.xMax = value;
-    } else if (keyPath == "extents.y.min") {
-        extents_.yMin = value;
-    } else if (keyPath == "extents.y.max") {
-        extents_.yMax = value;
-    } else if (!recompute && keyPath != "extentsLocked") {
+    if (!takes(keyPath))
         return;
-    }
+    if (keyPath == "smoothingFraction")
+        value = std::clamp<double>(std::lround(value), 0, kLargestSmoothingDenominator);
+    // The window's undo stack takes the step back; the graph model registers none of its own.
+    graph_->changeKeyPath(keyPath, value);
+    const bool extents = keyPath.starts_with("extents.");
+    if (extents)
+        extentsAutomatic_ = false;
     emit valueChanged(QString::fromStdString(keyPath));
-    if (recompute)
+    if (!extents && keyPath != "extentsLocked")
         reload();
     emit changed();
 }
 
 void GraphModel::setExtents(const VELTGraphExtents& extents) {
-    if (extents == extents_)
+    if (extents == graph_->extents())
         return;
-    extents_ = extents;
+    graph_->setExtents(extents);
     extentsAutomatic_ = false;
     emit changed();
 }
 
 void GraphModel::setRecords(RecordArray records) {
-    records_ = std::move(records);
+    graph_->setMeasurementRecords(std::move(records));
     reload();
 }
 
 PlotSettings GraphModel::plotSettings() const {
     PlotSettings settings;
     settings.graph = name_;
-    if (smoothing_ > 0)
-        settings.smoothing = smoothing_;
-    settings.normalize = normalize_;
-    settings.combine = std::string(kCombinations[static_cast<std::size_t>(multiSelectMode_)]);
+    if (smoothing() > 0)
+        settings.smoothing = smoothing();
+    settings.normalize = value("normalize") != 0.0;
+    settings.combine = kCombinations[indexWithin(value("multiSelectMode"), kCombinations.size())];
+    settings.linearFrequency = takes("logFrequencyScale") && value("logFrequencyScale") == 0.0;
+    if (takes("phaseReference"))
+        settings.phaseReference =
+            kPhaseReferences[indexWithin(value("phaseReference"), kPhaseReferences.size())];
+    settings.unwrapped = value("unwrapPhase") != 0.0;
+    settings.decibels = value("decibels") != 0.0;
+    settings.percent = value("percent") != 0.0;
     return settings;
 }
 
 void GraphModel::reload() {
     const std::uint64_t generation = ++generation_;
     reloading_ = true;
-    if (records_.empty()) {
+    const RecordArray& records = graph_->measurementRecords();
+    if (records.empty()) {
         receive(makeUnexpected("There are no records to show."));
         return;
     }
     // The picture is computed on the global queue and handed to the main queue; a model gone by then,
     // or a later reload, leaves it unused.
     std::weak_ptr<bool> alive = alive_;
-    DispatchQueue::global().async([this, alive, generation, records = records_, settings = plotSettings()] {
+    DispatchQueue::global().async([this, alive, generation, records, settings = plotSettings()] {
         auto picture = std::make_shared<Expected<GraphPicture>>(plotRecords(records, settings));
         DispatchQueue::main().async([this, alive, generation, picture] {
             if (auto living = alive.lock(); living && *living && generation == generation_)
@@ -187,8 +227,9 @@ void GraphModel::reload() {
 
 void GraphModel::reloadSynchronously() {
     ++generation_;
-    receive(records_.empty() ? Expected<GraphPicture>(makeUnexpected("There are no records to show."))
-                             : plotRecords(records_, plotSettings()));
+    const RecordArray& records = graph_->measurementRecords();
+    receive(records.empty() ? Expected<GraphPicture>(makeUnexpected("There are no records to show."))
+                            : plotRecords(records, plotSettings()));
 }
 
 void GraphModel::receive(Expected<GraphPicture> picture) {
@@ -198,9 +239,9 @@ void GraphModel::receive(Expected<GraphPicture> picture) {
         problem_.clear();
         // New data brings the extents that fit it, unless the user locked them; this is no undoable
         // step.
-        if (!extentsLocked_)
+        if (!extentsLocked())
             if (auto fitted = fittedExtents()) {
-                extents_ = *fitted;
+                graph_->setExtents(*fitted);
                 extentsAutomatic_ = true;
             }
     } else {
@@ -215,7 +256,7 @@ std::optional<GraphPicture> GraphModel::picture() const {
         return std::nullopt;
     GraphPicture picture = *picture_;
     if (isInteractive()) {
-        picture.plot.extents = extents_;
+        picture.plot.extents = extents();
         picture.roundedY = false;
     }
     return picture;
@@ -239,8 +280,8 @@ void GraphModel::setViewBounds(const VELTRect& bounds) {
         return;
     viewBounds_ = bounds;
     if (extentsAutomatic_)
-        if (auto fitted = fittedExtents(); fitted && *fitted != extents_) {
-            extents_ = *fitted;
+        if (auto fitted = fittedExtents(); fitted && *fitted != extents()) {
+            graph_->setExtents(*fitted);
             emit changed();
         }
 }
@@ -258,7 +299,7 @@ std::optional<VELTGraphExtents> GraphModel::fittedExtents() const {
 
 double GraphModel::highestFrequency() const {
     std::int64_t rate = 0;
-    for (const auto& record : records_)
+    for (const auto& record : graph_->measurementRecords())
         rate = std::max(rate, record->sampleRate());
     return rate > 0 ? static_cast<double>(rate) / 2.0 : 24000.0;
 }
@@ -268,14 +309,14 @@ VELTGraphExtents GraphModel::limited(const VELTGraphExtents& proposed) const {
     const bool finite = std::isfinite(proposed.xMin) && std::isfinite(proposed.xMax) &&
                         std::isfinite(proposed.yMin) && std::isfinite(proposed.yMax);
     if (!finite)
-        return extents_;
+        return extents();
     const bool frequencyAxis = picture_ && picture_->plot.xQuantity.unit == "Hz";
     if (logarithmicX()) {
         const double lowest = frequencyAxis ? kLowestFrequency : 0.0;
         const double highest = frequencyAxis ? highestFrequency() : INFINITY;
         if (!(proposed.xMin > 0.0) || !(proposed.xMax / proposed.xMin >= 1.0 + kSmallestRelativeSpan)) {
-            result.xMin = extents_.xMin;
-            result.xMax = extents_.xMax;
+            result.xMin = extents().xMin;
+            result.xMax = extents().xMax;
         } else if (frequencyAxis && proposed.xMax / proposed.xMin >= highest / lowest) {
             result.xMin = lowest;
             result.xMax = highest;
@@ -290,16 +331,16 @@ VELTGraphExtents GraphModel::limited(const VELTGraphExtents& proposed) const {
     } else {
         const double size = std::max(std::abs(proposed.xMin), std::abs(proposed.xMax));
         if (!(proposed.xMax - proposed.xMin >= kSmallestRelativeSpan * std::max(size, 1e-3))) {
-            result.xMin = extents_.xMin;
-            result.xMax = extents_.xMax;
+            result.xMin = extents().xMin;
+            result.xMax = extents().xMax;
         }
     }
     const bool decibels = picture_ && picture_->plot.yQuantity.unit == "dB";
     const double size = std::max(std::abs(proposed.yMin), std::abs(proposed.yMax));
     const double smallestY = decibels ? kSmallestDecibelSpan : kSmallestRelativeSpan * std::max(size, 1e-6);
     if (!(proposed.yMax - proposed.yMin >= smallestY)) {
-        result.yMin = extents_.yMin;
-        result.yMax = extents_.yMax;
+        result.yMin = extents().yMin;
+        result.yMax = extents().yMax;
     }
     return result;
 }
@@ -307,21 +348,21 @@ VELTGraphExtents GraphModel::limited(const VELTGraphExtents& proposed) const {
 VELTGraphExtents GraphModel::zoomed(double x, double y, double factor) const {
     // About the point: its distance to each end scales by the factor (on a logarithmic axis, the
     // distance in log x), so the inverse factor undoes it.
-    VELTGraphExtents proposed{0.0, 0.0, y - (y - extents_.yMin) * factor, y + (extents_.yMax - y) * factor};
+    VELTGraphExtents proposed{0.0, 0.0, y - (y - extents().yMin) * factor, y + (extents().yMax - y) * factor};
     if (logarithmicX()) {
         const double logX = std::log(x);
-        proposed.xMin = std::exp(logX - (logX - std::log(extents_.xMin)) * factor);
-        proposed.xMax = std::exp(logX + (std::log(extents_.xMax) - logX) * factor);
+        proposed.xMin = std::exp(logX - (logX - std::log(extents().xMin)) * factor);
+        proposed.xMax = std::exp(logX + (std::log(extents().xMax) - logX) * factor);
     } else {
-        proposed.xMin = x - (x - extents_.xMin) * factor;
-        proposed.xMax = x + (extents_.xMax - x) * factor;
+        proposed.xMin = x - (x - extents().xMin) * factor;
+        proposed.xMax = x + (extents().xMax - x) * factor;
     }
     return limited(proposed);
 }
 
 VELTGraphExtents GraphModel::panned(double fromX, double fromY, double toX, double toY) const {
     const double shift = fromY - toY;
-    VELTGraphExtents proposed{extents_.xMin, extents_.xMax, extents_.yMin + shift, extents_.yMax + shift};
+    VELTGraphExtents proposed{extents().xMin, extents().xMax, extents().yMin + shift, extents().yMax + shift};
     if (logarithmicX()) {
         proposed.xMin *= fromX / toX;
         proposed.xMax *= fromX / toX;

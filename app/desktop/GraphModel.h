@@ -1,10 +1,12 @@
 #pragma once
-// One graph of a document window: its settings (each undoable under its key path), its extents, and
-// the picture of the records it shows, computed by the same code as picture files on a worker
+// One graph of a document window: the library's graph model of its kind, which holds the settings
+// (each undoable under its key path and action name), the extents and their lock, and the picture of
+// the records it shows, computed from those settings by the same code as picture files on a worker
 // thread. The gestures of the graph view (zoom, pan, fit) are worked out here as extents, so that
 // they can be tested without a window and undone as values.
 
 #include "graphs/RecordPlots.h"
+#include "graphs/TavolarGraph.h"
 
 #include <QColor>
 #include <QObject>
@@ -33,21 +35,27 @@ public:
     bool takesSmoothing() const;
     bool takesNormalization() const;
     bool takesCombination() const;
+    // Whether the window offers the setting for this graph: the graph model has it, undoable, and
+    // the picture draws it.
+    bool takes(std::string_view keyPath) const;
 
-    // The settings that are undoable, by key path, with their undo action names.
-    static const std::vector<std::pair<std::string, QString>>& undoablePropertyKeyPaths();
-    static QString undoActionName(const std::string& keyPath);
+    // The graph model of the graph's kind, which keeps its settings.
+    const TavolarGraph& graphModel() const noexcept { return *graph_; }
+    // The name of the undo action of a setting, as the graph model gives it.
+    QString undoActionName(const std::string& keyPath) const;
     // The smoothing shortcuts of frequency graphs: Ctrl with the digit sets the smoothing (digit,
     // denominator of the octave fraction, 0 for none).
     static const std::vector<std::pair<int, int>>& smoothingKeys();
-    // A setting by key path: "smoothingFraction" (the octave fraction's denominator, 0 for none),
-    // "normalize", "multiSelectMode", "extentsLocked", "extents.x.min" ... "extents.y.max".
+    // A setting by key path, as the graph model names it: "smoothingFraction" (the octave fraction's
+    // denominator, 0 for none), "normalize", "multiSelectMode", "logFrequencyScale",
+    // "phaseReference", "unwrapPhase", "extentsLocked", "extents.x.min" ... "extents.y.max". A
+    // setting the graph does not take reads 0 and is not set.
     double value(const std::string& keyPath) const;
     void setValue(const std::string& keyPath, double value);
 
-    int smoothing() const noexcept { return smoothing_; }
-    bool extentsLocked() const noexcept { return extentsLocked_; }
-    const VELTGraphExtents& extents() const noexcept { return extents_; }
+    int smoothing() const;
+    bool extentsLocked() const { return graph_->extentsLocked(); }
+    const VELTGraphExtents& extents() const noexcept { return graph_->extents(); }
     // Sets the extents as they are; gestures keep to the limits through zoomed, panned and limited.
     void setExtents(const VELTGraphExtents& extents);
 
@@ -113,12 +121,8 @@ private:
     void receive(Expected<GraphPicture> picture);
 
     std::string name_;
-    int smoothing_ = 0;
-    bool normalize_ = false;
-    std::int64_t multiSelectMode_ = 0;
-    bool extentsLocked_ = false;
+    std::shared_ptr<TavolarGraph> graph_;
     bool extentsAutomatic_ = false; // the extents are the fitted ones, not the user's
-    VELTGraphExtents extents_{20.0, 20000.0, -60.0, 0.0};
     VELTRect viewBounds_{0.0, 0.0, 480.0, 300.0};
     RecordArray records_;
     std::optional<GraphPicture> picture_;

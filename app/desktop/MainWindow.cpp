@@ -196,17 +196,45 @@ void MainWindow::buildMenus() {
                 [this, smoothing = smoothing] { setGraphValue("smoothingFraction", smoothing); });
     }
     graph->addSeparator();
-    normalizeAction_ = graph->addAction(tr("&Normalize"), this,
-                                        [this](bool on) { setGraphValue("normalize", on ? 1.0 : 0.0); });
-    normalizeAction_->setCheckable(true);
-    lockAction_ = graph->addAction(tr("&Lock Extents"), this,
-                                   [this](bool on) { setGraphValue("extentsLocked", on ? 1.0 : 0.0); });
-    lockAction_->setCheckable(true);
+    // The values of the combinations and phase references are the graph models' own.
+    addChoices(graph->addMenu(tr("&Combine Records")), "multiSelectMode",
+               {tr("&Each Apart"), tr("&Average"), tr("&Difference"), tr("&Sum"), tr("&RMS Average")},
+               {0, 1, 2, 3, 4});
+    addToggle(graph, tr("&Normalize"), "normalize");
+    addToggle(graph, tr("Lo&garithmic Frequency"), "logFrequencyScale");
+    graph->addSeparator();
+    addChoices(graph->addMenu(tr("&Phase Reference")), "phaseReference",
+               {tr("&Window Start"), tr("Time &Zero"), tr("&Peak")}, {0, 1, 2});
+    addToggle(graph, tr("&Unwrap Phase"), "unwrapPhase");
+    graph->addSeparator();
+    lockAction_ = addToggle(graph, tr("&Lock Extents"), "extentsLocked");
     graph->addAction(tr("&Fit to Data"), QKeySequence(Qt::CTRL | Qt::Key_F), this, [this] {
         GraphModel& model = currentGraphWidget().graph();
         if (auto fitted = model.fittedExtents(); fitted && *fitted != model.extents())
             document_->undoStack().push(new SetGraphExtentsCommand(model, *fitted, tr("Fit to Data")));
     });
+}
+
+QAction* MainWindow::addToggle(QMenu* menu, const QString& text, const std::string& keyPath) {
+    QAction* action = menu->addAction(text, this, [this, keyPath](bool on) { setGraphValue(keyPath, on); });
+    action->setCheckable(true);
+    toggles_.emplace_back(keyPath, action);
+    return action;
+}
+
+QActionGroup* MainWindow::addChoices(QMenu* menu, const std::string& keyPath, const QStringList& texts,
+                                     const std::vector<int>& values) {
+    auto* group = new QActionGroup(this);
+    for (qsizetype index = 0; index < texts.size(); ++index) {
+        const int value = values.at(static_cast<std::size_t>(index));
+        QAction* action =
+            menu->addAction(texts[index], this, [this, keyPath, value] { setGraphValue(keyPath, value); });
+        action->setCheckable(true);
+        action->setData(value);
+        group->addAction(action);
+    }
+    choices_.emplace_back(keyPath, group);
+    return group;
 }
 
 GraphWidget& MainWindow::currentGraphWidget() {
@@ -274,9 +302,17 @@ void MainWindow::updateGraphActions() {
         action->setEnabled(graph.takesSmoothing());
         action->setChecked(action->data().toInt() == graph.smoothing());
     }
-    normalizeAction_->setEnabled(graph.takesNormalization());
-    normalizeAction_->setChecked(graph.value("normalize") != 0.0);
-    lockAction_->setChecked(graph.extentsLocked());
+    for (const auto& [keyPath, action] : toggles_) {
+        action->setEnabled(graph.takes(keyPath));
+        action->setChecked(graph.value(keyPath) != 0.0);
+    }
+    for (const auto& [keyPath, group] : choices_) {
+        const bool takes = graph.takes(keyPath);
+        for (QAction* action : group->actions()) {
+            action->setEnabled(takes);
+            action->setChecked(takes && action->data().toInt() == std::lround(graph.value(keyPath)));
+        }
+    }
 }
 
 QImage MainWindow::screenshot(QSize size) {

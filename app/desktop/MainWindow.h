@@ -13,6 +13,8 @@
 #include <QTabWidget>
 #include <QTableView>
 #include <memory>
+#include <string>
+#include <utility>
 #include <vector>
 
 namespace tavolar::desktop {
@@ -69,8 +71,14 @@ private:
     std::vector<GraphModel*> graphs_;
     std::vector<GraphWidget*> widgets_;
     std::vector<bool> stale_;
+    // A menu item that switches a graph setting on and off, or one of a group that picks its value.
+    QAction* addToggle(QMenu* menu, const QString& text, const std::string& keyPath);
+    QActionGroup* addChoices(QMenu* menu, const std::string& keyPath, const QStringList& texts,
+                             const std::vector<int>& values);
+
     QActionGroup* smoothingActions_ = nullptr;
-    QAction* normalizeAction_ = nullptr;
+    std::vector<std::pair<std::string, QAction*>> toggles_;
+    std::vector<std::pair<std::string, QActionGroup*>> choices_;
     QAction* lockAction_ = nullptr;
     std::vector<QLineEdit*> extentsFields_;
 };

@@ -8,6 +8,7 @@
 #include <QColor>
 #include <QTemporaryDir>
 #include <cmath>
+#include <functional>
 #include <gtest/gtest.h>
 
 namespace tavolar::desktop::test {
@@ -110,40 +111,76 @@ struct LoadedGraph {
     }
 };
 
-TEST(GraphModel, SettingsAreUndoneByTheirActionNames) {
-    LoadedGraph loaded;
-    GraphModel& graph = loaded.graph;
-    QUndoStack stack;
+// The lowest and highest value of the picture's curves.
+std::pair<double, double> valueRange(const GraphPicture& picture) {
+    std::pair range{INFINITY, -INFINITY};
+    for (const auto& curve : picture.plot.curves)
+        for (float y : curve->y().span())
+            if (std::isfinite(y))
+                range = {std::min<double>(range.first, y), std::max<double>(range.second, y)};
+    return range;
+}
+
+TEST(GraphModel, SettingsReachThePictureAndAreUndoneByTheirActionNames) {
+    QTemporaryDir folder;
+    auto document = reopened(makeDocument(folder, 2));
     struct Change {
-        std::string keyPath;
+        std::string graph, keyPath;
         double value;
         QString actionName;
+        // What the picture shows with the setting made (records' echo 1 ms after their peak at 1 ms: a group
+        // delay of 1/3 ms after the peak at 1 kHz).
+        std::function<bool(const GraphModel&)> shows;
     };
     const Change changes[] = {
-        {"smoothingFraction", 3, "Set Smoothing Fraction"},
-        {"normalize", 1, "Toggle Normalization"},
-        {"extentsLocked", 1, "Toggle Extents Lock"},
-        {"multiSelectMode", 1, "Set Multiple Selection Mode"},
-        {"extents.x.min", 100, "Set X Minimum"},
-        {"extents.y.max", 12, "Set Y Maximum"},
+        {"magnitude", "smoothingFraction", 3, "Set Smoothing Fraction",
+         [](auto& g) { return g.picture()->plot.titleModifier.find("1/3 Octave") != std::string::npos; }},
+        {"magnitude", "normalize", 1, "Toggle Normalization",
+         [](auto& g) { return std::abs(valueRange(*g.picture()).second) < 0.01; }},
+        {"magnitude", "multiSelectMode", 1, "Set Multiple Selection Mode",
+         [](auto& g) { return g.curves().size() == 1; }},
+        {"magnitude", "logFrequencyScale", 0, "Toggle Log Frequency Scale",
+         [](auto& g) { return !g.logarithmicX(); }},
+        {"phase", "unwrapPhase", 1, "Toggle Phase Unwrapping",
+         [](auto& g) { return valueRange(*g.picture()).first < -3600.0; }},
+        {"group-delay", "phaseReference", 2, "Set Phase Reference",
+         [](auto& g) { return std::abs(*g.readout(1000.0).front().value - 1.0 / 3.0) < 0.05; }},
+        {"magnitude", "extentsLocked", 1, "Toggle Extents Lock", nullptr},
+        {"magnitude", "extents.x.min", 100, "Set X Minimum",
+         [](auto& g) { return g.picture()->plot.extents.xMin == 100; }},
     };
     for (const Change& change : changes) {
-        SCOPED_TRACE(change.keyPath);
+        SCOPED_TRACE(change.graph + " " + change.keyPath);
+        GraphModel graph(change.graph);
+        graph.setRecords(document->visibleRecords());
+        graph.reloadSynchronously();
+        QUndoStack stack;
         const double before = graph.value(change.keyPath);
         stack.push(new SetGraphValueCommand(graph, change.keyPath, change.value));
         EXPECT_EQ(stack.undoText(), change.actionName);
         EXPECT_EQ(graph.value(change.keyPath), change.value);
+        // New curves bring fitted extents, so the extents are looked at as they were set.
+        const bool extents = change.keyPath.starts_with("extents.");
+        if (!extents)
+            graph.reloadSynchronously();
+        if (change.shows) {
+            EXPECT_TRUE(change.shows(graph));
+        }
         stack.undo();
+        if (!extents)
+            graph.reloadSynchronously();
         EXPECT_EQ(graph.value(change.keyPath), before);
-        stack.redo();
-        EXPECT_EQ(graph.value(change.keyPath), change.value);
+        if (change.shows) {
+            EXPECT_FALSE(change.shows(graph));
+        }
     }
-    // Settings a graph does not take stay at their defaults.
+    // Settings a graph's picture does not draw are not offered and stay at their defaults.
     GraphModel phase("phase");
     phase.setValue("smoothingFraction", 12);
     phase.setValue("normalize", 1);
     EXPECT_EQ(phase.value("smoothingFraction"), 0.0);
     EXPECT_EQ(phase.value("normalize"), 0.0);
+    EXPECT_FALSE(GraphModel("group-delay").takes("unwrapPhase"));
 }
 
 TEST(GraphModel, StepsOfOneGestureMergeIntoOneUndo) {
