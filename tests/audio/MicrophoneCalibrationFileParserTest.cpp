@@ -5,6 +5,7 @@
 #include "audio/TextEncodingDetection.h"
 #include "platform/Logging.h"
 
+#include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
 #include <random>
@@ -98,12 +99,9 @@ TEST(MicrophoneCalibrationFileParser, UnicodeEncodingsParseLikeTheirASCIITwin) {
 TEST(MicrophoneCalibrationFileParser, BinaryDataIsRefused) {
     std::mt19937 generator(7);
     std::vector<std::byte> noise(4096);
-    for (auto& b : noise)
-        b = static_cast<std::byte>(generator() & 0xFF);
+    std::ranges::generate(noise, [&] { return static_cast<std::byte>(generator() & 0xFF); });
     std::vector<std::byte> noiseWithoutNul = noise;
-    for (auto& b : noiseWithoutNul)
-        if (b == std::byte{0})
-            b = std::byte{0x41};
+    std::ranges::replace(noiseWithoutNul, std::byte{0}, std::byte{0x41});
     const std::vector<std::byte> png = bytes(std::string("\x89PNG\r\n\x1A\n\0\0\0\rIHDR", 16));
     // A numeric file with one NUL byte in it, as a damaged copy would have.
     std::string withNul = "20 -1.5 0\n25 -1.2 0\n";

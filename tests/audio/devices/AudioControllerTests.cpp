@@ -31,10 +31,8 @@ TEST(VELTAudioOutputController, MixerRoutesTheStimulusToPlaybackAndCorrectionCha
     VELTAudioOutputController controller(
         captureSettings("sim:routing?outputs=4&pace=fast", {0}, {0}, testing::CorrectionChannels{1, 0}));
     EXPECT_EQ(controller.allPlaybackChannels(), (IndexSet{0, 1}));
-    EXPECT_EQ(controller.crosspointVolume(0, 0), 1.0f);
-    EXPECT_EQ(controller.crosspointVolume(0, 1), 1.0f);
-    EXPECT_EQ(controller.crosspointVolume(0, 2), 0.0f);
-    EXPECT_EQ(controller.crosspointVolume(0, 3), 0.0f);
+    for (std::uint32_t output = 0; output < 4; ++output)
+        EXPECT_EQ(controller.crosspointVolume(0, output), output < 2 ? 1.0f : 0.0f) << output;
 
     // Settings naming a missing device: the set-up step says which step failed and with what status.
     LogCapture log;

@@ -163,18 +163,16 @@ TEST(PartitionedConvolver, MatchesDirectConvolutionForAwkwardLengths) {
 }
 
 TEST(SimulatedSignalPath, DeviceUnderTestLoopBackLatencyGainAndDistortionAsConfigured) {
-    SimulatedDeviceConfiguration configuration;
-    configuration.bufferSize = 32;
-    configuration.inputChannels = 3;
-    configuration.outputChannels = 2;
-    configuration.impulseResponse = {0.5f, 0.0f, -0.25f};
-    configuration.delay = 5;
-    configuration.inputGain = 2.0;
-    configuration.secondHarmonic = 0.1;
-    configuration.thirdHarmonic = 0.01;
-    configuration.inputLatencies = {7, 3, 0};
-    configuration.loopbackOutput = 1;
-    configuration.loopbackInput = 1;
+    // Output 1 is wired back to input 1.
+    const SimulatedDeviceConfiguration configuration{.bufferSize = 32,
+                                                     .outputChannels = 2,
+                                                     .inputChannels = 3,
+                                                     .impulseResponse = {0.5f, 0.0f, -0.25f},
+                                                     .delay = 5,
+                                                     .secondHarmonic = 0.1,
+                                                     .thirdHarmonic = 0.01,
+                                                     .inputGain = 2.0,
+                                                     .inputLatencies = {7, 3, 0}};
     ASSERT_TRUE(configuration.validate());
     SimulatedSignalPath path;
     path.prepare(configuration);

