@@ -1,6 +1,7 @@
 // devices and measure: the subcommands that use audio devices.
 
 #include "CommandLine.h"
+#include "MeasurementSetup.h"
 #include "RecordDescription.h"
 #include "RecordStore.h"
 #include "SweepOptions.h"
@@ -178,70 +179,6 @@ private:
     std::atomic<bool> finished_{false};
 };
 
-// The engine's level-check advice speaks of a key held while clicking; here it is an option.
-TavolarError commandLineAdvice(TavolarError error) {
-    const std::string_view clicking =
-        "You can hold the shift key while clicking \"Measure\" to bypass this check.";
-    if (auto at = error.localizedRecoverySuggestion.find(clicking); at != std::string::npos)
-        error.localizedRecoverySuggestion.replace(
-            at, clicking.size(), "Give --no-level-check to bypass this check, or change --level.");
-    return error;
-}
-
-// Names the inputs behind a level refusal and the likely cause, from each channel's peak (dBFS):
-// a silent input among good ones, no sound anywhere, a level too low, or a channel at full scale.
-TavolarError levelAdvice(TavolarError error, const std::vector<float>& peaks,
-                         const std::vector<std::int64_t>& inputs, std::optional<std::int64_t> reference) {
-    const bool quiet = error.localizedDescription == "The Recording is Too Quiet";
-    const bool clipped = error.localizedDescription == "The Recording Clipped!";
-    if ((!quiet && !clipped) || peaks.empty())
-        return error;
-    auto name = [&](std::size_t channel) {
-        if (channel < inputs.size())
-            return fmt::format("input {}", inputs[channel]);
-        return reference ? fmt::format("the loop-back input {}", *reference)
-                         : std::string("the loop-back input");
-    };
-    auto level = [](float peak) {
-        return std::isfinite(peak) ? fmt::format("{:.1f} dBFS", peak) : std::string("silence");
-    };
-    std::string cause;
-    if (clipped) {
-        for (std::size_t c = 0; c < peaks.size(); ++c)
-            if (peaks[c] >= 0.0f)
-                cause += fmt::format("{}{} reached full scale", cause.empty() ? "" : "; ", name(c));
-        cause += ": lower --level or the input's gain.";
-    } else {
-        std::size_t loudest =
-            static_cast<std::size_t>(std::max_element(peaks.begin(), peaks.end()) - peaks.begin());
-        std::vector<std::size_t> silent;
-        for (std::size_t c = 0; c < peaks.size(); ++c)
-            if (!(peaks[c] >= -20.0f))
-                silent.push_back(c);
-        if (silent.size() < peaks.size()) {
-            for (std::size_t c : silent)
-                cause +=
-                    fmt::format("{}{} peaked at {}", cause.empty() ? "" : "; ", name(c), level(peaks[c]));
-            cause +=
-                fmt::format(", while {} peaked at {}: check that input's cable or routing, or leave it out.",
-                            name(loudest), level(peaks[loudest]));
-        } else if (!(peaks[loudest] >= -90.0f)) {
-            cause = fmt::format(
-                "No sound reached any input (the loudest, {}, peaked at {}): check that the output "
-                "plays the sweep (--output-channel, --level) and that it reaches the inputs.",
-                name(loudest), level(peaks[loudest]));
-        } else {
-            cause = fmt::format(
-                "The loudest input, {}, peaked at {}, below -20 dBFS: raise --level or the input's "
-                "gain.",
-                name(loudest), level(peaks[loudest]));
-        }
-    }
-    cause[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(cause[0])));
-    error.localizedRecoverySuggestion = cause + "\n" + error.localizedRecoverySuggestion;
-    return error;
-}
-
 struct MeasureOptions {
     std::string document;
     std::string device = "sim:default";
@@ -259,71 +196,6 @@ struct MeasureOptions {
     SweepOptions sweep;
 };
 
-// A simulated device in fast mode runs as fast as the machine allows.
-std::string withFastPace(const std::string& uid) {
-    auto parsed = AudioDeviceUID::parse(uid);
-    if (!parsed || parsed->scheme != "sim")
-        return uid;
-    parsed->parameters["pace"] = "fast";
-    return parsed->canonicalString();
-}
-
-// A simulated device is the built-in one, or one described by parameters: a misspelt name with
-// neither would otherwise measure a new default device without a word.
-Expected<void> requireKnownSimulatedDevice(const std::string& uid) {
-    auto parsed = AudioDeviceUID::parse(uid);
-    if (!parsed || parsed->scheme != "sim" || parsed->name == "default" || !parsed->parameters.empty())
-        return {};
-    return usageFailure(fmt::format("There is no simulated device {}; the built-in one is sim:default.", uid),
-                        fmt::format("Give sim:default, or describe a device with parameters, such as "
-                                    "sim:{}?delay=48 (tavolar devices lists the devices present).",
-                                    parsed->name));
-}
-
-// --client-name and --no-connect, as parameters of a JACK device's UID (a client the UID names
-// already keeps its name, so that record and playback devices can be two clients).
-Expected<std::string> withJackClientOptions(const std::string& uid, const MeasureOptions& options) {
-    auto parsed = AudioDeviceUID::parse(uid);
-    if ((!options.clientName && !options.noConnect) || !parsed)
-        return uid;
-    if (parsed->scheme != "jack")
-        return usageFailure(
-            fmt::format("--client-name and --no-connect apply to JACK devices; {} is not one.", uid));
-    if (options.noConnect && std::ranges::any_of(parsed->parameters, [](const auto& parameter) {
-            return parameter.first.starts_with("in") || parameter.first.starts_with("out");
-        }))
-        return usageFailure(
-            fmt::format("--no-connect leaves every connection to you, so the routes of {} would not be made.",
-                        uid),
-            "Give either the routes (inN=PORT, outN=PORT) or --no-connect.");
-    if (options.clientName && !parsed->parameters.contains("client"))
-        parsed->parameters["client"] = *options.clientName;
-    if (options.noConnect)
-        parsed->parameters["connect"] = "no";
-    return parsed->canonicalString();
-}
-
-Expected<VELTAudioDevice> presentDevice(const std::string& uid) {
-    if (!AudioDeviceUID::parse(uid))
-        return usageFailure(fmt::format("{} is not a device UID.", uid),
-                            "Device UIDs look like sim:default or jack; run tavolar devices to see them.");
-    if (auto problem = VELTAudioHardware::deviceUIDProblem(uid))
-        return usageFailure(fmt::format("The device UID {} cannot be used: {}",
-                                        uid.size() > 60 ? uid.substr(0, 57) + "..." : uid, *problem),
-                            "Run tavolar devices to see the devices present and their ports.");
-    if (VELTAudioHardware::deviceIDForDeviceUID(uid) == kAudioDeviceUnknown) {
-        if (auto reason = VELTAudioHardware::deviceAbsenceReason(uid))
-            return failure(*reason, "Continue the server if it was stopped (kill -CONT and its process "
-                                    "number), or restart it.");
-        return failure(fmt::format("The audio device {} is not present.", uid),
-                       uid.starts_with("jack")
-                           ? "Start the JACK server first, or run tavolar devices to see the "
-                             "devices present."
-                           : "Run tavolar devices to see the devices present.");
-    }
-    return VELTAudioDevice(uid);
-}
-
 Expected<void> runMeasurement(MeasureOptions& options) {
     if (options.averages < 1 || options.averages > 100)
         return usageFailure(fmt::format("--averages must be from 1 to 100 (got {}).", options.averages));
@@ -331,13 +203,6 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     if (!recordChannels)
         return usageFailure(
             fmt::format("--channels {} is not a list of input channels such as 0 or 0,1.", options.channels));
-    for (std::size_t at = 0; at < recordChannels->size(); ++at)
-        if (std::count(recordChannels->begin(), recordChannels->begin() + at, (*recordChannels)[at]) > 0)
-            return usageFailure(
-                fmt::format("--channels {} names input {} twice.", options.channels, (*recordChannels)[at]),
-                "Name each input once: each gives one record.");
-    if (options.outputChannel < 0)
-        return usageFailure("Channels are counted from 0.");
     std::optional<std::pair<std::int64_t, std::int64_t>> loopback;
     if (options.loopback) {
         std::string text = *options.loopback;
@@ -349,55 +214,16 @@ Expected<void> runMeasurement(MeasureOptions& options) {
             return usageFailure(fmt::format("--loopback {} is not an OUTPUT:INPUT channel pair such as 1:1.",
                                             *options.loopback));
         loopback = std::pair{(*pair)[0], (*pair)[1]};
-        if (std::find(recordChannels->begin(), recordChannels->end(), loopback->second) !=
-            recordChannels->end())
-            return usageFailure(
-                fmt::format("--loopback {} takes the reference from input {}, which is also measured: the "
-                            "measurement would be divided by itself.",
-                            *options.loopback, loopback->second),
-                "Connect the output to a spare input and name that one, such as --loopback 1:1 on "
-                "sim:default.");
     }
-    for (const std::optional<std::string>& uid : {std::optional(options.device), options.playbackDevice})
-        if (uid)
-            if (auto known = requireKnownSimulatedDevice(*uid); !known)
-                return known;
-
-    auto recordJackUID = withJackClientOptions(options.device, options);
-    if (!recordJackUID)
-        return std::unexpected(recordJackUID.error());
-    auto playbackJackUID = withJackClientOptions(options.playbackDevice.value_or(options.device), options);
-    if (!playbackJackUID)
-        return std::unexpected(playbackJackUID.error());
-    std::string recordUID = options.fast ? withFastPace(*recordJackUID) : *recordJackUID;
-    std::string playbackUID = options.playbackDevice
-                                  ? (options.fast ? withFastPace(*playbackJackUID) : *playbackJackUID)
-                                  : recordUID;
-    auto recordDevice = presentDevice(recordUID);
-    if (!recordDevice)
-        return std::unexpected(recordDevice.error());
-    auto playbackDevice = presentDevice(playbackUID);
-    if (!playbackDevice)
-        return std::unexpected(playbackDevice.error());
-    const std::uint32_t inputs = recordDevice->channelCountForDirection(1);
-    const std::uint32_t outputs = playbackDevice->channelCountForDirection(0);
-    for (std::int64_t channel : *recordChannels)
-        if (channel >= inputs)
-            return usageFailure(fmt::format("{} has {} input channels (0 to {}); there is no input {}.",
-                                            recordUID, inputs, inputs == 0 ? 0 : inputs - 1, channel));
-    if (options.outputChannel >= outputs)
-        return usageFailure(fmt::format("{} has {} output channels; there is no output {}.", playbackUID,
-                                        outputs, options.outputChannel));
-    if (loopback && (loopback->first >= outputs || loopback->second >= inputs))
-        return usageFailure(
-            fmt::format("The loop-back pair {} does not exist on these devices.", *options.loopback));
-    const auto recordRate = static_cast<std::int64_t>(recordDevice->sampleRateForDirection(1));
-    const auto playbackRate = static_cast<std::int64_t>(playbackDevice->sampleRateForDirection(0));
-    if (recordRate <= 0 || playbackRate <= 0)
-        return failure("The audio device reports no sample rate.");
-    auto sweep = options.sweep.settings(std::min(recordRate, playbackRate));
-    if (!sweep)
-        return std::unexpected(sweep.error());
+    MeasurementRequest request{
+        options.device,     options.playbackDevice, *recordChannels, options.outputChannel, loopback,
+        options.clientName, options.noConnect,      options.fast,    options.sweep};
+    auto prepared = prepareMeasurement(request, kCommandLineWords);
+    if (!prepared)
+        return std::unexpected(prepared.error());
+    const std::string& recordUID = prepared->recordUID;
+    const std::int64_t recordRate = prepared->sampleRate;
+    const VELTLogSweepSettings* sweep = &prepared->sweep;
 
     // An existing document is opened now, so that a damaged one is reported before the measurement;
     // a new one is made only once there are records to put in it.
@@ -417,29 +243,7 @@ Expected<void> runMeasurement(MeasureOptions& options) {
         stored = std::move(*read);
     }
 
-    auto settings = std::make_shared<VELTAudioCaptureSettings>();
-    settings->setPlaybackDeviceUID(playbackUID);
-    settings->setRecordDeviceUID(recordUID);
-    settings->setPlaybackChannels(IndexSet{static_cast<std::uint64_t>(options.outputChannel)});
-    std::vector<RecordChannelEntry> entries;
-    for (std::int64_t channel : *recordChannels) {
-        RecordChannelEntry entry(channel, nullptr, std::nullopt);
-        // The calibration and sensitivity the document keeps for this input channel.
-        if (stored)
-            for (const RecordChannelEntry& known : stored->recordChannelEntries())
-                if (known.channel() == channel) {
-                    entry = known;
-                    break;
-                }
-        entries.push_back(entry);
-    }
-    settings->setRecordChannelEntries(entries);
-    if (loopback) {
-        settings->setCorrectionEnabled(true);
-        settings->setCorrectionPlaybackChannel(loopback->first);
-        settings->setCorrectionRecordChannel(loopback->second);
-        settings->setCorrectionPlaybackDeviceUID(playbackUID);
-    }
+    auto settings = measurementCaptureSettings(request, *prepared, stored);
 
     UserDefaults::standard().registerDefaults({{"ChecksRecordingLevel", true}});
     VELTRZMeasurementController::setModifierFlagsProvider(
@@ -514,11 +318,9 @@ Expected<void> runMeasurement(MeasureOptions& options) {
         return failure("Measurement Aborted", "The measurement was interrupted; nothing was stored.");
     std::vector<std::shared_ptr<const VELTRZMeasurement>> results = controller->measurementArray();
     if (results.empty())
-        return std::unexpected(
-            levelAdvice(commandLineAdvice(error.value_or(
-                            TavolarError::make("The measurement produced no impulse responses."))),
-                        controller->recordingPeakLevels(), *recordChannels,
-                        loopback ? std::optional<std::int64_t>(loopback->second) : std::nullopt));
+        return std::unexpected(measurementFailureAdvice(
+            error.value_or(TavolarError::make("The measurement produced no impulse responses.")),
+            controller->recordingPeakLevels(), request, kCommandLineWords));
 
     if (!store) {
         auto created = RecordStore::open(options.document, RecordStore::Mode::CreateIfMissing);
@@ -530,26 +332,7 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     std::vector<std::string> impulses;
     for (const auto& result : results) {
         auto record = store->makeRecord(result->impulseResponse(), result->sampleRate());
-        const RecordChannelEntry& entry = result->recordChannelEntry();
-        record->setDate(result->date());
-        record->setLogSweepSettings(result->logSweepSettings());
-        record->setSynchronousAverages(result->synchronousAverages());
-        record->setRecordChannelEntry(entry);
-        if (entry.calibrationRecord()) {
-            record->setMicrophoneCalibrationRecord(entry.calibrationRecord());
-            record->setUseMicrophoneCalibrationRecord(true);
-        }
-        std::string deviceName = recordDevice->name();
-        if (result->recordDevice()) {
-            record->setAudioDeviceUID(result->recordDevice()->uid);
-            record->setAudioDeviceName(result->recordDevice()->name);
-            deviceName = result->recordDevice()->name;
-        }
-        std::string name = options.name.value_or(deviceName);
-        if (!options.name || results.size() > 1)
-            name += fmt::format(" (input {})", entry.channel());
-        record->setComment(name);
-        applyDefaultAnalysisSettings(*record);
+        describeMeasuredRecord(*record, *result, prepared->recordDevice.name(), options.name, results.size());
         if (loopback)
             store->setLoopbackReference(record->impulseUUID(),
                                         {{"output", loopback->first}, {"input", loopback->second}});
@@ -561,6 +344,7 @@ Expected<void> runMeasurement(MeasureOptions& options) {
         return saved;
     // The channels' calibrations stay with the document for the next measurement.
     VELTAudioCaptureSettings kept = *settings;
+    const std::vector<RecordChannelEntry> entries = settings->recordChannelEntries();
     if (stored)
         for (const RecordChannelEntry& known : stored->recordChannelEntries())
             if (std::none_of(entries.begin(), entries.end(), [&](const RecordChannelEntry& entry) {
@@ -591,7 +375,7 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     if (options.json)
         printLine(jsonText({{"document", validUTF8(options.document)}, {"added", added}}));
     if (error)
-        return std::unexpected(commandLineAdvice(*error));
+        return std::unexpected(measurementFailureAdvice(*error, {}, request, kCommandLineWords));
     return {};
 }
 

@@ -3,6 +3,7 @@
 // into numpy arrays (without copying) and back.
 
 #include "SweepOptions.h"
+#include "audio/VELTAudioCaptureSettings.h"
 #include "core/VELTMeasurementRecord.h"
 #include "math/VELTRealVector.h"
 #include "platform/TavolarError.h"
@@ -78,6 +79,9 @@ struct MutedLog {
     MutedLog(const MutedLog&) = delete;
     MutedLog& operator=(const MutedLog&) = delete;
 };
+
+// The capture settings kept by a document (a DocumentHandle, or None for none).
+std::optional<VELTAudioCaptureSettings> storedCaptureSettings(const py::object& document);
 
 void addErrors(py::module_& module);
 void addLogging(py::module_& module);

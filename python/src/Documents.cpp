@@ -288,6 +288,13 @@ std::shared_ptr<VELTMeasurementRecord> recordFromSamples(VELTRealVector samples,
 
 } // namespace
 
+std::optional<VELTAudioCaptureSettings> storedCaptureSettings(const py::object& document) {
+    if (document.is_none())
+        return std::nullopt;
+    auto state = document.cast<std::shared_ptr<DocumentState>>();
+    return valueOrRaise(state->openStore().captureSettings(), "DocumentError");
+}
+
 void addDocuments(py::module_& module) {
     py::class_<RecordHandle> record(module, "RecordHandle", "One measurement record of the engine.");
     record

@@ -4,6 +4,8 @@
 // Python wants to stop.
 
 #include "Bindings.h"
+#include "CommandLine.h"
+#include "MeasurementSetup.h"
 #include "RecordStore.h"
 #include "SweepOptions.h"
 #include "audio/devices/AudioDeviceUID.h"
@@ -60,24 +62,23 @@ private:
 };
 
 struct MeasurementOptions {
-    std::string device = "sim:default";
-    std::vector<std::int64_t> channels{0};
-    std::int64_t outputChannel = 0;
-    std::optional<std::pair<std::int64_t, std::int64_t>> loopback; // output, input
+    cli::MeasurementRequest request;
     std::int64_t averages = 1;
     bool levelCheck = true;
-    bool fast = false;
     std::optional<std::string> name;
-    cli::SweepOptions sweep;
 };
+
+constexpr cli::MeasurementWords kPythonWords{"level_check=False", "the sweep's level", "output_channel",
+                                             "client_name",       "connect=False",     "tavolar.devices()"};
 
 // Raised as TimeoutError when wait's own timeout passes; the measurement goes on.
 struct TimedOut {};
 
 class Measurement {
 public:
-    Measurement(MeasurementOptions options, py::object progress)
-        : options_(std::move(options)), progress_(std::move(progress)) {}
+    Measurement(MeasurementOptions options, py::object progress,
+                std::optional<VELTAudioCaptureSettings> stored)
+        : options_(std::move(options)), progress_(std::move(progress)), stored_(std::move(stored)) {}
     ~Measurement() {
         if (controller_ && !delegate_->finished())
             controller_->abortMeasurement();
@@ -111,90 +112,29 @@ private:
 
     MeasurementOptions options_;
     py::object progress_;
+    // The capture settings of the document measured into: each input's calibration and sensitivity.
+    std::optional<VELTAudioCaptureSettings> stored_;
     std::shared_ptr<Delegate> delegate_;
     std::shared_ptr<VELTRZMeasurementController> controller_;
-    std::string deviceName_;
+    std::optional<cli::PreparedMeasurement> prepared_;
     std::chrono::steady_clock::time_point deadline_;
     bool cancelled_ = false;
     bool collected_ = false;
 };
 
-std::string withFastPace(const std::string& uid) {
-    auto parsed = AudioDeviceUID::parse(uid);
-    if (!parsed || parsed->scheme != "sim")
-        return uid;
-    parsed->parameters["pace"] = "fast";
-    return parsed->canonicalString();
-}
-
 void Measurement::start() {
-    MeasurementOptions& options = options_;
-    if (options.averages < 1 || options.averages > 100)
-        throw py::value_error(fmt::format("averages must be from 1 to 100 (got {}).", options.averages));
-    if (options.channels.empty())
-        throw py::value_error("Give at least one input channel.");
-    for (std::size_t at = 0; at < options.channels.size(); ++at)
-        if (options.channels[at] < 0 ||
-            std::count(options.channels.begin(), options.channels.begin() + at, options.channels[at]) > 0)
-            throw py::value_error("Input channels are distinct numbers counted from 0.");
-    if (options.loopback && std::find(options.channels.begin(), options.channels.end(),
-                                      options.loopback->second) != options.channels.end())
-        throw py::value_error(
-            fmt::format("The loop-back reference comes from input {}, which is also measured: "
-                        "the measurement would be divided by itself.",
-                        options.loopback->second));
-    // A simulated device is the built-in one or one described by parameters: a misspelt name would
-    // otherwise measure a new default device without a word.
-    if (auto parsed = AudioDeviceUID::parse(options.device);
-        parsed && parsed->scheme == "sim" && parsed->name != "default" && parsed->parameters.empty())
-        raise(
-            "DeviceError",
-            fmt::format("There is no simulated device {}; the built-in one is sim:default.", options.device),
-            fmt::format("Give sim:default, or describe a device with parameters, such as sim:{}?delay=48.",
-                        parsed->name));
-    const std::string uid = options.fast ? withFastPace(options.device) : options.device;
-    if (!AudioDeviceUID::parse(uid))
-        throw py::value_error(fmt::format("{} is not a device UID such as sim:default or jack.", uid));
-    if (auto problem = VELTAudioHardware::deviceUIDProblem(uid))
-        raise("DeviceError", fmt::format("The device UID {} cannot be used: {}", uid, *problem),
-              "tavolar.devices() lists the devices present.");
-    if (VELTAudioHardware::deviceIDForDeviceUID(uid) == kAudioDeviceUnknown)
-        raise("DeviceError", fmt::format("The audio device {} is not present.", uid),
-              uid.starts_with("jack")
-                  ? "Start the JACK server first; tavolar.devices() lists the devices present."
-                  : "tavolar.devices() lists the devices present.");
-    VELTAudioDevice device(uid);
-    deviceName_ = device.name();
-    const std::uint32_t inputs = device.channelCountForDirection(1);
-    const std::uint32_t outputs = device.channelCountForDirection(0);
-    for (std::int64_t channel : options.channels)
-        if (channel >= inputs)
-            raise("DeviceError",
-                  fmt::format("{} has {} input channels; there is no input {}.", uid, inputs, channel));
-    if (options.outputChannel < 0 || options.outputChannel >= outputs ||
-        (options.loopback && (options.loopback->first >= outputs || options.loopback->second >= inputs)))
-        raise("DeviceError",
-              fmt::format("{} has {} output and {} input channels; the channels given do not exist.", uid,
-                          outputs, inputs));
-    const auto rate = static_cast<std::int64_t>(device.sampleRateForDirection(1));
-    if (rate <= 0)
-        raise("DeviceError", "The audio device reports no sample rate.");
-    const VELTLogSweepSettings sweep = valueOrRaise(options.sweep.settings(rate));
-
-    auto settings = std::make_shared<VELTAudioCaptureSettings>();
-    settings->setPlaybackDeviceUID(uid);
-    settings->setRecordDeviceUID(uid);
-    settings->setPlaybackChannels(IndexSet{static_cast<std::uint64_t>(options.outputChannel)});
-    std::vector<RecordChannelEntry> entries;
-    for (std::int64_t channel : options.channels)
-        entries.emplace_back(channel, nullptr, std::nullopt);
-    settings->setRecordChannelEntries(entries);
-    if (options.loopback) {
-        settings->setCorrectionEnabled(true);
-        settings->setCorrectionPlaybackChannel(options.loopback->first);
-        settings->setCorrectionRecordChannel(options.loopback->second);
-        settings->setCorrectionPlaybackDeviceUID(uid);
+    if (options_.averages < 1 || options_.averages > 100)
+        throw py::value_error(fmt::format("averages must be from 1 to 100 (got {}).", options_.averages));
+    auto prepared = cli::prepareMeasurement(options_.request, kPythonWords);
+    if (!prepared && prepared.error().domain == cli::kUsageErrorDomain) {
+        const TavolarError& mistake = prepared.error();
+        throw py::value_error(mistake.localizedRecoverySuggestion.empty()
+                                  ? mistake.localizedDescription
+                                  : mistake.localizedDescription + "\n" +
+                                        mistake.localizedRecoverySuggestion);
     }
+    prepared_ = valueOrRaise(std::move(prepared), "DeviceError");
+    const VELTLogSweepSettings& sweep = prepared_->sweep;
     UserDefaults::standard().registerDefaults({{"ChecksRecordingLevel", true}});
     delegate_ = std::make_shared<Delegate>();
     {
@@ -205,15 +145,17 @@ void Measurement::start() {
     }
     controller_->setDelegate(delegate_);
     controller_->setLogSweepSettings(sweep);
-    controller_->setAudioCaptureSettings(settings);
-    controller_->setSynchronousAverages(options.averages);
+    controller_->setAudioCaptureSettings(
+        cli::measurementCaptureSettings(options_.request, *prepared_, stored_));
+    controller_->setSynchronousAverages(options_.averages);
     const double seconds = (sweep.duration() + sweep.beginSilence() + sweep.endSilence()) / 1000.0 *
-                           static_cast<double>(options.averages);
+                           static_cast<double>(options_.averages);
+    // Unconnected JACK ports wait for whoever connects them, for as long as a person may take.
     deadline_ = std::chrono::steady_clock::now() +
                 std::chrono::milliseconds(static_cast<std::int64_t>(seconds * 2000.0) + 60000);
     // The controller reads the bypass from the modifier keys when it starts, as a desktop would.
     VELTRZMeasurementController::setModifierFlagsProvider(
-        [bypass = !options.levelCheck] { return bypass ? std::uint64_t{1} << 17 : std::uint64_t{0}; });
+        [bypass = !options_.levelCheck] { return bypass ? std::uint64_t{1} << 17 : std::uint64_t{0}; });
     controller_->measure();
     VELTRZMeasurementController::setModifierFlagsProvider(nullptr);
 }
@@ -263,45 +205,23 @@ std::vector<RecordHandle> Measurement::results() {
         raise("Error", "Measurement Aborted", "The measurement was cancelled; nothing was measured.");
     std::vector<std::shared_ptr<const VELTRZMeasurement>> measured = controller_->measurementArray();
     std::optional<TavolarError> error = controller_->error();
-    if (measured.empty()) {
-        TavolarError failure =
-            error.value_or(TavolarError::make("The measurement produced no impulse responses."));
-        const std::string_view clicking =
-            "You can hold the shift key while clicking \"Measure\" to bypass this check.";
-        if (auto at = failure.localizedRecoverySuggestion.find(clicking); at != std::string::npos)
-            failure.localizedRecoverySuggestion.replace(at, clicking.size(),
-                                                        "Give level_check=False to bypass this check.");
-        throw RaisedError{"DeviceError", failure};
-    }
+    if (measured.empty())
+        throw RaisedError{
+            "DeviceError",
+            cli::measurementFailureAdvice(
+                error.value_or(TavolarError::make("The measurement produced no impulse responses.")),
+                controller_->recordingPeakLevels(), options_.request, kPythonWords)};
+    nlohmann::json loopback = nullptr;
+    if (const auto& pair = options_.request.loopback)
+        loopback = {{"output", pair->first}, {"input", pair->second}};
     std::vector<RecordHandle> records;
     for (const auto& result : measured) {
         auto record = VELTMeasurementRecord::record();
         record->setSampleRate(result->sampleRate());
         record->setImpulseResponse(result->impulseResponse());
-        const RecordChannelEntry& entry = result->recordChannelEntry();
-        record->setDate(result->date());
-        record->setLogSweepSettings(result->logSweepSettings());
-        record->setSynchronousAverages(result->synchronousAverages());
-        record->setRecordChannelEntry(entry);
-        if (entry.calibrationRecord()) {
-            record->setMicrophoneCalibrationRecord(entry.calibrationRecord());
-            record->setUseMicrophoneCalibrationRecord(true);
-        }
-        std::string deviceName = deviceName_;
-        if (result->recordDevice()) {
-            record->setAudioDeviceUID(result->recordDevice()->uid);
-            record->setAudioDeviceName(result->recordDevice()->name);
-            deviceName = result->recordDevice()->name;
-        }
-        std::string name = options_.name.value_or(deviceName);
-        if (!options_.name || measured.size() > 1)
-            name += fmt::format(" (input {})", entry.channel());
-        record->setComment(name);
-        cli::applyDefaultAnalysisSettings(*record);
-        nlohmann::json loopback = nullptr;
-        if (options_.loopback)
-            loopback = {{"output", options_.loopback->first}, {"input", options_.loopback->second}};
-        records.push_back({record, nullptr, std::move(loopback)});
+        cli::describeMeasuredRecord(*record, *result, prepared_->recordDevice.name(), options_.name,
+                                    measured.size());
+        records.push_back({record, nullptr, loopback});
     }
     return records;
 }
@@ -370,20 +290,31 @@ void addMeasuring(py::module_& module) {
     });
 
     py::class_<Measurement>(module, "MeasurementHandle", "A measurement under way.")
-        .def(py::init([](std::string device, std::vector<std::int64_t> channels, std::int64_t outputChannel,
+        .def(py::init([](std::string device, std::optional<std::string> playbackDevice,
+                         std::vector<std::int64_t> channels, std::int64_t outputChannel,
                          std::optional<std::pair<std::int64_t, std::int64_t>> loopback, py::object sweep,
-                         std::int64_t averages, bool levelCheck, bool fast, std::optional<std::string> name,
-                         py::object progress) {
+                         std::int64_t averages, bool levelCheck, std::optional<std::string> clientName,
+                         bool connect, bool fast, std::optional<std::string> name, py::object progress,
+                         py::object document) {
+                 cli::MeasurementRequest request{std::move(device),
+                                                 std::move(playbackDevice),
+                                                 std::move(channels),
+                                                 outputChannel,
+                                                 loopback,
+                                                 std::move(clientName),
+                                                 !connect,
+                                                 fast,
+                                                 sweepOptions(sweep)};
                  auto measurement = std::make_unique<Measurement>(
-                     MeasurementOptions{std::move(device), std::move(channels), outputChannel, loopback,
-                                        averages, levelCheck, fast, std::move(name), sweepOptions(sweep)},
-                     std::move(progress));
+                     MeasurementOptions{std::move(request), averages, levelCheck, std::move(name)},
+                     std::move(progress), storedCaptureSettings(document));
                  measurement->start();
                  return measurement;
              }),
-             py::kw_only(), py::arg("device"), py::arg("channels"), py::arg("output_channel"),
-             py::arg("loopback"), py::arg("sweep"), py::arg("averages"), py::arg("level_check"),
-             py::arg("fast"), py::arg("name"), py::arg("progress"))
+             py::kw_only(), py::arg("device"), py::arg("playback_device"), py::arg("channels"),
+             py::arg("output_channel"), py::arg("loopback"), py::arg("sweep"), py::arg("averages"),
+             py::arg("level_check"), py::arg("client_name"), py::arg("connect"), py::arg("fast"),
+             py::arg("name"), py::arg("progress"), py::arg("document"))
         .def("wait", &Measurement::wait, py::arg("timeout") = py::none())
         .def("cancel", &Measurement::cancel)
         .def_property_readonly("done", &Measurement::done);

@@ -82,28 +82,37 @@ class Measurement:
 def start_measure(device: str = "sim:default", channels: abc.Sequence[int] = (0,), output_channel: int = 0,
                   loopback: Union[None, str, Tuple[int, int]] = None, sweep: Sweep = None, averages: int = 1,
                   level_check: bool = True, fast: bool = False, name: Optional[str] = None,
-                  progress: Optional[Progress] = None, document: Optional[Document] = None) -> Measurement:
+                  progress: Optional[Progress] = None, document: Optional[Document] = None,
+                  playback_device: Optional[str] = None, client_name: Optional[str] = None,
+                  connect: bool = True) -> Measurement:
     """Starts a swept-sine measurement and answers at once.
 
-    sweep is a preset ("short", "long") or a dict of preset, start and end (Hz), length (ms), level
-    (dBFS), begin_silence and end_silence (ms), checked as tavolar measure checks them. loopback is an
-    (output, input) pair whose recording is divided out. fast runs a simulated device as fast as the
-    machine allows. progress is called with a dict for each sweep that begins and each channel
-    deconvolved."""
+    device records (and plays, unless playback_device is given). sweep is a preset ("short", "long")
+    or a dict of preset, start and end (Hz), length (ms), level (dBFS), begin_silence and end_silence
+    (ms), checked as tavolar measure checks them. loopback is an (output, input) pair whose recording
+    is divided out. fast runs a simulated device as fast as the machine allows. A JACK device's client
+    is named client_name ("tavolar" by default); connect=False connects none of its ports, and each
+    sweep waits until an input and then an output port are connected. progress is called with a dict
+    for each sweep that begins and each channel deconvolved. Each input of a document takes the
+    calibration and sensitivity the document keeps for it."""
     if document is not None and (document.closed or document._handle.readonly):
         # Refused before measuring, so that no measurement is lost for want of a place to keep it.
         raise DocumentError("The document to keep the records in is closed or was opened read-only.",
                             "Open it with Document.open(path) and measure into it while it is open.")
-    handle = _native.MeasurementHandle(device=device, channels=list(channels), output_channel=output_channel,
-                                       loopback=_loopback(loopback), sweep=sweep, averages=averages,
-                                       level_check=level_check, fast=fast, name=name, progress=progress)
+    handle = _native.MeasurementHandle(device=device, playback_device=playback_device, channels=list(channels),
+                                       output_channel=output_channel, loopback=_loopback(loopback), sweep=sweep,
+                                       averages=averages, level_check=level_check, client_name=client_name,
+                                       connect=connect, fast=fast, name=name, progress=progress,
+                                       document=document._handle if document is not None else None)
     return Measurement(handle, document)
 
 
 def measure(device: str = "sim:default", channels: abc.Sequence[int] = (0,), output_channel: int = 0,
             loopback: Union[None, str, Tuple[int, int]] = None, sweep: Sweep = None, averages: int = 1,
             level_check: bool = True, fast: bool = False, name: Optional[str] = None,
-            progress: Optional[Progress] = None, document: Optional[Document] = None) -> List[Record]:
+            progress: Optional[Progress] = None, document: Optional[Document] = None,
+            playback_device: Optional[str] = None, client_name: Optional[str] = None,
+            connect: bool = True) -> List[Record]:
     """Measures and waits for the records (see start_measure and Measurement.wait)."""
     return start_measure(device, channels, output_channel, loopback, sweep, averages, level_check, fast,
-                         name, progress, document).wait()
+                         name, progress, document, playback_device, client_name, connect).wait()

@@ -98,15 +98,19 @@ class MeasurementHandle:
         self,
         *,
         device: str,
+        playback_device: Optional[str],
         channels: List[int],
         output_channel: int,
         loopback: Optional[Tuple[int, int]],
         sweep: object,
         averages: int,
         level_check: bool,
+        client_name: Optional[str],
+        connect: bool,
         fast: bool,
         name: Optional[str],
         progress: Optional[Callable[[Dict[str, Any]], None]],
+        document: Optional[DocumentHandle],
     ) -> None: ...
     def wait(self, timeout: Optional[float] = None) -> List[RecordHandle]: ...
     def cancel(self) -> None: ...

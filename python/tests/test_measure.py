@@ -44,12 +44,15 @@ def test_measurements_give_records_and_progress(cli: Callable[..., Any], tmp_pat
 @pytest.mark.parametrize(
     "options, error, message",
     [
-        ({"device": "sim:studio"}, tavolar.DeviceError, "no simulated device sim:studio"),
+        ({"device": "sim:studio"}, ValueError, "no simulated device sim:studio"),
+        ({"playback_device": "sim:studio"}, ValueError, "no simulated device sim:studio"),
         ({"device": "jack:nowhere"}, tavolar.DeviceError, "not present"),
-        ({"channels": [5]}, tavolar.DeviceError, "no input 5"),
+        ({"client_name": "left"}, ValueError, "client_name and connect=False apply to JACK devices"),
+        ({"channels": [5]}, ValueError, "no input 5"),
+        ({"channels": [0, 0]}, ValueError, "input 0 twice"),
         ({"loopback": "1:0"}, ValueError, "divided by itself"),
         ({"averages": 0}, ValueError, "averages"),
-        ({"sweep": {"start": 5000, "end": 100}}, tavolar.Error, "5000"),
+        ({"sweep": {"start": 5000, "end": 100}}, ValueError, "5000"),
         ({"sweep": {"speed": 1}}, ValueError, "no setting \"speed\""),
         ({"channels": [1]}, tavolar.DeviceError, "Too Quiet"),
     ],
