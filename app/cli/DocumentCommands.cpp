@@ -1,6 +1,7 @@
 // list, info, set, calibrate, rename, delete and copy: reading and changing the records of a document.
 
 #include "CommandLine.h"
+#include "RecordChanges.h"
 #include "RecordDescription.h"
 #include "RecordStore.h"
 #include "audio/AudioChannelSensitivity.h"
@@ -233,67 +234,40 @@ void addSetCommand(CLI::App& app, CommandList& commands) {
     struct Options {
         std::string document;
         std::vector<std::string> records;
-        std::optional<float> windowBegin;
-        std::optional<float> windowEnd;
-        std::optional<std::string> windowType;
-        std::optional<std::string> comment;
-        std::optional<std::string> notes;
-        std::optional<std::string> color;
-        std::optional<float> splReference;
-        bool noSPLReference = false;
-        std::optional<double> speedOfSound;
+        RecordChanges changes;
         bool json = false;
     };
     auto options = std::make_shared<Options>();
+    RecordChanges& changes = options->changes;
     CLI::App* command =
         app.add_subcommand("set", "Change records: window, comment, notes, colour, SPL reference, "
                                   "speed of sound");
     command->add_option("document", options->document, "The document (*.tavolar)")->required();
     command->add_option("records", options->records, "Records by number, UUID or UUID prefix, or all")
         ->required();
-    command->add_option("--window-begin", options->windowBegin,
+    command->add_option("--window-begin", changes.windowBegin,
                         "Window begin, ms from time zero (may be negative)");
-    command->add_option("--window-end", options->windowEnd, "Window end, ms from time zero");
-    command->add_option("--window-type", options->windowType, "Window taper")
+    command->add_option("--window-end", changes.windowEnd, "Window end, ms from time zero");
+    command->add_option("--window-type", changes.windowType, "Window taper")
         ->check(CLI::IsMember(windowTypeNames()));
-    command->add_option("--comment", options->comment, "The comment, which is also the record's name");
-    command->add_option("--notes", options->notes, "Notes");
-    command->add_option("--color", options->color, "Curve colour: #RRGGBB or a name such as red");
+    command->add_option("--comment", changes.comment, "The comment, which is also the record's name");
+    command->add_option("--notes", changes.notes, "Notes");
+    command->add_option("--color", changes.color, "Curve colour: #RRGGBB or a name such as red");
     auto* reference =
-        command->add_option("--spl-reference", options->splReference, "Use this SPL reference level, dB");
-    command->add_flag("--no-spl-reference", options->noSPLReference, "Stop using the SPL reference level")
+        command->add_option("--spl-reference", changes.splReference, "Use this SPL reference level, dB");
+    command->add_flag("--no-spl-reference", changes.noSPLReference, "Stop using the SPL reference level")
         ->excludes(reference);
-    command->add_option("--speed-of-sound", options->speedOfSound, "Speed of sound for distances, m/s");
+    command->add_option("--speed-of-sound", changes.speedOfSound, "Speed of sound for distances, m/s");
     command->add_flag("--json", options->json, "Print the records changed as JSON for scripts");
     commands.push_back(
         {command, [options]() -> Expected<void> {
-             const bool changesWindow = options->windowBegin || options->windowEnd || options->windowType;
-             if (!changesWindow && !options->comment && !options->notes && !options->color &&
-                 !options->splReference && !options->noSPLReference && !options->speedOfSound)
+             const RecordChanges& changes = options->changes;
+             if (changes.empty())
                  return usageFailure("Nothing to change: give at least one option such as "
                                      "--window-end or --comment.",
                                      "Run tavolar set --help to see them.");
-             for (const auto* text : {&options->comment, &options->notes})
-                 if (*text && !isValidUTF8(**text))
-                     return usageFailure(
-                         fmt::format("The text given to {} is not valid UTF-8.",
-                                     text == &options->comment ? "--comment" : "--notes"),
-                         "Give text in UTF-8 (check the terminal's encoding and the locale).");
-             std::optional<ArchivedColor> color;
-             if (options->color) {
-                 color = parseColor(*options->color);
-                 if (!color)
-                     return usageFailure(fmt::format("{} is not a colour.", *options->color),
-                                         "Give #RRGGBB, such as #1F77B4, or a name such as red.");
-             }
-             if (options->speedOfSound &&
-                 !(*options->speedOfSound > 0.0 && *options->speedOfSound < 100000.0))
-                 return usageFailure("The speed of sound must be a positive number of m/s.");
-             if (options->splReference && !std::isfinite(*options->splReference))
-                 return usageFailure("The SPL reference must be a number of dB.");
-             for (std::optional<float> value : {options->windowBegin, options->windowEnd})
-                 if (value && !std::isfinite(*value))
-                     return usageFailure("Window times must be numbers of ms.");
+             if (auto checked = changes.check(); !checked)
+                 return checked;
 
              auto store = RecordStore::open(options->document, RecordStore::Mode::ReadWrite);
              if (!store)
@@ -306,63 +280,13 @@ void addSetCommand(CLI::App& app, CommandList& commands) {
                  return std::unexpected(records.error());
 
              // Everything is checked before anything is changed.
-             for (std::size_t at = 0; at < records->size(); ++at) {
-                 const VELTMeasurementRecord& record = *(*records)[at];
-                 if (!changesWindow)
-                     continue;
-                 auto impulse = record.impulseResponse();
-                 if (!impulse || record.sampleRate() <= 0)
-                     return failure(
-                         fmt::format("Record {} has no impulse response to window.", (*indices)[at] + 1));
-                 const std::int64_t begin = options->windowBegin
-                                                ? record.samplesFromMilliseconds(*options->windowBegin)
-                                                : record.windowBegin();
-                 const std::int64_t end = options->windowEnd
-                                              ? record.samplesFromMilliseconds(*options->windowEnd)
-                                              : record.windowEnd();
-                 const std::int64_t earliest = record.minimumImpulseSampleIndex();
-                 const std::int64_t latest = record.impulseMidpoint();
-                 const double msPerSample = 1000.0 / static_cast<double>(record.sampleRate());
-                 if (begin >= end)
-                     return failure(fmt::format("The window of record {} would end ({:.3f} ms) before "
-                                                "it begins ({:.3f} ms).",
-                                                (*indices)[at] + 1, end * msPerSample, begin * msPerSample),
-                                    "Give a window end after its begin.");
-                 if (begin < earliest || end > latest)
-                     return failure(
-                         fmt::format("The window {:.3f} ms to {:.3f} ms lies outside the impulse "
-                                     "response of record {}, which runs from {:.3f} ms to {:.3f} ms.",
-                                     begin * msPerSample, end * msPerSample, (*indices)[at] + 1,
-                                     earliest * msPerSample, latest * msPerSample),
-                         "Choose a window within the response.");
-             }
-
-             for (const auto& record : *records) {
-                 if (changesWindow) {
-                     VELTWindow window = record->impulseResponseWindow();
-                     if (options->windowBegin)
-                         window.setBegin(record->samplesFromMilliseconds(*options->windowBegin));
-                     if (options->windowEnd)
-                         window.setEnd(record->samplesFromMilliseconds(*options->windowEnd));
-                     if (options->windowType)
-                         window.setType(*windowTypeFromName(*options->windowType));
-                     record->setImpulseResponseWindow(window);
-                 }
-                 if (options->comment)
-                     record->setComment(*options->comment);
-                 if (options->notes)
-                     record->setNotes(*options->notes);
-                 if (color)
-                     record->setPlotColor(*color);
-                 if (options->splReference) {
-                     record->setSPLReferenceLevel(*options->splReference);
-                     record->setUseSPLReferenceLevel(true);
-                 }
-                 if (options->noSPLReference)
-                     record->setUseSPLReferenceLevel(false);
-                 if (options->speedOfSound)
-                     record->setSpeedOfSound(*options->speedOfSound);
-             }
+             for (std::size_t at = 0; at < records->size(); ++at)
+                 if (auto fits =
+                         changes.checkWindow(*(*records)[at], fmt::format("record {}", (*indices)[at] + 1));
+                     !fits)
+                     return fits;
+             for (const auto& record : *records)
+                 changes.apply(*record);
              if (auto saved = store->save(*records, {}); !saved)
                  return saved;
              if (options->json) {
@@ -378,58 +302,6 @@ void addSetCommand(CLI::App& app, CommandList& commands) {
              return {};
          }});
 }
-
-namespace {
-
-std::optional<MicrophoneSensitivityUnit> microphoneUnitFromName(std::string_view name) {
-    if (name == "mV/Pa")
-        return MicrophoneSensitivityUnit::millivoltsPerPascal;
-    if (name == "dBV/uBar" || name == "dBV/µBar")
-        return MicrophoneSensitivityUnit::dBVPerMicrobar;
-    if (name == "dBFS")
-        return MicrophoneSensitivityUnit::dBFS;
-    return std::nullopt;
-}
-
-std::optional<AudioChannelSensitivityUnit> channelUnitFromName(std::string_view name) {
-    if (name == "dBu")
-        return AudioChannelSensitivityUnit::dBu;
-    if (name == "dBV")
-        return AudioChannelSensitivityUnit::dBV;
-    if (name == "dBFS")
-        return AudioChannelSensitivityUnit::dBFS;
-    return std::nullopt;
-}
-
-struct CalibrationChange {
-    std::shared_ptr<const MicrophoneCalibrationRecord> fromFile;
-    std::optional<double> sensitivity;
-    std::optional<MicrophoneSensitivityUnit> sensitivityUnit;
-    std::optional<AudioChannelSensitivity> channelSensitivity;
-    bool remove = false;
-
-    // The calibration a channel or record ends up with, starting from the one it has.
-    Expected<std::shared_ptr<const MicrophoneCalibrationRecord>>
-    apply(const std::shared_ptr<const MicrophoneCalibrationRecord>& current, std::string_view what) const {
-        if (remove)
-            return std::shared_ptr<const MicrophoneCalibrationRecord>();
-        std::shared_ptr<const MicrophoneCalibrationRecord> base = fromFile ? fromFile : current;
-        if (!sensitivity && !sensitivityUnit)
-            return base;
-        if (!base)
-            return usageFailure(
-                fmt::format("{} has no microphone calibration to give a sensitivity to.", what),
-                "Give the calibration file with --file.");
-        auto changed = std::make_shared<MicrophoneCalibrationRecord>(*base);
-        if (sensitivity)
-            changed->setSensitivity(*sensitivity);
-        if (sensitivityUnit)
-            changed->setSensitivityUnits(*sensitivityUnit);
-        return std::shared_ptr<const MicrophoneCalibrationRecord>(std::move(changed));
-    }
-};
-
-} // namespace
 
 void addCalibrateCommand(CLI::App& app, CommandList& commands) {
     struct Options {
@@ -496,22 +368,10 @@ void addCalibrateCommand(CLI::App& app, CommandList& commands) {
              if (options->sensitivity && !std::isfinite(*options->sensitivity))
                  return usageFailure("The sensitivity must be a number.");
              if (options->file) {
-                 auto calibration =
-                     MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(*options->file);
-                 if (!calibration) {
-                     // The loader's suggestion names the line at fault; the general shape of a file
-                     // is the fallback when it has none.
-                     const std::string& suggestion = calibration.error().localizedRecoverySuggestion;
-                     return failure(
-                         fmt::format("{}: {}", *options->file, calibration.error().localizedDescription),
-                         suggestion.empty() ? "A calibration file holds lines of frequency (Hz), magnitude "
-                                              "(dB) and optionally phase (degrees)."
-                                            : suggestion);
-                 }
-                 // The microphone is named after the file, whose name may be in any encoding.
-                 calibration->setName(validUTF8(calibration->name()));
-                 change.fromFile =
-                     std::make_shared<const MicrophoneCalibrationRecord>(std::move(*calibration));
+                 auto calibration = readCalibrationFile(*options->file);
+                 if (!calibration)
+                     return std::unexpected(calibration.error());
+                 change.fromFile = std::move(*calibration);
              }
 
              auto store = RecordStore::open(options->document, options->captureSettings
@@ -560,24 +420,11 @@ void addCalibrateCommand(CLI::App& app, CommandList& commands) {
              auto records = loadRecords(*store, *indices);
              if (!records)
                  return std::unexpected(records.error());
-             for (std::size_t at = 0; at < records->size(); ++at) {
-                 VELTMeasurementRecord& record = *(*records)[at];
-                 auto calibration = change.apply(record.microphoneCalibrationRecord(),
-                                                 fmt::format("Record {}", (*indices)[at] + 1));
-                 if (!calibration)
-                     return std::unexpected(calibration.error());
-                 record.setMicrophoneCalibrationRecord(*calibration);
-                 record.setUseMicrophoneCalibrationRecord(*calibration != nullptr);
-                 std::optional<RecordChannelEntry> entry = record.recordChannelEntry();
-                 if (!entry && (change.channelSensitivity || *calibration))
-                     entry = RecordChannelEntry(0, nullptr, std::nullopt);
-                 if (entry) {
-                     entry->setCalibrationRecord(*calibration);
-                     if (change.channelSensitivity)
-                         entry->setSensitivity(change.channelSensitivity);
-                     record.setRecordChannelEntry(entry);
-                 }
-             }
+             for (std::size_t at = 0; at < records->size(); ++at)
+                 if (auto applied =
+                         change.applyTo(*(*records)[at], fmt::format("Record {}", (*indices)[at] + 1));
+                     !applied)
+                     return applied;
              if (auto saved = store->save(*records, {}); !saved)
                  return saved;
              std::string what =

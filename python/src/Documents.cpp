@@ -4,6 +4,7 @@
 #include "AudioFiles.h"
 #include "Bindings.h"
 #include "CommandLine.h"
+#include "RecordChanges.h"
 #include "RecordDescription.h"
 #include "RecordStore.h"
 #include "audio/MicrophoneCalibrationRecord.h"
@@ -83,95 +84,40 @@ std::size_t findRecord(DocumentState& state, const std::string& key) {
                                     store.path().string()));
 }
 
-// What set changes, checked as set checks it before anything is changed.
-struct RecordChanges {
-    std::optional<float> windowBegin, windowEnd; // ms
-    std::optional<std::string> windowType;
-    std::optional<std::string> comment, notes, color;
-    std::optional<float> splReference;
-    bool noSPLReference = false;
-    std::optional<double> speedOfSound;
-};
+// Mistakes in what Python gives are ValueError.
+template <typename T> T valueOrValueError(Expected<T> expected) {
+    if (!expected) {
+        const TavolarError& mistake = expected.error();
+        throw py::value_error(mistake.localizedRecoverySuggestion.empty()
+                                  ? mistake.localizedDescription
+                                  : mistake.localizedDescription + "\n" +
+                                        mistake.localizedRecoverySuggestion);
+    }
+    if constexpr (!std::is_void_v<T>)
+        return std::move(*expected);
+}
 
-void changeRecord(const RecordHandle& handle, const RecordChanges& changes) {
-    VELTMeasurementRecord& record = *handle.record;
-    std::optional<std::int64_t> windowType;
-    if (changes.windowType) {
-        windowType = cli::windowTypeFromName(*changes.windowType);
-        if (!windowType)
-            throw py::value_error(fmt::format("{} is not a window type; the types are {}.",
-                                              *changes.windowType, fmt::join(cli::windowTypeNames(), ", ")));
-    }
-    std::optional<ArchivedColor> color;
-    if (changes.color) {
-        color = cli::parseColor(*changes.color);
-        if (!color)
-            throw py::value_error(
-                fmt::format("{} is not a colour: give #RRGGBB, such as #1F77B4, or a name such "
-                            "as red.",
-                            *changes.color));
-    }
-    if (changes.speedOfSound && !(*changes.speedOfSound > 0.0 && *changes.speedOfSound < 100000.0))
-        throw py::value_error("The speed of sound must be a positive number of m/s.");
-    if (changes.splReference && !std::isfinite(*changes.splReference))
-        throw py::value_error("The SPL reference must be a number of dB.");
-    for (std::optional<float> value : {changes.windowBegin, changes.windowEnd})
-        if (value && !std::isfinite(*value))
-            throw py::value_error("Window times must be numbers of ms.");
-    const bool changesWindow = changes.windowBegin || changes.windowEnd || windowType;
-    if (changesWindow) {
-        if (!record.impulseResponse() || record.sampleRate() <= 0)
-            raise("Error", "The record has no impulse response to window.");
-        const std::int64_t begin =
-            changes.windowBegin ? record.samplesFromMilliseconds(*changes.windowBegin) : record.windowBegin();
-        const std::int64_t end =
-            changes.windowEnd ? record.samplesFromMilliseconds(*changes.windowEnd) : record.windowEnd();
-        const std::int64_t earliest = record.minimumImpulseSampleIndex();
-        const std::int64_t latest = record.impulseMidpoint();
-        const double msPerSample = 1000.0 / static_cast<double>(record.sampleRate());
-        if (begin >= end)
-            throw py::value_error(
-                fmt::format("The window would end ({:.3f} ms) before it begins ({:.3f} ms).",
-                            end * msPerSample, begin * msPerSample));
-        if (begin < earliest || end > latest)
-            throw py::value_error(fmt::format("The window {:.3f} ms to {:.3f} ms lies outside the impulse "
-                                              "response, which runs from {:.3f} ms to {:.3f} ms.",
-                                              begin * msPerSample, end * msPerSample, earliest * msPerSample,
-                                              latest * msPerSample));
-    }
-    std::shared_ptr<DocumentState> document = documentOf(handle);
-    if (document && document->readOnly)
+void requireWritable(const RecordHandle& handle) {
+    if (std::shared_ptr<DocumentState> document = documentOf(handle); document && document->readOnly)
         raise("DocumentError", "The document was opened read-only.",
               "Open it with Document.open(path, readonly=False) to change its records.");
+}
 
-    if (changesWindow) {
-        VELTWindow window = record.impulseResponseWindow();
-        if (changes.windowBegin)
-            window.setBegin(record.samplesFromMilliseconds(*changes.windowBegin));
-        if (changes.windowEnd)
-            window.setEnd(record.samplesFromMilliseconds(*changes.windowEnd));
-        if (windowType)
-            window.setType(*windowType);
-        record.setImpulseResponseWindow(window);
-    }
-    if (changes.comment)
-        record.setComment(*changes.comment);
-    if (changes.notes)
-        record.setNotes(*changes.notes);
-    if (color)
-        record.setPlotColor(*color);
-    if (changes.splReference) {
-        record.setSPLReferenceLevel(*changes.splReference);
-        record.setUseSPLReferenceLevel(true);
-    }
-    if (changes.noSPLReference)
-        record.setUseSPLReferenceLevel(false);
-    if (changes.speedOfSound)
-        record.setSpeedOfSound(*changes.speedOfSound);
-    if (document) {
+// Writes a changed record back to its document, if it has one.
+void saveChanged(const RecordHandle& handle) {
+    if (std::shared_ptr<DocumentState> document = documentOf(handle)) {
         const std::shared_ptr<VELTMeasurementRecord> changed[] = {handle.record};
         valueOrRaise(document->openStore().save(changed, {}), "DocumentError");
     }
+}
+
+// Changes a record as tavolar set does, everything checked before anything changes.
+void changeRecord(const RecordHandle& handle, const cli::RecordChanges& changes) {
+    valueOrValueError(changes.check());
+    valueOrValueError(changes.checkWindow(*handle.record, ""));
+    requireWritable(handle);
+    changes.apply(*handle.record);
+    saveChanged(handle);
 }
 
 // Attaches a microphone calibration (from a file, a sensitivity for the one the record has, or
@@ -184,68 +130,25 @@ void calibrateRecord(const RecordHandle& handle, std::optional<std::string> file
         throw py::value_error("Nothing to attach: give a calibration file, a sensitivity, or remove=True.");
     if (sensitivity && !std::isfinite(*sensitivity))
         throw py::value_error("The sensitivity must be a number.");
-    std::optional<MicrophoneSensitivityUnit> units;
+    cli::CalibrationChange change;
+    change.remove = remove;
+    change.sensitivity = sensitivity;
     if (unit) {
-        if (*unit == "mV/Pa")
-            units = MicrophoneSensitivityUnit::millivoltsPerPascal;
-        else if (*unit == "dBV/uBar" || *unit == "dBV/µBar")
-            units = MicrophoneSensitivityUnit::dBVPerMicrobar;
-        else if (*unit == "dBFS")
-            units = MicrophoneSensitivityUnit::dBFS;
-        else
+        change.sensitivityUnit = cli::microphoneUnitFromName(*unit);
+        if (!change.sensitivityUnit)
             throw py::value_error(
                 fmt::format("{} is not a sensitivity unit: mV/Pa, dBV/uBar or dBFS.", *unit));
     } else if (sensitivity) {
-        units = MicrophoneSensitivityUnit::millivoltsPerPascal;
+        change.sensitivityUnit = MicrophoneSensitivityUnit::millivoltsPerPascal;
     }
-    std::shared_ptr<const MicrophoneCalibrationRecord> calibration;
-    if (!remove) {
-        calibration = handle.record->microphoneCalibrationRecord();
-        if (file) {
-            auto read = MicrophoneCalibrationRecord::initWithContentsOfCalibrationFileAtURL(*file);
-            if (!read) {
-                // The loader's suggestion names the line at fault; the shape of a file is the fallback.
-                const std::string& suggestion = read.error().localizedRecoverySuggestion;
-                raise("CalibrationError", fmt::format("{}: {}", *file, read.error().localizedDescription),
-                      suggestion.empty()
-                          ? "A calibration file holds lines of frequency (Hz), magnitude (dB) and "
-                            "optionally phase (degrees)."
-                          : suggestion);
-            }
-            read->setName(cli::validUTF8(read->name()));
-            calibration = std::make_shared<const MicrophoneCalibrationRecord>(std::move(*read));
-        }
-        if (sensitivity || units) {
-            if (!calibration)
-                raise("CalibrationError",
-                      "The record has no microphone calibration to give a sensitivity to.",
-                      "Give the calibration file too.");
-            auto changed = std::make_shared<MicrophoneCalibrationRecord>(*calibration);
-            if (sensitivity)
-                changed->setSensitivity(*sensitivity);
-            if (units)
-                changed->setSensitivityUnits(*units);
-            calibration = std::move(changed);
-        }
-    }
-    std::shared_ptr<DocumentState> document = documentOf(handle);
-    if (document && document->readOnly)
-        raise("DocumentError", "The document was opened read-only.",
-              "Open it with Document.open(path, readonly=False) to change its records.");
-    VELTMeasurementRecord& record = *handle.record;
-    record.setMicrophoneCalibrationRecord(calibration);
-    record.setUseMicrophoneCalibrationRecord(calibration != nullptr);
-    std::optional<RecordChannelEntry> entry = record.recordChannelEntry();
-    if (!entry && calibration)
-        entry = RecordChannelEntry(0, nullptr, std::nullopt);
-    if (entry) {
-        entry->setCalibrationRecord(calibration);
-        record.setRecordChannelEntry(entry);
-    }
-    if (document) {
-        const std::shared_ptr<VELTMeasurementRecord> changed[] = {handle.record};
-        valueOrRaise(document->openStore().save(changed, {}), "DocumentError");
-    }
+    if (file)
+        change.fromFile = valueOrRaise(cli::readCalibrationFile(*file), "CalibrationError");
+    // Tried first, so that a refusal leaves the record as it was.
+    valueOrRaise(change.apply(handle.record->microphoneCalibrationRecord(), "The record"),
+                 "CalibrationError");
+    requireWritable(handle);
+    valueOrRaise(change.applyTo(*handle.record, "The record"));
+    saveChanged(handle);
 }
 
 std::string describe(const RecordHandle& handle) {
@@ -327,8 +230,8 @@ void addDocuments(py::module_& module) {
                std::optional<std::string> windowType, std::optional<std::string> comment,
                std::optional<std::string> notes, std::optional<std::string> color,
                std::optional<float> splReference, bool noSPLReference, std::optional<double> speedOfSound) {
-                changeRecord(self, RecordChanges{windowBegin, windowEnd, windowType, comment, notes, color,
-                                                 splReference, noSPLReference, speedOfSound});
+                changeRecord(self, cli::RecordChanges{windowBegin, windowEnd, windowType, comment, notes,
+                                                      color, splReference, noSPLReference, speedOfSound});
             },
             py::kw_only(), py::arg("window_begin") = py::none(), py::arg("window_end") = py::none(),
             py::arg("window_type") = py::none(), py::arg("comment") = py::none(),
