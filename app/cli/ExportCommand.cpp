@@ -7,12 +7,11 @@
 
 #include "AudioFiles.h"
 #include "CommandLine.h"
+#include "FrequencyCurves.h"
 #include "RecordDescription.h"
 #include "RecordStore.h"
 #include "dsp/Decibels.h"
 #include "dsp/Hilbert.h"
-#include "dsp/Smoothing.h"
-#include "dsp/WeightingFilters.h"
 #include "export/ExportText.h"
 #include "export/FRDExport.h"
 #include "export/VELTCSVExporter.h"
@@ -25,13 +24,11 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
-#include <complex>
 #include <filesystem>
 #include <fmt/format.h>
 #include <functional>
 #include <map>
 #include <memory>
-#include <numbers>
 #include <optional>
 #include <set>
 #include <string>
@@ -108,7 +105,6 @@ struct ExportOptions {
     bool wants(std::string_view curve) const {
         return std::find(curves.begin(), curves.end(), curve) != curves.end();
     }
-    bool reshapesFrequencyAxis() const { return smoothing || pointsPerOctave; }
 };
 
 constexpr int kLargestSmoothingDenominator = 48;
@@ -118,148 +114,40 @@ bool isLevelCurve(std::string_view curve) {
     return curve == "magnitude" || curve == "spl";
 }
 
-// The gain in dB of the weighting filter of the record's rate at each frequency: the same filter
-// that weights signals, so that a weighted curve and a weighted level agree.
-Expected<VELTRealVector> weightingDecibels(const VELTMeasurementRecord& record, std::size_t number,
-                                           const std::string& weighting, const VELTRealVector& frequencies) {
-    std::optional<VELTRealDoubleVector> a, b;
-    (weighting == "a" ? VELTGetAWeightingFilter : VELTGetCWeightingFilter)(record.sampleRate(), &a, &b);
-    if (!a || !b)
-        return failure(fmt::format("Record {} has a sample rate of {} Hz, for which there is no {}-weighting "
-                                   "filter.",
-                                   number, record.sampleRate(), weighting == "a" ? 'A' : 'C'),
-                       "Weighting works at 44100, 48000, 88200, 96000, 176400 and 192000 Hz.");
-    auto evaluate = [](const VELTRealDoubleVector& p, std::complex<double> zInverse) {
-        std::complex<double> sum = 0.0;
-        for (std::size_t k = p.length(); k-- > 0;)
-            sum = sum * zInverse + p[k];
-        return sum;
-    };
-    VELTRealVector gains(frequencies.length());
-    const double rate = static_cast<double>(record.sampleRate());
-    for (std::size_t i = 0; i < frequencies.length(); ++i) {
-        const std::complex<double> zInverse =
-            std::polar(1.0, -2.0 * std::numbers::pi * frequencies[i] / rate);
-        const double magnitude = std::abs(evaluate(*b, zInverse) / evaluate(*a, zInverse));
-        gains[i] = static_cast<float>(20.0 * std::log10(magnitude + kDecibelFloor));
-    }
-    return gains;
-}
-
-// Smooths a curve in dB over 1/N octave, averaging the decibels themselves (as the graphs do) or
-// the powers they stand for.
-void smoothLevels(VELTRealVector& decibels, int denominator, bool powerDomain) {
-    const float fraction = 1.0f / static_cast<float>(denominator);
-    if (!powerDomain) {
-        smoothWithOctaveFraction(decibels, fraction);
-        return;
-    }
-    convertPowerToAbs(decibels);
-    smoothPowersWithOctaveFraction(decibels, fraction);
-    convertAbsToPower(decibels);
-}
-
 PhaseTimeReference timeReference(std::string_view name) {
     return name == "window" ? PhaseTimeReference::WindowStart
            : name == "peak" ? PhaseTimeReference::Peak
                             : PhaseTimeReference::TimeZero;
 }
 
-VELTRealVector frequencyCurve(const VELTMeasurementRecord& record, std::string_view name,
-                              std::size_t fftLength) {
-    if (name == "magnitude")
-        return record.fftMagnitudeResponseWithFFTLength(fftLength);
-    if (name == "spl")
-        return record.fftSPLResponseWithFFTLength(fftLength);
-    if (name == "phase")
-        return record.fftPhaseResponseWithFFTLength(fftLength);
-    if (name == "minimum-phase")
-        return record.minimumPhaseResponseWithFFTLength(fftLength);
-    if (name == "excess-phase")
-        return record.excessPhaseResponseWithFFTLength(fftLength);
-    return record.groupDelayWithFFTLength(fftLength);
-}
-
-// The named frequency curves over one axis: the record's valid bins, or with --points-per-octave the
-// points of the logarithmic grid that lie within them. Weighting is added to magnitude and SPL, which
-// are then smoothed; smoothing runs over every bin from 0 Hz to Nyquist, as its windows are defined
-// in bins counted from 0 Hz, and the valid bins are taken afterwards. Phases and group delay are
-// picked, not averaged.
+// The named frequency curves over one axis (see frequencyCurvesOfRecord), with their file headers.
 Expected<CurveGroup> frequencyGroup(const VELTMeasurementRecord& record, std::size_t number,
                                     const ExportOptions& options, std::size_t fftLength,
                                     const std::vector<std::string_view>& names) {
-    const VELTMeasurementRecord* source = &record;
-    std::shared_ptr<VELTMeasurementRecord> wholeSpectrum;
-    if (options.reshapesFrequencyAxis()) {
-        wholeSpectrum = record.cachedCopy();
-        wholeSpectrum->setStartFrequency(0.0f);
-        wholeSpectrum->setEndFrequency(static_cast<float>(record.sampleRate()));
-        source = wholeSpectrum.get();
-    }
-    const VELTRealVector sourceAxis = source->frequencyTableWithFFTLength(fftLength);
-    const BinRange valid = record.validRangeForFFTLength(fftLength);
-    const std::size_t offset = valid.location - source->validRangeForFFTLength(fftLength).location;
-    std::optional<VELTRealVector> weights;
-    if (options.weighting) {
-        auto gains = weightingDecibels(record, number, *options.weighting, sourceAxis);
-        if (!gains)
-            return std::unexpected(gains.error());
-        weights = std::move(*gains);
-    }
-
+    FrequencyCurveRequest request{std::vector<std::string>(names.begin(), names.end()),
+                                  options.smoothing,
+                                  options.smoothingDomain == "power",
+                                  options.pointsPerOctave,
+                                  std::nullopt,
+                                  timeReference(options.phaseReference.value_or("zero")),
+                                  fftLength,
+                                  options.unwrapped};
+    if (options.weighting)
+        request.weighting = options.weighting->front();
+    auto curves = frequencyCurvesOfRecord(record, request, fmt::format("Record {}", number));
+    if (!curves)
+        return std::unexpected(curves.error());
     CurveGroup group;
-    std::function<VELTRealVector(const VELTRealVector&)> onAxis = [](const VELTRealVector& values) {
-        return values;
-    };
-    if (options.pointsPerOctave) {
-        // The grid points within the valid bins: never 0 Hz, never beyond Nyquist.
-        const auto rate = static_cast<std::uint32_t>(record.sampleRate());
-        const float fraction = 1.0f / static_cast<float>(*options.pointsPerOctave);
-        const VELTRealVector table = tableForSmoothedPointsWithFraction(fraction, rate);
-        std::vector<std::size_t> kept;
-        for (std::size_t at = 0; at < table.length() && valid.length > 0; ++at)
-            if (table[at] >= sourceAxis[offset] && table[at] <= sourceAxis[offset + valid.length - 1])
-                kept.push_back(at);
-        auto pick = [kept](const VELTRealVector& values) {
-            VELTRealVector picked(kept.size());
-            for (std::size_t at = 0; at < kept.size(); ++at)
-                picked[at] = values[kept[at]];
-            return picked;
-        };
-        group.axis.values = pick(table);
-        onAxis = [=](const VELTRealVector& values) {
-            return pick(smoothedPointsWithFraction(values, fraction, rate));
-        };
-    } else if (options.smoothing) {
-        group.axis.values = record.frequencyTableWithFFTLength(fftLength);
-        onAxis = [&](const VELTRealVector& values) { return values.realVectorInRange(offset, valid.length); };
-    } else {
-        group.axis.values = sourceAxis;
-    }
-    group.axis.header = "Frequency (Hz)";
-    group.axis.variable = "frequency";
-
-    for (std::string_view name : names) {
+    group.axis = {"Frequency (Hz)", "frequency", std::move(curves->frequencies)};
+    for (std::size_t at = 0; at < names.size(); ++at) {
         const CurveKind& kind =
             *std::find_if(std::begin(kFrequencyCurves), std::end(kFrequencyCurves),
-                          [&](const CurveKind& candidate) { return candidate.name == name; });
+                          [&](const CurveKind& candidate) { return candidate.name == names[at]; });
         std::string header(kind.header);
-        VELTRealVector values = frequencyCurve(*source, name, fftLength);
-        if (name == "phase" || name == "excess-phase" || name == "group-delay")
-            shiftTimeReference(
-                values, name == "group-delay", sourceAxis,
-                phaseReferenceShift(record, timeReference(options.phaseReference.value_or("zero"))));
-        if (isLevelCurve(name)) {
-            if (weights) {
-                values.add(*weights);
-                header.replace(header.find("(dB)"), 4, *options.weighting == "a" ? "(dBA)" : "(dBC)");
-            }
-            if (options.smoothing && values.length() >= 2)
-                smoothLevels(values, *options.smoothing, options.smoothingDomain == "power");
-        }
-        if (kind.header.ends_with("(deg)") && !options.unwrapped)
-            wrapDegrees(values);
-        group.curves.push_back({std::move(header), std::string(kind.variable), onAxis(values)});
+        if (options.weighting && isLevelCurve(names[at]))
+            header.replace(header.find("(dB)"), 4, *options.weighting == "a" ? "(dBA)" : "(dBC)");
+        group.curves.push_back(
+            {std::move(header), std::string(kind.variable), std::move(curves->curves[at])});
     }
     return group;
 }

@@ -1,30 +1,23 @@
-// The curves of a record, computed as tavolar export computes them (the same engine calls, in the
-// same order), so that a curve read in Python and an exported file hold the same numbers. The engine
-// work runs with the GIL released.
+// The curves of a record, computed by the code tavolar export computes them with, so that a curve
+// read in Python and an exported file hold the same numbers. The engine work runs with the GIL
+// released.
 
 #include "Bindings.h"
+#include "FrequencyCurves.h"
 #include "dsp/Decibels.h"
 #include "dsp/Hilbert.h"
-#include "dsp/Smoothing.h"
-#include "dsp/WeightingFilters.h"
 #include "graphcalc/RecordCurves.h"
 #include "graphcalc/SpectrogramGraphCalculationController.h"
 
 #include <atomic>
-#include <complex>
 #include <fmt/format.h>
-#include <functional>
 #include <limits>
-#include <numbers>
 #include <pybind11/stl.h>
 #include <thread>
 
 namespace tavolar::python {
 
 namespace {
-
-constexpr std::string_view kFrequencyCurveNames[] = {"magnitude",     "spl",          "phase",
-                                                     "minimum-phase", "excess-phase", "group-delay"};
 
 void requireImpulse(const VELTMeasurementRecord& record) {
     if (!record.impulseResponse() || record.sampleRate() <= 0)
@@ -40,134 +33,10 @@ std::size_t checkedFFTLength(const VELTMeasurementRecord& record, std::optional<
     return *given;
 }
 
-// The gain in dB of the weighting filter of the record's rate at each frequency.
-VELTRealVector weightingDecibels(const VELTMeasurementRecord& record, char weighting,
-                                 const VELTRealVector& frequencies) {
-    std::optional<VELTRealDoubleVector> a, b;
-    (weighting == 'a' ? VELTGetAWeightingFilter : VELTGetCWeightingFilter)(record.sampleRate(), &a, &b);
-    if (!a || !b)
-        raise("Error",
-              fmt::format("The record has a sample rate of {} Hz, for which there is no {}-weighting filter.",
-                          record.sampleRate(), weighting == 'a' ? 'A' : 'C'),
-              "Weighting works at 44100, 48000, 88200, 96000, 176400 and 192000 Hz.");
-    auto evaluate = [](const VELTRealDoubleVector& p, std::complex<double> zInverse) {
-        std::complex<double> sum = 0.0;
-        for (std::size_t k = p.length(); k-- > 0;)
-            sum = sum * zInverse + p[k];
-        return sum;
-    };
-    VELTRealVector gains(frequencies.length());
-    const double rate = static_cast<double>(record.sampleRate());
-    for (std::size_t i = 0; i < frequencies.length(); ++i) {
-        const std::complex<double> zInverse =
-            std::polar(1.0, -2.0 * std::numbers::pi * frequencies[i] / rate);
-        gains[i] = static_cast<float>(
-            20.0 * std::log10(std::abs(evaluate(*b, zInverse) / evaluate(*a, zInverse)) + kDecibelFloor));
-    }
-    return gains;
-}
-
-VELTRealVector frequencyCurve(const VELTMeasurementRecord& record, std::string_view name,
-                              std::size_t fftLength) {
-    if (name == "magnitude")
-        return record.fftMagnitudeResponseWithFFTLength(fftLength);
-    if (name == "spl")
-        return record.fftSPLResponseWithFFTLength(fftLength);
-    if (name == "phase")
-        return record.fftPhaseResponseWithFFTLength(fftLength);
-    if (name == "minimum-phase")
-        return record.minimumPhaseResponseWithFFTLength(fftLength);
-    if (name == "excess-phase")
-        return record.excessPhaseResponseWithFFTLength(fftLength);
-    return record.groupDelayWithFFTLength(fftLength);
-}
-
-struct FrequencyRequest {
-    std::vector<std::string> names;
-    std::optional<int> smoothing; // 1/N octave
-    bool powerSmoothing = false;
-    std::optional<int> pointsPerOctave;
-    std::optional<char> weighting; // 'a' or 'c'
-    PhaseTimeReference phaseReference = PhaseTimeReference::TimeZero;
-    std::size_t fftLength = 0;
-    bool unwrapped = false;
-};
-
-// The named curves over the record's valid bins (or the points of a logarithmic grid within them).
-// Levels are weighted and then smoothed over every bin from 0 Hz, as smoothing windows count bins
-// from there, and the valid bins are taken afterwards; phases and group delay are picked, not averaged.
-std::pair<VELTRealVector, std::vector<VELTRealVector>> frequencyCurves(const VELTMeasurementRecord& record,
-                                                                       const FrequencyRequest& request) {
-    const VELTMeasurementRecord* source = &record;
-    std::shared_ptr<VELTMeasurementRecord> wholeSpectrum;
-    if (request.smoothing || request.pointsPerOctave) {
-        wholeSpectrum = record.cachedCopy();
-        wholeSpectrum->setStartFrequency(0.0f);
-        wholeSpectrum->setEndFrequency(static_cast<float>(record.sampleRate()));
-        source = wholeSpectrum.get();
-    }
-    const std::size_t fftLength = request.fftLength;
-    const VELTRealVector sourceAxis = source->frequencyTableWithFFTLength(fftLength);
-    const BinRange valid = record.validRangeForFFTLength(fftLength);
-    const std::size_t offset = valid.location - source->validRangeForFFTLength(fftLength).location;
-    std::optional<VELTRealVector> weights;
-    if (request.weighting)
-        weights = weightingDecibels(record, *request.weighting, sourceAxis);
-
-    VELTRealVector axis;
-    std::function<VELTRealVector(const VELTRealVector&)> onAxis = [](const VELTRealVector& values) {
-        return values;
-    };
-    if (request.pointsPerOctave) {
-        const auto rate = static_cast<std::uint32_t>(record.sampleRate());
-        const float fraction = 1.0f / static_cast<float>(*request.pointsPerOctave);
-        const VELTRealVector table = tableForSmoothedPointsWithFraction(fraction, rate);
-        std::vector<std::size_t> kept;
-        for (std::size_t at = 0; at < table.length() && valid.length > 0; ++at)
-            if (table[at] >= sourceAxis[offset] && table[at] <= sourceAxis[offset + valid.length - 1])
-                kept.push_back(at);
-        auto pick = [kept](const VELTRealVector& values) {
-            VELTRealVector picked(kept.size());
-            for (std::size_t at = 0; at < kept.size(); ++at)
-                picked[at] = values[kept[at]];
-            return picked;
-        };
-        axis = pick(table);
-        onAxis = [=](const VELTRealVector& values) {
-            return pick(smoothedPointsWithFraction(values, fraction, rate));
-        };
-    } else if (request.smoothing) {
-        axis = record.frequencyTableWithFFTLength(fftLength);
-        onAxis = [=](const VELTRealVector& values) { return values.realVectorInRange(offset, valid.length); };
-    } else {
-        axis = sourceAxis;
-    }
-
-    std::vector<VELTRealVector> curves;
-    for (const std::string& name : request.names) {
-        VELTRealVector values = frequencyCurve(*source, name, fftLength);
-        if (name == "phase" || name == "excess-phase" || name == "group-delay")
-            shiftTimeReference(values, name == "group-delay", sourceAxis,
-                               phaseReferenceShift(record, request.phaseReference));
-        if (name == "magnitude" || name == "spl") {
-            if (weights)
-                values.add(*weights);
-            if (request.smoothing && values.length() >= 2) {
-                const float fraction = 1.0f / static_cast<float>(*request.smoothing);
-                if (request.powerSmoothing) {
-                    convertPowerToAbs(values);
-                    smoothPowersWithOctaveFraction(values, fraction);
-                    convertAbsToPower(values);
-                } else {
-                    smoothWithOctaveFraction(values, fraction);
-                }
-            }
-        }
-        if (name.ends_with("phase") && !request.unwrapped)
-            wrapDegrees(values);
-        curves.push_back(onAxis(values));
-    }
-    return {std::move(axis), std::move(curves)};
+// The curves of one record; the engine's failures (a weighting the rate has no filter for) are raised.
+cli::FrequencyCurves frequencyCurves(const VELTMeasurementRecord& record,
+                                     const cli::FrequencyCurveRequest& request) {
+    return valueOrRaise(cli::frequencyCurvesOfRecord(record, request, "The record"));
 }
 
 PhaseTimeReference timeReference(const std::string& name) {
@@ -207,11 +76,12 @@ struct FrequencyOptions {
 };
 
 // The request for one record, with every option checked.
-FrequencyRequest frequencyRequest(const VELTMeasurementRecord& record, const FrequencyOptions& options) {
+cli::FrequencyCurveRequest frequencyRequest(const VELTMeasurementRecord& record,
+                                            const FrequencyOptions& options) {
     requireImpulse(record);
     for (const std::string& name : options.names)
-        if (std::find(std::begin(kFrequencyCurveNames), std::end(kFrequencyCurveNames), name) ==
-            std::end(kFrequencyCurveNames))
+        if (std::find(std::begin(cli::kFrequencyCurveNames), std::end(cli::kFrequencyCurveNames), name) ==
+            std::end(cli::kFrequencyCurveNames))
             throw py::value_error(fmt::format("There is no frequency curve \"{}\".", name));
     if (options.smoothing && (*options.smoothing < 1 || *options.smoothing > 48))
         throw py::value_error(
@@ -221,21 +91,21 @@ FrequencyRequest frequencyRequest(const VELTMeasurementRecord& record, const Fre
             fmt::format("points_per_octave must be from 1 to 96 (got {}).", *options.pointsPerOctave));
     if (options.smoothingDomain != "db" && options.smoothingDomain != "power")
         throw py::value_error("smoothing_domain must be \"db\" or \"power\".");
-    return FrequencyRequest{options.names,
-                            options.smoothing,
-                            options.smoothingDomain == "power",
-                            options.pointsPerOctave,
-                            weightingLetter(options.weighting),
-                            timeReference(options.phaseReference),
-                            checkedFFTLength(record, options.fftLength),
-                            options.unwrapped};
+    return cli::FrequencyCurveRequest{options.names,
+                                      options.smoothing,
+                                      options.smoothingDomain == "power",
+                                      options.pointsPerOctave,
+                                      weightingLetter(options.weighting),
+                                      timeReference(options.phaseReference),
+                                      checkedFFTLength(record, options.fftLength),
+                                      options.unwrapped};
 }
 
-py::tuple curvesTuple(std::pair<VELTRealVector, std::vector<VELTRealVector>> result, std::size_t fftLength) {
+py::tuple curvesTuple(cli::FrequencyCurves result, std::size_t fftLength) {
     std::vector<py::array_t<float>> curves;
-    for (VELTRealVector& curve : result.second)
+    for (VELTRealVector& curve : result.curves)
         curves.push_back(arrayTakingVector(std::move(curve)));
-    return py::make_tuple(arrayTakingVector(std::move(result.first)), curves, fftLength);
+    return py::make_tuple(arrayTakingVector(std::move(result.frequencies)), curves, fftLength);
 }
 
 } // namespace
@@ -247,10 +117,10 @@ void addCurves(py::module_& module, py::class_<RecordHandle>& record) {
            std::string smoothingDomain, std::optional<int> pointsPerOctave,
            std::optional<std::string> weighting, std::string phaseReference,
            std::optional<std::size_t> fftLength, bool unwrapped) {
-            const FrequencyRequest request =
+            const cli::FrequencyCurveRequest request =
                 frequencyRequest(*self.record, {names, smoothing, smoothingDomain, pointsPerOctave, weighting,
                                                 phaseReference, fftLength, unwrapped});
-            std::pair<VELTRealVector, std::vector<VELTRealVector>> result;
+            cli::FrequencyCurves result;
             {
                 py::gil_scoped_release release;
                 result = frequencyCurves(*self.record, request);
@@ -269,14 +139,14 @@ void addCurves(py::module_& module, py::class_<RecordHandle>& record) {
            std::optional<int> smoothing, std::string smoothingDomain, std::optional<int> pointsPerOctave,
            std::optional<std::string> weighting, std::string phaseReference,
            std::optional<std::size_t> fftLength, bool unwrapped, std::optional<std::size_t> threads) {
-            std::vector<FrequencyRequest> requests;
+            std::vector<cli::FrequencyCurveRequest> requests;
             for (const RecordHandle& record : records)
                 requests.push_back(
                     frequencyRequest(*record.record, {names, smoothing, smoothingDomain, pointsPerOctave,
                                                       weighting, phaseReference, fftLength, unwrapped}));
             if (threads && *threads < 1)
                 throw py::value_error("threads must be at least 1.");
-            std::vector<std::pair<VELTRealVector, std::vector<VELTRealVector>>> results(records.size());
+            std::vector<cli::FrequencyCurves> results(records.size());
             std::vector<std::exception_ptr> failures(records.size());
             {
                 py::gil_scoped_release release;
