@@ -332,11 +332,16 @@ void MeasureDialog::measurementEnded(bool aborted) {
         cli::applyDefaultAnalysisSettings(*record);
         records.push_back(std::move(record));
     }
-    const auto count = records.size();
-    document_.addRecords(std::move(records));
-    progress_->setValue(progress_->maximum());
-    status_->setText(tr("Added %n record(s).", nullptr, static_cast<int>(count)));
-    emit finished(true);
+    const auto count = static_cast<int>(records.size());
+    status_->setText(tr("Storing…"));
+    document_.addRecords(std::move(records), [dialog = QPointer<MeasureDialog>(this), count](bool stored) {
+        if (!dialog)
+            return;
+        dialog->progress_->setValue(stored ? dialog->progress_->maximum() : 0);
+        dialog->status_->setText(stored ? tr("Added %n record(s).", nullptr, count)
+                                        : tr("The records could not be stored."));
+        emit dialog->finished(stored);
+    });
 }
 
 } // namespace tavolar::desktop

@@ -1,9 +1,12 @@
 #include "RecordTableModel.h"
 
+#include "platform/DispatchQueue.h"
+
 #include <QDateTime>
 #include <QUndoCommand>
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 namespace tavolar::desktop {
 
@@ -54,12 +57,17 @@ private:
 class RecordsCommand : public QUndoCommand {
 public:
     using Rows = std::vector<std::pair<int, std::shared_ptr<VELTMeasurementRecord>>>;
-    RecordsCommand(RecordTableModel& model, Rows rows, bool adding, QString text)
-        : QUndoCommand(std::move(text)), model_(model), rows_(std::move(rows)), adding_(adding) {
+    // impulsesStored: the document holds the added records' impulse responses already.
+    RecordsCommand(RecordTableModel& model, Rows rows, bool adding, QString text, bool impulsesStored = false)
+        : QUndoCommand(std::move(text)), model_(model), rows_(std::move(rows)), adding_(adding),
+          impulsesStored_(impulsesStored) {
         for (const auto& [row, record] : rows_)
             uuids_.push_back(record->impulseUUID());
     }
-    void redo() override { adding_ ? model_.insertRecords(rows_) : model_.takeRecords(uuids_); }
+    void redo() override {
+        adding_ ? model_.insertRecords(rows_, !std::exchange(impulsesStored_, false))
+                : model_.takeRecords(uuids_);
+    }
     void undo() override { adding_ ? model_.takeRecords(uuids_) : model_.insertRecords(rows_); }
 
 private:
@@ -67,6 +75,7 @@ private:
     Rows rows_;
     std::vector<std::string> uuids_;
     bool adding_;
+    bool impulsesStored_;
 };
 
 } // namespace
@@ -88,6 +97,12 @@ Expected<std::unique_ptr<RecordTableModel>> RecordTableModel::open(const std::fi
 }
 
 RecordTableModel::RecordTableModel(cli::RecordStore store) : store_(std::move(store)) {}
+
+RecordTableModel::~RecordTableModel() {
+    *alive_ = false;
+    for (auto& write : writes_)
+        write.wait();
+}
 
 RecordArray RecordTableModel::visibleRecords() const {
     RecordArray visible;
@@ -246,12 +261,50 @@ void RecordTableModel::removeRecords(std::vector<int> rows) {
     undoStack_.push(new RecordsCommand(*this, std::move(taken), false, text));
 }
 
-void RecordTableModel::addRecords(std::vector<std::shared_ptr<VELTMeasurementRecord>> records) {
-    RecordsCommand::Rows rows;
-    for (auto& record : records)
-        rows.emplace_back(rowCount() + static_cast<int>(rows.size()), std::move(record));
-    if (!rows.empty())
-        undoStack_.push(new RecordsCommand(*this, std::move(rows), true, tr("Add Measurement")));
+void RecordTableModel::addRecords(std::vector<std::shared_ptr<VELTMeasurementRecord>> records,
+                                  std::function<void(bool)> stored) {
+    if (records.empty())
+        return;
+    std::erase_if(writes_, [](const std::future<void>& write) {
+        return write.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+    });
+    // Each impulse response is megabytes written through to the disk; the document serialises its
+    // calls, so the worker is the only one to wait for it. What the worker reads of the records is
+    // their impulse responses, which nothing changes.
+    writes_.push_back(
+        std::async(std::launch::async, [this, records = std::move(records), stored = std::move(stored),
+                                        alive = std::weak_ptr<bool>(alive_)]() mutable {
+            MeasurementDocument& document = store_.document();
+            auto written = document.performBatch([&]() -> Expected<void> {
+                for (const auto& record : records) {
+                    auto impulse = record->cachedImpulseResponse();
+                    if (!impulse)
+                        return makeUnexpected("The record " + record->impulseUUID() +
+                                              " has no impulse response to store.");
+                    if (auto put = document.putImpulseResponse(record->impulseUUID(), impulse->span(),
+                                                               record->sampleRate());
+                        !put)
+                        return put;
+                }
+                return {};
+            });
+            DispatchQueue::main().async([this, alive, records = std::move(records),
+                                         stored = std::move(stored), written = std::move(written)]() mutable {
+                if (auto living = alive.lock(); !living || !*living)
+                    return;
+                if (written) {
+                    RecordsCommand::Rows rows;
+                    for (auto& record : records)
+                        rows.emplace_back(rowCount() + static_cast<int>(rows.size()), std::move(record));
+                    undoStack_.push(
+                        new RecordsCommand(*this, std::move(rows), true, tr("Add Measurement"), true));
+                } else {
+                    reportError(cli::documentError(path(), written.error()));
+                }
+                if (stored)
+                    stored(written.has_value());
+            });
+        }));
 }
 
 std::shared_ptr<VELTMeasurementRecord> RecordTableModel::makeRecord(VELTRealVector impulseResponse,
@@ -280,7 +333,7 @@ void RecordTableModel::takeRecords(const std::vector<std::string>& uuids) {
 }
 
 void RecordTableModel::insertRecords(
-    const std::vector<std::pair<int, std::shared_ptr<VELTMeasurementRecord>>>& rows) {
+    const std::vector<std::pair<int, std::shared_ptr<VELTMeasurementRecord>>>& rows, bool withImpulses) {
     std::vector<std::shared_ptr<VELTMeasurementRecord>> records;
     for (const auto& [row, record] : rows) {
         const int at = std::clamp(row, 0, rowCount());
@@ -289,8 +342,8 @@ void RecordTableModel::insertRecords(
         endInsertRows();
         records.push_back(record);
     }
-    // The impulse responses went with the records, so they are written again from memory.
-    save(records, true);
+    // The impulse responses went with removed records, so they are written again from memory.
+    save(records, withImpulses);
     std::vector<std::string> order;
     for (const auto& record : records_)
         order.push_back(record->impulseUUID());

@@ -11,6 +11,8 @@
 #include <QUndoStack>
 #include <QVariant>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,6 +27,7 @@ public:
 
     // Opens the document (creating it when create is set and there is no file) and reads its records.
     static Expected<std::unique_ptr<RecordTableModel>> open(const std::filesystem::path& path, bool create);
+    ~RecordTableModel() override;
 
     const std::filesystem::path& path() const noexcept { return store_.path(); }
     QUndoStack& undoStack() noexcept { return undoStack_; }
@@ -44,7 +47,11 @@ public:
     // Removes the rows as one undoable step.
     void removeRecords(std::vector<int> rows);
     // Adds newly measured records (their impulse responses still in memory) as one undoable step.
-    void addRecords(std::vector<std::shared_ptr<VELTMeasurementRecord>> records);
+    // Their impulse responses are written to the document on a worker thread, so that the interface
+    // does not wait for the disk; the records join the table once that is done, and stored is
+    // called on the interface thread with whether they were.
+    void addRecords(std::vector<std::shared_ptr<VELTMeasurementRecord>> records,
+                    std::function<void(bool stored)> stored = {});
     // A record with its impulse response in this document's cache, for a new measurement.
     std::shared_ptr<VELTMeasurementRecord> makeRecord(VELTRealVector impulseResponse,
                                                       std::int64_t sampleRate);
@@ -60,7 +67,9 @@ public:
     void applyField(const std::string& uuid, Column column, const QVariant& value);
     // Takes the records out of the document, or puts them back at their rows (ascending).
     void takeRecords(const std::vector<std::string>& uuids);
-    void insertRecords(const std::vector<std::pair<int, std::shared_ptr<VELTMeasurementRecord>>>& rows);
+    // withImpulses false leaves out the impulse responses, when the document holds them already.
+    void insertRecords(const std::vector<std::pair<int, std::shared_ptr<VELTMeasurementRecord>>>& rows,
+                       bool withImpulses = true);
 
 signals:
     // A write to the document failed; the message says what happened and what to do.
@@ -77,6 +86,9 @@ private:
     cli::RecordStore store_;
     std::vector<std::shared_ptr<VELTMeasurementRecord>> records_;
     QUndoStack undoStack_;
+    // Writes still running on worker threads, waited for before the document closes.
+    std::vector<std::future<void>> writes_;
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 } // namespace tavolar::desktop

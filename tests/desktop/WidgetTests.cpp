@@ -6,12 +6,14 @@
 #include "MeasureDialog.h"
 
 #include <QApplication>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QWheelEvent>
 #include <gtest/gtest.h>
+#include <iostream>
 
 namespace tavolar::desktop::test {
 namespace {
@@ -199,6 +201,22 @@ std::optional<bool> measureThrough(MeasureDialog& dialog, bool cancel) {
     return finished.front().front().toBool();
 }
 
+// The longest time the interface thread went without running its timers while the probe lived.
+struct BlockingProbe {
+    QTimer timer;
+    QElapsedTimer clock;
+    qint64 last = 0, longest = 0;
+    BlockingProbe() {
+        timer.setTimerType(Qt::PreciseTimer);
+        QObject::connect(&timer, &QTimer::timeout, [this] {
+            longest = std::max(longest, clock.elapsed() - last);
+            last = clock.elapsed();
+        });
+        clock.start();
+        timer.start(5);
+    }
+};
+
 TEST(MeasureDialog, MeasurementOnTheSimulatedDeviceBecomesARecordAndACancelledOneNone) {
     OpenWindow open;
     RecordTableModel& document = open.window->document();
@@ -208,8 +226,20 @@ TEST(MeasureDialog, MeasurementOnTheSimulatedDeviceBecomesARecordAndACancelledOn
     dialog.device().setCurrentIndex(device);
     dialog.name().setText("Simulated");
 
+    // From the click through the sweep, its processing and the new curve's calculation, the
+    // interface never stops for more than 50 ms.
     dialog.fast().setChecked(true);
+    BlockingProbe probe;
     EXPECT_EQ(measureThrough(dialog, false), std::optional(true)) << dialog.status().text().toStdString();
+    QElapsedTimer toCurve;
+    toCurve.start();
+    for (GraphModel& graph = open.graph().graph(); graph.isReloading() || graph.curves().size() != 3;)
+        QTest::qWait(1);
+    open.graph().repaint();
+    std::cout << "records added to curve on screen: " << toCurve.elapsed()
+              << " ms; click to curve: " << probe.clock.elapsed()
+              << " ms; longest pause of the interface: " << probe.longest << " ms\n";
+    EXPECT_LE(probe.longest, 50);
     ASSERT_EQ(document.rowCount(), 3);
     EXPECT_EQ(document.index(2, RecordTableModel::Name).data().toString(), "Simulated");
     auto later = reopened(open.path);
