@@ -164,14 +164,22 @@ FrequencyDomainGraphCalculationController::smoothed(const VELTGraphData& data, f
     VELTRealVector y = data.y();
     smoothWithOctaveFraction(y, fraction);
     std::vector<std::int64_t> indexes = smoothedPointIndexesForFraction(y, fraction, data.sampleRate());
-    VELTRealVector x(indexes.size()), thinned(indexes.size());
-    for (std::size_t i = 0; i < indexes.size(); ++i) {
-        auto index =
-            static_cast<std::size_t>(std::clamp<std::int64_t>(indexes[i], 0, std::int64_t(y.length()) - 1));
-        x[i] = data.x()[index];
-        thinned[i] = y[index];
+    // Where the grid is finer than the bins (at the lowest frequencies of short transforms) neighbouring
+    // grid points round to the same bin: each bin is taken once, so that X strictly increases.
+    std::vector<float> x, thinned;
+    x.reserve(indexes.size());
+    thinned.reserve(indexes.size());
+    std::int64_t previous = -1;
+    for (std::int64_t wanted : indexes) {
+        const std::int64_t index = std::clamp<std::int64_t>(wanted, 0, std::int64_t(y.length()) - 1);
+        if (index <= previous)
+            continue;
+        previous = index;
+        x.push_back(data.x()[static_cast<std::size_t>(index)]);
+        thinned.push_back(y[static_cast<std::size_t>(index)]);
     }
-    return data.withXY(std::move(x), std::move(thinned));
+    return data.withXY(VELTRealVector(std::span<const float>(x)),
+                       VELTRealVector(std::span<const float>(thinned)));
 }
 
 GraphDataArray

@@ -60,9 +60,9 @@ struct GraphCase {
 const std::vector<GraphCase>& graphCases() {
     static const std::vector<GraphCase> cases{
         {"magnitude",
-         [](PlotSettings& s) { s.smoothing = 6; },
+         [](PlotSettings& s) { s.smoothing = 12; },
          PictureStyle::Curves,
-         {"Frequency Response", " (1/6 Octave Smoothing)", "Frequency (Hz)", "Magnitude (dB)", "Left",
+         {"Frequency Response", " (1/12 Octave Smoothing)", "Frequency (Hz)", "Magnitude (dB)", "Left",
           "Right"}},
         {"phase", {}, PictureStyle::Curves, {"Phase", "Phase (°)", "90", "\u221290", "1k"}},
         {"group-delay", {}, PictureStyle::Curves, {"Group Delay", "Group delay (ms)"}},
@@ -106,6 +106,11 @@ TEST(RecordPlots, EveryGraphDrawsItsParts) {
         EXPECT_EQ(picture->style, c.style);
         EXPECT_EQ(picture->graph, c.name);
         EXPECT_NE(picture->subject.find("Left, Right"), std::string::npos) << picture->subject;
+        // No X twice, even where a smoothing grid is finer than the bins.
+        for (const auto& curve : c.style == PictureStyle::Curves ? picture->plot.curves : GraphDataArray{})
+            EXPECT_EQ(std::adjacent_find(curve->x().span().begin(), curve->x().span().end(),
+                                         std::greater_equal<float>()),
+                      curve->x().span().end());
         RecordingPainter painter;
         drawPicture(painter, *picture, {0, 0, 454, 283});
         for (const std::string& text : c.texts)
