@@ -112,6 +112,8 @@ VELTGraphPlot VELTGraph::graphPlot() const {
     plot.title = title_;
     plot.xQuantity = horizontalAxis_.quantity();
     plot.yQuantity = verticalAxis_.quantity();
+    plot.xTickLabels = horizontalAxis_.tickLabelFormatter();
+    plot.yTickLabels = verticalAxis_.tickLabelFormatter();
     plot.logarithmicX = horizontalAxis_.isLogarithmic();
     plot.extents = extents_;
     plot.curves = graphData_;

@@ -87,13 +87,15 @@ std::optional<VELTGraphExtents> automaticGraphExtents(const GraphDataArray& curv
     return VELTGraphExtents{xMin, xMax, yMin, yMax};
 }
 
-namespace {
-
-TickLabelText labelTextFor(const GraphQuantity& quantity) {
+TickLabelText tickLabelText(const VELTAxis::TickLabelFormatter& formatter, const GraphQuantity& quantity) {
+    if (formatter)
+        return [formatter](double value, int) { return formatter(value); };
     if (quantity.unit == "Hz")
         return [](double value, int) { return formatFrequency(value); };
     return [](double value, int decimals) { return formatNumber(value, decimals); };
 }
+
+namespace {
 
 struct Frame {
     double titleHeight = 0.0;
@@ -125,8 +127,8 @@ std::vector<TickMark> yTicksOf(VELTPainter& painter, const VELTGraphPlot& plot, 
     auto width = [&](std::string_view) { return painter.lineHeight(plot.appearance.tickLabelFont); };
     // Vertical labels are stacked, so their height is what must fit; a line's height between them keeps
     // the axis from reading as a column of numbers.
-    return linearTickMarks(plot.extents.yMin, plot.extents.yMax, height, width, labelTextFor(plot.yQuantity),
-                           yTickOptions(painter, plot));
+    return linearTickMarks(plot.extents.yMin, plot.extents.yMax, height, width,
+                           tickLabelText(plot.yTickLabels, plot.yQuantity), yTickOptions(painter, plot));
 }
 
 double plotHeightOf(const Frame& frame, const VELTGraphPlot& plot, const VELTRect& bounds) {
@@ -156,8 +158,8 @@ VELTGraphExtents roundedGraphExtents(VELTPainter& painter, const VELTGraphPlot& 
     auto width = [&](std::string_view) { return painter.lineHeight(plot.appearance.tickLabelFont); };
     const double height = plotHeightOf(frame, plot, bounds);
     auto stepOf = [&](double minimum, double maximum) {
-        return linearTickStep(minimum, maximum, height, width, labelTextFor(plot.yQuantity),
-                              yTickOptions(painter, plot));
+        return linearTickStep(minimum, maximum, height, width,
+                              tickLabelText(plot.yTickLabels, plot.yQuantity), yTickOptions(painter, plot));
     };
     // Rounding widens the range, which may call for a coarser step than the one it rounded to: the
     // range is rounded again with the coarser step until the ticks drawn are the ones it ends on.
@@ -209,7 +211,7 @@ VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, con
     layout.plotArea = {left, bounds.y + a.padding + frame.titleHeight, std::max(right - left, 1.0),
                        plotHeight};
     auto xWidth = [&](std::string_view text) { return painter.textWidth(text, a.tickLabelFont); };
-    const TickLabelText xText = labelTextFor(plot.xQuantity);
+    const TickLabelText xText = tickLabelText(plot.xTickLabels, plot.xQuantity);
     layout.xTicks =
         !plot.xTicks.empty() ? plot.xTicks
         : plot.logarithmicX

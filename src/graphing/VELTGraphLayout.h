@@ -4,6 +4,7 @@
 // of the curves' names. It draws through a painter only, so the same code makes files and fills
 // views.
 
+#include "graphing/VELTAxis.h"
 #include "graphing/VELTGraphData.h"
 #include "graphing/VELTGraphExtents.h"
 #include "graphing/VELTPainter.h"
@@ -68,6 +69,10 @@ struct VELTGraphPlot {
     std::string note;
     GraphQuantity xQuantity;
     GraphQuantity yQuantity;
+    // The text of each axis's tick labels: its axis's own formatter where it has one, otherwise as
+    // its quantity's unit calls for (see tickLabelText).
+    VELTAxis::TickLabelFormatter xTickLabels;
+    VELTAxis::TickLabelFormatter yTickLabels;
     bool logarithmicX = false;
     // The steps of the Y axis when it has its own (see TickMarkOptions::steps).
     std::vector<double> ySteps;
@@ -88,6 +93,10 @@ struct VELTGraphPlot {
 // Extents fitting the curves: on a logarithmic X axis only positive X counts; Y spans at least 1
 // (a flat curve gets its value ± 0.5). Nothing when no curve has a point to show.
 std::optional<VELTGraphExtents> automaticGraphExtents(const GraphDataArray& curves, bool logarithmicX);
+
+// The text of tick labels: the formatter's where there is one; frequencies ("Hz") as "20", "1k",
+// "2.5k"; other numbers with the decimals of the step.
+TickLabelText tickLabelText(const VELTAxis::TickLabelFormatter& formatter, const GraphQuantity& quantity);
 
 // Where everything goes inside bounds.
 struct VELTGraphLayout {

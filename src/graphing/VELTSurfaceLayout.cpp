@@ -11,12 +11,6 @@ namespace {
 
 constexpr double kGap = 4.0;
 
-TickLabelText labelTextFor(const GraphQuantity& quantity) {
-    if (quantity.unit == "Hz")
-        return [](double value, int) { return formatFrequency(value); };
-    return [](double value, int decimals) { return formatNumber(value, decimals); };
-}
-
 // Where X lies across the X range, from 0 to 1 (outside for X outside it).
 double xFraction(const VELTSurfacePlot& plot, double x) {
     if (plot.logarithmicX)
@@ -37,10 +31,9 @@ std::vector<TickMark> xTicksOf(VELTPainter& painter, const VELTSurfacePlot& plot
     auto width = [&](std::string_view text) {
         return painter.textWidth(text, plot.appearance.tickLabelFont);
     };
-    const GraphQuantity& quantity = plot.surface->xQuantity();
-    return plot.logarithmicX
-               ? logarithmicTickMarks(plot.xMin, plot.xMax, length, width, labelTextFor(quantity))
-               : linearTickMarks(plot.xMin, plot.xMax, length, width, labelTextFor(quantity));
+    const TickLabelText text = tickLabelText(plot.xTickLabels, plot.surface->xQuantity());
+    return plot.logarithmicX ? logarithmicTickMarks(plot.xMin, plot.xMax, length, width, text)
+                             : linearTickMarks(plot.xMin, plot.xMax, length, width, text);
 }
 
 // Ticks of an axis whose labels are stacked: each takes a line's height.
@@ -50,7 +43,7 @@ std::vector<TickMark> stackedTicksOf(VELTPainter& painter, const VELTSurfacePlot
     TickMarkOptions options;
     options.minimumGap = line;
     return linearTickMarks(
-        minimum, maximum, length, [line](std::string_view) { return line; }, labelTextFor({}), options);
+        minimum, maximum, length, [line](std::string_view) { return line; }, tickLabelText({}, {}), options);
 }
 
 // The title and its modifier centred over the bounds; returns the height taken.
@@ -157,6 +150,7 @@ void drawHeatMapGraph(VELTPainter& painter, const VELTSurfacePlot& plot, const V
     GraphQuantity valueQuantity{"Level", "dB"};
     if (plot.surface) {
         frame.xQuantity = plot.surface->xQuantity();
+        frame.xTickLabels = plot.xTickLabels;
         frame.yQuantity = plot.surface->zQuantity();
         valueQuantity = plot.surface->yQuantity();
     }

@@ -24,8 +24,9 @@ struct VELTSurfacePlot {
     std::string note; // small type in the bottom right corner, as on curve graphs
     std::shared_ptr<const GraphData3D> surface;
     bool logarithmicX = true;
-    double xMin = 20.0, xMax = 20000.0; // X shown (frequency)
-    double zMin = 0.0, zMax = 1.0;      // Z shown (time)
+    double xMin = 20.0, xMax = 20000.0;       // X shown (frequency)
+    VELTAxis::TickLabelFormatter xTickLabels; // the text of X's tick labels (see tickLabelText)
+    double zMin = 0.0, zMax = 1.0;            // Z shown (time)
     double levelMin = -60.0, levelMax = 0.0;
     VELTColorMap colorMap = VELTColorMap::viridis();
     VELTGraphAppearance appearance;

@@ -1,6 +1,7 @@
 #include "graphs/FrequencyGraphPlots.h"
 
 #include "graphcalc/RecordGraphCalculationControllers.h"
+#include "graphing/VELTCollapsingFrequencyNumberFormatter.h"
 
 #include <algorithm>
 #include <cmath>
@@ -60,6 +61,7 @@ std::optional<VELTGraphPlot> frequencyGraphPlot(const FrequencyGraphDescription&
         plot.titleModifier = smoothingTitleModifier(settings.smoothingFraction);
     plot.logarithmicX = true;
     plot.xQuantity = {"Frequency", "Hz"};
+    plot.xTickLabels = VELTCollapsingFrequencyNumberFormatter();
     if (!curves.empty() && curves.front()) {
         plot.xQuantity = curves.front()->xQuantity();
         plot.yQuantity = curves.front()->yQuantity();

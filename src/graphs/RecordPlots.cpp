@@ -4,6 +4,7 @@
 #include "graphcalc/RecordGraphCalculationControllers.h"
 #include "graphcalc/SpectrogramGraphCalculationController.h"
 #include "graphcalc/WaterfallGraphCalculationController.h"
+#include "graphing/VELTCollapsingFrequencyNumberFormatter.h"
 #include "graphing/VELTUnitFormatter.h"
 #include "graphs/BandGraphPlots.h"
 #include "graphs/FrequencyGraphPlots.h"
@@ -259,6 +260,7 @@ Expected<GraphPicture> distortionPicture(const RecordArray& records, const PlotS
     VELTGraphPlot& plot = picture.plot;
     plot.title = "Harmonic Distortion";
     plot.xQuantity = {"Frequency", "Hz"};
+    plot.xTickLabels = VELTCollapsingFrequencyNumberFormatter();
     plot.yQuantity = {"Distortion", s.percent ? "%" : "dB"};
     plot.logarithmicX = !s.linearFrequency;
     auto extents = automaticGraphExtents(curves, plot.logarithmicX);

@@ -3,6 +3,7 @@
 #include "core/VELTMeasurementRecord.h"
 #include "graphcalc/SpectrogramGraphCalculationController.h"
 #include "graphcalc/WaterfallGraphCalculationController.h"
+#include "graphing/VELTCollapsingFrequencyNumberFormatter.h"
 #include "graphing/VELTSurfaceLayout.h"
 #include "graphs/FrequencyGraphPlots.h"
 
@@ -23,6 +24,7 @@ VELTSurfacePlot surfacePlotOf(const GraphPicture& picture) {
     if (!plot.curves.empty())
         surface.surface = std::dynamic_pointer_cast<const GraphData3D>(plot.curves.front());
     surface.logarithmicX = plot.logarithmicX;
+    surface.xTickLabels = plot.xTickLabels;
     surface.xMin = plot.extents.xMin;
     surface.xMax = plot.extents.xMax;
     surface.zMin = plot.extents.yMin;
@@ -100,6 +102,7 @@ Expected<GraphPicture> surfacePicture(const RecordArray& records, const PlotSett
                               smoothingTitleModifier(1.0f / static_cast<float>(*settings.smoothing));
     plot.logarithmicX = !settings.linearFrequency;
     plot.xQuantity = surface->xQuantity();
+    plot.xTickLabels = VELTCollapsingFrequencyNumberFormatter();
     plot.yQuantity = surface->zQuantity();
     const double nyquist = surface->x()[surface->columns() - 1];
     plot.extents.xMin = settings.linearFrequency ? 0.0 : std::min(20.0, nyquist / 10.0);

@@ -336,7 +336,7 @@ private:
     VELTLineStyle style_;
 };
 
-TEST(GraphModel, MarkersLieAtTheirValuesOnTheAxesScale) {
+TEST(GraphModel, MarkersAndTickLabelsFollowTheAxes) {
     TavolarMagnitudeResponseGraph graph;
     graph.replaceGraphDataArray({flatCurve(90.0f)});
     graph.setExtents({10.0, 10000.0, 80.0, 100.0});
@@ -344,6 +344,9 @@ TEST(GraphModel, MarkersLieAtTheirValuesOnTheAxesScale) {
     graph.setMarkers({{VELTGraphMarker::Orientation::Vertical, 100.0, "100 Hz", style.lineStyle},
                       {VELTGraphMarker::Orientation::Vertical, 5.0, "off the axis", style.lineStyle},
                       {VELTGraphMarker::Orientation::Horizontal, 85.0, "", style.lineStyle}});
+    VELTAxis vertical = graph.verticalAxis();
+    vertical.setTickLabelFormatter([](double level) { return formatShortNumber(level) + " dB"; });
+    graph.setVerticalAxis(vertical);
     LinePainter painter(style.lineStyle);
     graph.drawInRect(painter, {0.0, 0.0, 600.0, 250.0});
     const VELTRect area = layoutGraph(painter, graph.graphPlot(), {0.0, 0.0, 600.0, 250.0}).plotArea;
@@ -354,6 +357,9 @@ TEST(GraphModel, MarkersLieAtTheirValuesOnTheAxesScale) {
     EXPECT_NEAR(painter.lines[1].first.y, area.bottom() - area.height / 4.0, 1e-9);
     EXPECT_NE(std::find(painter.texts.begin(), painter.texts.end(), "100 Hz"), painter.texts.end());
     EXPECT_EQ(std::find(painter.texts.begin(), painter.texts.end(), "off the axis"), painter.texts.end());
+    // Tick labels are the axes' formatters' text.
+    for (const char* label : {"90 dB", "1k"})
+        EXPECT_NE(std::find(painter.texts.begin(), painter.texts.end(), label), painter.texts.end()) << label;
 }
 
 TEST(GraphModel, FrequencyScaleChangesKeepTheExtentsShowable) {
