@@ -3,6 +3,7 @@
 #include "graphcalc/RecordGraphCalculationControllers.h"
 #include "graphing/VELTUnitFormatter.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 
@@ -27,6 +28,29 @@ double nominalBandCentre(double exactCentre) {
     return best;
 }
 
+std::optional<VELTGraphExtents> bandGraphExtents(const GraphDataArray& bands, bool thirdOctaveBands) {
+    auto extents = automaticGraphExtents(bands, true);
+    if (!extents)
+        return extents;
+    extents->yMin = std::max(extents->yMin - 3.0, extents->yMax - 60.0);
+    extents->yMax += 3.0;
+    const double halfBand = std::pow(2.0, thirdOctaveBands ? 1.0 / 6.0 : 0.5);
+    extents->xMin /= halfBand;
+    extents->xMax *= halfBand;
+    return extents;
+}
+
+std::vector<TickMark> bandTickMarks(const VELTGraphData& bands, bool thirdOctaveBands) {
+    std::vector<TickMark> ticks;
+    for (std::size_t i = 0; i < bands.x().length(); ++i) {
+        const double nominal = nominalBandCentre(bands.x()[i]);
+        const double octaves = std::log2(nominal / 1000.0);
+        const bool labelled = !thirdOctaveBands || std::abs(octaves - std::round(octaves)) < 0.1;
+        ticks.push_back({bands.x()[i], labelled, labelled ? formatFrequency(nominal) : ""});
+    }
+    return ticks;
+}
+
 Expected<GraphPicture> bandPicture(const RecordArray& records, const PlotSettings& settings,
                                    const GraphCalculationSettings& calculation) {
     GraphPicture picture;
@@ -41,27 +65,11 @@ Expected<GraphPicture> bandPicture(const RecordArray& records, const PlotSetting
     plot.bars = true;
     plot.xQuantity = {"Frequency", "Hz"};
     plot.yQuantity = curves.empty() ? GraphQuantity{"Level", "dB"} : curves.front()->yQuantity();
-    auto extents = automaticGraphExtents(curves, true);
+    auto extents = bandGraphExtents(curves, third);
     if (!extents)
         return makeUnexpected("The records hold no band levels to draw.");
-    // The bars rise from 60 dB below the loudest band (or from the lowest, when that is higher); half
-    // a band's width on either side keeps the outer bars whole.
-    extents->yMin = std::max(extents->yMin - 3.0, extents->yMax - 60.0);
-    extents->yMax += 3.0;
-    const double halfBand = std::pow(2.0, third ? 1.0 / 6.0 : 0.5);
-    extents->xMin /= halfBand;
-    extents->xMax *= halfBand;
     plot.extents = *extents;
-    // Every band labelled with its nominal centre; third octaves only every third band (the octaves),
-    // which keeps the labels apart on any picture a page holds.
-    const VELTGraphData& first = *curves.front();
-    for (std::size_t i = 0; i < first.x().length(); ++i) {
-        const double nominal = nominalBandCentre(first.x()[i]);
-        const double octaves = std::log2(nominal / 1000.0);
-        const bool octave = std::abs(octaves - std::round(octaves)) < 0.1;
-        plot.xTicks.push_back(
-            {first.x()[i], !third || octave, !third || octave ? formatFrequency(nominal) : ""});
-    }
+    plot.xTicks = bandTickMarks(*curves.front(), third);
     plot.curves = std::move(curves);
     return picture;
 }

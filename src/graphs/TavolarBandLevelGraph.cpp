@@ -4,8 +4,6 @@
 #include "graphs/BandGraphPlots.h"
 #include "platform/TavolarLocalizedString.h"
 
-#include <cmath>
-
 namespace tavolar {
 
 TavolarBandLevelGraph::TavolarBandLevelGraph() {
@@ -75,16 +73,7 @@ void TavolarBandLevelGraph::graphSettingDidChange(std::string_view keyPath) {
 }
 
 std::optional<VELTGraphExtents> TavolarBandLevelGraph::extentsFittingGraphData() const {
-    auto extents = automaticGraphExtents(graphDataArray(), true);
-    if (!extents)
-        return extents;
-    extents->yMin = std::max(extents->yMin - 3.0, extents->yMax - 60.0);
-    extents->yMax += 3.0;
-    // Half a band's width on either side.
-    const double halfBand = std::pow(2.0, thirdOctaveBands() ? 1.0 / 6.0 : 0.5);
-    extents->xMin /= halfBand;
-    extents->xMax *= halfBand;
-    return extents;
+    return bandGraphExtents(graphDataArray(), thirdOctaveBands());
 }
 
 VELTGraphPlot TavolarBandLevelGraph::graphPlot() const {
@@ -92,15 +81,7 @@ VELTGraphPlot TavolarBandLevelGraph::graphPlot() const {
     plot.bars = true;
     if (plot.curves.empty())
         return plot;
-    // Every band labelled with its nominal centre; third octaves only at the octaves, which keeps the
-    // labels apart.
-    const VELTGraphData& first = *plot.curves.front();
-    for (std::size_t i = 0; i < first.x().length(); ++i) {
-        const double nominal = nominalBandCentre(first.x()[i]);
-        const double octaves = std::log2(nominal / 1000.0);
-        const bool labelled = !thirdOctaveBands() || std::abs(octaves - std::round(octaves)) < 0.1;
-        plot.xTicks.push_back({first.x()[i], labelled, labelled ? formatFrequency(nominal) : ""});
-    }
+    plot.xTicks = bandTickMarks(*plot.curves.front(), thirdOctaveBands());
     return plot;
 }
 
