@@ -383,6 +383,27 @@ TEST(GraphPicture, PNGAndSVGOfTheAskedSizeWithTheCurveInsideThePlotArea) {
     }
 }
 
+// A space between words keeps its share of the font's size in small type at a screen's resolution,
+// where rounding each glyph's advance to whole units would shrink it to nothing ("Leftspeaker").
+TEST(GraphPicture, WordSpacesKeepTheirWidthInSmallType) {
+    cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, 16, 16);
+    cairo_t* context = cairo_create(surface);
+    cairo_scale(context, 96.0 / 72.0, 96.0 / 72.0);
+    {
+        VELTCairoPainter painter(context);
+        auto space = [&](double size) {
+            const VELTFont font{size, false};
+            return (painter.textWidth("Left speaker", font) - painter.textWidth("Leftspeaker", font)) / size;
+        };
+        const double large = space(100.0);
+        EXPECT_GT(large, 0.2);
+        for (double size : {5.0, 6.5, 7.5, 8.5, 9.0, 11.0})
+            EXPECT_NEAR(space(size), large, 0.02) << size;
+    }
+    cairo_destroy(context);
+    cairo_surface_destroy(surface);
+}
+
 TEST(GraphPicture, FormatsAndSizesRefused) {
     EXPECT_FALSE(imageFormatOfPath("graph.jpeg"));
     EXPECT_EQ(*imageFormatOfPath("GRAPH.PNG"), VELTImageFormat::PNG);

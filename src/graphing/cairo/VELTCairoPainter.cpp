@@ -56,6 +56,9 @@ VELTCairoPainter::VELTCairoPainter(cairo_t* context) : context_(context), text_(
     cairo_font_options_set_hint_style(options, CAIRO_HINT_STYLE_NONE);
     pango_cairo_context_set_font_options(pango, options);
     cairo_font_options_destroy(options);
+    // Glyphs where their advances put them: rounded to whole points, a space of small type at a
+    // screen's resolution shrinks to almost nothing ("Leftspeaker") or grows by half.
+    pango_context_set_round_glyph_positions(pango, FALSE);
     pango_layout_context_changed(text_->layout);
 }
 
