@@ -12,6 +12,7 @@
 #include "audio/devices/VELTAudioDevice.h"
 #include "audio/devices/VELTAudioHardware.h"
 #include "engine/VELTRZMeasurementController.h"
+#include "platform/DispatchQueue.h"
 #include "platform/RunLoop.h"
 #include "platform/UserDefaults.h"
 
@@ -163,6 +164,10 @@ void Measurement::start() {
 std::vector<RecordHandle> Measurement::wait(std::optional<double> timeout) {
     if (!controller_)
         throw py::value_error("The measurement has not started.");
+    if (!isMainThread())
+        throw std::runtime_error(
+            "Wait for a measurement on the main thread, which runs the engine's main queue; "
+            "other threads may start measurements and work while it waits.");
     const auto until = timeout ? std::chrono::steady_clock::now() +
                                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                          std::chrono::duration<double>(*timeout))

@@ -86,6 +86,26 @@ def test_waiting_releases_the_gil_and_can_be_cancelled() -> None:
         measurement.wait()
 
 
+def test_measurements_run_side_by_side_and_are_waited_for_on_the_main_thread() -> None:
+    sweep = {"start": 100, "end": 10000, "length": 300, "begin_silence": 0, "end_silence": 50}
+    near = tavolar.start_measure(sweep=sweep)
+    far = tavolar.start_measure(device="sim:default?delay=96", sweep=sweep)
+    (first,), (second,) = near.wait(), far.wait()
+    assert second.info()["delayMilliseconds"] - first.info()["delayMilliseconds"] == pytest.approx(2.0)
+    refused: List[BaseException] = []
+
+    def wait_elsewhere() -> None:
+        try:
+            tavolar.measure(fast=True, sweep=sweep)
+        except RuntimeError as error:
+            refused.append(error)
+
+    elsewhere = threading.Thread(target=wait_elsewhere)
+    elsewhere.start()
+    elsewhere.join()
+    assert "main thread" in str(refused[0])
+
+
 def test_ctrl_c_ends_a_measurement_at_once() -> None:
     measurement = tavolar.start_measure(sweep={"length": 2000})
     raised_at: List[float] = []
