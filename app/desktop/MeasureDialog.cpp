@@ -11,6 +11,7 @@
 #include <QHBoxLayout>
 #include <QPointer>
 #include <QVBoxLayout>
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 
@@ -21,6 +22,8 @@ namespace {
 // The roles under which a device entry keeps its input names and its number of outputs.
 constexpr int kInputNamesRole = Qt::UserRole + 1;
 constexpr int kOutputCountRole = Qt::UserRole + 2;
+// How often the devices present are looked for while the dialog is open.
+constexpr int kDeviceLookMilliseconds = 1500;
 
 // A simulated device asked to run as fast as the machine allows.
 std::string withFastPace(const std::string& uid) {
@@ -142,32 +145,80 @@ MeasureDialog::MeasureDialog(RecordTableModel& document, QWidget* parent)
     layout->addWidget(status_);
     layout->addWidget(buttons);
 
-    // One device at a time, as the command line lists them: a program uses one JACK server at once.
-    for (const std::string& uid : VELTAudioHardware::deviceUIDs()) {
-        VELTAudioDevice device(uid);
-        if (device.isPresent()) {
-            QStringList inputNames;
-            for (std::uint32_t channel = 0; channel < device.channelCountForDirection(1); ++channel)
-                inputNames << QString::fromStdString(device.channelNameForDirection(1, channel));
-            device_->addItem(
-                QString("%1 (%2)").arg(QString::fromStdString(device.name()), QString::fromStdString(uid)),
-                QString::fromStdString(uid));
-            device_->setItemData(device_->count() - 1, inputNames, kInputNamesRole);
-            device_->setItemData(device_->count() - 1, device.channelCountForDirection(0), kOutputCountRole);
-        }
-        VELTAudioHardware::releaseDevice(uid);
-    }
+    showDevices(presentDevices());
+    // Devices come and go (a JACK server started or stopped): they are looked for again on a worker
+    // thread, since opening a server that does not answer takes seconds.
+    connect(&deviceTimer_, &QTimer::timeout, this, &MeasureDialog::lookForDevices);
+    deviceTimer_.start(kDeviceLookMilliseconds);
     connect(device_, &QComboBox::currentIndexChanged, this, &MeasureDialog::fillChannels);
     fillChannels();
     connect(&progressTimer_, &QTimer::timeout, this, &MeasureDialog::updateProgress);
-    if (device_->count() == 0)
-        status_->setText(tr("No audio device is present."));
 }
 
 MeasureDialog::~MeasureDialog() {
+    if (lookup_.valid())
+        lookup_.wait();
     if (controller_)
         controller_->abortMeasurement();
     VELTRZMeasurementController::setModifierFlagsProvider(nullptr);
+}
+
+std::vector<MeasureDialog::DeviceEntry> MeasureDialog::presentDevices() {
+    // One device at a time, as the command line lists them: a program uses one JACK server at once.
+    std::vector<DeviceEntry> entries;
+    for (const std::string& uid : VELTAudioHardware::deviceUIDs()) {
+        VELTAudioDevice device(uid);
+        if (device.isPresent()) {
+            DeviceEntry entry{
+                QString::fromStdString(uid),
+                QString("%1 (%2)").arg(QString::fromStdString(device.name()), QString::fromStdString(uid)),
+                {},
+                static_cast<int>(device.channelCountForDirection(0))};
+            for (std::uint32_t channel = 0; channel < device.channelCountForDirection(1); ++channel)
+                entry.inputNames << QString::fromStdString(device.channelNameForDirection(1, channel));
+            entries.push_back(std::move(entry));
+        }
+        VELTAudioHardware::releaseDevice(uid);
+    }
+    return entries;
+}
+
+void MeasureDialog::lookForDevices() {
+    // Not while a measurement holds its device, and one look at a time.
+    if (controller_ ||
+        (lookup_.valid() && lookup_.wait_for(std::chrono::seconds(0)) != std::future_status::ready))
+        return;
+    lookup_ = std::async(std::launch::async, [dialog = QPointer<MeasureDialog>(this)] {
+        QMetaObject::invokeMethod(
+            qApp,
+            [dialog, devices = presentDevices()] {
+                if (dialog && !dialog->controller_)
+                    dialog->showDevices(devices);
+            },
+            Qt::QueuedConnection);
+    });
+}
+
+void MeasureDialog::showDevices(const std::vector<DeviceEntry>& devices) {
+    // The list changes only where devices came or went, so that the choice made stays.
+    for (int index = device_->count() - 1; index >= 0; --index)
+        if (std::none_of(devices.begin(), devices.end(),
+                         [&](const DeviceEntry& entry) { return entry.uid == device_->itemData(index); }))
+            device_->removeItem(index);
+    for (const DeviceEntry& entry : devices) {
+        int index = device_->findData(entry.uid);
+        if (index < 0) {
+            device_->addItem(entry.label, entry.uid);
+            index = device_->count() - 1;
+        }
+        device_->setItemText(index, entry.label);
+        device_->setItemData(index, entry.inputNames, kInputNamesRole);
+        device_->setItemData(index, entry.outputCount, kOutputCountRole);
+    }
+    if (device_->count() == 0)
+        status_->setText(tr("No audio device is present."));
+    else if (status_->text() == tr("No audio device is present."))
+        status_->clear();
 }
 
 void MeasureDialog::fillChannels() {

@@ -20,7 +20,9 @@
 #include <QPushButton>
 #include <QSpinBox>
 #include <QTimer>
+#include <future>
 #include <memory>
+#include <vector>
 
 namespace tavolar::desktop {
 
@@ -50,6 +52,18 @@ signals:
 private:
     class Delegate;
     friend class Delegate;
+    // A device present: its UID, how the list names it, its inputs' names and its number of outputs.
+    struct DeviceEntry {
+        QString uid;
+        QString label;
+        QStringList inputNames;
+        int outputCount = 0;
+    };
+    // Opens every device present for its names and channels (seconds for a JACK server that does
+    // not answer), from any thread.
+    static std::vector<DeviceEntry> presentDevices();
+    void lookForDevices();
+    void showDevices(const std::vector<DeviceEntry>& devices);
     void fillChannels();
     void updateProgress();
     void measurementEnded(bool aborted);
@@ -72,6 +86,8 @@ private:
     QPushButton* measureButton_;
     QPushButton* cancelButton_;
     QTimer progressTimer_;
+    QTimer deviceTimer_;
+    std::future<void> lookup_;
 
     std::shared_ptr<VELTRZMeasurementController> controller_;
     std::shared_ptr<Delegate> delegate_;

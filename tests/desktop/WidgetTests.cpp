@@ -4,6 +4,8 @@
 #include "DesktopTestSupport.h"
 #include "MainWindow.h"
 #include "MeasureDialog.h"
+#include "audio/devices/VELTAudioHardware.h"
+#include "audio/devices/simulated/SimulatedDeviceConfiguration.h"
 
 #include <QApplication>
 #include <QElapsedTimer>
@@ -184,6 +186,25 @@ TEST(MainWindow, ExportsTheGraphAsShownToEveryPictureFormat) {
         EXPECT_TRUE(file.read(start.size()) == start) << name;
     }
     EXPECT_FALSE(open.window->exportGraph(open.folder.filePath("graph.gif")).has_value());
+}
+
+TEST(MeasureDialog, DevicesThatComeAndGoShowInTheOpenDialog) {
+    OpenWindow open;
+    MeasureDialog dialog(open.window->document(), open.window);
+    auto listed = [&] { return dialog.device().findData("sim:watched") >= 0; };
+    SimulatedDeviceConfiguration watched;
+    watched.name = "watched";
+    for (bool present : {true, false}) {
+        if (present)
+            VELTAudioHardware::registerSimulatedDevice(watched);
+        else
+            VELTAudioHardware::removeSimulatedDevice(watched.name);
+        QElapsedTimer waited;
+        waited.start();
+        while (listed() != present && waited.elapsed() < 10000)
+            QTest::qWait(20);
+        EXPECT_EQ(listed(), present);
+    }
 }
 
 // Runs the dialog's measurement until it ends, and answers whether records were added.
