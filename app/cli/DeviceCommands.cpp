@@ -5,7 +5,6 @@
 #include "RecordDescription.h"
 #include "RecordStore.h"
 #include "SweepOptions.h"
-#include "audio/devices/AudioDeviceUID.h"
 #include "audio/devices/VELTAudioDevice.h"
 #include "audio/devices/VELTAudioHardware.h"
 #include "engine/VELTRZMeasurementController.h"
@@ -14,7 +13,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <chrono>
 #include <csignal>
 #include <fmt/format.h>
@@ -223,7 +221,7 @@ Expected<void> runMeasurement(MeasureOptions& options) {
         return std::unexpected(prepared.error());
     const std::string& recordUID = prepared->recordUID;
     const std::int64_t recordRate = prepared->sampleRate;
-    const VELTLogSweepSettings* sweep = &prepared->sweep;
+    const VELTLogSweepSettings& sweep = prepared->sweep;
 
     // An existing document is opened now, so that a damaged one is reported before the measurement;
     // a new one is made only once there are records to put in it.
@@ -251,20 +249,20 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     const bool showProgress = !quiet() && standardErrorIsTerminal();
     auto delegate = std::make_shared<MeasureDelegate>(
         showProgress, options.averages,
-        (sweep->duration() + sweep->beginSilence() + sweep->endSilence()) / 1000.0);
+        (sweep.duration() + sweep.beginSilence() + sweep.endSilence()) / 1000.0);
     // A new controller first configures its audio controllers for default settings that name no
     // device; the errors that logs are expected, and the real settings follow at once.
     muteConsoleLog();
     auto controller = VELTRZMeasurementController::make();
     installConsoleLog();
     controller->setDelegate(delegate);
-    controller->setLogSweepSettings(*sweep);
+    controller->setLogSweepSettings(sweep);
     controller->setAudioCaptureSettings(settings);
     controller->setSynchronousAverages(options.averages);
 
     printNote(fmt::format("Measuring input{} {} of {} ({}; {} sweep{})...",
                           recordChannels->size() == 1 ? "" : "s", options.channels, recordUID,
-                          describeSweep(*sweep, recordRate), options.averages,
+                          describeSweep(sweep, recordRate), options.averages,
                           options.averages == 1 ? "" : "s"));
     if (options.noConnect)
         printNote(
@@ -282,7 +280,7 @@ Expected<void> runMeasurement(MeasureOptions& options) {
         void (*handler)(int);
         ~RestoreHandler() { std::signal(SIGINT, handler); }
     } restoreHandler{previousHandler};
-    const double sweepSeconds = (sweep->duration() + sweep->beginSilence() + sweep->endSilence()) / 1000.0 *
+    const double sweepSeconds = (sweep.duration() + sweep.beginSilence() + sweep.endSilence()) / 1000.0 *
                                 static_cast<double>(options.averages);
     const auto deadline = std::chrono::steady_clock::now() +
                           std::chrono::milliseconds(static_cast<std::int64_t>(sweepSeconds * 2000.0) + 60000);
