@@ -161,15 +161,31 @@ std::string recordName(const VELTMeasurementRecord& record) {
     return comment && !comment->empty() ? *comment : std::string("Untitled");
 }
 
-// The note under the plot: the records' sample rates.
-std::string sampleRateNote(const RecordArray& records) {
-    std::vector<std::string> rates;
+// The note under the plot, what shaped the data: the records' sample rates, the lengths of their
+// windows (where the graph is computed from the windowed response), their averages and the smoothing.
+// Each record's value is given once: "48 kHz · 200 ms window · 4 averages · 1/12 octave smoothing".
+std::string dataNote(const RecordArray& records, const PlotSettings& s, bool windowed) {
+    std::vector<std::string> rates, windows, averages;
+    auto add = [](std::vector<std::string>& values, std::string value) {
+        if (std::find(values.begin(), values.end(), value) == values.end())
+            values.push_back(std::move(value));
+    };
     for (const auto& record : records) {
-        std::string rate = formatFrequencyWithUnit(static_cast<double>(record->sampleRate()));
-        if (std::find(rates.begin(), rates.end(), rate) == rates.end())
-            rates.push_back(std::move(rate));
+        add(rates, formatFrequencyWithUnit(static_cast<double>(record->sampleRate())));
+        const double length = record->windowEndInMilliseconds() - record->windowBeginInMilliseconds();
+        if (windowed && std::isfinite(length) && length > 0.0)
+            add(windows, formatMilliseconds(length, length < 10.0 ? 1 : 0));
+        if (record->synchronousAverages() > 1)
+            add(averages, fmt::format("{}", record->synchronousAverages()));
     }
-    return fmt::format("{}", fmt::join(rates, ", "));
+    std::vector<std::string> parts{fmt::format("{}", fmt::join(rates, ", "))};
+    if (!windows.empty())
+        parts.push_back(fmt::format("{} window{}", fmt::join(windows, ", "), windows.size() > 1 ? "s" : ""));
+    if (!averages.empty())
+        parts.push_back(fmt::format("{} averages", fmt::join(averages, ", ")));
+    if (s.smoothing)
+        parts.push_back(fmt::format("1/{} octave smoothing", *s.smoothing));
+    return fmt::format("{}", fmt::join(parts, " \u00B7 "));
 }
 
 // The time graphs: the impulse response (with its window) and the energy-time curve.
@@ -334,9 +350,7 @@ Expected<GraphPicture> plotRecords(const RecordArray& records, const PlotSetting
     picture->graph = s.graph;
     VELTGraphPlot& plot = picture->plot;
     plot.appearance = *VELTGraphAppearance::appearanceNamed(s.theme);
-    plot.note = sampleRateNote(records);
-    if (s.smoothing)
-        plot.note += fmt::format(" \u00B7 1/{} octave smoothing", *s.smoothing);
+    plot.note = dataNote(records, s, frequencyGraphNamed(s.graph) || isBandGraph(s.graph));
     if (s.title)
         plot.title = *s.title;
     if (s.xRange)

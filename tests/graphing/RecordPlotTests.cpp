@@ -179,6 +179,31 @@ TEST(RecordPlots, RangesAndTitlesFollowTheSettings) {
     EXPECT_LT(response->plot.extents.xMax, 200.0);
 }
 
+TEST(RecordPlots, NotesSayWhatShapedTheData) {
+    auto averaged = simulatedRecord("Averaged");
+    averaged->setSynchronousAverages(4);
+    struct Case {
+        std::string graph;
+        std::optional<int> smoothing;
+        RecordArray records;
+        std::string note;
+    };
+    const Case cases[] = {
+        {"phase", {}, records(), "48 kHz \u00B7 200 ms window"},
+        {"impulse", {}, records(), "48 kHz"}, // the window is drawn
+        {"magnitude",
+         12,
+         {averaged},
+         "48 kHz \u00B7 200 ms window \u00B7 4 averages \u00B7 1/12 octave smoothing"},
+    };
+    for (const Case& c : cases) {
+        PlotSettings settings;
+        settings.graph = c.graph;
+        settings.smoothing = c.smoothing;
+        EXPECT_EQ(plotRecords(c.records, settings)->plot.note, c.note);
+    }
+}
+
 TEST(RecordPlots, RefusesWhatAGraphDoesNotTake) {
     const std::vector<std::pair<std::function<void(PlotSettings&)>, std::string>> cases{
         {[](PlotSettings& s) { s.graph = "waveform"; }, "no graph named waveform"},
