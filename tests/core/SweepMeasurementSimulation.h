@@ -87,10 +87,6 @@ struct FilterChain {
     }
 };
 
-inline VELTLogSweepSettings defaultSweep() {
-    return VELTLogSweepSettings();
-}
-
 inline std::vector<double> toDouble(const VELTRealVector& vector) {
     return std::vector<double>(vector.components(), vector.components() + vector.length());
 }
@@ -105,13 +101,6 @@ inline VELTRealVector toFloat(const std::vector<double>& values) {
 // The engine's deconvolution by plain spectral division, as a measurement without loop-back uses it.
 inline VELTRealVector deconvolved(const std::vector<double>& response, const VELTRealVector& stimulus) {
     return realVectorByDeconvolvingResponseWithoutRegularization(toFloat(response), stimulus, nullptr);
-}
-
-// Applies a memoryless nonlinearity to every sample.
-inline std::vector<double> shaped(std::vector<double> x, const std::function<double(double)>& curve) {
-    for (double& sample : x)
-        sample = curve(sample);
-    return x;
 }
 
 // Applies a memoryless nonlinearity as an analogue device recorded through an ideal converter would:

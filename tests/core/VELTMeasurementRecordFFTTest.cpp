@@ -176,27 +176,13 @@ TEST(VELTMeasurementRecordFFT, OlderFamilyUsesALengthDerivedFromTheWindow) {
         record->setCompatibilityMode(c.compatibility);
         EXPECT_EQ(record->fftLength(), c.length) << c.duration;
     }
-    record->setImpulseResponseWindow(VELTWindow(0, 3000, 6));
-    record->setCompatibilityMode(true);
-    EXPECT_EQ(record->validRange(), record->validRangeForFFTLength(4096));
-    EXPECT_EQ(record->frequencyTable(), record->frequencyTableWithFFTLength(4096));
-    EXPECT_EQ(record->fftMagnitudeResponse(), record->fftMagnitudeResponseWithFFTLength(4096));
-    EXPECT_EQ(record->fftAbsResponse(), record->fftAbsResponseWithFFTLength(4096));
-    EXPECT_EQ(record->fftPhaseResponse(), record->fftPhaseResponseWithFFTLength(4096));
-    EXPECT_EQ(record->minimumPhaseResponse(), record->minimumPhaseResponseWithFFTLength(4096));
-    EXPECT_EQ(record->excessPhaseResponse(), record->excessPhaseResponseWithFFTLength(4096));
 }
 
 TEST(VELTMeasurementRecordFFT, WithoutAnImpulseResponseOnlyTheMagnitudeFails) {
     VELTMeasurementRecord record;
     record.setSampleRate(48000);
     record.setEndFrequency(20000);
-    try {
-        record.fftMagnitudeResponseWithFFTLength(1024);
-        FAIL() << "no assertion";
-    } catch (const AssertionFailure& failure) {
-        EXPECT_STREQ(failure.what(), "Did not get impulse response");
-    }
+    EXPECT_THROW(record.fftMagnitudeResponseWithFFTLength(1024), AssertionFailure);
     EXPECT_THROW(record.fftSPLResponseWithFFTLength(1024), AssertionFailure);
     EXPECT_EQ(record.fftPhaseResponseWithFFTLength(1024).length(), 0u);
     EXPECT_EQ(record.minimumPhaseResponseWithFFTLength(1024).length(), 0u);
