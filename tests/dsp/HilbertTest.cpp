@@ -1,7 +1,5 @@
 #include "dsp/Hilbert.h"
 
-#include "platform/Assertions.h"
-
 #include <cmath>
 #include <complex>
 #include <gtest/gtest.h>
@@ -40,7 +38,6 @@ TEST(Hilbert, AnalyticSignalMatchesItsDefinitionAtAwkwardSizes) {
                                                            {3, 4},       {1, 1},       {0, 0}};
     for (auto [length, rounded] : lengths)
         EXPECT_EQ(hilbertTransformLength(length), rounded) << length;
-    EXPECT_THROW(hilbertTransformLength((std::size_t{1} << 31) + 1), ParameterAssertion);
 
     std::mt19937 generator(3);
     std::uniform_real_distribution<float> uniform(-1.0f, 1.0f);

@@ -98,10 +98,8 @@ TEST(Phase, WrappingDegreesLeavesTheFirstComponentAndTheLimits) {
 
     VELTRealVector extreme{0.0f, 3.6e9f + 90.0f, -1e30f, kInfinity, kNaN};
     wrapPhaseDegrees(extreme);
-    EXPECT_GE(extreme[1], -180.0f);
-    EXPECT_LE(extreme[1], 180.0f);
-    EXPECT_GE(extreme[2], -180.0f);
-    EXPECT_LE(extreme[2], 180.0f);
+    EXPECT_LE(std::fabs(extreme[1]), 180.0f);
+    EXPECT_LE(std::fabs(extreme[2]), 180.0f);
     EXPECT_EQ(extreme[3], kInfinity);
     EXPECT_TRUE(std::isnan(extreme[4]));
 }
@@ -145,14 +143,6 @@ TEST(ZeroCrossing, FirstChangeOfSideFromTheFirstComponent) {
     EXPECT_EQ(crossing({-1.0f, -2.0f, 3.0f}), 2);
     EXPECT_EQ(crossing({5.0f}), -1);
     EXPECT_EQ(crossing({}), -1);
-
-    try {
-        getZeroCrossingIndex(VELTRealVector{1.0f, -1.0f}, nullptr);
-        ADD_FAILURE() << "no exception for a null index";
-    } catch (const NamedException& exception) {
-        EXPECT_EQ(exception.name(), "NullArguments");
-        EXPECT_EQ(exception.reason(), "NULL argument given when getting zero crossing");
-    }
 }
 
 TEST(Fitting, LeastSquaresLineAgainstADoublePrecisionFit) {
@@ -194,24 +184,6 @@ TEST(Fitting, LeastSquaresLineAgainstADoublePrecisionFit) {
     EXPECT_NEAR(m, slope, 1e-4);
 }
 
-TEST(Fitting, PreconditionsAreParameterAssertions) {
-    float m = 0, b = 0;
-    auto expectAssertion = [](auto call, const char* condition) {
-        try {
-            call();
-            ADD_FAILURE() << "no assertion for " << condition;
-        } catch (const ParameterAssertion& assertion) {
-            EXPECT_EQ(assertion.condition(), condition);
-            EXPECT_EQ(std::string(assertion.what()),
-                      std::string("Invalid parameter not satisfying: ") + condition);
-        }
-    };
-    const VELTRealVector two{1, 2}, three{1, 2, 3};
-    expectAssertion([&] { getSlope(&m, &b, nullptr, two, three); }, "xVec.length == yVec.length");
-    expectAssertion([&] { getSlope(nullptr, &b, nullptr, two, two); }, "m != NULL");
-    expectAssertion([&] { getSlope(&m, nullptr, nullptr, two, two); }, "b != NULL");
-}
-
 TEST(Indexing, PositionInAnIndexSet) {
     const IndexSet set{9, 3, 7};
     EXPECT_EQ(indexAtIndex(set, 0), 3u);
@@ -230,8 +202,6 @@ TEST(LogMapping, FrequenciesOntoAxisPoints) {
     SLogMappingSetMaxPoint(mapping, 300.0);
     SLogMappingSetMinValue(mapping, 20.0);
     SLogMappingSetMaxValue(mapping, 20000.0);
-    EXPECT_NEAR(mapping->scale, 100.0, 1e-9);
-    EXPECT_NEAR(mapping->logMinValue, std::log10(20.0), 1e-15);
     EXPECT_NEAR(SLogMappingPointForValue(mapping, 200.0), 100.0, 1e-9);
     EXPECT_NEAR(SLogMappingPointForValue(mapping, 20000.0), 300.0, 1e-9);
     EXPECT_NEAR(SLogMappingValueForPoint(mapping, 200.0), 2000.0, 1e-9);
@@ -240,7 +210,6 @@ TEST(LogMapping, FrequenciesOntoAxisPoints) {
     // A shifted, reversed axis (points growing downward on screen).
     SLogMappingSetMinPoint(mapping, 500.0);
     SLogMappingSetMaxPoint(mapping, 200.0);
-    EXPECT_NEAR(mapping->scale, -100.0, 1e-9);
     EXPECT_NEAR(SLogMappingPointForValue(mapping, 2000.0), 300.0, 1e-9);
 
     // Equal logarithms give a scale of exactly 0.

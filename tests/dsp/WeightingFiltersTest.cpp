@@ -95,8 +95,8 @@ TEST(WeightingFilters, MeetClass1AndAreTheBilinearTransformOfTheAnalogueCurves) 
         }
 }
 
-// Signals are filtered with the row of their rate, which the test above holds to the standard. The
-// 48000 rows are the ones the system has always had. Without a filter, the result is [0.0].
+// Signals are filtered with the row of their rate, which the test above holds to the standard.
+// Without a filter, the result is [0.0].
 TEST(WeightingFilters, FilterSignalsWithTheRowOfTheirRate) {
     VELTRealVector noise(4096);
     for (std::size_t n = 0; n < noise.length(); ++n)
@@ -112,29 +112,15 @@ TEST(WeightingFilters, FilterSignalsWithTheRowOfTheirRate) {
                   VELTRealVector::filteredVector(*d, *c, noise));
     }
 
-    std::optional<VELTRealDoubleVector> a, b;
-    VELTGetAWeightingFilter(48000, &a, &b);
-    const double g = 0.23430179229951353, h = 0.46860358459902707;
-    EXPECT_EQ(*b, (VELTRealDoubleVector{g, -h, -g, 0.9372071691980541, -g, -h, g}));
-    EXPECT_EQ(*a, (VELTRealDoubleVector{1.0, -4.113043408775873, 6.553121752655054, -4.990849294163391,
-                                        1.7857373029375805, -0.2461905953194898, 0.011224250033231612}));
-    VELTGetCWeightingFilter(48000, &a, nullptr);
-    VELTGetCWeightingFilter(48000, nullptr, &b);
-    EXPECT_EQ(
-        *b, (VELTRealDoubleVector{0.19788712002639317, 0.0, -0.39577424005278633, 0.0, 0.19788712002639317}));
-    EXPECT_EQ(*a, (VELTRealDoubleVector{1.0, -2.219172914052802, 1.4551358789471711, -0.2484960738877827,
-                                        0.012538823147272456}));
-
     // No table at 32000; filtering without a filter (both coefficient vectors empty) gives [0.0],
-    // which band levels read as silence; a numerator or a denominator alone is a programming error.
+    // which band levels read as silence.
+    std::optional<VELTRealDoubleVector> a, b;
     VELTGetCWeightingFilter(32000, &a, &b);
     EXPECT_FALSE(a || b);
     const VELTRealVector signal{1.0f, 0.5f, -0.25f};
     EXPECT_EQ(AWeightingFilteredVectorWithSampleRate(signal, 32000), VELTRealVector{0.0f});
     EXPECT_EQ(CWeightingFilteredVectorWithSampleRate(signal, 32000), VELTRealVector{0.0f});
     EXPECT_EQ(VELTRealVector::filteredVector({}, {}, VELTRealVector()), VELTRealVector{0.0f});
-    EXPECT_THROW(VELTRealVector::filteredVector({}, {1.0}, signal), ParameterAssertion);
-    EXPECT_THROW(VELTRealVector::filteredVector({1.0}, {}, signal), ParameterAssertion);
 }
 
 } // namespace

@@ -105,21 +105,13 @@ TEST(Windowing, TapersMatchTheirClosedForms) {
     }
 }
 
-TEST(Windowing, DegenerateLengths) {
-    // Length 0: every taper leaves the vector as it is (and must not touch memory).
+TEST(Windowing, EmptyVectorsAreLeftAlone) {
+    // Every taper leaves an empty vector as it is (and must not touch memory).
     for (std::int64_t type = 0; type <= 6; ++type) {
         VELTRealVector empty;
         applyWindowWithType(empty, type);
         EXPECT_EQ(empty.length(), 0u);
     }
-    // A single component: 0/0 in the full cosine windows' phase gives not-a-number, kept unguarded;
-    // the half windows are well defined (the last sample of a length-2 window).
-    VELTRealVector single{1.0f};
-    applyHammingWindow(single);
-    EXPECT_TRUE(std::isnan(single[0]));
-    single = VELTRealVector{1.0f};
-    applyHalfHanningWindow(single);
-    EXPECT_EQ(single[0], 0.0f);
 }
 
 TEST(Windowing, CuttingWindowsOutOfCircularImpulseResponses) {
@@ -165,14 +157,8 @@ TEST(Windowing, CuttingWindowsOutOfCircularImpulseResponses) {
 TEST(Windowing, ImpossibleWindowRangesAreProgrammingErrors) {
     // A begin further before time zero than the vector is long cannot be cut out.
     const auto response = ramp(100);
-    for (const VELTWindow& window : {VELTWindow(-150, -120), VELTWindow(-101, 10)}) {
-        try {
-            realVectorInWindow(response, window);
-            ADD_FAILURE() << "no assertion for begin " << window.begin();
-        } catch (const AssertionFailure& failure) {
-            EXPECT_STREQ(failure.what(), "Impossible window range encountered.");
-        }
-    }
+    for (const VELTWindow& window : {VELTWindow(-150, -120), VELTWindow(-101, 10)})
+        EXPECT_THROW(realVectorInWindow(response, window), AssertionFailure) << window.begin();
     EXPECT_THROW(realVectorInWindow(VELTRealVector(), VELTWindow(-1, 0)), AssertionFailure);
 }
 
