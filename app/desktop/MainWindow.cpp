@@ -361,7 +361,8 @@ Expected<void> MainWindow::exportGraph(const QString& path) {
 void MainWindow::exportGraphDialog() {
     QString path =
         QFileDialog::getSaveFileName(this, tr("Export Graph"), QString(),
-                                     tr("PNG pictures (*.png);;SVG drawings (*.svg);;PDF documents (*.pdf)"));
+                                     tr("PNG pictures (*.png);;SVG drawings (*.svg);;PDF documents (*.pdf);;"
+                                        "CSV tables of the curves (*.csv)"));
     if (path.isEmpty())
         return;
     if (auto written = exportGraph(path); !written)

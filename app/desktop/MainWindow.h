@@ -45,7 +45,8 @@ public:
     // The fields of the current graph's extents: X minimum, X maximum, Y minimum, Y maximum.
     QLineEdit& extentsField(int index) { return *extentsFields_.at(static_cast<std::size_t>(index)); }
     // Writes the current graph as shown (its extents and theme) to a PNG, SVG or PDF file of the
-    // default picture size, through the same code as tavolar plot; an error says what went wrong.
+    // default picture size, or its curves to a CSV file, through the same code as tavolar plot; an
+    // error says what went wrong.
     Expected<void> exportGraph(const QString& path);
     // The window drawn off screen at the size, with the current graph's curves computed first.
     QImage screenshot(QSize size);

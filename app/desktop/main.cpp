@@ -9,6 +9,7 @@
 #include <QPalette>
 #include <QStyleFactory>
 #include <cstdio>
+#include <string_view>
 
 namespace {
 
@@ -35,6 +36,14 @@ void applyDarkPalette(QApplication& application) {
 } // namespace
 
 int main(int argc, char** argv) {
+    // Pictures and help need no display: without one named, they are made off screen.
+    for (int index = 1; index < argc; ++index) {
+        const std::string_view argument = argv[index];
+        if ((argument == "--screenshot" || argument.starts_with("--screenshot=") || argument == "--help" ||
+             argument == "-h" || argument == "--version" || argument == "-v") &&
+            qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+    }
     QApplication application(argc, argv);
     QApplication::setApplicationName("tavolar-desktop");
     QApplication::setApplicationVersion("1.0");

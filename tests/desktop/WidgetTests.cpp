@@ -174,10 +174,12 @@ TEST(MainWindow, ExtentsFieldsSetEachLimitAsAStepOfItsOwn) {
     }
 }
 
-TEST(MainWindow, ExportsTheGraphAsShownToEveryPictureFormat) {
+TEST(MainWindow, ExportsTheGraphAsShownToEveryPictureFormatAndItsCurvesAsCSV) {
     OpenWindow open;
-    const std::pair<const char*, QByteArray> formats[] = {
-        {"graph.png", "\x89PNG"}, {"graph.svg", "<?xml"}, {"graph.pdf", "%PDF"}};
+    const std::pair<const char*, QByteArray> formats[] = {{"graph.png", "\x89PNG"},
+                                                          {"graph.svg", "<?xml"},
+                                                          {"graph.pdf", "%PDF"},
+                                                          {"graph.csv", "Record 1 Freq"}};
     for (const auto& [name, start] : formats) {
         const QString path = open.folder.filePath(name);
         ASSERT_TRUE(open.window->exportGraph(path).has_value()) << name;
