@@ -14,6 +14,7 @@
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sstream>
+#include <tuple>
 #include <unistd.h>
 
 #if TAVOLAR_WITH_GRAPHICS
@@ -346,18 +347,21 @@ TEST(RecordPlots, WritesEveryFormat) {
         settings.graph = c.name;
         auto picture = plotRecords(records(), settings);
         ASSERT_TRUE(picture);
-        for (const char* extension : {".png", ".svg"}) {
+        // A heat map is one image in vector files; PDF files keep text as text in embedded fonts.
+        const std::tuple<std::string, std::string, std::string> formats[] = {
+            {".png", "\x89PNG", ""}, {".svg", "<?xml", "<image"}, {".pdf", "%PDF", "/Subtype /Image"}};
+        for (const auto& [extension, start, image] : formats) {
             const auto file = folder.path / (c.name + extension);
             ASSERT_TRUE(writePlot(file, *picture, size)) << extension;
             const std::string written = contentsOf(file);
-            EXPECT_TRUE(written.starts_with(extension == std::string(".png") ? "\x89PNG" : "<?xml"));
-            if (extension == std::string(".svg")) {
-                std::size_t images = 0;
-                for (auto at = written.find("<image"); at != std::string::npos;
-                     at = written.find("<image", at + 1))
-                    ++images;
-                EXPECT_EQ(images, c.style == PictureStyle::HeatMap ? 1u : 0u);
-            }
+            EXPECT_TRUE(written.starts_with(start)) << extension;
+            std::size_t images = 0;
+            for (auto at = written.find(image); !image.empty() && at != std::string::npos;
+                 at = written.find(image, at + 1))
+                ++images;
+            EXPECT_EQ(images, !image.empty() && c.style == PictureStyle::HeatMap ? 1u : 0u) << extension;
+            if (extension == ".pdf")
+                EXPECT_NE(written.find("/FontFile"), std::string::npos);
         }
     }
 
