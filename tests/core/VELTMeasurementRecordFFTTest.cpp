@@ -4,7 +4,6 @@
 #include "core/VELTSpline.h"
 #include "platform/Assertions.h"
 
-#include <algorithm>
 #include <cmath>
 #include <gtest/gtest.h>
 #include <limits>
@@ -149,10 +148,6 @@ TEST(VELTMeasurementRecordFFT, ValidRangeEdges) {
     // Not-a-number frequencies match nothing: from the first bin to before the last.
     record.setStartFrequency(std::numeric_limits<float>::quiet_NaN());
     record.setEndFrequency(std::numeric_limits<float>::quiet_NaN());
-    EXPECT_EQ(record.validRangeForFFTLength(4096), (BinRange{0, 2048}));
-    // A start above every bin starts at bin 0 as well.
-    record.setStartFrequency(1e6f);
-    record.setEndFrequency(1e6f);
     EXPECT_EQ(record.validRangeForFFTLength(4096), (BinRange{0, 2048}));
     EXPECT_EQ(record.validRangeForFFTLength(1), (BinRange{0, 0}));
 }

@@ -88,8 +88,6 @@ TEST(VELTMeasurementRecordHarmonics, CutsTapersAndTransformsEachOrderFromItsPeak
         EXPECT_EQ(record->sampleIndexOfHarmonic(order), peak);
         EXPECT_FALSE(record->impulseResponseOfHarmonic(order));
         EXPECT_FALSE(record->frequencyResponseOfHarmonic(order, 4096));
-        EXPECT_FALSE(record->frequencyTableOfHarmonic(order, 4096));
-        EXPECT_FALSE(record->frequencyResponseOfHarmonic(order, VELTRealVector(2049), 4096));
     }
 
     const std::uint32_t n = 8192;
@@ -111,8 +109,6 @@ TEST(VELTMeasurementRecordHarmonics, CutsTapersAndTransformsEachOrderFromItsPeak
             expected[k] = double(impulse[(std::size_t(positions[order]) + k) % kLength]) * taper[k];
         for (std::size_t k = 0; k < length; ++k)
             ASSERT_NEAR((*cut)[k], expected[k], 1e-7) << k;
-        EXPECT_NEAR((*cut)[0], levels[order], 1e-7); // the pulse is untouched at the start
-        EXPECT_EQ((*cut)[length - 1], 0.0f);         // and the cut fades to nothing at its end
 
         auto magnitude = record->frequencyResponseOfHarmonic(order, n);
         ASSERT_TRUE(magnitude);
