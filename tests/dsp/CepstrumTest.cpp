@@ -73,13 +73,6 @@ TEST(Cepstrum, MinimumPhaseReconstructionOfTinySignals) {
     ASSERT_EQ(pair.length(), 2u);
     EXPECT_NEAR(pair[0], 1.0f, 1e-6f);
     EXPECT_NEAR(pair[1], 0.5f, 1e-6f);
-    // N = 1 and N = 3 (processed at 4).
-    const VELTRealVector single = minimumPhaseReconstruction(VELTRealVector{-3.0f});
-    ASSERT_EQ(single.length(), 1u);
-    EXPECT_NEAR(single[0], 3.0f, 1e-6f);
-    const VELTRealVector three = minimumPhaseReconstruction(VELTRealVector{0.0f, 1.0f, 0.0f});
-    ASSERT_EQ(three.length(), 4u);
-    EXPECT_NEAR(three[0], 1.0f, 1e-6f);
     EXPECT_EQ(minimumPhaseReconstruction(VELTRealVector()).length(), 0u);
 }
 

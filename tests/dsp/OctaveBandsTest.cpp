@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
-#include <cstdio>
 #include <gtest/gtest.h>
 #include <numbers>
 #include <random>
@@ -138,9 +137,8 @@ std::vector<double> fittedAmplitudes(const VELTRealVector& y, std::size_t start,
 // Relative attenuation at each breakpoint of a band below 0.95 times the Nyquist frequency, sines at
 // all of them sent through the band operation together with one at the centre, and each read at the
 // frequency that the halvings fold it to once the filter has settled; checked against the limits.
-// Sines that would fold onto one another (within 1 % of the centre) go in separate runs. Returns the
-// least margin to the limits (dB).
-double measuredClass1Margin(const Bank& bank, std::int64_t rate, int band, std::mt19937& generator) {
+// Sines that would fold onto one another (within 1 % of the centre) go in separate runs.
+void expectClass1(const Bank& bank, std::int64_t rate, int band, std::mt19937& generator) {
     const double centre = exactCentre(band);
     const int halvings = band >= bank.lowestDirect ? 0 : (bank.reusedTop - band) / 3;
     const double bandRate = static_cast<double>(rate) / (1 << halvings);
@@ -164,7 +162,6 @@ double measuredClass1Margin(const Bank& bank, std::int64_t rate, int band, std::
         else
             runs.push_back({{1, 0, 0}, point}); // the centre leads every run
     }
-    double margin = INFINITY;
     for (const std::vector<Breakpoint>& run : runs) {
         std::vector<double> frequencies, atBandRate;
         double closest = 0.5; // to another sine or to a mirror at 0 or half the band's rate
@@ -185,34 +182,22 @@ double measuredClass1Margin(const Bank& bank, std::int64_t rate, int band, std::
             sumOfSines(frequencies, static_cast<double>(rate), (settle + count) << halvings, generator),
             static_cast<float>(nominal(band)), rate, &actualRate);
         EXPECT_EQ(actualRate, rate / (std::int64_t{1} << halvings));
-        if (!output || output->length() < settle + count)
-            return -INFINITY;
+        ASSERT_TRUE(output && output->length() >= settle + count) << bank.name << " " << rate << " " << band;
         const std::vector<double> amplitudes = fittedAmplitudes(*output, settle, count, atBandRate);
         for (std::size_t i = 1; i < run.size(); ++i) {
             const double relative = 20 * std::log10(amplitudes[0] / amplitudes[i]);
             EXPECT_TRUE(relative >= run[i].minimum && relative <= run[i].maximum)
                 << bank.name << " " << rate << " band " << band << " at " << run[i].omega << ": " << relative;
-            margin = std::min({margin, relative - run[i].minimum, run[i].maximum - relative});
         }
     }
-    return margin;
 }
 
 TEST(OctaveBands, EveryBandAtEveryRateMeetsClass1ThroughTheWholeChain) {
     std::mt19937 generator(61260);
     for (const Bank* bank : {&kThird, &kOctave})
-        for (const std::int64_t rate : kRates) {
-            double worst = INFINITY;
-            int worstBand = 0;
+        for (const std::int64_t rate : kRates)
             for (const int band : bank->indexes(rate))
-                if (const double margin = measuredClass1Margin(*bank, rate, band, generator);
-                    margin < worst) {
-                    worst = margin;
-                    worstBand = band;
-                }
-            std::printf("class 1, %s bands at %lld: least margin %.3f dB (band %d)\n", bank->name,
-                        static_cast<long long>(rate), worst, worstBand);
-        }
+                expectClass1(*bank, rate, band, generator);
 }
 
 TEST(OctaveBands, TablesHoldEveryBandWithItsBase2AndNominalCentres) {
@@ -309,7 +294,6 @@ TEST(OctaveBands, DecompositionsWalkTheBanksAndFilteredBandsMatchThem) {
                 c.bank->filteredBand(signal, result.displayBands()[i], c.rate, &actualRate);
             EXPECT_EQ(single, supported ? std::optional(entry.band()) : std::optional(VELTRealVector{0.0f}))
                 << band;
-            EXPECT_EQ(entry.band(), supported ? *single : VELTRealVector{0.0f});
             EXPECT_EQ(actualRate, supported ? entry.sampleRate() : c.rate / 2);
         }
     }

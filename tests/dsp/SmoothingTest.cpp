@@ -72,14 +72,12 @@ TEST(Smoothing, PowersKeepAQuietBandAfterALoudOne) {
     VELTRealVector powers(4096);
     for (std::size_t i = 0; i < powers.length(); ++i)
         powers[i] = i < 400 ? 1.0f : 1e-9f * (1.0f + 0.5f * std::sin(0.01f * static_cast<float>(i)));
-    VELTRealVector smoothed = powers, floatSums = powers;
+    VELTRealVector smoothed = powers;
     smoothPowersWithOctaveFraction(smoothed, 1.0f / 12);
-    smoothWithOctaveFraction(floatSums, 1.0f / 12);
     for (std::size_t i = 0; i < powers.length(); ++i) {
         const double mean = directMean(powers, window(i, 1.0f / 12, powers.length()));
         ASSERT_NEAR(smoothed[i], mean, 1e-5 * mean) << i;
     }
-    EXPECT_GT(std::abs(floatSums[3000] - directMean(powers, window(3000, 1.0f / 12, 4096))), 1e-10);
 }
 
 // U = ceil(log2(R / 2000) / f) points above 1000 Hz and D = ceil(log2(100) / f) below it (no case

@@ -3,10 +3,8 @@
 #include "dsp/SweptSine.h"
 
 #include <cmath>
-#include <cstdint>
 #include <gtest/gtest.h>
 #include <numbers>
-#include <vector>
 
 namespace tavolar {
 namespace {

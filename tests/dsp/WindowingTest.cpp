@@ -12,7 +12,6 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include <numbers>
-#include <vector>
 
 namespace tavolar {
 namespace {
@@ -80,9 +79,6 @@ TEST(Windowing, TapersMatchTheirClosedForms) {
                 ASSERT_NEAR(gains[i], taper.gain(i, length), 2e-6) << i;
             auto windowed = input;
             applyWindowWithType(windowed, static_cast<std::int64_t>(taper.type));
-            auto byEnumeration = input;
-            applyWindowWithType(byEnumeration, taper.type);
-            EXPECT_EQ(windowed, byEnumeration);
             for (std::size_t i = 0; i < length; ++i)
                 ASSERT_EQ(windowed[i], input[i] * gains[i]) << i;
         }
@@ -168,10 +164,6 @@ TEST(Sampling, SampleIndicesBecomeMilliseconds) {
     const float expected[] = {0.0f, 1.0f, 10.0f, -0.5f, 1000.0f};
     for (std::size_t i = 0; i < 5; ++i)
         EXPECT_NEAR(indices[i], expected[i], 1e-4f * (1.0f + std::fabs(expected[i]))) << i;
-    // The factor is formed in float: 1000 / 44100 rounded once, then every index multiplied by it.
-    VELTRealVector one{1.0f};
-    convertSampleIndicesToMillisecondsUsingSampleRate(one, 44100);
-    EXPECT_EQ(one[0], 1000.0f / 44100.0f);
 }
 
 } // namespace
