@@ -47,7 +47,14 @@ nlohmann::json describeDevice(const VELTAudioDevice& device) {
     return json;
 }
 
+// A JACK server that runs but did not answer is listed with what to do about it.
+constexpr const char* kUnansweringServerAdvice =
+    "Continue it if it was stopped (kill -CONT PID of jackd), or restart it, then list again.";
+
 std::string formatDevice(const nlohmann::json& json) {
+    if (json.contains("problem"))
+        return fmt::format("{}  did not answer\n  {}\n  {}\n", json["uid"].get<std::string>(),
+                           json["problem"].get<std::string>(), json["advice"].get<std::string>());
     std::string text = fmt::format("{}  {}\n  {:g} Hz, {} frames per buffer, {} inputs, {} outputs\n",
                                    json["uid"].get<std::string>(), json["name"].get<std::string>(),
                                    json["sampleRate"].get<double>(), json["bufferSize"].get<std::uint32_t>(),
@@ -76,6 +83,11 @@ void addDevicesCommand(CLI::App& app, CommandList& commands) {
                             for (const std::string& uid : VELTAudioHardware::deviceUIDs()) {
                                 if (VELTAudioDevice device(uid); device.isPresent())
                                     devices.push_back(describeDevice(device));
+                                else if (auto reason = VELTAudioHardware::deviceAbsenceReason(uid))
+                                    devices.push_back({{"uid", uid},
+                                                       {"answered", false},
+                                                       {"problem", *reason},
+                                                       {"advice", kUnansweringServerAdvice}});
                                 VELTAudioHardware::releaseDevice(uid);
                             }
                             if (*json) {
@@ -341,18 +353,7 @@ Expected<void> runMeasurement(MeasureOptions& options) {
     if (auto saved = store->save(records, impulses); !saved)
         return saved;
     // The channels' calibrations stay with the document for the next measurement.
-    VELTAudioCaptureSettings kept = *settings;
-    const std::vector<RecordChannelEntry> entries = settings->recordChannelEntries();
-    if (stored)
-        for (const RecordChannelEntry& known : stored->recordChannelEntries())
-            if (std::none_of(entries.begin(), entries.end(), [&](const RecordChannelEntry& entry) {
-                    return entry.channel() == known.channel();
-                })) {
-                std::vector<RecordChannelEntry> all = kept.recordChannelEntries();
-                all.push_back(known);
-                kept.setRecordChannelEntries(all);
-            }
-    if (auto saved = store->putCaptureSettings(kept); !saved)
+    if (auto saved = store->putCaptureSettings(keptCaptureSettings(*settings, stored)); !saved)
         return saved;
 
     nlohmann::json added = nlohmann::json::array();

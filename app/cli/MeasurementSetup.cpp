@@ -189,6 +189,21 @@ measurementCaptureSettings(const MeasurementRequest& request, const PreparedMeas
     return settings;
 }
 
+VELTAudioCaptureSettings keptCaptureSettings(const VELTAudioCaptureSettings& used,
+                                             const std::optional<VELTAudioCaptureSettings>& stored) {
+    VELTAudioCaptureSettings kept = used;
+    if (!stored)
+        return kept;
+    std::vector<RecordChannelEntry> entries = used.recordChannelEntries();
+    for (const RecordChannelEntry& known : stored->recordChannelEntries())
+        if (std::ranges::none_of(used.recordChannelEntries(), [&](const RecordChannelEntry& entry) {
+                return entry.channel() == known.channel();
+            }))
+            entries.push_back(known);
+    kept.setRecordChannelEntries(entries);
+    return kept;
+}
+
 void describeMeasuredRecord(VELTMeasurementRecord& record, const VELTRZMeasurement& result,
                             const std::string& deviceName, const std::optional<std::string>& name,
                             std::size_t resultCount) {

@@ -66,6 +66,12 @@ std::shared_ptr<VELTAudioCaptureSettings>
 measurementCaptureSettings(const MeasurementRequest& request, const PreparedMeasurement& prepared,
                            const std::optional<VELTAudioCaptureSettings>& stored);
 
+// What a document keeps after a measurement: the settings used, and the entries of stored (its
+// earlier capture settings) for channels not measured, so that every channel's calibration stays for
+// the next measurement.
+VELTAudioCaptureSettings keptCaptureSettings(const VELTAudioCaptureSettings& used,
+                                             const std::optional<VELTAudioCaptureSettings>& stored);
+
 // Gives a new record, holding a result's impulse response, what the result tells of how it was
 // measured, the analysis defaults, and its name: name, or the device's name, with the input added
 // unless one named record is made (of resultCount).

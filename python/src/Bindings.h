@@ -83,6 +83,9 @@ struct MutedLog {
 // The capture settings kept by a document (a DocumentHandle, or None for none).
 std::optional<VELTAudioCaptureSettings> storedCaptureSettings(const py::object& document);
 
+// Keeps settings as the capture settings of a document (a DocumentHandle) that is still open.
+void keepCaptureSettings(const py::object& document, const VELTAudioCaptureSettings& settings);
+
 void addErrors(py::module_& module);
 void addLogging(py::module_& module);
 void addDocuments(py::module_& module);

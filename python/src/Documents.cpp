@@ -198,6 +198,11 @@ std::optional<VELTAudioCaptureSettings> storedCaptureSettings(const py::object& 
     return valueOrRaise(state->openStore().captureSettings(), "DocumentError");
 }
 
+void keepCaptureSettings(const py::object& document, const VELTAudioCaptureSettings& settings) {
+    if (auto state = document.cast<std::shared_ptr<DocumentState>>(); state->store)
+        valueOrRaise(state->store->putCaptureSettings(settings), "DocumentError");
+}
+
 void addDocuments(py::module_& module) {
     py::class_<RecordHandle> record(module, "RecordHandle", "One measurement record of the engine.");
     record

@@ -77,9 +77,9 @@ struct TimedOut {};
 
 class Measurement {
 public:
-    Measurement(MeasurementOptions options, py::object progress,
-                std::optional<VELTAudioCaptureSettings> stored)
-        : options_(std::move(options)), progress_(std::move(progress)), stored_(std::move(stored)) {}
+    Measurement(MeasurementOptions options, py::object progress, py::object document)
+        : options_(std::move(options)), progress_(std::move(progress)), document_(std::move(document)),
+          stored_(storedCaptureSettings(document_)) {}
     ~Measurement() {
         if (controller_ && !delegate_->finished())
             controller_->abortMeasurement();
@@ -113,8 +113,11 @@ private:
 
     MeasurementOptions options_;
     py::object progress_;
-    // The capture settings of the document measured into: each input's calibration and sensitivity.
+    // The document measured into (or None), and the capture settings it kept: each input's calibration
+    // and sensitivity.
+    py::object document_;
     std::optional<VELTAudioCaptureSettings> stored_;
+    std::shared_ptr<VELTAudioCaptureSettings> settings_;
     std::shared_ptr<Delegate> delegate_;
     std::shared_ptr<VELTRZMeasurementController> controller_;
     std::optional<cli::PreparedMeasurement> prepared_;
@@ -146,8 +149,8 @@ void Measurement::start() {
     }
     controller_->setDelegate(delegate_);
     controller_->setLogSweepSettings(sweep);
-    controller_->setAudioCaptureSettings(
-        cli::measurementCaptureSettings(options_.request, *prepared_, stored_));
+    settings_ = cli::measurementCaptureSettings(options_.request, *prepared_, stored_);
+    controller_->setAudioCaptureSettings(settings_);
     controller_->setSynchronousAverages(options_.averages);
     const double seconds = (sweep.duration() + sweep.beginSilence() + sweep.endSilence()) / 1000.0 *
                            static_cast<double>(options_.averages);
@@ -228,6 +231,9 @@ std::vector<RecordHandle> Measurement::results() {
                                     measured.size());
         records.push_back({record, nullptr, loopback});
     }
+    // As measure does, the document keeps the settings and every channel's calibration for next time.
+    if (!document_.is_none())
+        keepCaptureSettings(document_, cli::keptCaptureSettings(*settings_, stored_));
     return records;
 }
 
@@ -312,7 +318,7 @@ void addMeasuring(py::module_& module) {
                                                  sweepOptions(sweep)};
                  auto measurement = std::make_unique<Measurement>(
                      MeasurementOptions{std::move(request), averages, levelCheck, std::move(name)},
-                     std::move(progress), storedCaptureSettings(document));
+                     std::move(progress), std::move(document));
                  measurement->start();
                  return measurement;
              }),

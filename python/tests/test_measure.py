@@ -25,13 +25,18 @@ def test_devices_mark_the_default() -> None:
 def test_measurements_give_records_and_progress(cli: Callable[..., Any], tmp_path: Path) -> None:
     events: List[Dict[str, Any]] = []
     path = tmp_path / "m.tavolar"
-    with tavolar.Document.create(path) as document:
+    # The document's calibrations of its inputs: input 0's applies to the record, input 1's stays.
+    (tmp_path / "mic-3.txt").write_text("10 -1.0 0\n24000 -1.0 0\n")
+    cli("calibrate", str(path), "--capture-settings", "--file", str(tmp_path / "mic-3.txt"), "--channel", "0",
+        "--channel", "1")
+    with tavolar.Document.open(path) as document:
         (record,) = tavolar.measure(fast=True, loopback=(1, 1), averages=2, name="Left",
                                     sweep={"start": 20, "end": 20000, "length": 500}, progress=events.append,
                                     document=document)
         assert record.name == "Left" and record.averages == 2
         assert (record.sweep or {})["durationMilliseconds"] == 500
         assert abs(record.info()["delayMilliseconds"]) < 5
+        assert (record.calibration or {})["microphone"] == "mic-3"
     with pytest.raises(tavolar.DocumentError, match="closed or was opened read-only"):
         tavolar.start_measure(fast=True, document=document)
     assert [event["sweep"] for event in events if event["stage"] == "sweep"] == [1, 2]
@@ -39,6 +44,10 @@ def test_measurements_give_records_and_progress(cli: Callable[..., Any], tmp_pat
     assert [entry["name"] for entry in json.loads(cli("list", str(path), "--json").stdout)] == ["Left"]
     # The document keeps the loop-back reference the response was divided by, as measure keeps it.
     assert json.loads(cli("info", str(path), "1", "--json").stdout)[0]["loopback"] == {"output": 1, "input": 1}
+    with tavolar.Document.open(path) as document:
+        (again,) = tavolar.measure(fast=True, channels=[1], level_check=False, sweep={"length": 100},
+                                   document=document)
+        assert (again.calibration or {})["microphone"] == "mic-3"
 
 
 @pytest.mark.parametrize(
