@@ -2,6 +2,7 @@
 // read back pixel by pixel.
 
 #include "graphing/VELTGraphLayout.h"
+#include "graphing/VELTPNGEncoder.h"
 
 #if TAVOLAR_WITH_GRAPHICS
 #include "graphing/cairo/VELTCairoPainter.h"
@@ -15,6 +16,7 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
+#include <functional>
 #include <gtest/gtest.h>
 #include <limits>
 #include <sstream>
@@ -402,6 +404,54 @@ TEST(GraphPicture, WordSpacesKeepTheirWidthInSmallType) {
     }
     cairo_destroy(context);
     cairo_surface_destroy(surface);
+}
+
+// PNG files read back as the pixels they were made from: flat colour in runs longer than one
+// repeat, noise, translucent pixels (stored without premultiplication), and the smallest bitmap.
+TEST(GraphPicture, PNGFilesReadBackAsDrawn) {
+    auto noise = [](int x, int y) { return std::uint32_t(x * 2654435761u ^ y * 40503u) * 2246822519u; };
+    struct Case {
+        const char* name;
+        int width, height;
+        std::function<std::uint32_t(int, int)> pixel;
+    };
+    const Case cases[] = {
+        {"flat with a line", 700, 40, [](int x, int y) { return y == 20 ? 0xFF0072B2u : 0xFFFFFFFFu; }},
+        {"noise", 33, 17, [&](int x, int y) { return noise(x, y) | 0xFF000000u; }},
+        {"translucent", 20, 9,
+         [&](int x, int y) {
+             const std::uint32_t a = x * 12;
+             return a << 24 | (a / 2) << 16 | (noise(x, y) % (a + 1));
+         }},
+        {"one pixel", 1, 1, [](int, int) { return 0xFF123456u; }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const int stride = c.width * 4 + 8;
+        std::vector<unsigned char> pixels(std::size_t(stride) * c.height);
+        for (int y = 0; y < c.height; ++y)
+            for (int x = 0; x < c.width; ++x) {
+                const std::uint32_t p = c.pixel(x, y);
+                std::memcpy(&pixels[std::size_t(y) * stride + x * 4], &p, 4);
+            }
+        ScratchFile png("encoded.png");
+        std::ofstream(png.path, std::ios::binary) << encodedPNG(pixels, c.width, c.height, stride, 96.0);
+        cairo_surface_t* read = cairo_image_surface_create_from_png(png.path.c_str());
+        ASSERT_EQ(cairo_surface_status(read), CAIRO_STATUS_SUCCESS);
+        ASSERT_EQ(cairo_image_surface_get_width(read), c.width);
+        ASSERT_EQ(cairo_image_surface_get_height(read), c.height);
+        std::size_t wrong = 0;
+        for (int y = 0; y < c.height; ++y)
+            for (int x = 0; x < c.width; ++x) {
+                std::uint32_t p;
+                std::memcpy(
+                    &p, cairo_image_surface_get_data(read) + y * cairo_image_surface_get_stride(read) + x * 4,
+                    4);
+                wrong += p != c.pixel(x, y);
+            }
+        EXPECT_EQ(wrong, 0u);
+        cairo_surface_destroy(read);
+    }
 }
 
 TEST(GraphPicture, FormatsAndSizesRefused) {

@@ -1,5 +1,7 @@
 #include "graphing/cairo/VELTCairoPainter.h"
 
+#include "graphing/VELTPNGEncoder.h"
+
 #include <algorithm>
 #include <cairo-pdf.h>
 #include <cairo-svg.h>
@@ -7,6 +9,7 @@
 #include <cctype>
 #include <cmath>
 #include <fmt/format.h>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <pango/pangocairo.h>
@@ -321,6 +324,25 @@ Expected<void> writeTIFF(cairo_surface_t* surface, const std::filesystem::path& 
     return {};
 }
 
+// The image surface as a PNG file with its resolution, through the encoder made for graphs (several
+// times faster than Cairo's own at its settings).
+Expected<void> writePNG(cairo_surface_t* surface, const std::filesystem::path& path, double dpi) {
+    cairo_surface_flush(surface);
+    const int height = cairo_image_surface_get_height(surface);
+    const int stride = cairo_image_surface_get_stride(surface);
+    const std::string bytes =
+        encodedPNG({cairo_image_surface_get_data(surface),
+                    static_cast<std::size_t>(stride) * static_cast<std::size_t>(height)},
+                   cairo_image_surface_get_width(surface), height, stride, dpi);
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    file.close();
+    if (!file)
+        return makeUnexpected(fmt::format("{} could not be written.", path.string()),
+                              "Check that its folder exists and may be written to.");
+    return {};
+}
+
 } // namespace
 
 Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat format,
@@ -366,10 +388,8 @@ Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat for
         if (auto status = cairoStatus(cairo_status(context.get()), path); !status)
             return status;
     }
-    if (format == VELTImageFormat::PNG) {
-        if (auto status = cairoStatus(cairo_surface_write_to_png(surface.get(), path.c_str()), path); !status)
-            return status;
-    }
+    if (format == VELTImageFormat::PNG)
+        return writePNG(surface.get(), path, size.dpi);
     if (format == VELTImageFormat::TIFF)
         return writeTIFF(surface.get(), path, size.dpi, metadata.title);
     cairo_surface_finish(surface.get());
