@@ -224,13 +224,24 @@ std::vector<std::vector<VELTPoint>> plottedPoints(const VELTGraphData& curve, co
                                                   const VELTRect& area, double columnWidth) {
     std::vector<std::vector<VELTPoint>> runs;
     std::vector<VELTPoint> run;
-    // The column being gathered: its first, lowest, highest and last points (Y grows downwards).
+    // X and Y map to the plot area as a scale and an offset of X (or its logarithm) and Y, worked
+    // out once: the loop below meets every point of curves millions of points long.
+    const VELTGraphExtents& e = plot.extents;
+    const double xFrom = plot.logarithmicX ? std::log10(e.xMin) : e.xMin;
+    const double xTo = plot.logarithmicX ? std::log10(e.xMax) : e.xMax;
+    const double xScale = area.width / (xTo - xFrom) / columnWidth,
+                 xOffset = area.x / columnWidth - xFrom * xScale;
+    const double yScale = -area.height / (e.yMax - e.yMin), yOffset = area.bottom() - e.yMin * yScale;
+    // The column being gathered: its first, lowest, highest and last points, as X in columns and Y
+    // as given (the lowest Y is the lowest point: Y grows downwards in the plot area).
     bool open = false;
     long column = 0;
     VELTPoint first, low, high, last;
     auto flushColumn = [&] {
         if (!open)
             return;
+        for (VELTPoint* p : {&first, &low, &high, &last})
+            *p = {p->x * columnWidth, yOffset + p->y * yScale};
         run.push_back(first);
         // The extremes in the order they were met keep the curve's shape within the column.
         const bool lowFirst = low.x <= high.x;
@@ -259,8 +270,8 @@ std::vector<std::vector<VELTPoint>> plottedPoints(const VELTGraphData& curve, co
         if (plot.yWrap > 0.0 && std::abs(y - previous) > plot.yWrap / 2.0)
             breakRun();
         previous = y;
-        const VELTPoint p{mapX(plot, area, x), mapY(plot, area, y)};
-        const long c = static_cast<long>(std::floor(p.x / columnWidth));
+        const VELTPoint p{xOffset + (plot.logarithmicX ? std::log10(x) : x) * xScale, y};
+        const long c = static_cast<long>(std::floor(p.x));
         if (!open || c != column) {
             flushColumn();
             open = true;
@@ -268,9 +279,9 @@ std::vector<std::vector<VELTPoint>> plottedPoints(const VELTGraphData& curve, co
             first = low = high = last = p;
             continue;
         }
-        if (p.y > low.y)
+        if (p.y < low.y)
             low = p;
-        if (p.y < high.y)
+        if (p.y > high.y)
             high = p;
         last = p;
     }
