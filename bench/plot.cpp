@@ -281,7 +281,10 @@ double matplotlibTime(const std::string& python, const std::string& graph) {
 }
 
 void printRatios() {
-    std::printf("\nFastest iterations (1600 x 1000 pixels):\n");
+    double load[3] = {0, 0, 0};
+    getloadavg(load, 3);
+    std::printf("\nFastest iterations (1600 x 1000 pixels; load average %.2f %.2f %.2f):\n", load[0], load[1],
+                load[2]);
     const bool peers =
         !(std::getenv("TAVOLAR_BENCH_PEERS") && std::string(std::getenv("TAVOLAR_BENCH_PEERS")) == "0");
     const std::string python = peers ? pythonWithMatplotlib() : std::string();
