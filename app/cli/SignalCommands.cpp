@@ -13,6 +13,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fmt/format.h>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,8 +46,8 @@ Expected<std::vector<std::size_t>> pickChannels(const SoundSignal& sound,
 
 // Deconvolves the picked channels of a recorded response by its stimulus (and a loop-back
 // reference recorded with it), as the measurement engine does after a sweep, refusing a silent
-// recording or an unusable result. The division by the stimulus is prepared once per worker, and
-// the channels are shared among the cores.
+// recording or an unusable result. The division by the stimulus is prepared once, and the channels
+// are shared among the cores.
 Expected<std::vector<VELTRealVector>>
 deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
                   const std::vector<std::size_t>& channels, const std::optional<MonoSignal>& reference,
@@ -79,27 +80,36 @@ deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
     std::vector<VELTRealVector> impulses(channels.size());
     // Checked by the worker that made it, while the response is still in its cache.
     std::unique_ptr<bool[]> usable(new bool[channels.size()]);
+    const std::size_t workers =
+        std::min<std::size_t>(channels.size(), std::max(1u, std::thread::hardware_concurrency()));
+    SweptSineDeconvolver deconvolver(stimulus.samples.span());
+    deconvolver.prepare(transformLength, correction, lambda);
+    impulses[0] = VELTRealVector(transformLength);
+    // The stimulus spectrum and the quotient are made once, here, and shared by every worker; the
+    // first channel's output serves as their scratch.
+    std::vector<SweptSineDeconvolver> sharing;
+    for (std::size_t worker = 1; worker < workers; ++worker)
+        sharing.push_back(deconvolver.sharingQuotient(impulses[0].mutableSpan()));
+    const bool firstIsZero = sharing.empty();
     std::atomic<std::size_t> next{0};
-    auto work = [&] {
-        SweptSineDeconvolver deconvolver(stimulus.samples.span());
-        deconvolver.prepare(transformLength, correction, lambda);
+    auto work = [&](SweptSineDeconvolver& own) {
         for (std::size_t index = next++; index < channels.size(); index = next++) {
-            impulses[index] = VELTRealVector(transformLength);
+            const bool isZero = index != 0 || firstIsZero;
+            if (index != 0)
+                impulses[index] = VELTRealVector(transformLength);
             std::span<const float> samples = response.channels[channels[index]].span();
             if (channels.size() == 1)
-                deconvolver.deconvolveOnly(samples, impulses[index].mutableSpan(), true);
+                own.deconvolveOnly(samples, impulses[index].mutableSpan(), isZero);
             else
-                deconvolver.deconvolve(samples, impulses[index].mutableSpan(), true);
+                own.deconvolve(samples, impulses[index].mutableSpan(), isZero);
             usable[index] = !impulses[index].isAllZeroes() && impulses[index].isFinite();
         }
     };
-    const std::size_t workers =
-        std::min<std::size_t>(channels.size(), std::max(1u, std::thread::hardware_concurrency()));
     {
         std::vector<std::jthread> helpers;
-        for (std::size_t worker = 1; worker < workers; ++worker)
-            helpers.emplace_back(work);
-        work();
+        for (SweptSineDeconvolver& own : sharing)
+            helpers.emplace_back(work, std::ref(own));
+        work(deconvolver);
     }
     for (std::size_t index = 0; index < channels.size(); ++index) {
         if (!usable[index])

@@ -249,7 +249,7 @@ void SweptSineDeconvolver::prepare(std::size_t transformLength, const VELTRealVe
     if (transformLength != transformLength_) {
         setup_ = VELTFFTInterleavedSetup::FFTSetupWithLength(transformLength);
         responseSpectrum_ = Spectrum(bins);
-        quotient_ = Spectrum(bins);
+        quotient_ = std::make_shared<Spectrum>(bins);
         stimulusSpectrum_ = Spectrum();
         stimulusSpectrumValid_ = false;
         quotientReusable_ = false;
@@ -264,6 +264,9 @@ void SweptSineDeconvolver::prepare(std::size_t transformLength, const VELTRealVe
     pendingCorrection_ = correction;
     pendingLambda_ = narrowedLambda;
     quotientPending_ = correction || !quotientReusable_ || quotientLambda_ != narrowedLambda;
+    // A quotient shared with other deconvolvers stays theirs.
+    if (quotientPending_ && quotient_.use_count() > 1)
+        quotient_ = std::make_shared<Spectrum>(bins);
 }
 
 // Forms the quotient that prepare asked for, with the caller's output as the zero-padded input of
@@ -275,8 +278,9 @@ void SweptSineDeconvolver::formPendingQuotient(std::span<float> padded, std::siz
     if (!keepStimulus) {
         // No reference so far: the stimulus spectrum becomes the quotient in place.
         padInto(stimulus_, padded, zeroFrom);
-        setup_->forwardReal(padded.data(), quotient_.data());
-        formQuotient(bins, quotient_.data(), nullptr, pendingLambda_, scale, quotient_.data());
+        std::complex<float>* quotient = quotient_->data();
+        setup_->forwardReal(padded.data(), quotient);
+        formQuotient(bins, quotient, nullptr, pendingLambda_, scale, quotient);
     } else {
         if (!stimulusSpectrumValid_) {
             padInto(stimulus_, padded, zeroFrom);
@@ -289,12 +293,29 @@ void SweptSineDeconvolver::formPendingQuotient(std::span<float> padded, std::siz
             setup_->forwardReal(padded.data(), responseSpectrum_.data());
             reference = responseSpectrum_.data();
         }
-        formQuotient(bins, stimulusSpectrum_.data(), reference, pendingLambda_, scale, quotient_.data());
+        formQuotient(bins, stimulusSpectrum_.data(), reference, pendingLambda_, scale, quotient_->data());
     }
     quotientReusable_ = pendingCorrection_ == nullptr;
     quotientLambda_ = pendingLambda_;
     quotientPending_ = false;
     pendingCorrection_ = nullptr;
+}
+
+SweptSineDeconvolver SweptSineDeconvolver::sharingQuotient(std::span<float> scratch) {
+    TAVOLAR_PARAMETER_ASSERT(transformLength_ != 0);
+    TAVOLAR_PARAMETER_ASSERT(scratch.size() >= transformLength_);
+    if (quotientPending_) {
+        std::size_t zeroFrom = transformLength_;
+        formPendingQuotient(scratch.first(transformLength_), zeroFrom);
+    }
+    SweptSineDeconvolver shared(stimulus_);
+    shared.transformLength_ = transformLength_;
+    shared.setup_ = setup_;
+    shared.responseSpectrum_ = Spectrum(transformLength_ / 2 + 1);
+    shared.quotient_ = quotient_;
+    shared.quotientReusable_ = quotientReusable_;
+    shared.quotientLambda_ = quotientLambda_;
+    return shared;
 }
 
 void SweptSineDeconvolver::deconvolve(std::span<const float> response, std::span<float> impulseResponse,
@@ -320,10 +341,10 @@ void SweptSineDeconvolver::deconvolveInto(std::span<const float> response, std::
     if (singleUse && quotientPending_ && !pendingCorrection_ && stimulusSpectrum_.size() == 0) {
         // The stimulus spectrum goes where the quotient would be; the quotient stays pending.
         padInto(stimulus_, padded, zeroFrom);
-        setup_->forwardReal(padded.data(), quotient_.data());
+        setup_->forwardReal(padded.data(), quotient_->data());
         padInto(response, padded, zeroFrom);
         setup_->forwardReal(padded.data(), responseSpectrum_.data());
-        divideBySpectrum(bins, responseSpectrum_.data(), quotient_.data(),
+        divideBySpectrum(bins, responseSpectrum_.data(), quotient_->data(),
                          pendingLambda_ ? static_cast<double>(*pendingLambda_) : 0.0,
                          1.0 / static_cast<double>(transformLength_));
         quotientReusable_ = false;
@@ -332,7 +353,7 @@ void SweptSineDeconvolver::deconvolveInto(std::span<const float> response, std::
             formPendingQuotient(padded, zeroFrom);
         padInto(response, padded, zeroFrom);
         setup_->forwardReal(padded.data(), responseSpectrum_.data());
-        multiplyByQuotient(bins, responseSpectrum_.data(), quotient_.data());
+        multiplyByQuotient(bins, responseSpectrum_.data(), quotient_->data());
     }
     setup_->inverseRealUnscaled(responseSpectrum_.data(), padded.data());
 }

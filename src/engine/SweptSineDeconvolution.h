@@ -113,6 +113,14 @@ public:
     void deconvolveOnly(std::span<const float> response, std::span<float> impulseResponse,
                         bool impulseResponseIsZero = false);
 
+    // A deconvolver for another thread that divides by this one's quotient, formed now if pending
+    // (scratch, at least L samples, serves as the zero-padded input of its transforms and is left
+    // holding no particular values). The two share the quotient read-only, each with a response
+    // spectrum of its own, so that channels deconvolved on several threads cost one stimulus
+    // transform and one quotient's memory. A later prepare that needs a new quotient gives the
+    // deconvolver that makes it a quotient of its own.
+    SweptSineDeconvolver sharingQuotient(std::span<float> scratch);
+
 private:
     void deconvolveInto(std::span<const float> response, std::span<float> impulseResponse,
                         bool impulseResponseIsZero, bool singleUse);
@@ -148,7 +156,9 @@ private:
     std::optional<VELTFFTInterleavedSetup> setup_;
     Spectrum stimulusSpectrum_; // S, kept once a reference is seen
     Spectrum responseSpectrum_; // R, and a reference's spectrum while the quotient is formed
-    Spectrum quotient_;         // Q / L, so that the impulse response is the unscaled inverse of R x Q / L
+    // Q / L, so that the impulse response is the unscaled inverse of R x Q / L; shared with the
+    // deconvolvers made by sharingQuotient.
+    std::shared_ptr<Spectrum> quotient_;
     bool stimulusSpectrumValid_ = false;
     bool quotientReusable_ = false; // Q was made for this length without a reference
     std::optional<float> quotientLambda_;
