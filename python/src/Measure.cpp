@@ -6,9 +6,7 @@
 #include "Bindings.h"
 #include "CommandLine.h"
 #include "MeasurementSetup.h"
-#include "RecordStore.h"
 #include "SweepOptions.h"
-#include "audio/devices/AudioDeviceUID.h"
 #include "audio/devices/VELTAudioDevice.h"
 #include "audio/devices/VELTAudioHardware.h"
 #include "engine/VELTRZMeasurementController.h"
@@ -16,7 +14,6 @@
 #include "platform/RunLoop.h"
 #include "platform/UserDefaults.h"
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fmt/format.h>
