@@ -1,6 +1,7 @@
 // tavolar, the command-line host, on a real JACK server: every running server is listed whatever
-// its name, a measurement averaged through connections the user made keeps them for every sweep,
-// and a server that was stopped before the measurement began is reported rather than waited for.
+// its name (a stopped one too, as not answering), a measurement averaged through connections the user made
+// keeps them for every sweep, a server that was stopped before the measurement began is reported rather than
+// waited for, and Ctrl-C ends a measurement.
 
 #include "JackTestServer.h"
 #include "audio/devices/AudioDeviceUID.h"
@@ -47,6 +48,15 @@ TEST_F(JackCommandLine, DevicesListsEveryRunningServerWhateverItsName) {
                                [&](const nlohmann::json& device) { return device["uid"] == uid; });
     ASSERT_NE(listed, devices.end()) << text;
     EXPECT_EQ((*listed)["inputs"].size(), 3u);
+
+    // Stopped, it is still listed, at once, with what to do.
+    signalServer(SIGSTOP);
+    const auto started = std::chrono::steady_clock::now();
+    const std::string stopped = runTavolar("devices");
+    signalServer(SIGCONT);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
+    EXPECT_NE(stopped.find(uid + "  did not answer"), std::string::npos) << stopped;
+    EXPECT_NE(stopped.find("kill -CONT"), std::string::npos) << stopped;
 }
 
 // jconvolver delays by three samples: with --no-connect the user connects the client's ports
@@ -86,8 +96,9 @@ TEST_F(JackCommandLine, AServerStoppedBeforeTheMeasurementIsReported) {
         std::filesystem::temp_directory_path() / (deviceUID().substr(5) + "-stopped.tavolar");
     const auto started = std::chrono::steady_clock::now();
     std::unique_ptr<FILE, int (*)(FILE*)> pipe(
-        popen(fmt::format("{} measure {} -d {} 2>&1", TAVOLAR_CLI_PATH, document.string(), deviceUID()).c_str(),
-              "r"),
+        popen(
+            fmt::format("{} measure {} -d {} 2>&1", TAVOLAR_CLI_PATH, document.string(), deviceUID()).c_str(),
+            "r"),
         pclose);
     std::string output;
     char buffer[4096];
@@ -97,9 +108,33 @@ TEST_F(JackCommandLine, AServerStoppedBeforeTheMeasurementIsReported) {
     signalServer(SIGCONT);
     EXPECT_LT(std::chrono::steady_clock::now() - started, 30s);
     EXPECT_NE(status, 0);
-    EXPECT_NE(output.find("runs but did not answer within seconds: it is stopped or hangs."), std::string::npos)
+    EXPECT_NE(output.find("runs but did not answer within seconds: it is stopped or hangs."),
+              std::string::npos)
         << output;
     EXPECT_FALSE(std::filesystem::exists(document));
+}
+
+// Ctrl-C while the sweep plays through the server ends the command within a second; the document
+// keeps what it had.
+TEST_F(JackCommandLine, CtrlCEndsAMeasurementWithinASecondAndStoresNothing) {
+    ASSERT_TRUE(start(48000, 256, 2));
+    const std::filesystem::path document =
+        std::filesystem::temp_directory_path() / (deviceUID().substr(5) + "-interrupted.tavolar");
+    ASSERT_FALSE(runTavolar(fmt::format("measure {} --fast --length 300 --json", document.string())).empty());
+    auto measuring = std::make_unique<testing::ChildProcess>(
+        std::vector<std::string>{TAVOLAR_CLI_PATH, "measure", document.string(), "-d", deviceUID(),
+                                 "--length", "20000", "--no-level-check"},
+        "/dev/null");
+    ASSERT_TRUE(waitForPort("tavolar:in_1"));
+    std::this_thread::sleep_for(300ms);
+    measuring->signal(SIGINT);
+    const auto interrupted = std::chrono::steady_clock::now();
+    while (measuring->isRunning() && std::chrono::steady_clock::now() - interrupted < 10s)
+        std::this_thread::sleep_for(10ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - interrupted, 1s);
+    const std::string text = runTavolar("info " + document.string() + " --json");
+    std::filesystem::remove(document);
+    EXPECT_EQ(nlohmann::json::parse(text, nullptr, false).size(), 1u) << text;
 }
 
 } // namespace

@@ -8,15 +8,17 @@
 #include <cerrno>
 #include <charconv>
 #include <chrono>
-#include <condition_variable>
 #include <cmath>
+#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fmt/format.h>
+#include <fstream>
 #include <jack/jack.h>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string_view>
 #include <sys/un.h>
 #include <thread>
@@ -119,7 +121,8 @@ struct UnansweringServers {
     // An abandoned open that returned at last: the server answers again.
     void answeredLate(const std::string& serverName) {
         std::lock_guard lock(mutex);
-        if (auto found = outstanding.find(key(serverName)); found != outstanding.end() && --found->second == 0)
+        if (auto found = outstanding.find(key(serverName));
+            found != outstanding.end() && --found->second == 0)
             outstanding.erase(found);
     }
     bool contains(const std::string& serverName) {
@@ -132,6 +135,53 @@ struct UnansweringServers {
     }
 };
 
+// The socket a server listens on, /dev/shm/jack_NAME_UID_0 ("default" for the default server).
+std::string serverSocketPath(const std::string& serverName) {
+    return fmt::format("/dev/shm/jack_{}_{}_0", isDefaultServer(serverName) ? "default" : serverName,
+                       getuid());
+}
+
+// Whether the process that listens on the server's socket is stopped (SIGSTOP, or a debugger): it
+// would answer nothing, and libjack would wait for it without a limit. The socket's inode is found
+// in the kernel's table of Unix sockets and its holder among this user's processes; a server that
+// cannot be found this way counts as not stopped, and is asked as before.
+bool serverProcessIsStopped(const std::string& serverName) {
+    const std::string path = serverSocketPath(serverName);
+    std::ifstream table("/proc/net/unix");
+    std::string line, inode;
+    while (std::getline(table, line))
+        if (line.ends_with(" " + path)) {
+            std::istringstream fields(line);
+            std::string field;
+            for (int index = 0; index < 7 && fields >> field; ++index)
+                inode = field;
+            break;
+        }
+    if (inode.empty())
+        return false;
+    const std::string target = "socket:[" + inode + "]";
+    std::error_code error;
+    for (const auto& process : std::filesystem::directory_iterator("/proc", error)) {
+        const std::string pid = process.path().filename().string();
+        if (pid.empty() || !std::ranges::all_of(pid, [](char c) { return c >= '0' && c <= '9'; }))
+            continue;
+        std::error_code unreadable;
+        for (const auto& descriptor :
+             std::filesystem::directory_iterator(process.path() / "fd", unreadable)) {
+            std::error_code gone;
+            if (std::filesystem::read_symlink(descriptor.path(), gone).string() != target)
+                continue;
+            // The state follows the command name, which is in parentheses and may hold spaces.
+            std::ifstream stat(process.path() / "stat");
+            const std::string status{std::istreambuf_iterator<char>(stat), std::istreambuf_iterator<char>()};
+            const std::size_t end = status.rfind(')');
+            return end != std::string::npos && end + 2 < status.size() &&
+                   (status[end + 2] == 'T' || status[end + 2] == 't');
+        }
+    }
+    return false;
+}
+
 // libjack waits for the server's answer without a time limit, so a server that was stopped
 // (SIGSTOP) or hangs would hang the program that asks. The client is opened on a thread of its own;
 // after kOpenTimeout the caller gives up, and should the answer come after all, that thread closes
@@ -141,7 +191,7 @@ constexpr auto kOpenTimeout = std::chrono::seconds(8);
 jack_client_t* openClient(const std::string& clientName, const std::string& serverName,
                           jack_status_t& status) {
     silenceJack();
-    if (UnansweringServers::shared().any()) {
+    if (UnansweringServers::shared().any() || serverProcessIsStopped(serverName)) {
         status = jack_status_t(JackFailure | JackServerError);
         return nullptr;
     }
@@ -1064,7 +1114,7 @@ bool jackServerIsRunning(const std::string& serverName) {
 }
 
 bool jackServerDidNotAnswer(const std::string& serverName) {
-    return UnansweringServers::shared().contains(serverName);
+    return UnansweringServers::shared().contains(serverName) || serverProcessIsStopped(serverName);
 }
 
 std::vector<std::string> runningJackServerNames() {
@@ -1077,7 +1127,9 @@ std::vector<std::string> runningJackServerNames() {
             !entry.is_socket(error))
             continue;
         std::string name = file.substr(5, file.size() - 5 - suffix.size());
-        if (jackServerIsRunning(name))
+        // A server that did not answer runs all the same: it is listed, and its device says why
+        // it is absent.
+        if (jackServerIsRunning(name) || jackServerDidNotAnswer(name))
             names.push_back(std::move(name));
     }
     std::ranges::sort(names, [](const std::string& a, const std::string& b) {

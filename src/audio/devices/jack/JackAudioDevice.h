@@ -39,13 +39,15 @@ std::shared_ptr<AudioDeviceDriver> openJackDeviceDriver(const AudioDeviceUID& ui
 // uses one server at a time: while a device of another server is open, the answer is no.
 bool jackServerIsRunning(const std::string& serverName);
 
-// Whether the server ("" or "default" for the default server) failed to answer the last client
-// this program opened on it within a few seconds: it runs, but is stopped or hangs.
+// Whether the server ("" or "default" for the default server) runs but answers nothing: its process
+// is stopped, or it failed to answer the last client this program opened on it within a few
+// seconds (it hangs). No client is opened on a stopped server.
 bool jackServerDidNotAnswer(const std::string& serverName);
 
 // The names of this user's JACK servers that run now, "default" first: every server listens on a
 // socket in /dev/shm named after it, and a client opened on each confirms that it runs (a socket
-// left by a server that was killed refuses the client at once).
+// left by a server that was killed refuses the client at once). Servers that run but do not answer
+// (jackServerDidNotAnswer) are among them.
 std::vector<std::string> runningJackServerNames();
 
 } // namespace tavolar
