@@ -4,6 +4,7 @@
 #include <array>
 #include <cmath>
 #include <cstring>
+#include <string_view>
 #include <vector>
 
 namespace tavolar {
@@ -49,7 +50,7 @@ void putBigEndian(std::string& out, std::uint32_t value) {
         out += static_cast<char>((value >> shift) & 0xFF);
 }
 
-void putChunk(std::string& out, const char* type, const std::string& data) {
+void putChunk(std::string& out, const char* type, std::string_view data) {
     putBigEndian(out, static_cast<std::uint32_t>(data.size()));
     const std::size_t start = out.size();
     out.append(type, 4);
@@ -231,7 +232,11 @@ std::string encodedPNG(std::span<const unsigned char> pixels, int width, int hei
         physical += '\x01'; // in metres
         putChunk(file, "pHYs", physical);
     }
-    putChunk(file, "IDAT", zlibStream(filtered, channels));
+    // The stream in chunks of at most 1 MiB, well within the 2^31 bytes a chunk may hold.
+    const std::string stream = zlibStream(filtered, channels);
+    constexpr std::size_t kChunk = std::size_t{1} << 20;
+    for (std::size_t start = 0; start < stream.size(); start += kChunk)
+        putChunk(file, "IDAT", std::string_view(stream).substr(start, kChunk));
     putChunk(file, "IEND", {});
     return file;
 }

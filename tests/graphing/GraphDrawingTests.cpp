@@ -417,7 +417,8 @@ TEST(GraphPicture, PNGFilesReadBackAsDrawn) {
     };
     const Case cases[] = {
         {"flat with a line", 700, 40, [](int x, int y) { return y == 20 ? 0xFF0072B2u : 0xFFFFFFFFu; }},
-        {"noise", 33, 17, [&](int x, int y) { return noise(x, y) | 0xFF000000u; }},
+        {"noise, over more than one chunk", 640, 600,
+         [&](int x, int y) { return noise(x, y) | 0xFF000000u; }},
         {"translucent", 20, 9,
          [&](int x, int y) {
              const std::uint32_t a = x * 12;
