@@ -188,13 +188,11 @@ TEST(SweptSineDeconvolution, DegenerateStimulusPassesNaNOnUnderPlainDivision) {
     EXPECT_TRUE(hasNaN(realVectorByDeconvolvingResponseWithRegularization(
         response, response, nullptr, std::numeric_limits<double>::quiet_NaN())));
 
-    VELTRealDoubleVector doubleSilence(64);
     VELTRealDoubleVector doubleResponse(64);
     doubleResponse[3] = 0.5;
-    const VELTRealDoubleVector doubleImpulse =
-        realDoubleVectorByDeconvolvingResponse(doubleResponse, doubleSilence, nullptr);
-    EXPECT_TRUE(std::any_of(doubleImpulse.span().begin(), doubleImpulse.span().end(),
-                            [](double x) { return std::isnan(x); }));
+    const auto impulse =
+        realDoubleVectorByDeconvolvingResponse(doubleResponse, VELTRealDoubleVector(64), nullptr);
+    EXPECT_TRUE(std::ranges::any_of(impulse.span(), [](double x) { return std::isnan(x); }));
 }
 
 // The user defaults choose the variant at every call.
@@ -209,7 +207,6 @@ TEST(SweptSineDeconvolution, UserDefaultsChooseTheVariantAndLambda) {
         ~ClearAtEnd() { action(); }
     } clearAtEnd{clear};
     clear();
-    EXPECT_EQ(kDefaultDeconvolutionRegularizationLambda, static_cast<double>(1e-9f));
 
     // A faint stimulus, so that lambdas of 1e-9 and 1e-6 both change the result.
     const VELTRealVector stimulus =
