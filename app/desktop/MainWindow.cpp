@@ -6,6 +6,7 @@
 
 #include <QApplication>
 #include <QColorDialog>
+#include <QDialog>
 #include <QDoubleValidator>
 #include <QFileDialog>
 #include <QFileInfo>
@@ -16,8 +17,14 @@
 #include <QMessageBox>
 #include <QSplitter>
 #include <QStatusBar>
+#include <QTableWidget>
 #include <QTimer>
 #include <QToolBar>
+#include <QVBoxLayout>
+#include <cmath>
+#include <functional>
+#include <optional>
+#include <tuple>
 
 namespace tavolar::desktop {
 
@@ -208,11 +215,122 @@ void MainWindow::buildMenus() {
     addToggle(graph, tr("&Unwrap Phase"), "unwrapPhase");
     graph->addSeparator();
     lockAction_ = addToggle(graph, tr("&Lock Extents"), "extentsLocked");
-    graph->addAction(tr("&Fit to Data"), QKeySequence(Qt::CTRL | Qt::Key_F), this, [this] {
-        GraphModel& model = currentGraphWidget().graph();
-        if (auto fitted = model.fittedExtents(); fitted && *fitted != model.extents())
-            document_->undoStack().push(new SetGraphExtentsCommand(model, *fitted, tr("Fit to Data")));
+
+    // The view's extents by key, each an undoable step named as its menu item.
+    QMenu* view = menuBar()->addMenu(tr("&View"));
+    using Change = std::function<std::optional<VELTGraphExtents>(const GraphModel&)>;
+    auto addView = [&](const QString& text, const QKeySequence& key, const QString& undoName, Change change) {
+        QAction* action = view->addAction(text, this, [this, undoName, change] {
+            GraphModel& model = currentGraphWidget().graph();
+            if (!model.isInteractive())
+                return;
+            if (auto extents = change(model); extents && *extents != model.extents())
+                document_->undoStack().push(new SetGraphExtentsCommand(model, *extents, undoName));
+        });
+        action->setShortcut(key);
+    };
+    // Zoomed about the middle of the view, on both axes or one.
+    auto zoom = [](double factor, bool horizontal, bool vertical) {
+        return [=](const GraphModel& model) -> std::optional<VELTGraphExtents> {
+            const VELTGraphExtents& now = model.extents();
+            const double x =
+                model.logarithmicX() ? std::sqrt(now.xMin * now.xMax) : (now.xMin + now.xMax) / 2.0;
+            VELTGraphExtents zoomed = model.zoomed(x, (now.yMin + now.yMax) / 2.0, factor);
+            if (!horizontal)
+                std::tie(zoomed.xMin, zoomed.xMax) = std::pair(now.xMin, now.xMax);
+            if (!vertical)
+                std::tie(zoomed.yMin, zoomed.yMax) = std::pair(now.yMin, now.yMax);
+            return zoomed;
+        };
+    };
+    auto fit = [](bool horizontal, bool vertical) {
+        return [=](const GraphModel& model) -> std::optional<VELTGraphExtents> {
+            auto fitted = model.fittedExtents();
+            if (fitted && !horizontal)
+                std::tie(fitted->xMin, fitted->xMax) = std::pair(model.extents().xMin, model.extents().xMax);
+            if (fitted && !vertical)
+                std::tie(fitted->yMin, fitted->yMax) = std::pair(model.extents().yMin, model.extents().yMax);
+            return fitted;
+        };
+    };
+    constexpr double kStep = 0.8;
+    addView(tr("Zoom &In"), QKeySequence::ZoomIn, tr("Zoom"), zoom(kStep, true, true));
+    addView(tr("Zoom &Out"), QKeySequence::ZoomOut, tr("Zoom"), zoom(1.0 / kStep, true, true));
+    addView(tr("Zoom In Horizontally"), QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_Right), tr("Zoom"),
+            zoom(kStep, true, false));
+    addView(tr("Zoom Out Horizontally"), QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_Left), tr("Zoom"),
+            zoom(1.0 / kStep, true, false));
+    addView(tr("Zoom In Vertically"), QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_Up), tr("Zoom"),
+            zoom(kStep, false, true));
+    addView(tr("Zoom Out Vertically"), QKeySequence(Qt::CTRL | Qt::ALT | Qt::Key_Down), tr("Zoom"),
+            zoom(1.0 / kStep, false, true));
+    view->addSeparator();
+    addView(tr("&Fit to Data"), QKeySequence(Qt::CTRL | Qt::Key_F), tr("Fit to Data"), fit(true, true));
+    addView(tr("Fit Horizontally"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_X), tr("Fit to Data"),
+            fit(true, false));
+    addView(tr("Fit Vertically"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Y), tr("Fit to Data"),
+            fit(false, true));
+
+    QMenu* records = menuBar()->addMenu(tr("&Records"));
+    auto step = [this](int by) {
+        const int rows = document_->rowCount();
+        if (rows == 0)
+            return;
+        const QModelIndex current = table_->currentIndex();
+        const int row = current.isValid() ? (current.row() + by + rows) % rows : 0;
+        table_->selectRow(row);
+    };
+    records->addAction(tr("&Next Record"), QKeySequence(Qt::ALT | Qt::Key_Down), this, [step] { step(1); });
+    records->addAction(tr("&Previous Record"), QKeySequence(Qt::ALT | Qt::Key_Up), this,
+                       [step] { step(-1); });
+    records->addAction(
+        tr("&Hide or Show Selected Records"), QKeySequence(Qt::CTRL | Qt::Key_H), this, [this] {
+            for (const QModelIndex& row : table_->selectionModel()->selectedRows()) {
+                const QModelIndex visible = document_->index(row.row(), RecordTableModel::Visible);
+                const bool shown = visible.data(Qt::CheckStateRole).toInt() == Qt::Checked;
+                document_->setData(visible, shown ? Qt::Unchecked : Qt::Checked, Qt::CheckStateRole);
+            }
+        });
+
+    QMenu* help = menuBar()->addMenu(tr("&Help"));
+    help->addAction(tr("&Keyboard Shortcuts"), QKeySequence::HelpContents, this, [this] {
+        auto* dialog = new QDialog(this);
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        dialog->setWindowTitle(tr("Keyboard Shortcuts"));
+        auto* list = new QTableWidget(0, 2, dialog);
+        list->setHorizontalHeaderLabels({tr("Action"), tr("Keys")});
+        list->verticalHeader()->setVisible(false);
+        list->horizontalHeader()->setStretchLastSection(true);
+        list->setEditTriggers(QAbstractItemView::NoEditTriggers);
+        for (const auto& [action, keys] : shortcutReference()) {
+            list->insertRow(list->rowCount());
+            list->setItem(list->rowCount() - 1, 0, new QTableWidgetItem(action));
+            list->setItem(list->rowCount() - 1, 1, new QTableWidgetItem(keys));
+        }
+        list->resizeColumnsToContents();
+        auto* layout = new QVBoxLayout(dialog);
+        layout->addWidget(list);
+        dialog->resize(460, 520);
+        dialog->show();
     });
+}
+
+std::vector<std::pair<QString, QString>> MainWindow::shortcutReference() const {
+    // The menus are the one registry of actions: every item with keys, as its menu names it.
+    std::vector<std::pair<QString, QString>> reference;
+    std::function<void(const QMenu*)> collect = [&](const QMenu* menu) {
+        for (const QAction* action : menu->actions()) {
+            if (action->menu())
+                collect(action->menu());
+            else if (!action->shortcut().isEmpty())
+                reference.emplace_back(QString(action->text()).remove('&'),
+                                       action->shortcut().toString(QKeySequence::NativeText));
+        }
+    };
+    for (const QAction* action : menuBar()->actions())
+        if (action->menu())
+            collect(action->menu());
+    return reference;
 }
 
 QAction* MainWindow::addToggle(QMenu* menu, const QString& text, const std::string& keyPath) {

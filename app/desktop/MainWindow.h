@@ -1,7 +1,8 @@
 #pragma once
 // The window of one measurement document: its graphs in tabs above the table of its records, the
-// menus of the graph settings (smoothing on Ctrl+0 to Ctrl+5), undo and redo of every edit, and the
-// measurement dialog. Each document has a window of its own.
+// menus of the graph settings (smoothing on Ctrl+0 to Ctrl+5), keys that zoom and fit the view and
+// step through the records, undo and redo of every edit, the measurement dialog, and the reference
+// of every key in the Help menu. Each document has a window of its own.
 
 #include "GraphModel.h"
 #include "GraphWidget.h"
@@ -48,6 +49,8 @@ public:
     // default picture size, or its curves to a CSV file, through the same code as tavolar plot; an
     // error says what went wrong.
     Expected<void> exportGraph(const QString& path);
+    // Every menu item that has keys: its name and its keys, as the Help menu lists them.
+    std::vector<std::pair<QString, QString>> shortcutReference() const;
     // The window drawn off screen at the size, with the current graph's curves computed first.
     QImage screenshot(QSize size);
 

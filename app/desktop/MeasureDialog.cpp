@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <csignal>
 
 namespace tavolar::desktop {
 
@@ -22,6 +23,8 @@ namespace {
 // The roles under which a device entry keeps its input names and its number of outputs.
 constexpr int kInputNamesRole = Qt::UserRole + 1;
 constexpr int kOutputCountRole = Qt::UserRole + 2;
+constexpr int kNameRole = Qt::UserRole + 3;
+constexpr int kSampleRateRole = Qt::UserRole + 4;
 // How often the devices present are looked for while the dialog is open.
 constexpr int kDeviceLookMilliseconds = 1500;
 
@@ -145,6 +148,11 @@ MeasureDialog::MeasureDialog(RecordTableModel& document, QWidget* parent)
     layout->addWidget(status_);
     layout->addWidget(buttons);
 
+    // A JACK server that stops while it is being opened (the dialog looks for servers as they come
+    // and go) closes its socket under the client's writes: the write is to fail, not to end the
+    // program by SIGPIPE.
+    static const bool pipeSignalIgnored = std::signal(SIGPIPE, SIG_IGN) != SIG_ERR;
+    (void)pipeSignalIgnored;
     showDevices(presentDevices());
     // Devices come and go (a JACK server started or stopped): they are looked for again on a worker
     // thread, since opening a server that does not answer takes seconds.
@@ -158,6 +166,8 @@ MeasureDialog::MeasureDialog(RecordTableModel& document, QWidget* parent)
 MeasureDialog::~MeasureDialog() {
     if (lookup_.valid())
         lookup_.wait();
+    if (starting_.valid())
+        starting_.wait();
     if (controller_)
         controller_->abortMeasurement();
     VELTRZMeasurementController::setModifierFlagsProvider(nullptr);
@@ -169,11 +179,13 @@ std::vector<MeasureDialog::DeviceEntry> MeasureDialog::presentDevices() {
     for (const std::string& uid : VELTAudioHardware::deviceUIDs()) {
         VELTAudioDevice device(uid);
         if (device.isPresent()) {
-            DeviceEntry entry{
-                QString::fromStdString(uid),
-                QString("%1 (%2)").arg(QString::fromStdString(device.name()), QString::fromStdString(uid)),
-                {},
-                static_cast<int>(device.channelCountForDirection(0))};
+            const QString name = QString::fromStdString(device.name());
+            DeviceEntry entry{QString::fromStdString(uid),
+                              QString("%1 (%2)").arg(name, QString::fromStdString(uid)),
+                              name,
+                              {},
+                              static_cast<int>(device.channelCountForDirection(0)),
+                              device.sampleRateForDirection(1)};
             for (std::uint32_t channel = 0; channel < device.channelCountForDirection(1); ++channel)
                 entry.inputNames << QString::fromStdString(device.channelNameForDirection(1, channel));
             entries.push_back(std::move(entry));
@@ -214,6 +226,8 @@ void MeasureDialog::showDevices(const std::vector<DeviceEntry>& devices) {
         device_->setItemText(index, entry.label);
         device_->setItemData(index, entry.inputNames, kInputNamesRole);
         device_->setItemData(index, entry.outputCount, kOutputCountRole);
+        device_->setItemData(index, entry.name, kNameRole);
+        device_->setItemData(index, entry.sampleRate, kSampleRateRole);
     }
     if (device_->count() == 0)
         status_->setText(tr("No audio device is present."));
@@ -256,9 +270,10 @@ void MeasureDialog::start() {
     }
     const std::string uid = device_->currentData().toString().toStdString();
     recordUID_ = fast_->isChecked() ? withFastPace(uid) : uid;
-    VELTAudioDevice device(recordUID_);
-    deviceName_ = device.name();
-    const auto sampleRate = static_cast<std::int64_t>(device.sampleRateForDirection(1));
+    // Opening the device takes tens of milliseconds: what is known of it from the list is used here,
+    // and the engine opens it on the worker thread that starts the measurement.
+    deviceName_ = device_->currentData(kNameRole).toString().toStdString();
+    const auto sampleRate = static_cast<std::int64_t>(device_->currentData(kSampleRateRole).toDouble());
     cli::SweepOptions options;
     options.preset = preset_->currentData().toString().toStdString();
     options.startFrequency = static_cast<float>(start_->value());
@@ -311,7 +326,7 @@ void MeasureDialog::start() {
     progress_->setValue(0);
     status_->setText(tr("Measuring…"));
     setRunning(true);
-    controller_->measure();
+    starting_ = std::async(std::launch::async, [controller = controller_] { controller->measure(); });
 }
 
 void MeasureDialog::cancel() {

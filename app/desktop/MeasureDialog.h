@@ -52,12 +52,15 @@ signals:
 private:
     class Delegate;
     friend class Delegate;
-    // A device present: its UID, how the list names it, its inputs' names and its number of outputs.
+    // A device present: its UID, how the list names it, its name, its inputs' names, its number of
+    // outputs and its sample rate.
     struct DeviceEntry {
         QString uid;
         QString label;
+        QString name;
         QStringList inputNames;
         int outputCount = 0;
+        double sampleRate = 0.0;
     };
     // Opens every device present for its names and channels (seconds for a JACK server that does
     // not answer), from any thread.
@@ -88,6 +91,7 @@ private:
     QTimer progressTimer_;
     QTimer deviceTimer_;
     std::future<void> lookup_;
+    std::future<void> starting_; // the engine's start of the measurement, on a worker thread
 
     std::shared_ptr<VELTRZMeasurementController> controller_;
     std::shared_ptr<Delegate> delegate_;

@@ -342,13 +342,17 @@ void RecordTableModel::insertRecords(
         endInsertRows();
         records.push_back(record);
     }
-    // The impulse responses went with removed records, so they are written again from memory.
-    save(records, withImpulses);
+    // The impulse responses went with removed records, so they are written again from memory. The
+    // records and their places are one write, which waits for the disk once.
     std::vector<std::string> order;
     for (const auto& record : records_)
         order.push_back(record->impulseUUID());
-    if (auto ordered = store_.document().setRecordOrder(order); !ordered)
-        reportError(cli::documentError(path(), ordered.error()));
+    auto written = store_.document().performBatch([&]() -> Expected<void> {
+        save(records, withImpulses);
+        return store_.document().setRecordOrder(order);
+    });
+    if (!written)
+        reportError(cli::documentError(path(), written.error()));
     emit recordsChanged();
 }
 
