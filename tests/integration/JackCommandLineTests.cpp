@@ -1,7 +1,7 @@
 // tavolar, the command-line host, on a real JACK server: every running server is listed whatever
-// its name (a stopped one too, as not answering), a measurement averaged through connections the user made
-// keeps them for every sweep, a server that was stopped before the measurement began is reported rather than
-// waited for, and Ctrl-C ends a measurement.
+// its name (a stopped one too, as not answering), a measurement averaged through connections the
+// user made keeps them for every sweep, a server that was stopped before the measurement began is
+// reported rather than waited for, and Ctrl-C ends a measurement within a second.
 
 #include "JackTestServer.h"
 #include "audio/devices/AudioDeviceUID.h"
