@@ -1,6 +1,6 @@
-// The measurement record: defaults, impulse storage with and without the host's cache, copies, the
-// time axis and peak, annotations and level references, observers, snapshots taken on another
-// thread, and its archive in the current and the oldest form.
+// The measurement record: its impulse UUID, impulse storage with and without the host's cache,
+// copies, the time axis and peak, annotations and level references, observers, snapshots taken on
+// another thread, and its archive in the current and the oldest form.
 
 #include "core/VELTMeasurementRecord.h"
 
