@@ -61,57 +61,41 @@ void putChunk(std::string& out, const char* type, std::string_view data) {
     putBigEndian(out, crc ^ 0xFFFFFFFFu);
 }
 
-// Deflate bits, least significant first, with the fixed codes of the format.
-class FixedCodeWriter {
+// Deflate bits, least significant first.
+class BitWriter {
 public:
-    explicit FixedCodeWriter(std::string& out) : out_(out) {}
-
+    explicit BitWriter(std::string& out) : out_(out) {}
+    // At most 24 bits at a time.
     void put(std::uint32_t bits, int count) {
         buffer_ |= std::uint64_t{bits} << filled_;
         filled_ += count;
-        while (filled_ >= 8) {
-            out_ += static_cast<char>(buffer_ & 0xFF);
-            buffer_ >>= 8;
-            filled_ -= 8;
+        if (filled_ >= 32) {
+            const char bytes[4] = {static_cast<char>(buffer_), static_cast<char>(buffer_ >> 8),
+                                   static_cast<char>(buffer_ >> 16), static_cast<char>(buffer_ >> 24)};
+            out_.append(bytes, 4);
+            buffer_ >>= 32;
+            filled_ -= 32;
         }
     }
     void finish() {
-        if (filled_ > 0)
-            put(0, 8 - filled_);
-    }
-    void literal(unsigned symbol) { put(codes().literal[symbol], codes().literalLength[symbol]); }
-    // A copy of the length bytes that lie distance bytes back; distance is 3 or 4.
-    void repeat(std::size_t length, std::size_t distance) {
-        const Codes& c = codes();
-        literal(c.lengthSymbol[length]);
-        put(c.lengthExtra[length], c.lengthExtraBits[length]);
-        put(reversed(static_cast<std::uint32_t>(distance - 1), 5), 5); // distance codes 2 and 3
+        for (; filled_ > 0; filled_ -= 8, buffer_ >>= 8)
+            out_ += static_cast<char>(buffer_ & 0xFF);
+        filled_ = 0;
     }
 
 private:
-    struct Codes {
-        std::array<std::uint32_t, 288> literal{};
-        std::array<int, 288> literalLength{};
-        std::array<std::uint16_t, 259> lengthSymbol{}, lengthExtra{};
-        std::array<int, 259> lengthExtraBits{};
-    };
-    static std::uint32_t reversed(std::uint32_t code, int length) {
-        std::uint32_t r = 0;
-        for (int i = 0; i < length; ++i)
-            r |= ((code >> i) & 1u) << (length - 1 - i);
-        return r;
-    }
-    static const Codes& codes() {
-        static const Codes table = [] {
-            Codes c;
-            for (unsigned s = 0; s < 288; ++s) {
-                const auto [code, length] = s < 144   ? std::pair{0x30u + s, 8}
-                                            : s < 256 ? std::pair{0x190u + s - 144, 9}
-                                            : s < 280 ? std::pair{s - 256, 7}
-                                                      : std::pair{0xC0u + s - 280, 8};
-                c.literal[s] = reversed(code, length);
-                c.literalLength[s] = length;
-            }
+    std::string& out_;
+    std::uint64_t buffer_ = 0;
+    int filled_ = 0;
+};
+
+// The length symbols of the format (257 to 285) and their extra bits, for each length 3 to 258.
+struct LengthCodes {
+    std::array<std::uint16_t, 259> symbol{}, extra{};
+    std::array<int, 259> extraBits{};
+    static const LengthCodes& table() {
+        static const LengthCodes codes = [] {
+            LengthCodes c;
             constexpr std::array<int, 29> base{3,  4,  5,  6,   7,   8,   9,   10,  11, 13,
                                                15, 17, 19, 23,  27,  31,  35,  43,  51, 59,
                                                67, 83, 99, 115, 131, 163, 195, 227, 258};
@@ -120,28 +104,92 @@ private:
             // Later symbols win, so that 258 is symbol 285 rather than 284 with all extra bits set.
             for (int i = 0; i < 29; ++i)
                 for (int v = 0; v < (1 << extra[i]) && base[i] + v <= 258; ++v) {
-                    c.lengthSymbol[base[i] + v] = static_cast<std::uint16_t>(257 + i);
-                    c.lengthExtra[base[i] + v] = static_cast<std::uint16_t>(v);
-                    c.lengthExtraBits[base[i] + v] = extra[i];
+                    c.symbol[base[i] + v] = static_cast<std::uint16_t>(257 + i);
+                    c.extra[base[i] + v] = static_cast<std::uint16_t>(v);
+                    c.extraBits[base[i] + v] = extra[i];
                 }
             return c;
         }();
-        return table;
+        return codes;
     }
-
-    std::string& out_;
-    std::uint64_t buffer_ = 0;
-    int filled_ = 0;
 };
 
-// A zlib stream of the data in one block of fixed codes: literals, and runs of what lies one pixel
-// (distance bytes) back.
-std::string zlibStream(const std::vector<unsigned char>& data, std::size_t distance) {
-    std::string out("\x78\x01", 2);
-    out.reserve(data.size() / 8);
-    FixedCodeWriter writer(out);
-    writer.put(1, 1); // the last block
-    writer.put(1, 2); // of fixed codes
+// Huffman code lengths for the symbol counts, none longer than longest: counts are halved (keeping
+// every used symbol) until the tree fits.
+std::vector<int> codeLengths(std::vector<std::uint64_t> counts, int longest) {
+    const std::size_t n = counts.size();
+    std::vector<int> lengths(n, 0);
+    for (;;) {
+        // Leaves and inner nodes in one array; a node's parent is found by merging the two lightest.
+        std::vector<std::pair<std::uint64_t, int>> heap;
+        std::vector<int> parent;
+        for (std::size_t s = 0; s < n; ++s)
+            if (counts[s] > 0) {
+                heap.push_back({counts[s], static_cast<int>(parent.size())});
+                parent.push_back(-1);
+            }
+        if (heap.size() == 1) { // one symbol still needs a one-bit code
+            for (std::size_t s = 0; s < n; ++s)
+                lengths[s] = counts[s] > 0 ? 1 : 0;
+            return lengths;
+        }
+        auto heavier = [](const auto& a, const auto& b) { return a.first > b.first; };
+        std::make_heap(heap.begin(), heap.end(), heavier);
+        while (heap.size() > 1) {
+            std::pop_heap(heap.begin(), heap.end(), heavier);
+            const auto a = heap.back();
+            heap.pop_back();
+            std::pop_heap(heap.begin(), heap.end(), heavier);
+            const auto b = heap.back();
+            heap.pop_back();
+            const int node = static_cast<int>(parent.size());
+            parent.push_back(-1);
+            parent[a.second] = parent[b.second] = node;
+            heap.push_back({a.first + b.first, node});
+            std::push_heap(heap.begin(), heap.end(), heavier);
+        }
+        // Depths from the root (the last node) down: parents come after their children.
+        std::vector<int> depth(parent.size(), 0);
+        for (int node = static_cast<int>(parent.size()) - 2; node >= 0; --node)
+            depth[node] = depth[parent[node]] + 1;
+        int leaf = 0, deepest = 0;
+        for (std::size_t s = 0; s < n; ++s)
+            if (counts[s] > 0) {
+                lengths[s] = depth[leaf++];
+                deepest = std::max(deepest, lengths[s]);
+            }
+        if (deepest <= longest)
+            return lengths;
+        for (auto& count : counts)
+            if (count > 0)
+                count = (count + 1) / 2;
+    }
+}
+
+// The canonical codes of the lengths, bit-reversed for writing least significant bit first.
+std::vector<std::uint32_t> canonicalCodes(const std::vector<int>& lengths) {
+    std::array<std::uint32_t, 16> counts{}, next{};
+    for (int length : lengths)
+        ++counts[length];
+    counts[0] = 0;
+    for (int bits = 1, code = 0; bits < 16; ++bits) {
+        code = (code + static_cast<int>(counts[bits - 1])) << 1;
+        next[bits] = static_cast<std::uint32_t>(code);
+    }
+    std::vector<std::uint32_t> codes(lengths.size(), 0);
+    for (std::size_t s = 0; s < lengths.size(); ++s)
+        if (const int length = lengths[s]; length > 0) {
+            const std::uint32_t code = next[length]++;
+            for (int i = 0; i < length; ++i)
+                codes[s] |= ((code >> i) & 1u) << (length - 1 - i);
+        }
+    return codes;
+}
+
+// Calls token(byte, 0) for each literal and token(0, length) for each run of what lies one pixel
+// (distance bytes) back, in the order of the data.
+template <typename Token>
+void scanRuns(const std::vector<unsigned char>& data, std::size_t distance, Token token) {
     const std::size_t n = data.size();
     for (std::size_t i = 0; i < n;) {
         std::size_t length = 0;
@@ -161,14 +209,90 @@ std::string zlibStream(const std::vector<unsigned char>& data, std::size_t dista
                 ++length;
         }
         if (length >= 3) {
-            writer.repeat(length, distance);
+            token(0, length);
             i += length;
         } else {
-            writer.literal(data[i]);
+            token(data[i], 0);
             ++i;
         }
     }
-    writer.literal(256); // the end of the block
+}
+
+// A zlib stream of the data in one block of codes made for it: literals, and runs of what lies one
+// pixel (distance bytes) back. The runs are found twice, to count the symbols and to write them,
+// which costs less than keeping them.
+std::string zlibStream(const std::vector<unsigned char>& data, std::size_t distance) {
+    std::vector<std::uint64_t> counts(286, 0);
+    const LengthCodes& lengthCodes = LengthCodes::table();
+    scanRuns(data, distance, [&](unsigned char byte, std::size_t length) {
+        ++counts[length ? lengthCodes.symbol[length] : byte];
+    });
+    ++counts[256]; // the end of the block
+    const std::vector<int> lengths = codeLengths(counts, 15);
+    const std::vector<std::uint32_t> codes = canonicalCodes(lengths);
+    // Distance codes 2 and 3 (distances 3 and 4), one bit each; only one of them is used.
+    const std::vector<int> distanceLengths{0, 0, 1, 1};
+    const std::vector<std::uint32_t> distanceCodes = canonicalCodes(distanceLengths);
+
+    // The code lengths themselves, in runs: 16 repeats the last 3 to 6 times, 17 and 18 are 3 to 10
+    // and 11 to 138 zeros.
+    std::vector<int> all(lengths);
+    all.insert(all.end(), distanceLengths.begin(), distanceLengths.end());
+    std::vector<std::pair<int, int>> runs; // symbol, extra bits' value
+    for (std::size_t i = 0; i < all.size();) {
+        std::size_t same = 1;
+        while (i + same < all.size() && all[i + same] == all[i])
+            ++same;
+        if (all[i] == 0 && same >= 3) {
+            same = std::min<std::size_t>(same, 138);
+            runs.push_back(same >= 11 ? std::pair{18, int(same) - 11} : std::pair{17, int(same) - 3});
+        } else if (all[i] != 0 && same >= 4) {
+            same = std::min<std::size_t>(same, 7);
+            runs.push_back({all[i], 0});
+            runs.push_back({16, int(same) - 4});
+        } else {
+            same = 1;
+            runs.push_back({all[i], 0});
+        }
+        i += same;
+    }
+    std::vector<std::uint64_t> runCounts(19, 0);
+    for (const auto& [symbol, extra] : runs)
+        ++runCounts[symbol];
+    const std::vector<int> runLengths = codeLengths(runCounts, 7);
+    const std::vector<std::uint32_t> runCodes = canonicalCodes(runLengths);
+    constexpr std::array<int, 19> kRunOrder{16, 17, 18, 0, 8, 7, 9, 6, 10, 5, 11, 4, 12, 3, 13, 2, 14, 1, 15};
+    int runCodeCount = 19;
+    while (runCodeCount > 4 && runLengths[kRunOrder[runCodeCount - 1]] == 0)
+        --runCodeCount;
+
+    std::string out("\x78\x01", 2);
+    out.reserve(data.size() / 8);
+    BitWriter writer(out);
+    writer.put(1, 1); // the last block
+    writer.put(2, 2); // of codes of its own
+    writer.put(286 - 257, 5);
+    writer.put(static_cast<std::uint32_t>(distanceLengths.size() - 1), 5);
+    writer.put(static_cast<std::uint32_t>(runCodeCount - 4), 4);
+    for (int i = 0; i < runCodeCount; ++i)
+        writer.put(static_cast<std::uint32_t>(runLengths[kRunOrder[i]]), 3);
+    for (const auto& [symbol, extra] : runs) {
+        writer.put(runCodes[symbol], runLengths[symbol]);
+        if (symbol >= 16)
+            writer.put(static_cast<std::uint32_t>(extra), symbol == 16 ? 2 : symbol == 17 ? 3 : 7);
+    }
+    const std::size_t distanceSymbol = distance - 1;
+    scanRuns(data, distance, [&](unsigned char byte, std::size_t length) {
+        if (!length) {
+            writer.put(codes[byte], lengths[byte]);
+            return;
+        }
+        const unsigned symbol = lengthCodes.symbol[length];
+        writer.put(codes[symbol], lengths[symbol]);
+        writer.put(lengthCodes.extra[length], lengthCodes.extraBits[length]);
+        writer.put(distanceCodes[distanceSymbol], distanceLengths[distanceSymbol]);
+    });
+    writer.put(codes[256], lengths[256]);
     writer.finish();
     putBigEndian(out, adler32(data));
     return out;

@@ -2,7 +2,8 @@
 // PNG files of graph bitmaps, made for speed: a picture of 1600 × 1000 pixels is encoded in a few
 // milliseconds where a general-purpose encoder at its usual settings takes tens. Graphs are mostly
 // flat colour, so each row is stored as its difference from the row above and compressed with runs
-// of repeated pixels only (a deflate stream of fixed codes), which keeps such pictures small.
+// of repeated pixels only (no search for longer matches), in one deflate block whose codes are made
+// for the picture: files about a fifth larger than a general-purpose encoder's at its usual level.
 
 #include <cstdint>
 #include <span>
