@@ -156,6 +156,13 @@ void GraphWidget::paintEvent(QPaintEvent*) {
     painter.drawImage(QPointF(0, 0), rendered_->image);
     const QRectF area = plotArea();
     drawMarkers(painter, area);
+    if (band_) {
+        QColor fill = qColor(appearance_.text);
+        fill.setAlphaF(0.12f);
+        painter.fillRect(band_->normalized(), fill);
+        painter.setPen(QPen(qColor(appearance_.text), 1.0, Qt::DotLine));
+        painter.drawRect(band_->normalized());
+    }
     if (!cursor_ || !area.contains(*cursor_))
         return;
     // The crosshair and its reading, in the graph's text colour over a box of its ground.
@@ -258,6 +265,12 @@ void GraphWidget::mousePressEvent(QMouseEvent* event) {
         emit legendClicked(*row);
         return;
     }
+    const bool banding = event->button() == Qt::RightButton ||
+                         (event->button() == Qt::LeftButton && (event->modifiers() & Qt::ControlModifier));
+    if (banding && plotArea().contains(event->position())) {
+        band_ = QRectF(event->position(), event->position());
+        return;
+    }
     if (event->button() == Qt::LeftButton && plotArea().contains(event->position())) {
         dragFrom_ = event->position();
         ++gesture_;
@@ -267,6 +280,8 @@ void GraphWidget::mousePressEvent(QMouseEvent* event) {
 
 void GraphWidget::mouseMoveEvent(QMouseEvent* event) {
     cursor_ = event->position();
+    if (band_)
+        band_->setBottomRight(event->position());
     if (dragFrom_ && (event->buttons() & Qt::LeftButton)) {
         auto from = dataAt(*dragFrom_);
         auto to = dataAt(event->position());
@@ -279,6 +294,21 @@ void GraphWidget::mouseMoveEvent(QMouseEvent* event) {
 
 void GraphWidget::mouseReleaseEvent(QMouseEvent*) {
     dragFrom_.reset();
+    if (!band_)
+        return;
+    // The band's corners within the plot area become the extents; a band a few pixels across is a
+    // slip of the hand, not a zoom.
+    const QRectF band = band_->normalized().intersected(plotArea());
+    band_.reset();
+    update();
+    if (band.width() < 4.0 || band.height() < 4.0)
+        return;
+    auto low = dataAt(band.bottomLeft());
+    auto high = dataAt(band.topRight());
+    if (!low || !high)
+        return;
+    const VELTGraphExtents proposed{low->x(), high->x(), low->y(), high->y()};
+    pushExtents(graph_.limited(proposed), tr("Zoom"), 0);
 }
 
 void GraphWidget::mouseDoubleClickEvent(QMouseEvent*) {

@@ -1,6 +1,7 @@
 #pragma once
 // The view of one graph: the graph drawn as picture files draw it, and the gestures on it. The wheel
-// zooms about the cursor, a drag pans, a double click fits the extents to the curves; a crosshair
+// zooms about the cursor, a drag pans, a drag with Ctrl (or the right button) zooms into the band it
+// draws, a double click fits the extents to the curves; a crosshair
 // follows the cursor and reads every curve at its frequency. Shift-clicks place two markers, whose
 // readings and differences show in a corner; Escape clears them. A click on the legend names the
 // curve clicked. Changes of the extents are undoable.
@@ -67,6 +68,7 @@ private:
     mutable std::optional<RenderedGraph> rendered_;
     std::optional<QPointF> cursor_;
     std::optional<QPointF> dragFrom_;
+    std::optional<QRectF> band_; // the rubber band being drawn, in the widget's coordinates
     int gesture_ = 0;
     int nextMarker_ = 0;
     QElapsedTimer lastWheel_;

@@ -82,7 +82,7 @@ TEST(GraphWidget, WheelZoomThenTheReverseZoomGivesTheSameExtents) {
     EXPECT_EQ(open.undo().undoText(), "Zoom");
 }
 
-TEST(GraphWidget, DragPansAsOneUndoStepAndDoubleClickFits) {
+TEST(GraphWidget, DragPansAsOneUndoStepBandZoomsAndDoubleClickFits) {
     OpenWindow open;
     GraphWidget& view = open.graph();
     view.repaint();
@@ -103,6 +103,17 @@ TEST(GraphWidget, DragPansAsOneUndoStepAndDoubleClickFits) {
     EXPECT_EQ(open.undo().undoText(), "Pan");
     QTest::mouseDClick(&view, Qt::LeftButton, Qt::NoModifier, from);
     EXPECT_EQ(view.graph().extents(), start);
+    // A right-button drag zooms into the band it draws.
+    const QPointF corner = *view.dataAt(from + QPoint(80, 40)), other = *view.dataAt(from);
+    QTest::mousePress(&view, Qt::RightButton, Qt::NoModifier, from);
+    QMouseEvent band(QEvent::MouseMove, QPointF(from + QPoint(80, 40)),
+                     view.mapToGlobal(QPointF(from + QPoint(80, 40))), Qt::NoButton, Qt::RightButton,
+                     Qt::NoModifier);
+    QApplication::sendEvent(&view, &band);
+    QTest::mouseRelease(&view, Qt::RightButton, Qt::NoModifier, from + QPoint(80, 40));
+    EXPECT_NEAR(view.graph().extents().xMin / other.x(), 1.0, 1e-9);
+    EXPECT_NEAR(view.graph().extents().yMin, corner.y(), 1e-9);
+    open.undo().undo();
     open.undo().undo();
     open.undo().undo();
     EXPECT_EQ(view.graph().extents(), start);
