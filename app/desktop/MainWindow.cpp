@@ -3,6 +3,7 @@
 #include "GraphCommands.h"
 #include "MeasureDialog.h"
 #include "platform/RunLoop.h"
+#include "platform/UserDefaults.h"
 
 #include <QApplication>
 #include <QColorDialog>
@@ -31,6 +32,16 @@ namespace tavolar::desktop {
 namespace {
 
 constexpr int kMainQueueIntervalMilliseconds = 10;
+constexpr std::string_view kRecentDocumentsKey = "DesktopRecentDocuments";
+constexpr qsizetype kRecentDocumentCount = 10;
+
+void setRecentDocuments(const QStringList& paths) {
+    nlohmann::json list = nlohmann::json::array();
+    for (const QString& path : paths.mid(0, kRecentDocumentCount))
+        list.push_back(path.toStdString());
+    UserDefaults::standard().setObject(list, kRecentDocumentsKey);
+    UserDefaults::standard().synchronize();
+}
 
 } // namespace
 
@@ -42,6 +53,16 @@ void MainWindow::startMainQueuePump() {
     // runOnce never waits: it runs what is queued and returns, so the interface never blocks on it.
     QObject::connect(pump, &QTimer::timeout, [] { RunLoop::runOnce(); });
     pump->start(kMainQueueIntervalMilliseconds);
+}
+
+QStringList MainWindow::recentDocuments() {
+    QStringList paths;
+    const auto list = UserDefaults::standard().objectForKey(kRecentDocumentsKey);
+    if (list && list->is_array())
+        for (const auto& path : *list)
+            if (path.is_string() && QFileInfo::exists(QString::fromStdString(path.get<std::string>())))
+                paths << QString::fromStdString(path.get<std::string>());
+    return paths;
 }
 
 MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString& theme)
@@ -157,6 +178,11 @@ MainWindow* MainWindow::openDocument(const QString& path, bool create, QWidget* 
         chosen = window->theme_;
     auto* window = new MainWindow(std::move(*document), chosen);
     window->show();
+    QStringList recent = recentDocuments();
+    const QString absolute = QFileInfo(path).absoluteFilePath();
+    recent.removeAll(absolute);
+    recent.prepend(absolute);
+    setRecentDocuments(recent);
     return window;
 }
 
@@ -164,6 +190,15 @@ void MainWindow::buildMenus() {
     QMenu* file = menuBar()->addMenu(tr("&File"));
     file->addAction(tr("&New Document…"), QKeySequence::New, this, &MainWindow::newDocument);
     file->addAction(tr("&Open…"), QKeySequence::Open, this, &MainWindow::openDocumentDialog);
+    QMenu* recent = file->addMenu(tr("Open &Recent"));
+    connect(recent, &QMenu::aboutToShow, this, [this, recent] {
+        recent->clear();
+        for (const QString& path : recentDocuments())
+            recent->addAction(QFileInfo(path).fileName() + "  \u2014  " + QFileInfo(path).absolutePath(),
+                              this, [this, path] { openDocument(path, false, this); });
+        recent->addSeparator();
+        recent->addAction(tr("&Clear Menu"), this, [] { setRecentDocuments({}); });
+    });
     file->addSeparator();
     file->addAction(tr("&Measure…"), QKeySequence(Qt::CTRL | Qt::Key_M), this, &MainWindow::measure);
     file->addAction(tr("&Export Graph…"), QKeySequence(Qt::CTRL | Qt::Key_E), this,

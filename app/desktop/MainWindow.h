@@ -31,6 +31,9 @@ public:
     // The window takes the theme given, else the parent window's, else the light one.
     static MainWindow* openDocument(const QString& path, bool create, QWidget* parent = nullptr,
                                     const QString& theme = {});
+    // The documents opened last, most recent first (ten at most, those still there), as File > Open
+    // Recent lists them; openDocument puts the document it opens first.
+    static QStringList recentDocuments();
     // Work that the engine puts on its main queue (measurement stages, computed curves) runs between
     // the interface's events; started once for the process.
     static void startMainQueuePump();

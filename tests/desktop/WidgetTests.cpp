@@ -182,6 +182,15 @@ TEST(MainWindow, KeysZoomAndFitEachAxisAndStepThroughAndHideRecords) {
                                     [](auto& entry) { return entry.first == "Zoom In Vertically"; }));
 }
 
+TEST(MainWindow, DocumentsOpenedAreRecentMostRecentFirst) {
+    QTemporaryDir folder;
+    const QString first = QString::fromStdString(makeDocument(folder, 1, "first").string());
+    const QString second = QString::fromStdString(makeDocument(folder, 1, "second").string());
+    for (const QString& path : {first, second, first})
+        delete MainWindow::openDocument(path, false);
+    EXPECT_EQ(MainWindow::recentDocuments().mid(0, 2), QStringList({first, second}));
+}
+
 TEST(MainWindow, ExtentsFieldsSetEachLimitAsAStepOfItsOwn) {
     OpenWindow open;
     GraphModel& graph = open.graph().graph();
