@@ -2,20 +2,24 @@
 
 #include "GraphCommands.h"
 #include "MeasureDialog.h"
+#include "RecordDescription.h"
 #include "platform/RunLoop.h"
 #include "platform/UserDefaults.h"
 
 #include <QApplication>
 #include <QColorDialog>
 #include <QDialog>
+#include <QDockWidget>
 #include <QDoubleValidator>
 #include <QFileDialog>
 #include <QFileInfo>
+#include <QFormLayout>
 #include <QHeaderView>
 #include <QKeySequence>
 #include <QLabel>
 #include <QMenuBar>
 #include <QMessageBox>
+#include <QSignalBlocker>
 #include <QSplitter>
 #include <QStatusBar>
 #include <QTableWidget>
@@ -129,6 +133,7 @@ MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString
     resize(1100, 780);
 
     buildMenus();
+    buildInspector();
     // The extents as numbers, each field an undoable setting of its own.
     QToolBar* extents = addToolBar(tr("Extents"));
     extents->setMovable(false);
@@ -447,6 +452,66 @@ void MainWindow::extentsFieldEdited(int index) {
     if (valid && graph.isInteractive() && graph.limited(proposed) == proposed)
         setGraphValue(keyPaths[index], value);
     updateExtentsFields();
+}
+
+void MainWindow::buildInspector() {
+    auto* panel = new QWidget;
+    auto* form = new QFormLayout(panel);
+    windowBegin_ = new QDoubleSpinBox;
+    windowEnd_ = new QDoubleSpinBox;
+    for (QDoubleSpinBox* field : {windowBegin_, windowEnd_}) {
+        field->setRange(-1.0e6, 1.0e6);
+        field->setDecimals(3);
+        field->setSuffix(" ms");
+        field->setKeyboardTracking(false);
+        connect(field, &QDoubleSpinBox::editingFinished, this, &MainWindow::windowEdited);
+    }
+    windowType_ = new QComboBox;
+    for (const std::string& name : cli::windowTypeNames())
+        windowType_->addItem(QString::fromStdString(name));
+    connect(windowType_, &QComboBox::activated, this, &MainWindow::windowEdited);
+    inspectorStatus_ = new QLabel;
+    inspectorStatus_->setWordWrap(true);
+    form->addRow(new QLabel(tr("Analysis window")));
+    form->addRow(tr("Begins"), windowBegin_);
+    form->addRow(tr("Ends"), windowEnd_);
+    form->addRow(tr("Taper"), windowType_);
+    form->addRow(inspectorStatus_);
+    panel->setMaximumWidth(230);
+    auto* dock = new QDockWidget(tr("Record"), this);
+    dock->setObjectName("inspector");
+    dock->setWidget(panel);
+    addDockWidget(Qt::RightDockWidgetArea, dock);
+    connect(table_->selectionModel(), &QItemSelectionModel::currentRowChanged, this,
+            &MainWindow::updateInspector);
+    connect(document_.get(), &QAbstractItemModel::dataChanged, this, &MainWindow::updateInspector);
+    updateInspector();
+}
+
+void MainWindow::updateInspector() {
+    const int row = table_->currentIndex().isValid() ? table_->currentIndex().row() : 0;
+    const bool present = row < document_->rowCount();
+    for (QWidget* field : std::initializer_list<QWidget*>{windowBegin_, windowEnd_, windowType_})
+        field->setEnabled(present);
+    if (!present)
+        return;
+    const VELTMeasurementRecord& record = *document_->records()[static_cast<std::size_t>(row)];
+    const QSignalBlocker blockBegin(windowBegin_), blockEnd(windowEnd_), blockType(windowType_);
+    windowBegin_->setValue(record.windowBeginInMilliseconds());
+    windowEnd_->setValue(record.windowEndInMilliseconds());
+    windowType_->setCurrentIndex(static_cast<int>(record.impulseResponseWindow().type()));
+    inspectorStatus_->clear();
+}
+
+void MainWindow::windowEdited() {
+    const int row = table_->currentIndex().isValid() ? table_->currentIndex().row() : 0;
+    auto set = document_->setWindow(row, static_cast<float>(windowBegin_->value()),
+                                    static_cast<float>(windowEnd_->value()),
+                                    windowType_->currentText().toStdString());
+    if (!set) {
+        updateInspector();
+        inspectorStatus_->setText(QString::fromStdString(set.error().localizedDescription));
+    }
 }
 
 void MainWindow::updateGraphActions() {

@@ -9,6 +9,9 @@
 #include "RecordTableModel.h"
 
 #include <QActionGroup>
+#include <QComboBox>
+#include <QDoubleSpinBox>
+#include <QLabel>
 #include <QLineEdit>
 #include <QMainWindow>
 #include <QTabWidget>
@@ -48,6 +51,10 @@ public:
     void setGraphValue(const std::string& keyPath, double value);
     // The fields of the current graph's extents: X minimum, X maximum, Y minimum, Y maximum.
     QLineEdit& extentsField(int index) { return *extentsFields_.at(static_cast<std::size_t>(index)); }
+    // The inspector's fields of the current record's window: begin and end (ms) and type.
+    QDoubleSpinBox& windowBeginField() { return *windowBegin_; }
+    QDoubleSpinBox& windowEndField() { return *windowEnd_; }
+    QComboBox& windowTypeField() { return *windowType_; }
     // Writes the current graph as shown (its extents and theme) to a PNG, SVG or PDF file of the
     // default picture size, or its curves to a CSV file, through the same code as tavolar plot; an
     // error says what went wrong.
@@ -68,6 +75,10 @@ private:
     void refreshGraphs();
     void updateGraphActions();
     void updateExtentsFields();
+    // The record inspector: the current record's analysis window, edited as an undoable step.
+    void buildInspector();
+    void updateInspector();
+    void windowEdited();
     void extentsFieldEdited(int index);
     void showError(const QString& message);
 
@@ -88,6 +99,10 @@ private:
     std::vector<std::pair<std::string, QActionGroup*>> choices_;
     QAction* lockAction_ = nullptr;
     std::vector<QLineEdit*> extentsFields_;
+    QDoubleSpinBox* windowBegin_ = nullptr;
+    QDoubleSpinBox* windowEnd_ = nullptr;
+    QComboBox* windowType_ = nullptr;
+    QLabel* inspectorStatus_ = nullptr;
 };
 
 } // namespace tavolar::desktop

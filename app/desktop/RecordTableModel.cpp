@@ -1,5 +1,6 @@
 #include "RecordTableModel.h"
 
+#include "RecordChanges.h"
 #include "platform/DispatchQueue.h"
 
 #include <QDateTime>
@@ -51,6 +52,20 @@ private:
     std::string uuid_;
     RecordTableModel::Column column_;
     QVariant old_, new_;
+};
+
+class SetWindowCommand : public QUndoCommand {
+public:
+    SetWindowCommand(RecordTableModel& model, std::string uuid, VELTWindow before, VELTWindow after)
+        : QUndoCommand(QObject::tr("Set Window")), model_(model), uuid_(std::move(uuid)), before_(before),
+          after_(after) {}
+    void redo() override { model_.applyWindow(uuid_, after_); }
+    void undo() override { model_.applyWindow(uuid_, before_); }
+
+private:
+    RecordTableModel& model_;
+    std::string uuid_;
+    VELTWindow before_, after_;
 };
 
 // Removing and adding are one command that takes records out or puts them back at their rows.
@@ -246,6 +261,40 @@ void RecordTableModel::applyField(const std::string& uuid, Column column, const 
     emit dataChanged(index(row, 0), index(row, ColumnCount - 1));
     if (column != Notes)
         emit recordsChanged();
+}
+
+Expected<void> RecordTableModel::setWindow(int row, float beginMilliseconds, float endMilliseconds,
+                                           const std::string& type) {
+    if (row < 0 || row >= rowCount())
+        return makeUnexpected("There is no such record.");
+    const auto& record = records_[static_cast<std::size_t>(row)];
+    cli::RecordChanges changes;
+    changes.windowBegin = beginMilliseconds;
+    changes.windowEnd = endMilliseconds;
+    changes.windowType = type;
+    if (auto checked = changes.check(); !checked)
+        return checked;
+    if (auto checked = changes.checkWindow(*record, ""); !checked)
+        return checked;
+    // The window the changes make, worked out on the record and taken back until the step is done.
+    const VELTWindow before = record->impulseResponseWindow();
+    changes.apply(*record);
+    const VELTWindow after = record->impulseResponseWindow();
+    record->setImpulseResponseWindow(before);
+    if (!(after == before))
+        undoStack_.push(new SetWindowCommand(*this, record->impulseUUID(), before, after));
+    return {};
+}
+
+void RecordTableModel::applyWindow(const std::string& uuid, const VELTWindow& window) {
+    const int row = rowOf(uuid);
+    if (row < 0)
+        return;
+    const auto& record = records_[static_cast<std::size_t>(row)];
+    record->setImpulseResponseWindow(window);
+    save({record}, false);
+    emit dataChanged(index(row, 0), index(row, ColumnCount - 1));
+    emit recordsChanged();
 }
 
 void RecordTableModel::removeRecords(std::vector<int> rows) {

@@ -44,6 +44,14 @@ public:
     // Edits go through the undo stack: name, colour (a QColor), visibility (check state) and notes.
     bool setData(const QModelIndex& index, const QVariant& value, int role) override;
 
+    // Sets the analysis window of the record at the row (begin and end in ms from time zero, the type
+    // by name as the command line names it), checked as the command line checks it, as one undoable
+    // step "Set Window"; an error says what is wrong with the window.
+    Expected<void> setWindow(int row, float beginMilliseconds, float endMilliseconds,
+                             const std::string& type);
+    // What the undo command calls: gives the record with the UUID the window, written at once.
+    void applyWindow(const std::string& uuid, const VELTWindow& window);
+
     // Removes the rows as one undoable step.
     void removeRecords(std::vector<int> rows);
     // Adds newly measured records (their impulse responses still in memory) as one undoable step.

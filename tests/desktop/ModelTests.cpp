@@ -4,6 +4,7 @@
 #include "DesktopTestSupport.h"
 #include "GraphCommands.h"
 #include "GraphModel.h"
+#include "RecordDescription.h"
 
 #include <QColor>
 #include <QTemporaryDir>
@@ -89,6 +90,24 @@ TEST(RecordTableModel, DeletedRecordsComeBackInPlaceWithTheirImpulseResponses) {
         EXPECT_TRUE(record->impulseResponse() && record->impulseResponse()->length() == 8192u);
     model->undoStack().redo();
     EXPECT_EQ(reopened(path)->rowCount(), 1);
+}
+
+TEST(RecordTableModel, WindowsAreCheckedAsTheCommandLineChecksThemAndUndone) {
+    QTemporaryDir folder;
+    const auto path = makeDocument(folder, 1);
+    auto model = reopened(path);
+    const float end = model->records()[0]->windowEndInMilliseconds();
+    ASSERT_TRUE(model->setWindow(0, 0.5f, 3.0f, "half-hanning"));
+    EXPECT_EQ(model->undoStack().undoText(), "Set Window");
+    EXPECT_NEAR(reopened(path)->records()[0]->windowEndInMilliseconds(), 3.0, 0.05);
+    // The window shown again, as the inspector gives it when a field loses the focus, is no step.
+    const VELTMeasurementRecord& record = *model->records()[0];
+    ASSERT_TRUE(model->setWindow(0, record.windowBeginInMilliseconds(), record.windowEndInMilliseconds(),
+                                 "half-hanning"));
+    EXPECT_EQ(model->undoStack().count(), 1);
+    EXPECT_FALSE(model->setWindow(0, 3.0f, 1.0f, "half-hanning")); // it would end before it begins
+    model->undoStack().undo();
+    EXPECT_NEAR(reopened(path)->records()[0]->windowEndInMilliseconds(), end, 0.05);
 }
 
 // A graph of the first record of a fresh document, its picture computed.
