@@ -17,15 +17,6 @@ namespace tavolar::cli {
 
 namespace {
 
-// A simulated device in fast mode runs as fast as the machine allows.
-std::string withFastPace(const std::string& uid) {
-    auto parsed = AudioDeviceUID::parse(uid);
-    if (!parsed || parsed->scheme != "sim")
-        return uid;
-    parsed->parameters["pace"] = "fast";
-    return parsed->canonicalString();
-}
-
 // A simulated device is the built-in one, or one described by parameters: a misspelt name with
 // neither would otherwise measure a new default device without a word.
 Expected<void> requireKnownSimulatedDevice(const std::string& uid, const MeasurementWords& words) {
@@ -287,6 +278,14 @@ TavolarError measurementFailureAdvice(TavolarError error, const std::vector<floa
     cause[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(cause[0])));
     error.localizedRecoverySuggestion = cause + "\n" + error.localizedRecoverySuggestion;
     return error;
+}
+
+std::string withFastPace(const std::string& uid) {
+    auto parsed = AudioDeviceUID::parse(uid);
+    if (!parsed || parsed->scheme != "sim")
+        return uid;
+    parsed->parameters["pace"] = "fast";
+    return parsed->canonicalString();
 }
 
 } // namespace tavolar::cli

@@ -85,4 +85,7 @@ void describeMeasuredRecord(VELTMeasurementRecord& record, const VELTRZMeasureme
 TavolarError measurementFailureAdvice(TavolarError error, const std::vector<float>& peaks,
                                       const MeasurementRequest& request, const MeasurementWords& words);
 
+// The UID of a simulated device asked to run as fast as the machine allows; other UIDs unchanged.
+std::string withFastPace(const std::string& uid);
+
 } // namespace tavolar::cli

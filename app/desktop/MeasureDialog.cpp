@@ -1,7 +1,7 @@
 #include "MeasureDialog.h"
 
+#include "MeasurementSetup.h"
 #include "SweepOptions.h"
-#include "audio/devices/AudioDeviceUID.h"
 #include "audio/devices/VELTAudioDevice.h"
 #include "audio/devices/VELTAudioHardware.h"
 #include "platform/UserDefaults.h"
@@ -27,15 +27,6 @@ constexpr int kNameRole = Qt::UserRole + 3;
 constexpr int kSampleRateRole = Qt::UserRole + 4;
 // How often the devices present are looked for while the dialog is open.
 constexpr int kDeviceLookMilliseconds = 1500;
-
-// A simulated device asked to run as fast as the machine allows.
-std::string withFastPace(const std::string& uid) {
-    auto parsed = AudioDeviceUID::parse(uid);
-    if (!parsed || parsed->scheme != "sim")
-        return uid;
-    parsed->parameters["pace"] = "fast";
-    return parsed->canonicalString();
-}
 
 QString errorText(const TavolarError& error) {
     QString text = QString::fromStdString(error.localizedDescription);
@@ -269,7 +260,7 @@ void MeasureDialog::start() {
         return;
     }
     const std::string uid = device_->currentData().toString().toStdString();
-    recordUID_ = fast_->isChecked() ? withFastPace(uid) : uid;
+    recordUID_ = fast_->isChecked() ? cli::withFastPace(uid) : uid;
     // Opening the device takes tens of milliseconds: what is known of it from the list is used here,
     // and the engine opens it on the worker thread that starts the measurement.
     deviceName_ = device_->currentData(kNameRole).toString().toStdString();
