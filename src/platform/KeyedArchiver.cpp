@@ -680,18 +680,6 @@ void KeyedArchiver::encodeDictionary(const nlohmann::json& value, std::string_vi
 void KeyedArchiver::encodeUnkeyedUInt32(std::uint32_t value) {
     appendUnkeyed(std::uint64_t{value});
 }
-void KeyedArchiver::encodeUnkeyedInt32(std::int32_t value) {
-    appendUnkeyed(std::int64_t{value});
-}
-void KeyedArchiver::encodeUnkeyedFloat(float value) {
-    appendUnkeyed(static_cast<double>(value));
-}
-void KeyedArchiver::encodeUnkeyedDouble(double value) {
-    appendUnkeyed(value);
-}
-void KeyedArchiver::encodeUnkeyedString(std::string_view value) {
-    appendUnkeyed(text(value));
-}
 
 std::vector<std::byte> KeyedArchiver::finish(ArchiveFormat format) const {
     json archive = json::object();
@@ -792,10 +780,6 @@ std::string KeyedUnarchiver::className() const {
 bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
     assertKey(key);
     return member(node_, key) != nullptr;
-}
-
-bool KeyedUnarchiver::isUnkeyed() const {
-    return member(node_, kValuesKey) != nullptr;
 }
 
 std::optional<std::string> KeyedUnarchiver::classNameForKey(std::string_view key) const {
@@ -1092,33 +1076,6 @@ constexpr std::string_view kUnkeyedKey = "unkeyed value";
 
 std::uint32_t KeyedUnarchiver::decodeNextUInt32() {
     return decodeNumberValue<std::uint32_t>(nextUnkeyedValue(), kUnkeyedKey);
-}
-std::int32_t KeyedUnarchiver::decodeNextInt32() {
-    return decodeNumberValue<std::int32_t>(nextUnkeyedValue(), kUnkeyedKey);
-}
-float KeyedUnarchiver::decodeNextFloat() {
-    return decodeNumberValue<float>(nextUnkeyedValue(), kUnkeyedKey);
-}
-double KeyedUnarchiver::decodeNextDouble() {
-    return decodeNumberValue<double>(nextUnkeyedValue(), kUnkeyedKey);
-}
-
-std::optional<std::string> KeyedUnarchiver::decodeNextString() {
-    const json* value = nextUnkeyedValue();
-    if (!value || value->is_null())
-        return std::nullopt;
-    if (!value->is_string()) {
-        failWithKind(*value, "a string", kUnkeyedKey);
-        return std::nullopt;
-    }
-    return value->get<std::string>();
-}
-
-std::optional<nlohmann::json> KeyedUnarchiver::nextUnkeyedChild(std::string_view className) {
-    const json* value = nextUnkeyedValue();
-    if (!value || value->is_null() || *error_)
-        return std::nullopt;
-    return childOfClass(*value, className, kUnkeyedKey);
 }
 
 } // namespace tavolar

@@ -18,7 +18,7 @@
 // structure (class names, unkeyed values, the format marker) and may not be used by classes.
 //
 // The oldest archives of some classes are unkeyed: values read in sequence. An object written with
-// the encodeUnkeyed... calls holds such a sequence, and the decodeNext... calls read it in order.
+// encodeUnkeyedUInt32 holds such a sequence, and decodeNextUInt32 reads it in order.
 
 #include "platform/TavolarError.h"
 
@@ -125,15 +125,6 @@ public:
 
     // The oldest, unkeyed form: values appended in sequence.
     void encodeUnkeyedUInt32(std::uint32_t value);
-    void encodeUnkeyedInt32(std::int32_t value);
-    void encodeUnkeyedFloat(float value);
-    void encodeUnkeyedDouble(double value);
-    void encodeUnkeyedString(std::string_view value);
-    template <KeyedArchivable T> void encodeUnkeyedObject(const T& object) {
-        KeyedArchiver child(T::className);
-        object.encodeWithCoder(child);
-        appendUnkeyed(std::move(child.node_));
-    }
 
     std::vector<std::byte> finish(ArchiveFormat format) const;
 
@@ -169,8 +160,6 @@ public:
     // The class name stored for this object.
     std::string className() const;
     bool containsValueForKey(std::string_view key) const;
-    // True when this object holds the unkeyed, oldest form.
-    bool isUnkeyed() const;
     // What is stored for key: the class name of an object, or "String", "Number", "Data", "FloatVector",
     // "Date", "Color", "IndexSet", "Array", "Dictionary", "Null"; nullopt when the key is absent.
     std::optional<std::string> classNameForKey(std::string_view key) const;
@@ -232,16 +221,6 @@ public:
 
     // The oldest, unkeyed form, read in sequence; reading past the end is a decoding error.
     std::uint32_t decodeNextUInt32();
-    std::int32_t decodeNextInt32();
-    float decodeNextFloat();
-    double decodeNextDouble();
-    std::optional<std::string> decodeNextString();
-    template <KeyedArchivable T> std::optional<T> decodeNextObjectOfClass() {
-        auto child = nextUnkeyedChild(T::className);
-        if (!child)
-            return std::nullopt;
-        return decodeChild<T>(std::move(*child));
-    }
 
     // Marks the archive as undecodable; the first error is kept and returned by the top-level call.
     void failWithError(TavolarError error);
@@ -257,7 +236,6 @@ private:
                                                                 std::string_view className);
     std::optional<std::map<std::string, nlohmann::json>> childDictionaryForKey(std::string_view key,
                                                                                std::string_view className);
-    std::optional<nlohmann::json> nextUnkeyedChild(std::string_view className);
 
     // Decodes this node as a T, turning any exception the class raises into a decoding error.
     template <KeyedArchivable T> std::optional<T> decodeSafely() {

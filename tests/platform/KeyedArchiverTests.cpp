@@ -161,43 +161,16 @@ struct Link {
 struct Probe {
     static constexpr std::string_view className = "Probe";
     std::vector<std::string> kinds;
-    bool unkeyed = true, containsNull = false, containsMissing = true;
+    bool containsNull = false, containsMissing = true;
     void encodeWithCoder(KeyedArchiver&) const {}
     static Probe initWithCoder(KeyedUnarchiver& coder) {
         Probe probe;
         for (const char* key : {"flag", "nothing", "name", "number", "data", "samples", "date", "color",
                                 "channels", "names", "labels", "window", "missing"})
             probe.kinds.push_back(coder.classNameForKey(key).value_or("absent"));
-        probe.unkeyed = coder.isUnkeyed();
         probe.containsNull = coder.containsValueForKey("nothing");
         probe.containsMissing = coder.containsValueForKey("missing");
         return probe;
-    }
-};
-
-struct Mixed {
-    static constexpr std::string_view className = "Mixed";
-    std::int32_t integer = 0;
-    float single = 0;
-    double precise = 0;
-    std::optional<std::string> text;
-    std::optional<Span> span;
-    bool operator==(const Mixed&) const = default;
-    void encodeWithCoder(KeyedArchiver& coder) const {
-        coder.encodeUnkeyedInt32(integer);
-        coder.encodeUnkeyedFloat(single);
-        coder.encodeUnkeyedDouble(precise);
-        coder.encodeUnkeyedString(*text);
-        coder.encodeUnkeyedObject(*span);
-    }
-    static Mixed initWithCoder(KeyedUnarchiver& coder) {
-        Mixed mixed;
-        mixed.integer = coder.decodeNextInt32();
-        mixed.single = coder.decodeNextFloat();
-        mixed.precise = coder.decodeNextDouble();
-        mixed.text = coder.decodeNextString();
-        mixed.span = coder.decodeNextObjectOfClass<Span>();
-        return mixed;
     }
 };
 
@@ -319,7 +292,6 @@ TEST(KeyedArchiver, NumbersConvertAsBoxedNumbersAndMissingKeysDecodeAsNothing) {
     EXPECT_EQ(probe->kinds,
               (std::vector<std::string>{"Number", "Null", "String", "Number", "Data", "FloatVector", "Date",
                                         "Color", "IndexSet", "Array", "Dictionary", "Span", "absent"}));
-    EXPECT_FALSE(probe->unkeyed);
     EXPECT_TRUE(probe->containsNull);
     EXPECT_FALSE(probe->containsMissing);
 }
@@ -430,12 +402,6 @@ TEST(KeyedArchiver, TheOldestUnkeyedFormIsReadInSequence) {
         KeyedUnarchiver::unarchivedObjectOfClass<Span>(KeyedArchiver::archivedDataWithRootObject(old));
     ASSERT_TRUE(decoded);
     EXPECT_EQ(*decoded, old);
-
-    Mixed mixed{-5, 0.25f, 1e-10, "name", Span{1, 2, 3, false}};
-    auto mixedBack =
-        KeyedUnarchiver::unarchivedObjectOfClass<Mixed>(KeyedArchiver::archivedDataWithRootObject(mixed));
-    ASSERT_TRUE(mixedBack);
-    EXPECT_EQ(*mixedBack, mixed);
 }
 
 TEST(KeyedArchiver, ReservedKeysAndClassNamesAreRefused) {
