@@ -9,6 +9,10 @@
 #include "dsp/Decibels.h"
 #include "dsp/Windowing.h"
 
+#include <algorithm>
+#include <array>
+#include <limits>
+
 namespace tavolar {
 
 FFTWaterfallWorkingSet::FFTWaterfallWorkingSet(std::size_t fftLength, std::int64_t windowType)
@@ -38,12 +42,24 @@ void FFTWaterfallWorkingSet::applyWindow() noexcept {
     !defined(__SANITIZE_ADDRESS__)
 __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
 #endif
-void FFTWaterfallWorkingSet::spectrumToLevels(std::span<float> levels) const noexcept {
+float FFTWaterfallWorkingSet::spectrumToLevels(std::span<float> levels) const noexcept {
     const float* spectrum = reinterpret_cast<const float*>(workingFD_.data()); // re, im, re, im, ...
     float* out = levels.data();
-    for (std::size_t k = 0, bins = fftLength() / 2 + 1; k < bins; ++k)
+    const std::size_t bins = fftLength() / 2 + 1;
+    for (std::size_t k = 0; k < bins; ++k)
         out[k] =
             decibelsOfPower(spectrum[2 * k] * spectrum[2 * k] + spectrum[2 * k + 1] * spectrum[2 * k + 1]);
+    // In eight independent running maxima, which vectorise: one chain of dependent comparisons would
+    // cost a good part of the logarithm.
+    std::array<float, 8> peaks;
+    peaks.fill(-std::numeric_limits<float>::infinity());
+    const std::size_t whole = bins - bins % peaks.size();
+    for (std::size_t k = 0; k < whole; k += peaks.size())
+        for (std::size_t lane = 0; lane < peaks.size(); ++lane)
+            peaks[lane] = out[k + lane] > peaks[lane] ? out[k + lane] : peaks[lane];
+    for (std::size_t k = whole; k < bins; ++k)
+        peaks[0] = out[k] > peaks[0] ? out[k] : peaks[0];
+    return *std::max_element(peaks.begin(), peaks.end());
 }
 
 } // namespace tavolar

@@ -38,8 +38,9 @@ public:
     // The time-domain vector into the frequency-domain one.
     void transform() noexcept { fftSetup_.forwardReal(workingTD_.components(), workingFD_.data()); }
     // |X[k]| in dB of bins 0 to fftLength / 2 of the spectrum into levels (at least that long), by
-    // decibelsOfPower.
-    void spectrumToLevels(std::span<float> levels) const noexcept;
+    // decibelsOfPower; answers the loudest of them (not-a-number skipped), found while they are in
+    // the cache.
+    float spectrumToLevels(std::span<float> levels) const noexcept;
 
     // The level in dB of a bin whose squared magnitude is power: 10 log10(power) to within 1e-4 dB
     // for every positive float (subnormal ones included), the decibel floor's level for silence, and

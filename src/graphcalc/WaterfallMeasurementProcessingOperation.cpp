@@ -4,7 +4,6 @@
 #include "platform/Assertions.h"
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cmath>
 #include <condition_variable>
@@ -18,22 +17,6 @@ namespace {
 VELTWindow sliceWindow(std::int64_t begin, std::int64_t fftLength, std::size_t responseLength) {
     const auto midpoint = static_cast<std::int64_t>(responseLength / 2);
     return VELTWindow::windowWithBegin(begin, std::min(begin + fftLength, midpoint));
-}
-
-// The largest value, not-a-number skipped (minus infinity for none), in eight independent running
-// maxima: one chain of dependent comparisons over a whole surface would take longer than its slices'
-// transforms.
-float loudest(const VELTRealVector& values) {
-    std::array<float, 8> peaks;
-    peaks.fill(-std::numeric_limits<float>::infinity());
-    const float* value = values.components();
-    const std::size_t length = values.length(), whole = length - length % peaks.size();
-    for (std::size_t i = 0; i < whole; i += peaks.size())
-        for (std::size_t lane = 0; lane < peaks.size(); ++lane)
-            peaks[lane] = value[i + lane] > peaks[lane] ? value[i + lane] : peaks[lane];
-    for (std::size_t i = whole; i < length; ++i)
-        peaks[0] = value[i] > peaks[0] ? value[i] : peaks[0];
-    return *std::max_element(peaks.begin(), peaks.end());
 }
 
 // A count of pending slices whose last decrement wakes the one waiting thread.
@@ -148,6 +131,7 @@ void WaterfallMeasurementProcessingOperation::main() {
     slices->setMaxConcurrentOperationCount(width_);
     auto output = std::make_shared<OperationQueue>("com.tavolar.graphcalc.waterfallOutput");
     output->setMaxConcurrentOperationCount(1);
+    auto buffers = std::make_shared<WaterfallRowBuffers>(rows, columns);
     auto pool = std::make_shared<FFTWaterfallWorkingSetPool>([fftLength, type = settings_.windowType] {
         return std::make_unique<FFTWaterfallWorkingSet>(fftLength, type);
     });
@@ -163,8 +147,8 @@ void WaterfallMeasurementProcessingOperation::main() {
         std::vector<std::shared_ptr<Operation>> operations;
         operations.reserve(rows);
         for (std::size_t row = 0; row < rows; ++row) {
-            operations.push_back(std::make_shared<FFTWaterfallSliceOperation>(response, plan.windows[row],
-                                                                              matrix, row, output, pool));
+            operations.push_back(std::make_shared<FFTWaterfallSliceOperation>(
+                response, plan.windows[row], matrix, row, output, pool, buffers));
             operations.back()->setCompletionBlock([sliced] { sliced->countDown(); });
         }
         slices->addOperations(operations, false);
@@ -180,7 +164,7 @@ void WaterfallMeasurementProcessingOperation::main() {
 
     // One normalisation for the whole surface, as normalizeDecibels does it: the loudest bin of all
     // slices becomes 0 dB.
-    if (const float peak = loudest(matrix->vector()); std::isfinite(peak))
+    if (const float peak = buffers->loudest(); std::isfinite(peak))
         matrix->mutableVector().addScalar(-peak);
     auto surface = std::make_shared<GraphData3D>(std::move(matrix->mutableVector()), rows, columns);
     surface->setXZ(VELTRealVector::realVectorWithFrequencyTable(

@@ -4,17 +4,47 @@
 
 #include <algorithm>
 #include <cstring>
+#include <limits>
 
 namespace tavolar {
+
+WaterfallRowBuffers::WaterfallRowBuffers(std::size_t rows, std::size_t columns)
+    : columns_(columns), peaks_(rows, -std::numeric_limits<float>::infinity()) {}
+
+std::shared_ptr<VELTRealVector> WaterfallRowBuffers::take() {
+    {
+        std::lock_guard lock(mutex_);
+        if (!free_.empty()) {
+            std::shared_ptr<VELTRealVector> levels = std::move(free_.back());
+            free_.pop_back();
+            return levels;
+        }
+    }
+    return std::make_shared<VELTRealVector>(columns_);
+}
+
+void WaterfallRowBuffers::recycle(std::shared_ptr<VELTRealVector> levels) {
+    std::lock_guard lock(mutex_);
+    free_.push_back(std::move(levels));
+}
+
+float WaterfallRowBuffers::loudest() const noexcept {
+    float peak = -std::numeric_limits<float>::infinity();
+    for (float rowPeak : peaks_)
+        peak = rowPeak > peak ? rowPeak : peak;
+    return peak;
+}
 
 WaterfallSliceOperation::WaterfallSliceOperation(std::shared_ptr<const VELTRealVector> impulseResponse,
                                                  VELTWindow window,
                                                  std::shared_ptr<VELTMutableRealMatrix> outputMatrix,
                                                  std::size_t matrixRow,
                                                  std::shared_ptr<OperationQueue> outputQueue,
-                                                 std::shared_ptr<FFTWaterfallWorkingSetPool> workingSetPool)
+                                                 std::shared_ptr<FFTWaterfallWorkingSetPool> workingSetPool,
+                                                 std::shared_ptr<WaterfallRowBuffers> rowBuffers)
     : impulseResponse_(std::move(impulseResponse)), window_(window), outputMatrix_(std::move(outputMatrix)),
-      matrixRow_(matrixRow), outputQueue_(std::move(outputQueue)), pool_(std::move(workingSetPool)) {
+      matrixRow_(matrixRow), outputQueue_(std::move(outputQueue)), pool_(std::move(workingSetPool)),
+      rowBuffers_(std::move(rowBuffers)) {
     TAVOLAR_PARAMETER_ASSERT(impulseResponse_ != nullptr && outputMatrix_ != nullptr &&
                              outputQueue_ != nullptr && pool_ != nullptr);
     TAVOLAR_PARAMETER_ASSERT(matrixRow_ < outputMatrix_->rows());
@@ -57,14 +87,20 @@ void FFTWaterfallSliceOperation::main() {
     copyInputInto(set->workingTDVector());
     set->applyWindow();
     set->transform();
-    auto levels = std::make_shared<VELTRealVector>(set->fftLength() / 2 + 1);
-    set->spectrumToLevels(levels->mutableSpan());
+    std::shared_ptr<VELTRealVector> levels =
+        rowBuffers() ? rowBuffers()->take() : std::make_shared<VELTRealVector>(set->fftLength() / 2 + 1);
+    const float peak = set->spectrumToLevels(levels->mutableSpan());
     workingSetPool()->giveBack(std::move(set));
-    outputQueue()->addOperation([matrix = outputMatrix(), row = matrixRow(), levels] {
-        std::span<float> destination = matrix->mutableRowAtIndex(row);
-        std::copy_n(levels->components(), std::min(levels->length(), destination.size()),
-                    destination.begin());
-    });
+    outputQueue()->addOperation(
+        [matrix = outputMatrix(), row = matrixRow(), levels, buffers = rowBuffers(), peak]() mutable {
+            std::span<float> destination = matrix->mutableRowAtIndex(row);
+            std::copy_n(levels->components(), std::min(levels->length(), destination.size()),
+                        destination.begin());
+            if (buffers) {
+                buffers->notePeak(row, peak);
+                buffers->recycle(std::move(levels));
+            }
+        });
 }
 
 } // namespace tavolar

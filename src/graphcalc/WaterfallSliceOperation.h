@@ -17,10 +17,36 @@
 
 #include <cstddef>
 #include <memory>
+#include <mutex>
+#include <vector>
 
 namespace tavolar {
 
 using FFTWaterfallWorkingSetPool = ResourcePool<FFTWaterfallWorkingSet>;
+
+// What the slices of one waterfall hand to its output queue besides their rows: the vectors that
+// carry a slice's levels there, kept for reuse once copied into the matrix (a waterfall allocates as
+// many as are in flight at once, not one per slice), and the loudest level of each row, so that
+// normalising the surface needs no search over it. Vectors are taken and recycled from any thread;
+// peaks are noted on the output queue only and read once the slices are done.
+class WaterfallRowBuffers {
+public:
+    WaterfallRowBuffers(std::size_t rows, std::size_t columns);
+
+    // A vector of the row length, its contents left from an earlier slice.
+    std::shared_ptr<VELTRealVector> take();
+    void recycle(std::shared_ptr<VELTRealVector> levels);
+
+    void notePeak(std::size_t row, float peak) noexcept { peaks_[row] = peak; }
+    // The loudest level noted, not-a-number skipped (minus infinity for none).
+    float loudest() const noexcept;
+
+private:
+    std::size_t columns_;
+    std::mutex mutex_;
+    std::vector<std::shared_ptr<VELTRealVector>> free_;
+    std::vector<float> peaks_;
+};
 
 class WaterfallSliceOperation : public Operation {
 public:
@@ -30,7 +56,8 @@ public:
     WaterfallSliceOperation(std::shared_ptr<const VELTRealVector> impulseResponse, VELTWindow window,
                             std::shared_ptr<VELTMutableRealMatrix> outputMatrix, std::size_t matrixRow,
                             std::shared_ptr<OperationQueue> outputQueue,
-                            std::shared_ptr<FFTWaterfallWorkingSetPool> workingSetPool);
+                            std::shared_ptr<FFTWaterfallWorkingSetPool> workingSetPool,
+                            std::shared_ptr<WaterfallRowBuffers> rowBuffers = nullptr);
 
     const VELTWindow& window() const noexcept { return window_; }
     std::size_t matrixRow() const noexcept { return matrixRow_; }
@@ -45,6 +72,8 @@ protected:
     const std::shared_ptr<VELTMutableRealMatrix>& outputMatrix() const noexcept { return outputMatrix_; }
     const std::shared_ptr<OperationQueue>& outputQueue() const noexcept { return outputQueue_; }
     const std::shared_ptr<FFTWaterfallWorkingSetPool>& workingSetPool() const noexcept { return pool_; }
+    // Where levels are carried to the output queue; nullptr: a vector of the slice's own.
+    const std::shared_ptr<WaterfallRowBuffers>& rowBuffers() const noexcept { return rowBuffers_; }
 
 private:
     std::shared_ptr<const VELTRealVector> impulseResponse_;
@@ -53,11 +82,13 @@ private:
     std::size_t matrixRow_;
     std::shared_ptr<OperationQueue> outputQueue_;
     std::shared_ptr<FFTWaterfallWorkingSetPool> pool_;
+    std::shared_ptr<WaterfallRowBuffers> rowBuffers_;
 };
 
 // The slice's magnitude spectrum, bins 0 to fftLength / 2, in dB (20 log10 |X[k]|, the unscaled
 // forward transform of the tapered slice). The working set is borrowed for the computation; the
-// levels go to the output queue in a vector of their own, so the set goes back to the pool at once.
+// levels go to the output queue in a vector of the row buffers (or of their own), so the set goes
+// back to the pool at once.
 class FFTWaterfallSliceOperation final : public WaterfallSliceOperation {
 public:
     using WaterfallSliceOperation::WaterfallSliceOperation;
