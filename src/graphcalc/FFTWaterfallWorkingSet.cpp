@@ -24,13 +24,23 @@ FFTWaterfallWorkingSet::FFTWaterfallWorkingSet(std::size_t fftLength, std::int64
     }
 }
 
-void FFTWaterfallWorkingSet::applyWindow() noexcept {
-    if (!tapered_)
-        return;
+void FFTWaterfallWorkingSet::loadTapered(std::span<const std::span<const float>> runs) noexcept {
     float* samples = workingTD_.mutableComponents();
-    const float* taper = taper_.components();
-    for (std::size_t i = 0, n = workingTD_.length(); i < n; ++i)
-        samples[i] *= taper[i];
+    const std::size_t length = workingTD_.length();
+    std::size_t at = 0;
+    for (std::span<const float> run : runs) {
+        const std::size_t count = std::min(run.size(), length - at);
+        const float* from = run.data();
+        if (tapered_) {
+            const float* taper = taper_.components() + at;
+            for (std::size_t i = 0; i < count; ++i)
+                samples[at + i] = from[i] * taper[i];
+        } else {
+            std::copy_n(from, count, samples + at);
+        }
+        at += count;
+    }
+    std::fill(samples + at, samples + length, 0.0f);
 }
 
 // Built three times, for the x86-64 baseline, for processors with AVX2 and FMA and for those with

@@ -32,9 +32,10 @@ public:
     VELTMutableRealVector& workingTDVector() noexcept { return workingTD_; }
     std::span<const std::complex<float>> workingFDVector() const noexcept { return workingFD_; }
 
-    // The taper of windowType over the whole time-domain vector, applied by multiplication: the same
-    // values applyWindowWithType gives, without evaluating the window's cosines for every slice.
-    void applyWindow() noexcept;
+    // The time-domain vector made of runs of samples laid end to end (at most its length), zero after
+    // them, with the taper of windowType over the whole vector applied in the same pass: the values
+    // applyWindowWithType gives, without evaluating the window's cosines for every slice.
+    void loadTapered(std::span<const std::span<const float>> runs) noexcept;
     // The time-domain vector into the frequency-domain one.
     void transform() noexcept { fftSetup_.forwardReal(workingTD_.components(), workingFD_.data()); }
     // |X[k]| in dB of bins 0 to fftLength / 2 of the spectrum into levels (at least that long), by

@@ -3,7 +3,6 @@
 #include "platform/Assertions.h"
 
 #include <algorithm>
-#include <cstring>
 #include <limits>
 
 namespace tavolar {
@@ -50,33 +49,28 @@ WaterfallSliceOperation::WaterfallSliceOperation(std::shared_ptr<const VELTRealV
     TAVOLAR_PARAMETER_ASSERT(matrixRow_ < outputMatrix_->rows());
 }
 
-std::size_t WaterfallSliceOperation::copyInputInto(VELTMutableRealVector& destination) const {
-    float* out = destination.mutableComponents();
+std::array<std::span<const float>, 2> WaterfallSliceOperation::inputRuns(std::size_t limit) const {
     const auto length = static_cast<std::int64_t>(impulseResponse_->length());
     const std::int64_t begin = window_.begin();
-    const std::int64_t end = std::min(window_.end(), begin + static_cast<std::int64_t>(destination.length()));
-    std::size_t written = 0;
+    const std::int64_t end = std::min(window_.end(), begin + static_cast<std::int64_t>(limit));
     // The same cuts as realVectorInWindow: nothing past the midpoint, negative times from the end.
-    if (begin < end && end <= length / 2 && begin >= -length) {
-        const float* samples = impulseResponse_->components();
-        for (std::int64_t index = begin; index < end;) {
-            // A run of consecutive stored samples: the negative times, then from time zero on.
-            const std::int64_t stored = index < 0 ? index + length : index;
-            const std::int64_t run = index < 0 ? std::min(end, std::int64_t{0}) - index : end - index;
-            std::memcpy(out + written, samples + stored, static_cast<std::size_t>(run) * sizeof(float));
-            written += static_cast<std::size_t>(run);
-            index += run;
-        }
-    }
-    if (destination.length() > written)
-        std::memset(out + written, 0, (destination.length() - written) * sizeof(float));
-    return written;
+    if (!(begin < end && end <= length / 2 && begin >= -length))
+        return {};
+    const float* samples = impulseResponse_->components();
+    auto run = [&](std::int64_t from, std::int64_t to) {
+        return from < to ? std::span<const float>(samples + (from < 0 ? from + length : from),
+                                                  static_cast<std::size_t>(to - from))
+                         : std::span<const float>();
+    };
+    return {run(begin, std::min(end, std::int64_t{0})), run(std::max(begin, std::int64_t{0}), end)};
 }
 
 VELTRealVector WaterfallSliceOperation::inputVector() const {
     const std::int64_t duration = std::max<std::int64_t>(window_.duration(), 0);
-    VELTRealVector samples(static_cast<std::size_t>(duration));
-    samples.setLength(copyInputInto(samples));
+    const auto [before, after] = inputRuns(static_cast<std::size_t>(duration));
+    VELTRealVector samples(before.size() + after.size());
+    std::copy(after.begin(), after.end(),
+              std::copy(before.begin(), before.end(), samples.mutableComponents()));
     return samples;
 }
 
@@ -84,8 +78,7 @@ void FFTWaterfallSliceOperation::main() {
     if (isCancelled())
         return;
     std::unique_ptr<FFTWaterfallWorkingSet> set = workingSetPool()->borrow();
-    copyInputInto(set->workingTDVector());
-    set->applyWindow();
+    set->loadTapered(inputRuns(set->fftLength()));
     set->transform();
     std::shared_ptr<VELTRealVector> levels =
         rowBuffers() ? rowBuffers()->take() : std::make_shared<VELTRealVector>(set->fftLength() / 2 + 1);

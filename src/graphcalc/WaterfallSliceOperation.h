@@ -15,9 +15,11 @@
 #include "math/VELTRealMatrix.h"
 #include "platform/OperationQueue.h"
 
+#include <array>
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <vector>
 
 namespace tavolar {
@@ -65,9 +67,9 @@ public:
     VELTRealVector inputVector() const;
 
 protected:
-    // Copies the slice's samples into the start of the destination (at most its length) and zeros the
-    // rest; answers how many were copied.
-    std::size_t copyInputInto(VELTMutableRealVector& destination) const;
+    // The slice's samples where the response stores them, at most limit of them: the part before time
+    // zero (stored at the response's end), then the part from time zero on; either may be empty.
+    std::array<std::span<const float>, 2> inputRuns(std::size_t limit) const;
 
     const std::shared_ptr<VELTMutableRealMatrix>& outputMatrix() const noexcept { return outputMatrix_; }
     const std::shared_ptr<OperationQueue>& outputQueue() const noexcept { return outputQueue_; }
