@@ -5,8 +5,9 @@ the loudest bin), as the peer of bench/waterfall.cpp, which writes the data and 
 
 Arguments: a file of float32 samples (the response from time zero), then for each waterfall a file
 of float32 taper coefficients (one per FFT point), the FFT length, the slice count and the spacing of
-the slices in samples. Prints, for each, the best of a few runs (at least a second of them) in seconds and the
-mean level of the result as "waterfall N COUNT seconds X mean Y".
+the slices in samples. Prints, for each, the best of a few runs (at least a second of them) in seconds,
+the mean level of the result, and the best time of numpy's batched FFT alone (of the slices already
+tapered) as "waterfall N COUNT seconds X mean Y fft Z".
 """
 
 import sys
@@ -45,7 +46,9 @@ def main():
         length, count, spacing = (int(value) for value in arguments[at + 1 : at + 4])
         seconds = best_of(lambda: waterfall(response, window, length, count, spacing))
         mean = float(np.mean(waterfall(response, window, length, count, spacing)))
-        print(f"waterfall {length} {count} seconds {seconds:.6f} mean {mean:.4f}", flush=True)
+        tapered = np.lib.stride_tricks.sliding_window_view(response, length)[np.arange(count) * spacing] * window
+        fft = best_of(lambda: np.fft.rfft(tapered, axis=1))
+        print(f"waterfall {length} {count} seconds {seconds:.6f} mean {mean:.4f} fft {fft:.6f}", flush=True)
 
 
 if __name__ == "__main__":
