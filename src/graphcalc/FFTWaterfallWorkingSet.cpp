@@ -10,7 +10,8 @@
 #include "dsp/Windowing.h"
 
 #include <algorithm>
-#include <array>
+#include <bit>
+#include <cstdint>
 #include <limits>
 
 namespace tavolar {
@@ -55,21 +56,22 @@ __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
 float FFTWaterfallWorkingSet::spectrumToLevels(std::span<float> levels) const noexcept {
     const float* spectrum = reinterpret_cast<const float*>(workingFD_.data()); // re, im, re, im, ...
     float* out = levels.data();
-    const std::size_t bins = fftLength() / 2 + 1;
-    for (std::size_t k = 0; k < bins; ++k)
-        out[k] =
+    // The loudest level is kept as an integer whose order is the floats' (the sign bit set flips the
+    // other bits), not-a-number as the smallest: a maximum of integers vectorises, one of floats does
+    // not (it is not associative where not-a-number may occur).
+    constexpr std::int32_t kNone = std::numeric_limits<std::int32_t>::min();
+    std::int32_t loudest = kNone;
+    for (std::size_t k = 0, bins = fftLength() / 2 + 1; k < bins; ++k) {
+        const float level =
             decibelsOfPower(spectrum[2 * k] * spectrum[2 * k] + spectrum[2 * k + 1] * spectrum[2 * k + 1]);
-    // In eight independent running maxima, which vectorise: one chain of dependent comparisons would
-    // cost a good part of the logarithm.
-    std::array<float, 8> peaks;
-    peaks.fill(-std::numeric_limits<float>::infinity());
-    const std::size_t whole = bins - bins % peaks.size();
-    for (std::size_t k = 0; k < whole; k += peaks.size())
-        for (std::size_t lane = 0; lane < peaks.size(); ++lane)
-            peaks[lane] = out[k + lane] > peaks[lane] ? out[k + lane] : peaks[lane];
-    for (std::size_t k = whole; k < bins; ++k)
-        peaks[0] = out[k] > peaks[0] ? out[k] : peaks[0];
-    return *std::max_element(peaks.begin(), peaks.end());
+        out[k] = level;
+        const auto bits = std::bit_cast<std::int32_t>(level);
+        const std::int32_t nan = -static_cast<std::int32_t>((bits & 0x7FFFFFFF) > 0x7F800000);
+        const std::int32_t ordered = ((bits ^ ((bits >> 31) & 0x7FFFFFFF)) & ~nan) | (kNone & nan);
+        loudest = ordered > loudest ? ordered : loudest;
+    }
+    return loudest == kNone ? -std::numeric_limits<float>::infinity()
+                            : std::bit_cast<float>(loudest ^ ((loudest >> 31) & 0x7FFFFFFF));
 }
 
 } // namespace tavolar

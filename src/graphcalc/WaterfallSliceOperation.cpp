@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <utility>
 
 namespace tavolar {
 
@@ -22,9 +23,40 @@ std::shared_ptr<VELTRealVector> WaterfallRowBuffers::take() {
     return std::make_shared<VELTRealVector>(columns_);
 }
 
-void WaterfallRowBuffers::recycle(std::shared_ptr<VELTRealVector> levels) {
-    std::lock_guard lock(mutex_);
-    free_.push_back(std::move(levels));
+void WaterfallRowBuffers::deliver(OperationQueue& outputQueue,
+                                  const std::shared_ptr<VELTMutableRealMatrix>& matrix, std::size_t row,
+                                  std::shared_ptr<VELTRealVector> levels, float peak) {
+    bool start = false;
+    {
+        std::lock_guard lock(mutex_);
+        delivered_.push_back({row, std::move(levels), peak});
+        start = !std::exchange(writing_, true);
+    }
+    if (start)
+        outputQueue.addOperation([self = shared_from_this(), matrix] { self->writeDelivered(*matrix); });
+}
+
+void WaterfallRowBuffers::writeDelivered(VELTMutableRealMatrix& matrix) {
+    std::vector<Delivery> batch;
+    for (;;) {
+        {
+            std::lock_guard lock(mutex_);
+            for (Delivery& written : batch)
+                free_.push_back(std::move(written.levels));
+            batch.clear();
+            if (delivered_.empty()) {
+                writing_ = false;
+                return;
+            }
+            batch.swap(delivered_);
+        }
+        for (const Delivery& delivery : batch) {
+            std::span<float> destination = matrix.mutableRowAtIndex(delivery.row);
+            std::copy_n(delivery.levels->components(),
+                        std::min(delivery.levels->length(), destination.size()), destination.begin());
+            peaks_[delivery.row] = delivery.peak;
+        }
+    }
 }
 
 float WaterfallRowBuffers::loudest() const noexcept {
@@ -84,16 +116,15 @@ void FFTWaterfallSliceOperation::main() {
         rowBuffers() ? rowBuffers()->take() : std::make_shared<VELTRealVector>(set->fftLength() / 2 + 1);
     const float peak = set->spectrumToLevels(levels->mutableSpan());
     workingSetPool()->giveBack(std::move(set));
-    outputQueue()->addOperation(
-        [matrix = outputMatrix(), row = matrixRow(), levels, buffers = rowBuffers(), peak]() mutable {
-            std::span<float> destination = matrix->mutableRowAtIndex(row);
-            std::copy_n(levels->components(), std::min(levels->length(), destination.size()),
-                        destination.begin());
-            if (buffers) {
-                buffers->notePeak(row, peak);
-                buffers->recycle(std::move(levels));
-            }
-        });
+    if (rowBuffers()) {
+        rowBuffers()->deliver(*outputQueue(), outputMatrix(), matrixRow(), std::move(levels), peak);
+        return;
+    }
+    outputQueue()->addOperation([matrix = outputMatrix(), row = matrixRow(), levels] {
+        std::span<float> destination = matrix->mutableRowAtIndex(row);
+        std::copy_n(levels->components(), std::min(levels->length(), destination.size()),
+                    destination.begin());
+    });
 }
 
 } // namespace tavolar

@@ -26,27 +26,39 @@ namespace tavolar {
 
 using FFTWaterfallWorkingSetPool = ResourcePool<FFTWaterfallWorkingSet>;
 
-// What the slices of one waterfall hand to its output queue besides their rows: the vectors that
-// carry a slice's levels there, kept for reuse once copied into the matrix (a waterfall allocates as
-// many as are in flight at once, not one per slice), and the loudest level of each row, so that
-// normalising the surface needs no search over it. Vectors are taken and recycled from any thread;
-// peaks are noted on the output queue only and read once the slices are done.
-class WaterfallRowBuffers {
+// The way from the slices of one waterfall to its output queue: the vectors that carry a slice's
+// levels there, kept for reuse once copied into the matrix (a waterfall allocates as many as are in
+// flight at once, not one per slice), and the loudest level of each row, so that normalising the
+// surface needs no search over it. Rows delivered while the output queue is still to write earlier
+// ones are written by the same operation: a queue operation and a thread wake-up per slice would
+// cost a quarter of a slice's transform, and take a processor from the slices while they run.
+class WaterfallRowBuffers : public std::enable_shared_from_this<WaterfallRowBuffers> {
 public:
     WaterfallRowBuffers(std::size_t rows, std::size_t columns);
 
-    // A vector of the row length, its contents left from an earlier slice.
+    // A vector of the row length, its contents left from an earlier slice. Any thread.
     std::shared_ptr<VELTRealVector> take();
-    void recycle(std::shared_ptr<VELTRealVector> levels);
-
-    void notePeak(std::size_t row, float peak) noexcept { peaks_[row] = peak; }
-    // The loudest level noted, not-a-number skipped (minus infinity for none).
+    // The levels of a row and their loudest, copied into the matrix on the output queue. Any thread.
+    void deliver(OperationQueue& outputQueue, const std::shared_ptr<VELTMutableRealMatrix>& matrix,
+                 std::size_t row, std::shared_ptr<VELTRealVector> levels, float peak);
+    // The loudest level of the rows written, not-a-number skipped (minus infinity for none); once
+    // the output queue has finished.
     float loudest() const noexcept;
 
 private:
+    struct Delivery {
+        std::size_t row;
+        std::shared_ptr<VELTRealVector> levels;
+        float peak;
+    };
+    // On the output queue: writes what was delivered until nothing is left.
+    void writeDelivered(VELTMutableRealMatrix& matrix);
+
     std::size_t columns_;
     std::mutex mutex_;
     std::vector<std::shared_ptr<VELTRealVector>> free_;
+    std::vector<Delivery> delivered_;
+    bool writing_ = false; // an operation of the output queue will write what is delivered
     std::vector<float> peaks_;
 };
 
