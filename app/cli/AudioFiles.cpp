@@ -57,9 +57,16 @@ Expected<SoundSignal> readSoundFile(const std::filesystem::path& path, std::stri
     const auto frames = static_cast<std::size_t>(info.frames);
     SoundSignal signal;
     signal.sampleRate = info.samplerate;
-    // The channels grow with what is actually read rather than with the header's frame count: a
-    // damaged header that claims billions of frames must give "truncated", not exhaust memory.
+    // Each channel is made room for once, as many frames as the header announces and the file's size
+    // can hold at a byte a sample or more: a damaged header that claims billions of frames must give
+    // "truncated", not exhaust memory, and a compressed file that holds more grows as it is read.
+    // Growing from small by doubling would touch twice the memory in blocks that are thrown away.
     signal.channels.resize(channels);
+    const std::uintmax_t fileBytes = std::filesystem::file_size(path, status);
+    const std::size_t room =
+        status ? 0 : static_cast<std::size_t>(std::min<std::uintmax_t>(frames, fileBytes / channels));
+    for (VELTRealVector& channel : signal.channels)
+        channel.reserve(room);
     const sf_count_t framesPerRead = std::max<sf_count_t>(1, kSamplesPerRead / info.channels);
     std::vector<float> interleaved(static_cast<std::size_t>(framesPerRead) * channels);
     std::vector<float> channelChunk(static_cast<std::size_t>(framesPerRead));

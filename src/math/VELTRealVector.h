@@ -66,6 +66,9 @@ public:
     std::size_t length() const noexcept { return data_.size(); }
     // Truncates, or extends with 0.0.
     void setLength(std::size_t length);
+    // Makes room for this many components, so that appending up to there moves nothing; the length
+    // is unchanged.
+    void reserve(std::size_t capacity) { data_.reserve(capacity); }
     const float* components() const noexcept { return data_.data(); }
     float* mutableComponents() noexcept { return data_.data(); }
     std::span<const float> span() const noexcept { return {data_.data(), data_.size()}; }
