@@ -13,16 +13,36 @@
 #include <bit>
 #include <cstdint>
 #include <limits>
+#include <mutex>
 
 namespace tavolar {
+
+namespace {
+
+// The taper of a length and window type. The last one made is kept (only that one, so that the
+// memory held stays one taper): a graph redrawn with the same settings makes its working sets again
+// for every calculation, and the window's cosines cost as much as a few of its slices' transforms.
+std::shared_ptr<const VELTRealVector> taperOf(std::size_t length, std::int64_t windowType) {
+    static std::mutex mutex;
+    static std::shared_ptr<const VELTRealVector> last;
+    static std::int64_t lastType = 0;
+    std::lock_guard lock(mutex);
+    if (!last || last->length() != length || lastType != windowType) {
+        VELTRealVector taper = VELTRealVector::onesWithLength(length);
+        applyWindowWithType(taper, windowType);
+        last = std::make_shared<const VELTRealVector>(std::move(taper));
+        lastType = windowType;
+    }
+    return last;
+}
+
+} // namespace
 
 FFTWaterfallWorkingSet::FFTWaterfallWorkingSet(std::size_t fftLength, std::int64_t windowType)
     : fftSetup_(VELTFFTInterleavedSetup::FFTSetupWithLength(fftLength)), windowType_(windowType),
       tapered_(windowType >= 1 && windowType <= 6), workingTD_(fftLength), workingFD_(fftLength / 2 + 1) {
-    if (tapered_) {
-        taper_ = VELTRealVector::onesWithLength(fftLength);
-        applyWindowWithType(taper_, windowType);
-    }
+    if (tapered_)
+        taper_ = taperOf(fftLength, windowType);
 }
 
 void FFTWaterfallWorkingSet::loadTapered(std::span<const std::span<const float>> runs) noexcept {
@@ -33,7 +53,7 @@ void FFTWaterfallWorkingSet::loadTapered(std::span<const std::span<const float>>
         const std::size_t count = std::min(run.size(), length - at);
         const float* from = run.data();
         if (tapered_) {
-            const float* taper = taper_.components() + at;
+            const float* taper = taper_->components() + at;
             for (std::size_t i = 0; i < count; ++i)
                 samples[at + i] = from[i] * taper[i];
         } else {

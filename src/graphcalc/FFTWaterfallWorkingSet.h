@@ -15,6 +15,7 @@
 #include <complex>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 
 namespace tavolar {
@@ -54,7 +55,7 @@ private:
     VELTFFTInterleavedSetup fftSetup_;
     std::int64_t windowType_;
     bool tapered_;
-    VELTRealVector taper_;
+    std::shared_ptr<const VELTRealVector> taper_; // shared by the sets of the same length and type
     VELTMutableRealVector workingTD_;
     AlignedBuffer<std::complex<float>> workingFD_;
 };
