@@ -5,11 +5,13 @@
 #include "graphing/SimulatedRecords.h"
 #include "graphing/VELTColorMap.h"
 #include "graphing/VELTSurfaceLayout.h"
+#include "graphing/cairo/VELTSVGPainter.h"
 #include "graphs/BandGraphPlots.h"
 #include "graphs/RecordPlots.h"
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
@@ -345,9 +347,12 @@ TEST(RecordPlots, WritesEveryFormat) {
         SCOPED_TRACE(c.name);
         PlotSettings settings;
         settings.graph = c.name;
+        if (c.adjust)
+            c.adjust(settings);
         auto picture = plotRecords(records(), settings);
         ASSERT_TRUE(picture);
-        // A heat map is one image in vector files; PDF files keep text as text in embedded fonts.
+        // A heat map is one image in vector files; PDF files keep text as text in embedded fonts, SVG
+        // files as <text> elements of a well-formed document.
         const std::tuple<std::string, std::string, std::string> formats[] = {
             {".png", "\x89PNG", ""}, {".svg", "<?xml", "<image"}, {".pdf", "%PDF", "/Subtype /Image"}};
         for (const auto& [extension, start, image] : formats) {
@@ -360,10 +365,26 @@ TEST(RecordPlots, WritesEveryFormat) {
                  at = written.find(image, at + 1))
                 ++images;
             EXPECT_EQ(images, !image.empty() && c.style == PictureStyle::HeatMap ? 1u : 0u) << extension;
-            if (extension == ".pdf")
+            if (extension == ".pdf") {
                 EXPECT_NE(written.find("/FontFile"), std::string::npos);
+            }
+            if (extension != ".svg")
+                continue;
+            // The title, and every label and tick, each in a <text> of its own.
+            EXPECT_NE(written.find(">" + xmlEscaped(c.texts.front()) + "</text>"), std::string::npos);
+            std::size_t texts = 0;
+            for (auto at = written.find("<text "); at != std::string::npos;
+                 at = written.find("<text ", at + 1))
+                ++texts;
+            EXPECT_GT(texts, 8u);
+            EXPECT_EQ(std::system(("/usr/bin/python3 -c 'import sys, xml.etree.ElementTree as x; "
+                                   "x.parse(sys.argv[1])' " +
+                                   file.string())
+                                      .c_str()),
+                      0);
         }
     }
+    EXPECT_EQ(xmlEscaped("L&R <\"a\" 'b'>\x01\t−µ"), "L&amp;R &lt;&quot;a&quot; &apos;b&apos;&gt;\t−µ");
 
     PlotSettings settings;
     auto magnitude = plotRecords(records(), settings);

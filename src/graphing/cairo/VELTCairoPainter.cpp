@@ -1,10 +1,10 @@
 #include "graphing/cairo/VELTCairoPainter.h"
 
 #include "graphing/VELTPNGEncoder.h"
+#include "graphing/cairo/VELTSVGPainter.h"
 
 #include <algorithm>
 #include <cairo-pdf.h>
-#include <cairo-svg.h>
 #include <cairo.h>
 #include <cctype>
 #include <cmath>
@@ -158,12 +158,7 @@ void VELTCairoPainter::strokeRect(const VELTRect& rect, const VELTLineStyle& sty
 void VELTCairoPainter::drawText(std::string_view text, VELTPoint anchor, const VELTFont& font,
                                 const VELTColor& color, VELTHorizontalAlignment horizontal,
                                 VELTVerticalAlignment vertical, bool rotated) {
-    text_->set(text, font);
-    PangoRectangle logical;
-    pango_layout_get_extents(text_->layout, nullptr, &logical);
-    const double width = static_cast<double>(logical.width) / PANGO_SCALE;
-    const double height = static_cast<double>(logical.height) / PANGO_SCALE;
-    const double baseline = static_cast<double>(pango_layout_get_baseline(text_->layout)) / PANGO_SCALE;
+    const auto [width, height, baseline] = textExtents(text, font);
     double dx = 0.0;
     if (horizontal == VELTHorizontalAlignment::Center)
         dx = -width / 2.0;
@@ -193,6 +188,29 @@ void VELTCairoPainter::drawText(std::string_view text, VELTPoint anchor, const V
     pango_cairo_update_layout(context_, text_->layout);
     pango_cairo_show_layout(context_, text_->layout);
     cairo_restore(context_);
+}
+
+VELTTextExtents VELTCairoPainter::textExtents(std::string_view text, const VELTFont& font) {
+    text_->set(text, font);
+    PangoRectangle logical;
+    pango_layout_get_extents(text_->layout, nullptr, &logical);
+    return {static_cast<double>(logical.width) / PANGO_SCALE,
+            static_cast<double>(logical.height) / PANGO_SCALE,
+            static_cast<double>(pango_layout_get_baseline(text_->layout)) / PANGO_SCALE};
+}
+
+std::string VELTCairoPainter::fontFamily(const VELTFont& font) {
+    text_->set("", font);
+    PangoContext* pango = pango_layout_get_context(text_->layout);
+    PangoFont* loaded = pango_context_load_font(pango, pango_layout_get_font_description(text_->layout));
+    if (!loaded)
+        return "sans-serif";
+    PangoFontDescription* described = pango_font_describe(loaded);
+    const char* family = pango_font_description_get_family(described);
+    std::string name = family ? family : "sans-serif";
+    pango_font_description_free(described);
+    g_object_unref(loaded);
+    return name;
 }
 
 double VELTCairoPainter::textWidth(std::string_view text, const VELTFont& font) {
@@ -353,12 +371,21 @@ Expected<void> writeImage(const std::filesystem::path& path, VELTImageFormat for
         return makeUnexpected(fmt::format("A picture of {:.1f} × {:.1f} points at {} dpi cannot be made.",
                                           size.width, size.height, size.dpi),
                               "Give a positive width and height; bitmaps may be at most 32767 pixels wide.");
+    // SVG files are written element by element, so that their text stays text.
+    if (format == VELTImageFormat::SVG) {
+        const std::string document = svgDocument(size, draw, metadata);
+        std::ofstream file(path, std::ios::binary | std::ios::trunc);
+        file.write(document.data(), static_cast<std::streamsize>(document.size()));
+        file.close();
+        if (!file)
+            return makeUnexpected(fmt::format("{} could not be written.", path.string()),
+                                  "Check that its folder exists and may be written to.");
+        return {};
+    }
     std::unique_ptr<cairo_surface_t, SurfaceDeleter> surface;
     const bool bitmap = format == VELTImageFormat::PNG || format == VELTImageFormat::TIFF;
     if (bitmap)
         surface.reset(cairo_image_surface_create(CAIRO_FORMAT_ARGB32, size.pixelWidth(), size.pixelHeight()));
-    else if (format == VELTImageFormat::SVG)
-        surface.reset(cairo_svg_surface_create(path.c_str(), size.width, size.height));
     else
         surface.reset(cairo_pdf_surface_create(path.c_str(), size.width, size.height));
     if (auto status = cairoStatus(cairo_surface_status(surface.get()), path); !status)

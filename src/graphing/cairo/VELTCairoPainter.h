@@ -1,6 +1,7 @@
 #pragma once
-// The painter on Cairo, with text laid out by Pango: the drawing of graphs into PNG files (at a given
-// resolution) and SVG files (in points). Fonts come through fontconfig: Helvetica Neue where it is
+// The painter on Cairo, with text laid out by Pango: the drawing of graphs into PNG and TIFF files (at
+// a given resolution) and PDF files (in points); SVG files have their own painter (VELTSVGPainter),
+// which measures text with this one. Fonts come through fontconfig: Helvetica Neue where it is
 // installed, otherwise its metric twin Nimbus Sans, otherwise the system's sans-serif face.
 
 #include "graphing/VELTPainter.h"
@@ -14,6 +15,14 @@
 typedef struct _cairo cairo_t;
 
 namespace tavolar {
+
+// A line of text as Pango lays it out, in points: its advance width, the height of its line, and the
+// distance from the line's top to its baseline.
+struct VELTTextExtents {
+    double width = 0.0;
+    double height = 0.0;
+    double baseline = 0.0;
+};
 
 // The font families asked of fontconfig, in order of preference.
 inline constexpr const char* kGraphFontFamilies = "Helvetica Neue,Nimbus Sans,Nimbus Sans L,sans-serif";
@@ -40,6 +49,10 @@ public:
     double lineHeight(const VELTFont& font) override;
     void pushClip(const VELTRect& rect) override;
     void popClip() override;
+
+    VELTTextExtents textExtents(std::string_view text, const VELTFont& font);
+    // The family fontconfig gives for the font ("Nimbus Sans" where Helvetica Neue is not installed).
+    std::string fontFamily(const VELTFont& font);
 
 private:
     void applyLineStyle(const VELTLineStyle& style);
