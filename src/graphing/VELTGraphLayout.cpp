@@ -309,23 +309,30 @@ std::string ellipsized(VELTPainter& painter, const std::string& text, const VELT
 
 namespace {
 
-// Each curve's line style: its own colour, unless another curve has the same one, in which case the
-// curves take the palette's colours in turn, then the dash patterns.
+// Each curve's line style: its own colour, or the palette's colour for its place when it has none of
+// its own (records are black until a colour is chosen for them); when two curves would share a
+// colour, every curve takes the palette's colours in turn, then the dash patterns.
 std::vector<VELTLineStyle> curveStyles(const VELTGraphPlot& plot) {
     const VELTGraphAppearance& a = plot.appearance;
-    std::vector<VELTLineStyle> styles;
-    bool shared = false;
-    for (std::size_t i = 0; i < plot.curves.size(); ++i)
-        for (std::size_t j = 0; j < i; ++j)
-            shared = shared || plot.curves[i]->lineStyle().color == plot.curves[j]->lineStyle().color;
     const auto& palette = VELTGraphAppearance::palette();
     const auto& dashes = VELTGraphAppearance::dashPatterns();
-    // A curve's own colour too close to the ground to be seen (black on a dark ground) counts as shared.
+    std::vector<VELTColor> colors;
+    for (std::size_t i = 0; i < plot.curves.size(); ++i) {
+        const VELTColor& own = plot.curves[i]->lineStyle().color;
+        colors.push_back(own == VELTColor::blackColor() ? palette[i % palette.size()] : own);
+    }
+    bool shared = false;
+    for (std::size_t i = 0; i < colors.size(); ++i)
+        for (std::size_t j = 0; j < i; ++j)
+            shared = shared || colors[i] == colors[j];
+    // A curve's own colour too close to the ground to be seen (on a dark ground) counts as shared.
     auto luminance = [](const VELTColor& c) { return 0.2126 * c.red + 0.7152 * c.green + 0.0722 * c.blue; };
-    for (const auto& curve : plot.curves)
-        shared = shared || std::abs(luminance(curve->lineStyle().color) - luminance(a.background)) < 0.25;
+    for (const VELTColor& color : colors)
+        shared = shared || std::abs(luminance(color) - luminance(a.background)) < 0.25;
+    std::vector<VELTLineStyle> styles;
     for (std::size_t i = 0; i < plot.curves.size(); ++i) {
         VELTLineStyle style = plot.curves[i]->lineStyle();
+        style.color = colors[i];
         if (a.monochrome) {
             style.color = a.text;
             style.dashPattern = dashes[i % dashes.size()];
