@@ -97,6 +97,19 @@ Expected<SoundSignal> readSoundFile(const std::filesystem::path& path, std::stri
     return signal;
 }
 
+std::optional<std::size_t> announcedFrames(const std::filesystem::path& path) {
+    std::error_code status;
+    const std::uintmax_t fileBytes = std::filesystem::file_size(path, status);
+    if (status)
+        return std::nullopt;
+    SF_INFO info{};
+    SoundFile file(sf_open(path.c_str(), SFM_READ, &info));
+    if (!file || info.channels <= 0 || info.frames <= 0 ||
+        static_cast<std::uintmax_t>(info.frames) > fileBytes / static_cast<std::uintmax_t>(info.channels))
+        return std::nullopt;
+    return static_cast<std::size_t>(info.frames);
+}
+
 Expected<MonoSignal> readMonoSoundFile(const std::filesystem::path& path, std::string_view role) {
     auto sound = readSoundFile(path, role);
     if (!sound)

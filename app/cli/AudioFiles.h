@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -30,6 +31,11 @@ struct SoundSignal {
 // "response"). A missing file, a file that is not sound, no samples at all, samples that are not
 // finite or a sample rate outside the supported ones give an error that says what to do.
 Expected<SoundSignal> readSoundFile(const std::filesystem::path& path, std::string_view role);
+
+// The frames per channel a sound file's header announces, when the file's size on disk can hold
+// them at a byte a sample or more, as reading makes room for them; nullopt for a file that cannot be
+// opened as sound or whose header claims more. For work prepared while the file is read.
+std::optional<std::size_t> announcedFrames(const std::filesystem::path& path);
 
 // Reads a sound file of one channel; several channels are refused (a stimulus or a reference is one
 // signal, and picking one of several silently would measure the wrong one).

@@ -6,6 +6,7 @@
 #include "RecordStore.h"
 #include "SweepOptions.h"
 #include "engine/SweptSineDeconvolution.h"
+#include "math/VELTFFTSetup.h"
 
 #include <algorithm>
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <functional>
+#include <latch>
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,14 +46,21 @@ Expected<std::vector<std::size_t>> pickChannels(const SoundSignal& sound,
     return picked;
 }
 
+// The largest magnitude of an impulse response and where it is.
+struct Peak {
+    float magnitude = 0.0f;
+    std::size_t location = 0;
+};
+
 // Deconvolves the picked channels of a recorded response by its stimulus (and a loop-back
 // reference recorded with it), as the measurement engine does after a sweep, refusing a silent
 // recording or an unusable result. The division by the stimulus is prepared once, and the channels
-// are shared among the cores.
+// are shared among the cores. peaks, if given, receives each impulse response's peak.
 Expected<std::vector<VELTRealVector>>
 deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
                   const std::vector<std::size_t>& channels, const std::optional<MonoSignal>& reference,
-                  std::optional<double> lambda, const std::filesystem::path& responsePath) {
+                  std::optional<double> lambda, const std::filesystem::path& responsePath,
+                  std::vector<Peak>* peaks = nullptr) {
     if (stimulus.samples.isAllZeroes())
         return failure("The stimulus is silent: every sample is zero.", "Give the file that was played.");
     for (std::size_t channel : channels)
@@ -78,38 +87,59 @@ deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
         lambda = deconvolutionRegularizationFromUserDefaults();
 
     std::vector<VELTRealVector> impulses(channels.size());
+    if (peaks)
+        peaks->assign(channels.size(), Peak{});
     // Checked by the worker that made it, while the response is still in its cache.
     std::unique_ptr<bool[]> usable(new bool[channels.size()]);
     const std::size_t workers =
         std::min<std::size_t>(channels.size(), std::max(1u, std::thread::hardware_concurrency()));
     SweptSineDeconvolver deconvolver(stimulus.samples.span());
-    deconvolver.prepare(transformLength, correction, lambda);
-    impulses[0] = VELTRealVector(transformLength);
-    // The stimulus spectrum and the quotient are made once, here, and shared by every worker; the
-    // first channel's output serves as their scratch.
-    std::vector<SweptSineDeconvolver> sharing;
-    for (std::size_t worker = 1; worker < workers; ++worker)
-        sharing.push_back(deconvolver.sharingQuotient(impulses[0].mutableSpan()));
-    const bool firstIsZero = sharing.empty();
+    // The helpers make the other outputs (fresh memory, whose first touch costs as much as a
+    // transform) while this thread plans and forms the quotient; all start dividing together.
+    std::vector<std::optional<SweptSineDeconvolver>> sharing(workers - 1);
+    std::latch started(static_cast<std::ptrdiff_t>(workers));
     std::atomic<std::size_t> next{0};
-    auto work = [&](SweptSineDeconvolver& own) {
-        for (std::size_t index = next++; index < channels.size(); index = next++) {
-            const bool isZero = index != 0 || firstIsZero;
-            if (index != 0)
+    // own is null for a helper, which uses sharing[helper] once it is made.
+    auto work = [&](SweptSineDeconvolver* own, std::size_t helper) {
+        if (!own)
+            for (std::size_t index = 1 + helper; index < channels.size(); index += workers - 1)
                 impulses[index] = VELTRealVector(transformLength);
+        started.arrive_and_wait();
+        if (!own && !sharing[helper])
+            return; // the quotient could not be made
+        if (!own)
+            own = &*sharing[helper];
+        for (std::size_t index = next++; index < channels.size(); index = next++) {
+            // The first output serves as the quotient's scratch when there are helpers.
+            const bool isZero = index != 0 || workers == 1;
+            VELTRealVector& impulse = impulses[index];
+            if (impulse.length() == 0) // no helper made it
+                impulse = VELTRealVector(transformLength);
             std::span<const float> samples = response.channels[channels[index]].span();
             if (channels.size() == 1)
-                own.deconvolveOnly(samples, impulses[index].mutableSpan(), isZero);
+                own->deconvolveOnly(samples, impulse.mutableSpan(), isZero);
             else
-                own.deconvolve(samples, impulses[index].mutableSpan(), isZero);
-            usable[index] = !impulses[index].isAllZeroes() && impulses[index].isFinite();
+                own->deconvolve(samples, impulse.mutableSpan(), isZero);
+            usable[index] = !impulse.isAllZeroes() && impulse.isFinite();
+            if (peaks)
+                impulse.getMaximumMagnitude((*peaks)[index].magnitude, &(*peaks)[index].location);
         }
     };
     {
         std::vector<std::jthread> helpers;
-        for (SweptSineDeconvolver& own : sharing)
-            helpers.emplace_back(work, std::ref(own));
-        work(deconvolver);
+        for (std::size_t helper = 0; helper + 1 < workers; ++helper)
+            helpers.emplace_back(work, nullptr, helper);
+        try {
+            deconvolver.prepare(transformLength, correction, lambda);
+            impulses[0] = VELTRealVector(transformLength);
+            // The stimulus spectrum and the quotient are made once, here, and shared by every worker.
+            for (std::optional<SweptSineDeconvolver>& own : sharing)
+                own.emplace(deconvolver.sharingQuotient(impulses[0].mutableSpan()));
+        } catch (...) {
+            started.count_down(); // the helpers find no deconvolver and stop
+            throw;
+        }
+        work(&deconvolver, 0);
     }
     for (std::size_t index = 0; index < channels.size(); ++index) {
         if (!usable[index])
@@ -121,6 +151,19 @@ deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
                 "sweep divides by zero outside its band): try --lambda 1e-6.");
     }
     return impulses;
+}
+
+// Plans the transform of a deconvolution of the response by the stimulus on a thread of its own, from
+// the lengths their headers announce, so that planning (a large share of a long deconvolution's
+// time) overlaps reading them. Nothing is planned for headers that cannot be trusted that far; a
+// header that proves wrong only wastes a plan.
+std::jthread planWhileReading(const std::filesystem::path& stimulus, const std::filesystem::path& response) {
+    const std::optional<std::size_t> stimulusLength = announcedFrames(stimulus);
+    const std::optional<std::size_t> responseLength = announcedFrames(response);
+    if (!stimulusLength || !responseLength || *stimulusLength + *responseLength > (std::size_t{1} << 31))
+        return {};
+    const std::size_t transformLength = deconvolutionTransformLength(*responseLength, *stimulusLength);
+    return std::jthread([transformLength] { VELTFFTInterleavedSetup::FFTSetupWithLength(transformLength); });
 }
 
 Expected<void> checkLambda(const std::optional<double>& lambda) {
@@ -196,12 +239,15 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
         {command, [options]() -> Expected<void> {
              if (auto checked = checkLambda(options->lambda); !checked)
                  return checked;
+             std::jthread planner = planWhileReading(options->stimulus, options->response);
              auto stimulus = readMonoSoundFile(options->stimulus, "stimulus");
              if (!stimulus)
                  return std::unexpected(stimulus.error());
              auto response = readSoundFile(options->response, "response");
              if (!response)
                  return std::unexpected(response.error());
+             if (planner.joinable())
+                 planner.join();
              auto channels = pickChannels(*response, options->channel, options->response);
              if (!channels)
                  return std::unexpected(channels.error());
@@ -220,8 +266,9 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
                      return same;
                  reference = std::move(*read);
              }
+             std::vector<Peak> peaks;
              auto impulses = deconvolveSignals(*stimulus, *response, *channels, reference, options->lambda,
-                                               options->response);
+                                               options->response, &peaks);
              if (!impulses)
                  return std::unexpected(impulses.error());
              std::vector<std::span<const float>> spans;
@@ -229,18 +276,16 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
                  spans.push_back(impulse.span());
              if (auto written = writeFloatWav(options->output, spans, stimulus->sampleRate); !written)
                  return written;
-             auto largest = [&](const VELTRealVector& impulse) {
-                 float peak = 0.0f;
-                 std::size_t location = 0;
-                 impulse.getMaximumMagnitude(peak, &location);
-                 return std::pair{peak, 1000.0 * static_cast<double>(location) /
-                                            static_cast<double>(stimulus->sampleRate)};
+             auto largest = [&](std::size_t index) {
+                 return std::pair{peaks[index].magnitude, 1000.0 *
+                                                              static_cast<double>(peaks[index].location) /
+                                                              static_cast<double>(stimulus->sampleRate)};
              };
              const std::size_t length = impulses->front().length();
              if (options->json) {
                  nlohmann::json described = nlohmann::json::array();
                  for (std::size_t index = 0; index < impulses->size(); ++index) {
-                     const auto [peak, milliseconds] = largest((*impulses)[index]);
+                     const auto [peak, milliseconds] = largest(index);
                      described.push_back({{"channel", (*channels)[index]},
                                           {"peak", peak},
                                           {"peakMilliseconds", milliseconds}});
@@ -251,20 +296,19 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
                                                                          {"channels", described}}})}}));
                  return {};
              }
-             auto describe = [&](const VELTRealVector& impulse) {
-                 const auto [peak, milliseconds] = largest(impulse);
+             auto describe = [&](std::size_t index) {
+                 const auto [peak, milliseconds] = largest(index);
                  return fmt::format("largest sample {:.4g} at {:.3f} ms", peak, milliseconds);
              };
              if (impulses->size() == 1) {
                  printLine(fmt::format("Wrote {}: {} samples at {} Hz, {}.", options->output, length,
-                                       stimulus->sampleRate, describe(impulses->front())));
+                                       stimulus->sampleRate, describe(0)));
                  return {};
              }
              printLine(fmt::format("Wrote {}: {} channels of {} samples at {} Hz.", options->output,
                                    impulses->size(), length, stimulus->sampleRate));
              for (std::size_t index = 0; index < impulses->size(); ++index)
-                 printLine(
-                     fmt::format("  channel {}: {}.", (*channels)[index], describe((*impulses)[index])));
+                 printLine(fmt::format("  channel {}: {}.", (*channels)[index], describe(index)));
              return {};
          }});
 }
