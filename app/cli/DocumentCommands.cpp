@@ -579,69 +579,30 @@ void addCopyCommand(CLI::App& app, CommandList& commands) {
                  return std::unexpected(indices.error());
              // Every record is read (and its checksums checked) before anything is written, so that a
              // damaged one stops the copy before the target is created or changed.
-             struct Stored {
-                 const RecordSummary* summary;
-                 std::vector<std::byte> archive;
-                 std::optional<StoredImpulseResponse> impulse;
-             };
-             std::vector<Stored> copies;
-             for (std::size_t index : *indices) {
-                 // Decoding proves the record readable; the stored bytes are what is copied.
-                 if (auto record = source->load(index); !record)
-                     return failure(record.error().localizedDescription,
-                                    "Leave that record out: name the others, as list shows them.");
-                 const RecordSummary& summary = source->summaries()[index];
-                 auto archive = source->document().recordArchive(summary.uuid);
-                 auto impulse = source->document().impulseResponse(summary.uuid);
-                 if (!archive || !*archive || !impulse)
-                     return failure(fmt::format("Record {} of {} changed while it was copied.", index + 1,
-                                                options->document),
-                                    "Try again.");
-                 copies.push_back({&summary, std::move(**archive), std::move(*impulse)});
-             }
+             auto copies = source->storedCopies(*indices);
+             if (!copies)
+                 return std::unexpected(copies.error());
              auto target = RecordStore::open(options->target, RecordStore::Mode::CreateIfMissing);
              if (!target)
                  return std::unexpected(target.error());
-             std::set<std::string, std::less<>> present;
-             for (const RecordSummary& summary : target->summaries())
-                 present.insert(summary.uuid);
-             for (std::size_t at = 0; at < copies.size(); ++at)
-                 if (present.contains(copies[at].summary->uuid))
-                     return failure(fmt::format("Record {} ({}) is in {} already.", (*indices)[at] + 1,
-                                                copies[at].summary->uuid, options->target),
-                                    "Leave it out, or delete it from that document first.");
-             MeasurementDocument& document = target->document();
              const std::size_t firstNumber = target->summaries().size() + 1;
-             auto written = document.performBatch([&]() -> Expected<void> {
-                 for (const Stored& copy : copies) {
-                     if (copy.impulse)
-                         if (auto put = document.putImpulseResponse(copy.summary->uuid, copy.impulse->samples,
-                                                                    copy.impulse->sampleRate);
-                             !put)
-                             return put;
-                     if (auto put = document.putRecord(copy.summary->uuid, copy.archive,
-                                                       {copy.summary->name, copy.summary->date});
-                         !put)
-                         return put;
-                 }
-                 return {};
-             });
-             if (!written)
-                 return std::unexpected(documentError(options->target, written.error()));
+             if (auto written = target->putCopies(*copies); !written)
+                 return written;
              if (options->json) {
                  nlohmann::json copied = nlohmann::json::array();
-                 for (std::size_t at = 0; at < copies.size(); ++at)
-                     copied.push_back({{"number", (*indices)[at] + 1},
-                                       {"uuid", copies[at].summary->uuid},
+                 for (std::size_t at = 0; at < copies->size(); ++at)
+                     copied.push_back({{"number", (*copies)[at].number},
+                                       {"uuid", (*copies)[at].summary.uuid},
                                        {"newNumber", firstNumber + at}});
                  printLine(jsonText({{"copied", copied}, {"document", options->target}}));
                  return {};
              }
-             printLine(fmt::format(
-                 "Copied {} from {} into {} as record{} {}.", plural(copies.size(), "record"),
-                 options->document, options->target, copies.size() == 1 ? "" : "s",
-                 copies.size() == 1 ? std::to_string(firstNumber)
-                                    : fmt::format("{} to {}", firstNumber, firstNumber + copies.size() - 1)));
+             printLine(
+                 fmt::format("Copied {} from {} into {} as record{} {}.", plural(copies->size(), "record"),
+                             options->document, options->target, copies->size() == 1 ? "" : "s",
+                             copies->size() == 1
+                                 ? std::to_string(firstNumber)
+                                 : fmt::format("{} to {}", firstNumber, firstNumber + copies->size() - 1)));
              return {};
          }});
 }

@@ -332,6 +332,62 @@ void RecordStore::setHidden(const std::string& uuid, bool hidden) {
         hidden_.erase(uuid);
 }
 
+Expected<std::vector<RecordStore::StoredCopy>>
+RecordStore::storedCopies(std::span<const std::size_t> indices) const {
+    std::vector<StoredCopy> copies;
+    for (std::size_t index : indices) {
+        // Decoding proves the record readable; the stored bytes are what is copied.
+        if (auto record = load(index); !record)
+            return failure(record.error().localizedDescription,
+                           "Leave that record out: name the others, as list shows them.");
+        const RecordSummary& summary = summaries_.at(index);
+        auto archive = document_->recordArchive(summary.uuid);
+        auto impulse = document_->impulseResponse(summary.uuid);
+        if (!archive || !*archive || !impulse)
+            return failure(
+                fmt::format("Record {} of {} changed while it was copied.", index + 1, path_.string()),
+                "Try again.");
+        copies.push_back({summary, index + 1, std::move(**archive), std::move(*impulse)});
+    }
+    return copies;
+}
+
+Expected<void> RecordStore::putCopies(std::span<const StoredCopy> copies) {
+    for (const StoredCopy& copy : copies)
+        if (std::any_of(summaries_.begin(), summaries_.end(),
+                        [&](const RecordSummary& present) { return present.uuid == copy.summary.uuid; }))
+            return failure(fmt::format("Record {} ({}) is in {} already.", copy.number, copy.summary.uuid,
+                                       path_.string()),
+                           "Leave it out, or delete it from that document first.");
+    auto written = document_->performBatch([&]() -> Expected<void> {
+        for (const StoredCopy& copy : copies) {
+            if (copy.impulse)
+                if (auto put = document_->putImpulseResponse(copy.summary.uuid, copy.impulse->samples,
+                                                             copy.impulse->sampleRate);
+                    !put)
+                    return put;
+            if (auto put = document_->putRecord(copy.summary.uuid, copy.archive,
+                                                {copy.summary.name, copy.summary.date});
+                !put)
+                return put;
+        }
+        return {};
+    });
+    if (!written)
+        return std::unexpected(documentError(path_, written.error()));
+    if (auto summaries = document_->listRecords())
+        summaries_ = std::move(*summaries);
+    return {};
+}
+
+Expected<void> RecordStore::setRecordOrder(std::span<const std::string> uuids) {
+    if (auto ordered = document_->setRecordOrder(uuids); !ordered)
+        return std::unexpected(documentError(path_, ordered.error()));
+    if (auto summaries = document_->listRecords())
+        summaries_ = std::move(*summaries);
+    return {};
+}
+
 std::string RecordStore::displayName(const VELTMeasurementRecord& record) {
     std::optional<std::string> comment = record.comment();
     return comment && !comment->empty() ? *comment : std::string("Untitled");

@@ -93,6 +93,25 @@ public:
     bool isHidden(const std::string& uuid) const { return hidden_.contains(uuid); }
     void setHidden(const std::string& uuid, bool hidden);
 
+    // A record as stored, for copying into another document byte for byte: its archive (with what
+    // the command line keeps beside the record's values) and its impulse response. number is the
+    // record's 1-based number in its own document, which messages name it by.
+    struct StoredCopy {
+        RecordSummary summary;
+        std::size_t number = 0;
+        std::vector<std::byte> archive;
+        std::optional<StoredImpulseResponse> impulse;
+    };
+    // Reads the records at the indices; every one is decoded first, so that a damaged record stops
+    // the copy before anything is written anywhere.
+    Expected<std::vector<StoredCopy>> storedCopies(std::span<const std::size_t> indices) const;
+    // Writes the copies into this document in one transaction, refusing all of them when a UUID is
+    // here already.
+    Expected<void> putCopies(std::span<const StoredCopy> copies);
+    // Puts the records in the order given (see MeasurementDocument::setRecordOrder), and lists them
+    // again in that order.
+    Expected<void> setRecordOrder(std::span<const std::string> uuids);
+
     // The name a record is shown under: its comment, or "Untitled".
     static std::string displayName(const VELTMeasurementRecord& record);
 
