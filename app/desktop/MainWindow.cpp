@@ -3,6 +3,8 @@
 #include "GraphCommands.h"
 #include "MeasureDialog.h"
 #include "RecordDescription.h"
+#include "RecordInspector.h"
+#include "RecordMenu.h"
 #include "platform/RunLoop.h"
 #include "platform/UserDefaults.h"
 
@@ -332,6 +334,8 @@ void MainWindow::buildMenus() {
             }
         });
 
+    addRecordActions(records, *table_);
+
     QMenu* help = menuBar()->addMenu(tr("&Help"));
     help->addAction(tr("&Keyboard Shortcuts"), QKeySequence::HelpContents, this, [this] {
         auto* dialog = new QDialog(this);
@@ -477,7 +481,12 @@ void MainWindow::buildInspector() {
     form->addRow(tr("Ends"), windowEnd_);
     form->addRow(tr("Taper"), windowType_);
     form->addRow(inspectorStatus_);
-    panel->setMaximumWidth(230);
+    auto* fields = new RecordInspector(*document_);
+    form->insertRow(0, fields);
+    fields->setRow(0);
+    connect(table_->selectionModel(), &QItemSelectionModel::currentRowChanged, fields,
+            [fields](const QModelIndex& current) { fields->setRow(current.row()); });
+    panel->setMaximumWidth(280);
     auto* dock = new QDockWidget(tr("Record"), this);
     dock->setObjectName("inspector");
     dock->setWidget(panel);

@@ -2,11 +2,13 @@
 
 #include "RecordChanges.h"
 #include "platform/DispatchQueue.h"
+#include "platform/KeyedArchiver.h"
 
 #include <QDateTime>
 #include <QUndoCommand>
 #include <algorithm>
 #include <chrono>
+#include <fmt/format.h>
 #include <utility>
 
 namespace tavolar::desktop {
@@ -67,6 +69,42 @@ private:
     std::string uuid_;
     VELTWindow before_, after_;
 };
+
+// Any change to a record's values, undone by the record's values from before.
+class SetRecordCommand : public QUndoCommand {
+public:
+    using Snapshot = std::shared_ptr<const VELTMeasurementRecord>;
+    SetRecordCommand(RecordTableModel& model, std::string uuid, Snapshot before, Snapshot after, QString text)
+        : QUndoCommand(std::move(text)), model_(model), uuid_(std::move(uuid)), before_(std::move(before)),
+          after_(std::move(after)) {}
+    void redo() override { model_.applySnapshot(uuid_, *after_); }
+    void undo() override { model_.applySnapshot(uuid_, *before_); }
+
+private:
+    RecordTableModel& model_;
+    std::string uuid_;
+    Snapshot before_, after_;
+};
+
+class OrderCommand : public QUndoCommand {
+public:
+    OrderCommand(RecordTableModel& model, std::vector<std::string> before, std::vector<std::string> after,
+                 QString text)
+        : QUndoCommand(std::move(text)), model_(model), before_(std::move(before)), after_(std::move(after)) {
+    }
+    void redo() override { model_.applyOrder(after_); }
+    void undo() override { model_.applyOrder(before_); }
+
+private:
+    RecordTableModel& model_;
+    std::vector<std::string> before_, after_;
+};
+
+// The record's values as stored, to tell whether an edit changed anything.
+std::vector<std::byte> archived(VELTMeasurementRecord& record) {
+    record.setDontSaveImpulse(true);
+    return KeyedArchiver::archivedDataWithRootObject(record);
+}
 
 // Removing and adding are one command that takes records out or puts them back at their rows.
 class RecordsCommand : public QUndoCommand {
@@ -297,6 +335,145 @@ void RecordTableModel::applyWindow(const std::string& uuid, const VELTWindow& wi
     emit recordsChanged();
 }
 
+Expected<void>
+RecordTableModel::editRecord(int row, const QString& actionName,
+                             const std::function<Expected<void>(VELTMeasurementRecord&)>& edit) {
+    if (row < 0 || row >= rowCount())
+        return makeUnexpected("There is no such record.");
+    const auto& record = records_[static_cast<std::size_t>(row)];
+    // The edit is made on a snapshot, so that a refused one leaves the record as it was.
+    auto before = record->cachedCopy();
+    auto after = record->cachedCopy();
+    if (auto edited = edit(*after); !edited)
+        return edited;
+    if (archived(*before) != archived(*after))
+        undoStack_.push(new SetRecordCommand(*this, record->impulseUUID(), before, after, actionName));
+    return {};
+}
+
+Expected<void> RecordTableModel::changeRecord(int row, const cli::RecordChanges& changes,
+                                              const QString& actionName) {
+    if (auto checked = changes.check(); !checked)
+        return checked;
+    return editRecord(row, actionName, [&](VELTMeasurementRecord& record) -> Expected<void> {
+        if (auto checked = changes.checkWindow(record, ""); !checked)
+            return checked;
+        changes.apply(record);
+        return {};
+    });
+}
+
+Expected<void> RecordTableModel::calibrateRecord(int row, const cli::CalibrationChange& calibration,
+                                                 const QString& actionName) {
+    return editRecord(row, actionName, [&](VELTMeasurementRecord& record) {
+        return calibration.applyTo(record, fmt::format("Record {}", row + 1));
+    });
+}
+
+void RecordTableModel::applySnapshot(const std::string& uuid, const VELTMeasurementRecord& snapshot) {
+    const int row = rowOf(uuid);
+    if (row < 0)
+        return;
+    const auto& record = records_[static_cast<std::size_t>(row)];
+    snapshot.copyAttributesToMeasurementRecord(*record);
+    save({record}, false);
+    emit dataChanged(index(row, 0), index(row, ColumnCount - 1));
+    emit recordsChanged();
+}
+
+std::vector<std::string> RecordTableModel::order() const {
+    std::vector<std::string> uuids;
+    for (const auto& record : records_)
+        uuids.push_back(record->impulseUUID());
+    return uuids;
+}
+
+void RecordTableModel::moveRecords(std::vector<int> rows, int by) {
+    std::sort(rows.begin(), rows.end());
+    rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
+    std::erase_if(rows, [this](int row) { return row < 0 || row >= rowCount(); });
+    if (rows.empty() || (by != -1 && by != 1))
+        return;
+    std::vector<std::string> after = order();
+    // Each row swaps with its neighbour, the nearest to the edge first; a row against the edge (or
+    // against a row that could not move) stays where it is.
+    std::vector<bool> moving(after.size(), false);
+    for (int row : rows)
+        moving[static_cast<std::size_t>(row)] = true;
+    const int count = rowCount();
+    for (int at = by < 0 ? 0 : count - 1; at >= 0 && at < count; at -= by) {
+        const int to = at + by;
+        if (moving[static_cast<std::size_t>(at)] && to >= 0 && to < count &&
+            !moving[static_cast<std::size_t>(to)]) {
+            std::swap(after[static_cast<std::size_t>(at)], after[static_cast<std::size_t>(to)]);
+            moving[static_cast<std::size_t>(to)] = true;
+            moving[static_cast<std::size_t>(at)] = false;
+        }
+    }
+    if (after == order())
+        return;
+    const QString text = rows.size() == 1 ? tr("Move Record") : tr("Move Records");
+    undoStack_.push(new OrderCommand(*this, order(), std::move(after), text));
+}
+
+void RecordTableModel::applyOrder(const std::vector<std::string>& uuids) {
+    if (auto ordered = store_.setRecordOrder(uuids); !ordered)
+        return reportError(ordered.error());
+    // The selection and the current row follow their records.
+    emit layoutAboutToBeChanged();
+    const QModelIndexList persistent = persistentIndexList();
+    std::vector<std::string> held;
+    for (const QModelIndex& index : persistent)
+        held.push_back(records_[static_cast<std::size_t>(index.row())]->impulseUUID());
+    std::stable_sort(records_.begin(), records_.end(), [&](const auto& left, const auto& right) {
+        return std::find(uuids.begin(), uuids.end(), left->impulseUUID()) <
+               std::find(uuids.begin(), uuids.end(), right->impulseUUID());
+    });
+    for (qsizetype at = 0; at < persistent.size(); ++at)
+        changePersistentIndex(persistent[at],
+                              index(rowOf(held[static_cast<std::size_t>(at)]), persistent[at].column()));
+    emit layoutChanged();
+    emit recordsChanged();
+}
+
+Expected<void> RecordTableModel::copyRecordsFrom(const RecordTableModel& source, std::vector<int> rows) {
+    std::sort(rows.begin(), rows.end());
+    rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
+    // The source's records by their places in its document, which its list numbers them by.
+    std::vector<std::size_t> indices;
+    for (int row : rows) {
+        if (row < 0 || row >= source.rowCount())
+            return makeUnexpected("There is no such record.");
+        const std::string& uuid = source.records_[static_cast<std::size_t>(row)]->impulseUUID();
+        const auto& summaries = source.store_.summaries();
+        const auto found = std::find_if(summaries.begin(), summaries.end(),
+                                        [&](const RecordSummary& summary) { return summary.uuid == uuid; });
+        if (found == summaries.end())
+            return makeUnexpected("The record " + uuid + " is not stored in its document.");
+        indices.push_back(static_cast<std::size_t>(found - summaries.begin()));
+    }
+    if (indices.empty())
+        return {};
+    auto copies = source.store_.storedCopies(indices);
+    if (!copies)
+        return std::unexpected(copies.error());
+    if (auto written = store_.putCopies(*copies); !written)
+        return written;
+    // The copies are read back as this document holds them, with its own impulse cache.
+    RecordsCommand::Rows added;
+    for (const auto& copy : *copies)
+        for (std::size_t index = 0; index < store_.summaries().size(); ++index)
+            if (store_.summaries()[index].uuid == copy.summary.uuid) {
+                auto record = store_.load(index);
+                if (!record)
+                    return std::unexpected(record.error());
+                added.emplace_back(rowCount() + static_cast<int>(added.size()), std::move(*record));
+            }
+    const QString text = added.size() == 1 ? tr("Copy Record") : tr("Copy Records");
+    undoStack_.push(new RecordsCommand(*this, std::move(added), true, text, true));
+    return {};
+}
+
 void RecordTableModel::removeRecords(std::vector<int> rows) {
     std::sort(rows.begin(), rows.end());
     rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
@@ -393,12 +570,9 @@ void RecordTableModel::insertRecords(
     }
     // The impulse responses went with removed records, so they are written again from memory. The
     // records and their places are one write, which waits for the disk once.
-    std::vector<std::string> order;
-    for (const auto& record : records_)
-        order.push_back(record->impulseUUID());
     auto written = store_.document().performBatch([&]() -> Expected<void> {
         save(records, withImpulses);
-        return store_.document().setRecordOrder(order);
+        return store_.setRecordOrder(order());
     });
     if (!written)
         reportError(cli::documentError(path(), written.error()));

@@ -3,6 +3,7 @@
 // Every edit is written to the document as it is made; edits made through the undo stack (setData,
 // removeRecords) can be undone, and the undo writes the document again.
 
+#include "RecordChanges.h"
 #include "RecordStore.h"
 #include "graphcalc/GraphCalculationController.h"
 
@@ -52,6 +53,25 @@ public:
     // What the undo command calls: gives the record with the UUID the window, written at once.
     void applyWindow(const std::string& uuid, const VELTWindow& window);
 
+    // Changes the record at the row as tavolar set does (changes) or as tavolar calibrate does
+    // (calibration), checked as they check it and refused with their messages, as one undoable step
+    // with the action name given. A change that leaves the record as it was makes no step.
+    Expected<void> changeRecord(int row, const cli::RecordChanges& changes, const QString& actionName);
+    Expected<void> calibrateRecord(int row, const cli::CalibrationChange& calibration,
+                                   const QString& actionName);
+    // What the undo command calls: gives the record with the UUID the values of the snapshot (a
+    // cachedCopy of it), written at once.
+    void applySnapshot(const std::string& uuid, const VELTMeasurementRecord& snapshot);
+
+    // Moves the rows one place up (by -1) or down (by 1) as one undoable step; a row at the edge
+    // stays, and the rows next to it with it.
+    void moveRecords(std::vector<int> rows, int by);
+    // What the undo command calls: puts the records in the order of the UUIDs.
+    void applyOrder(const std::vector<std::string>& uuids);
+    // Copies the rows of another document into this one as tavolar copy does (the stored bytes, so
+    // that nothing of them changes), refused as it refuses them, as one undoable step.
+    Expected<void> copyRecordsFrom(const RecordTableModel& source, std::vector<int> rows);
+
     // Removes the rows as one undoable step.
     void removeRecords(std::vector<int> rows);
     // Adds newly measured records (their impulse responses still in memory) as one undoable step.
@@ -90,6 +110,9 @@ private:
     int rowOf(const std::string& uuid) const;
     void save(const std::vector<std::shared_ptr<VELTMeasurementRecord>>& records, bool withImpulses);
     void reportError(const TavolarError& error);
+    Expected<void> editRecord(int row, const QString& actionName,
+                              const std::function<Expected<void>(VELTMeasurementRecord&)>& edit);
+    std::vector<std::string> order() const;
 
     cli::RecordStore store_;
     std::vector<std::shared_ptr<VELTMeasurementRecord>> records_;

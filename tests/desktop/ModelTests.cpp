@@ -7,6 +7,7 @@
 #include "RecordDescription.h"
 
 #include <QColor>
+#include <QFile>
 #include <QTemporaryDir>
 #include <cmath>
 #include <functional>
@@ -108,6 +109,111 @@ TEST(RecordTableModel, WindowsAreCheckedAsTheCommandLineChecksThemAndUndone) {
     EXPECT_FALSE(model->setWindow(0, 3.0f, 1.0f, "half-hanning")); // it would end before it begins
     model->undoStack().undo();
     EXPECT_NEAR(reopened(path)->records()[0]->windowEndInMilliseconds(), end, 0.05);
+}
+
+TEST(RecordTableModel, RecordChangesAreStepsCheckedAsTheCommandLineChecksThem) {
+    QTemporaryDir folder;
+    const auto path = makeDocument(folder, 1);
+    auto model = reopened(path);
+    const QString file = folder.filePath("mic.txt");
+    QFile text(file);
+    ASSERT_TRUE(text.open(QIODevice::WriteOnly) && text.write("20 0\n1000 1.5\n20000 -2\n") > 0);
+    text.close();
+    cli::CalibrationChange attach, sensitivity, channel;
+    attach.fromFile = *cli::readCalibrationFile(file.toStdString());
+    sensitivity.sensitivity = 12.5;
+    sensitivity.sensitivityUnit = MicrophoneSensitivityUnit::millivoltsPerPascal;
+    channel.channelSensitivity = AudioChannelSensitivity(4.0, AudioChannelSensitivityUnit::dBu);
+    cli::RecordChanges spl;
+    spl.splReference = 94.0f;
+    using Record = const VELTMeasurementRecord&;
+    const auto micSensitivity = [](Record r) {
+        return r.microphoneCalibrationRecord() ? r.microphoneCalibrationRecord()->sensitivity() : -1.0;
+    };
+    struct Case {
+        std::function<Expected<void>()> edit;
+        std::function<double(Record)> value; // what the step changes, as a later session reads it
+        QString actionName;                  // empty: refused with the command line's message
+    };
+    const Case cases[] = {
+        {[&] { return model->calibrateRecord(0, sensitivity, "Set Microphone Sensitivity"); }, micSensitivity,
+         ""},
+        {[&] { return model->calibrateRecord(0, attach, "Set Microphone Calibration"); },
+         [](Record r) {
+             return double(r.microphoneCalibrationRecord() && r.useMicrophoneCalibrationRecord());
+         },
+         "Set Microphone Calibration"},
+        {[&] { return model->calibrateRecord(0, sensitivity, "Set Microphone Sensitivity"); }, micSensitivity,
+         "Set Microphone Sensitivity"},
+        {[&] { return model->calibrateRecord(0, channel, "Set Input Sensitivity"); },
+         [](Record r) {
+             const auto entry = r.recordChannelEntry();
+             return entry && entry->sensitivity() ? entry->sensitivity()->sensitivityValue() : -1.0;
+         },
+         "Set Input Sensitivity"},
+        {[&] { return model->changeRecord(0, spl, "Set SPL Reference"); },
+         [](Record r) { return r.useSPLReferenceLevel() ? r.SPLReferenceLevel() : -1.0; },
+         "Set SPL Reference"},
+    };
+    for (const Case& step : cases) {
+        SCOPED_TRACE(step.actionName.toStdString());
+        const int steps = model->undoStack().count();
+        const double before = step.value(*reopened(path)->records()[0]);
+        const auto done = step.edit();
+        if (step.actionName.isEmpty()) {
+            ASSERT_FALSE(done);
+            EXPECT_EQ(done.error().localizedDescription,
+                      "Record 1 has no microphone calibration to give a sensitivity to.");
+            EXPECT_EQ(model->undoStack().count(), steps);
+            continue;
+        }
+        ASSERT_TRUE(done);
+        EXPECT_EQ(model->undoStack().undoText(), step.actionName);
+        const double after = step.value(*reopened(path)->records()[0]);
+        EXPECT_NE(after, before);
+        model->undoStack().undo();
+        EXPECT_EQ(step.value(*reopened(path)->records()[0]), before);
+        model->undoStack().redo();
+        EXPECT_EQ(step.value(*model->records()[0]), after);
+        // The same change again leaves the record as it is: no step.
+        ASSERT_TRUE(step.edit());
+        EXPECT_EQ(model->undoStack().count(), steps + 1);
+    }
+}
+
+TEST(RecordTableModel, RecordsMoveAndCopyToAnotherDocumentAsStepsKeptInTheDocuments) {
+    QTemporaryDir folder;
+    const auto path = makeDocument(folder, 3);
+    const auto otherPath = makeDocument(folder, 1, "other");
+    auto model = reopened(path);
+    auto other = reopened(otherPath);
+    const auto names = [](const std::filesystem::path& at) {
+        std::string joined;
+        const auto later = reopened(at);
+        for (const auto& record : later->records())
+            joined += record->comment().value_or("") + ";";
+        return joined;
+    };
+    model->moveRecords({0, 1}, 1);
+    EXPECT_EQ(model->undoStack().undoText(), "Move Records");
+    EXPECT_EQ(names(path), "Record 3;Record 1;Record 2;");
+    model->moveRecords({0}, -1); // at the top already
+    EXPECT_EQ(model->undoStack().count(), 1);
+    model->undoStack().undo();
+    EXPECT_EQ(names(path), "Record 1;Record 2;Record 3;");
+
+    ASSERT_TRUE(other->copyRecordsFrom(*model, {2, 0}));
+    EXPECT_EQ(other->undoStack().undoText(), "Copy Records");
+    EXPECT_EQ(names(otherPath), "Record 1;Record 1;Record 3;");
+    EXPECT_EQ(reopened(otherPath)->records()[2]->impulseResponse()->length(), 8192u);
+    const auto again = other->copyRecordsFrom(*model, {2});
+    ASSERT_FALSE(again);
+    EXPECT_EQ(again.error().localizedDescription, "Record 3 (" + model->records()[2]->impulseUUID() +
+                                                      ") is in " + otherPath.string() + " already.");
+    other->undoStack().undo();
+    EXPECT_EQ(names(otherPath), "Record 1;");
+    other->undoStack().redo();
+    EXPECT_EQ(names(otherPath), "Record 1;Record 1;Record 3;");
 }
 
 // A graph of the first record of a fresh document, its picture computed.

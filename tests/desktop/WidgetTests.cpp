@@ -4,12 +4,15 @@
 #include "DesktopTestSupport.h"
 #include "MainWindow.h"
 #include "MeasureDialog.h"
+#include "RecordInspector.h"
 #include "audio/devices/VELTAudioHardware.h"
 #include "audio/devices/simulated/SimulatedDeviceConfiguration.h"
 
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QLabel>
+#include <QLineEdit>
 #include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
@@ -178,8 +181,34 @@ TEST(MainWindow, KeysZoomAndFitEachAxisAndStepThroughAndHideRecords) {
     EXPECT_EQ(open.window->recordTable().currentIndex().row(), 1);
     QTest::keyClick(open.window, Qt::Key_H, Qt::ControlModifier);
     EXPECT_EQ(open.window->document().visibleRecords().size(), 1u);
+    // Ctrl+Shift+Up moves it up, and it stays the current record.
+    QTest::keyClick(open.window, Qt::Key_Up, Qt::ControlModifier | Qt::ShiftModifier);
+    EXPECT_EQ(open.window->document().records()[0]->comment(), "Record 2");
+    EXPECT_EQ(open.window->recordTable().currentIndex().row(), 0);
     EXPECT_TRUE(std::ranges::any_of(open.window->shortcutReference(),
                                     [](auto& entry) { return entry.first == "Zoom In Vertically"; }));
+}
+
+TEST(RecordInspector, FieldsEditTheCurrentRecordAndShowTheCommandLinesRefusal) {
+    OpenWindow open;
+    auto* inspector = open.window->findChild<RecordInspector*>();
+    ASSERT_TRUE(inspector);
+    open.window->recordTable().selectRow(1);
+    auto* name = inspector->findChild<QLineEdit*>("name");
+    EXPECT_EQ(name->text(), "Record 2");
+    name->selectAll();
+    QTest::keyClicks(name, "Left");
+    QTest::keyClick(name, Qt::Key_Return);
+    EXPECT_EQ(open.undo().undoText(), "Rename Record");
+    EXPECT_EQ(open.window->document().records()[1]->comment(), "Left");
+    // A sensitivity needs a calibration: refused as calibrate refuses it, and the field is shown again.
+    auto* microphone = inspector->findChild<QLineEdit*>("microphoneSensitivity");
+    QTest::keyClicks(microphone, "10");
+    QTest::keyClick(microphone, Qt::Key_Return);
+    EXPECT_EQ(inspector->findChild<QLabel*>("status")->text(),
+              "Record 2 has no microphone calibration to give a sensitivity to.");
+    EXPECT_EQ(microphone->text(), "");
+    EXPECT_EQ(open.undo().count(), 1);
 }
 
 TEST(MainWindow, DocumentsOpenedAreRecentMostRecentFirst) {
