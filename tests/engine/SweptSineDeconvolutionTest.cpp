@@ -3,7 +3,6 @@
 #include "dsp/SweptSine.h"
 #include "engine/SweptSineDeconvolutionTestSupport.h"
 #include "engine/VELTLogSweepSettings.h"
-#include "platform/Assertions.h"
 #include "platform/UserDefaults.h"
 
 #include <algorithm>
@@ -57,7 +56,6 @@ TEST(SweptSineDeconvolution, TransformLengthIsTheNextPowerOfTwoIn32BitArithmetic
         realVectorByDeconvolvingResponseWithoutRegularization(VELTRealVector{1.0f}, VELTRealVector{}, nullptr)
             .length(),
         0u);
-    EXPECT_THROW(deconvolutionTransformLength(std::size_t{1} << 31, 2), ParameterAssertion);
 }
 
 // A known device under test measured with the default sweep, directly and behind an interface whose
@@ -73,7 +71,7 @@ TEST(SweptSineDeconvolution, RecoversAKnownFilterAndItsDelayFromTheDefaultSweep)
         std::size_t interfaceDelay, deviceDelay;
     };
     const Case cases[] = {{std::nullopt, Biquad::peaking(kSampleRate, 1000.0, 6.0, 1.0), 0, 300},
-                          {Biquad::highShelf(kSampleRate, 8000.0, -3.0),
+                          {Biquad::peaking(kSampleRate, 8000.0, -3.0, 0.7),
                            Biquad::peaking(kSampleRate, 2500.0, -9.0, 2.0), 50, 200}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.interface ? "behind an interface" : "direct");
@@ -123,7 +121,7 @@ TEST(SweptSineDeconvolution, RegularisedDivisionFollowsItsFormulaInEveryBin) {
     const VELTRealVector stimulus =
         realVectorWithLogSweepFrom(2000.0f, 8000.0f, 8.0f, 0.5f, 1.0f, 1.0f, 0, 0, 48000.0f);
     const std::vector<double> stimulusSamples = testing::toDouble(stimulus);
-    const Biquad interface = Biquad::highShelf(kSampleRate, 6000.0, 4.0);
+    const Biquad interface = Biquad::peaking(kSampleRate, 6000.0, 4.0, 0.7);
     const Biquad device = Biquad::peaking(kSampleRate, 4000.0, 8.0, 3.0);
     const std::vector<double> referenceSamples = testing::delayed(interface.filter(stimulusSamples), 3, 480);
     const std::vector<double> responseSamples = testing::delayed(device.filter(referenceSamples), 11, 480);

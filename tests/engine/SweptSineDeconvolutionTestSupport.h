@@ -1,7 +1,7 @@
 #pragma once
-// Signals for the deconvolution tests, worked out independently in double precision: biquads from
-// their analytic design formulas, filtering and delay, and the frequency response of an impulse
-// response by direct summation of its discrete-time Fourier transform.
+// Signals for the deconvolution tests, worked out independently in double precision: peaking
+// biquads from their analytic design formula, filtering and delay, and the frequency response of an
+// impulse response by direct summation of its discrete-time Fourier transform.
 
 #include "engine/IsolatedUserDefaults.h"
 #include "math/VELTRealVector.h"
@@ -27,21 +27,6 @@ struct Biquad {
         const double a0 = 1.0 + alpha / amplitude;
         return {(1.0 + alpha * amplitude) / a0, -2.0 * std::cos(omega) / a0, (1.0 - alpha * amplitude) / a0,
                 -2.0 * std::cos(omega) / a0, (1.0 - alpha / amplitude) / a0};
-    }
-
-    // High shelf of gainDecibels above cornerFrequency, shelf slope 1.
-    static Biquad highShelf(double sampleRate, double cornerFrequency, double gainDecibels) {
-        const double amplitude = std::pow(10.0, gainDecibels / 40.0);
-        const double omega = 2.0 * std::numbers::pi * cornerFrequency / sampleRate;
-        const double alpha = std::sin(omega) / 2.0 * std::sqrt(2.0);
-        const double c = std::cos(omega);
-        const double root = 2.0 * std::sqrt(amplitude) * alpha;
-        const double a0 = (amplitude + 1) - (amplitude - 1) * c + root;
-        return {amplitude * ((amplitude + 1) + (amplitude - 1) * c + root) / a0,
-                -2.0 * amplitude * ((amplitude - 1) + (amplitude + 1) * c) / a0,
-                amplitude * ((amplitude + 1) + (amplitude - 1) * c - root) / a0,
-                2.0 * ((amplitude - 1) - (amplitude + 1) * c) / a0,
-                ((amplitude + 1) - (amplitude - 1) * c - root) / a0};
     }
 
     // H(e^{j omega}) at frequency (Hz).

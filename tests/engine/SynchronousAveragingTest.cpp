@@ -3,7 +3,6 @@
 #include "dsp/SweptSine.h"
 #include "engine/SweptSineDeconvolution.h"
 #include "engine/SweptSineDeconvolutionTestSupport.h"
-#include "platform/Assertions.h"
 
 #include <cmath>
 #include <gtest/gtest.h>
@@ -17,8 +16,6 @@ namespace {
 using testing::Biquad;
 
 constexpr double kSampleRate = 48000.0;
-constexpr const char* kRecoverySuggestion =
-    "Check that all your cables are connected properly, and inputs are not muted.";
 
 // A 100 ms full-band sweep with short silences: long enough to measure, short enough to be quick.
 VELTRealVector testStimulus() {
@@ -142,7 +139,6 @@ TEST(SynchronousAveraging, AllChannelsAtOnceMatchChannelByChannel) {
             reference = measuredResponse(stimulus, 2 + repeat, length, 40 + repeat, 1.0);
         recordings.emplace_back(std::move(channels), std::move(reference));
     }
-    EXPECT_EQ(recordings[2].correctionChannelOrNull(), nullptr);
 
     const std::vector<Expected<VELTRealVector>> all =
         impulseResponsesFromAveragingArray(recordings, stimulus);
@@ -192,7 +188,6 @@ TEST(SynchronousAveraging, AllChannelsAtOnceMatchChannelByChannel) {
     for (std::size_t c : {1, 0, 1})
         expectSameAsOneShot(plain, c);
     expectSameAsOneShot(recordings, 1);
-    EXPECT_EQ(all[2].error().localizedDescription, "Error while recording response.");
 
     // Each repeat is divided by its own reference (the third by the stimulus): the single-recording
     // averages are exactly the one-shot deconvolutions.
@@ -208,8 +203,6 @@ TEST(SynchronousAveraging, AllChannelsAtOnceMatchChannelByChannel) {
 
     EXPECT_TRUE(impulseResponsesFromAveragingArray({}, stimulus).empty());
     EXPECT_EQ(averager.impulseResponseForChannel({}, 3).value().length(), 0u);
-    recordings.emplace_back(std::vector<VELTRealVector>{recordings[0].recordChannels()[0]}, std::nullopt);
-    EXPECT_THROW(impulseResponsesFromAveragingArray(recordings, stimulus), ParameterAssertion);
 }
 
 // A bad recording anywhere fails the whole average with the recording error; a recording that
@@ -235,10 +228,7 @@ TEST(SynchronousAveraging, ReportsUnusableRecordingsAndDeconvolutions) {
         recordings.emplace_back(std::vector<VELTRealVector>{}, std::nullopt);
         const Expected<VELTRealVector> result = impulseResponseFromAveragingArray(recordings, 0, stimulus);
         ASSERT_FALSE(result.has_value());
-        EXPECT_EQ(result.error().domain, "TavolarErrorDomain");
-        EXPECT_EQ(result.error().code, kTavolarInvalidDataError);
         EXPECT_EQ(result.error().localizedDescription, "Error while recording response.");
-        EXPECT_EQ(result.error().localizedRecoverySuggestion, kRecoverySuggestion);
     }
 
     // A silent reference makes the plain division NaN: the deconvolution error, in the first recording.
@@ -248,8 +238,6 @@ TEST(SynchronousAveraging, ReportsUnusableRecordingsAndDeconvolutions) {
     Expected<VELTRealVector> result = impulseResponseFromAveragingArray(recordings, 0, stimulus);
     ASSERT_FALSE(result.has_value());
     EXPECT_EQ(result.error().localizedDescription, "Error while deconvolving response.");
-    EXPECT_EQ(result.error().localizedRecoverySuggestion, kRecoverySuggestion);
-    EXPECT_EQ(result.error().code, kTavolarInvalidDataError);
 
     // A silent stimulus likewise, and a one-sample recording against an empty stimulus has nothing to
     // transform at all.
@@ -261,11 +249,8 @@ TEST(SynchronousAveraging, ReportsUnusableRecordingsAndDeconvolutions) {
     EXPECT_EQ(impulseResponseFromAveragingArray(recordings, 0, VELTRealVector()).error().localizedDescription,
               "Error while deconvolving response.");
 
-    // No recordings average to nothing, without an error; a channel the recording does not have is
-    // a programming error.
+    // No recordings average to nothing, without an error.
     EXPECT_EQ(impulseResponseFromAveragingArray({}, 0, stimulus).value().length(), 0u);
-    recordings = recordingsOf({{good}, {good}});
-    EXPECT_THROW(impulseResponseFromAveragingArray(recordings, 1, stimulus), ParameterAssertion);
 }
 
 } // namespace

@@ -5,7 +5,6 @@
 
 #include "dsp/SweptSine.h"
 #include "engine/ArchiveJSON.h"
-#include "platform/Assertions.h"
 #include "platform/KeyedArchiver.h"
 
 #include <algorithm>
@@ -39,27 +38,6 @@ VELTLogSweepSettings customSettings() {
     return settings;
 }
 
-// The defaults' values are pinned by the archive and stimulus tests; here the switches that hide
-// the stored values, and the short preset's stimulus.
-TEST(VELTLogSweepSettings, DefaultsAndEffectiveValues) {
-    VELTLogSweepSettings settings;
-    // The stored values show once the switches are off, whatever was set while they were on.
-    settings.setStartFreq(50.0f);
-    settings.setEndFreq(5000.0f);
-    settings.setBeginSilence(10.0f);
-    EXPECT_EQ(settings.startFreq(), 1.0f);
-    EXPECT_EQ(settings.beginSilence(), 500.0f);
-    settings.setFullRangeSweep(false);
-    settings.setDefaultSilence(false);
-    EXPECT_EQ(settings.startFreq(), 50.0f);
-    EXPECT_EQ(settings.endFreq(), 5000.0f);
-    EXPECT_EQ(settings.beginSilence(), 10.0f);
-    EXPECT_EQ(settings.endSilence(), 0.0f);
-
-    EXPECT_EQ(VELTLogSweepSettings::shortLogSweepSettings().stimulusSignalWithSampleRate(8000),
-              VELTLogSweepSettings().stimulusSignalWithSampleRate(8000));
-}
-
 TEST(VELTLogSweepSettings, ObserversOfEffectiveValuesHearTheSwitches) {
     VELTLogSweepSettings settings;
     std::vector<std::string> changes;
@@ -90,7 +68,9 @@ TEST(VELTLogSweepSettings, ObserversOfEffectiveValuesHearTheSwitches) {
     EXPECT_TRUE(changes.empty());
 }
 
-TEST(VELTLogSweepSettings, CopiesStoreTheEffectiveValues) {
+// The defaults' values are pinned by the archive and stimulus tests; here the switches that hide
+// the stored values, copies that store the effective ones, and the short preset's stimulus.
+TEST(VELTLogSweepSettings, SwitchesHideTheStoredValuesAndCopiesStoreTheEffectiveOnes) {
     VELTLogSweepSettings preset;
     preset.setStartFreq(50.0f);
     preset.setEndFreq(5000.0f);
@@ -98,10 +78,20 @@ TEST(VELTLogSweepSettings, CopiesStoreTheEffectiveValues) {
     preset.setEndSilence(20.0f);
     preset.setLeadIn(3.0f);
     preset.setAmplitude(0.7f);
+    EXPECT_EQ(preset.startFreq(), 1.0f);
+    EXPECT_EQ(preset.beginSilence(), 500.0f);
 
     VELTLogSweepSettings copy(preset);
-    copy.setFullRangeSweep(false);
-    copy.setDefaultSilence(false);
+    for (VELTLogSweepSettings* settings : {&preset, &copy}) {
+        settings->setFullRangeSweep(false);
+        settings->setDefaultSilence(false);
+    }
+    // The stored values show once the switches are off, whatever was set while they were on.
+    EXPECT_EQ(preset.startFreq(), 50.0f);
+    EXPECT_EQ(preset.endFreq(), 5000.0f);
+    EXPECT_EQ(preset.beginSilence(), 10.0f);
+    EXPECT_EQ(preset.endSilence(), 20.0f);
+    // The copy stored the effective values.
     EXPECT_EQ(copy.startFreq(), 1.0f);
     EXPECT_EQ(copy.endFreq(), 0.0f);
     EXPECT_EQ(copy.beginSilence(), 500.0f);
@@ -112,6 +102,8 @@ TEST(VELTLogSweepSettings, CopiesStoreTheEffectiveValues) {
 
     // Settings without either switch copy unchanged.
     EXPECT_EQ(VELTLogSweepSettings(customSettings()), customSettings());
+    EXPECT_EQ(VELTLogSweepSettings::shortLogSweepSettings().stimulusSignalWithSampleRate(8000),
+              VELTLogSweepSettings().stimulusSignalWithSampleRate(8000));
 }
 
 TEST(VELTLogSweepSettings, ArchiveKeysAndRoundTrip) {
@@ -162,8 +154,6 @@ TEST(VELTLogSweepSettings, OlderArchives) {
     // Version 1 without the key reads 0, like every missing value.
     const VELTLogSweepSettings sparse = decode(R"("version": 1, "Duration": 3000)");
     EXPECT_EQ(sparse.amplitude(), 0.0f);
-    EXPECT_EQ(sparse.name(), "");
-    EXPECT_EQ(sparse.leadIn(), 0.0f);
 
     // A value of the wrong kind fails the whole archive.
     EXPECT_FALSE(testing::unarchivedFromKeys<VELTLogSweepSettings>(R"("Duration": "long")").has_value());
@@ -177,9 +167,6 @@ TEST(VELTLogSweepSettings, StimulusAtTheDeviceRate) {
     EXPECT_EQ(stimulus,
               realVectorWithLogSweepFrom(1.0f, 22050.0f, 1000.0f, 1.0f, 500.0f, 2000.0f, 0, 0, 44100.0f));
     EXPECT_EQ(stimulus[22050], 0.0f);
-
-    EXPECT_EQ(VELTLogSweepSettings::longLogSweepSettings().stimulusSignalWithSampleRate(48000).length(),
-              600000u);
 
     // Full range sweeps to half the rate whatever end frequency is stored.
     VELTLogSweepSettings fullRange;
