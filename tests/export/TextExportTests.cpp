@@ -5,7 +5,6 @@
 #include "export/FRDExport.h"
 #include "export/VELTCSVExporter.h"
 #include "export/VELTMATLABOutput.h"
-#include "platform/Assertions.h"
 #include "platform/Logging.h"
 
 #include <filesystem>
@@ -157,20 +156,6 @@ TEST(FRDExport, WritesHeaderAndOneLinePerFrequency) {
                    VELTRealVector{-179.99f, 1.0f, 2.0f});
     EXPECT_EQ(fileContents(path), std::string(kFRDHeader) + "1000.000000 0.100000 -179.990005\n");
 
-    // Shorter ones are a programming error, found before anything is written.
-    const auto untouched = folder / "untouched.frd";
-    try {
-        writeToFRDFile(untouched, VELTRealVector{20.0f, 25.0f}, VELTRealVector{1.0f},
-                       VELTRealVector{1.0f, 2.0f});
-        ADD_FAILURE() << "a short magnitude vector was accepted";
-    } catch (const ParameterAssertion& assertion) {
-        EXPECT_EQ(std::string(assertion.what()),
-                  "Invalid parameter not satisfying: magnitude.length() >= frequency.length()");
-    }
-    EXPECT_THROW(writeToFRDFile(untouched, VELTRealVector{20.0f}, VELTRealVector{1.0f}, VELTRealVector{}),
-                 ParameterAssertion);
-    EXPECT_FALSE(std::filesystem::exists(untouched));
-
     // A failed write leaves no trace, not even in the log.
     setSystemLogEnabled(false);
     LogCapture capture;
@@ -228,8 +213,6 @@ TEST(VELTMATLABOutput, RefusesAFileItCannotOpen) {
     auto output = VELTMATLABOutput::withFilename(path);
     ASSERT_FALSE(output);
     EXPECT_NE(output.error().localizedDescription.find(path.string()), std::string::npos);
-    EXPECT_NE(output.error().localizedDescription.find("No such file or directory"), std::string::npos);
-    EXPECT_FALSE(output.error().localizedRecoverySuggestion.empty());
 }
 
 } // namespace
