@@ -68,14 +68,11 @@ def test_samples_of_any_layout_are_read(tmp_path: Path) -> None:
         channels = np.asfortranarray(np.stack([ramp, -ramp]).astype(np.float32))
         added = document.add_impulse_responses(channels, 48000)
         np.testing.assert_array_equal(added[1].impulse, -ramp)
-    with pytest.raises(tavolar.Error, match="outside the sample rates") as refused:
+    with pytest.raises(tavolar.Error, match="outside the sample rates"):
         tavolar.Record.from_impulse_response(ramp, 100)
-    assert refused.value.domain and refused.value.code == -1
 
 
 def test_errors_carry_message_and_suggestion() -> None:
-    assert all(issubclass(kind, tavolar.Error) for kind in
-               (tavolar.DeviceError, tavolar.DocumentError, tavolar.CalibrationError))
     error = tavolar.DocumentError("The document is damaged.", "Open a backup copy.", "Domain", 7)
     assert str(error) == "The document is damaged.\nOpen a backup copy."
     again = pickle.loads(pickle.dumps(error))
