@@ -193,6 +193,158 @@ VELTGraphExtents extentsWithDecibelsPerDecade(VELTPainter& painter, const VELTGr
     return extents;
 }
 
+namespace {
+
+constexpr double kLegendSwatch = 18.0, kLegendInset = 5.0, kLegendMargin = 6.0;
+
+struct Bar {
+    VELTRect rect;
+    std::size_t curve = 0;
+};
+
+// Bars of every curve's points: each X gets the room up to halfway to its neighbours (on the axis's
+// scale), four fifths of it filled by the curves' bars side by side.
+std::vector<Bar> barsOf(const VELTGraphPlot& plot, const VELTRect& area) {
+    std::vector<Bar> bars;
+    const std::size_t count = plot.curves.size();
+    for (std::size_t c = 0; c < count; ++c) {
+        const VELTGraphData& curve = *plot.curves[c];
+        const std::size_t n = std::min(curve.x().length(), curve.y().length());
+        std::vector<double> xs(n);
+        for (std::size_t i = 0; i < n; ++i)
+            xs[i] =
+                plot.logarithmicX && !(curve.x()[i] > 0.0f) ? std::nan("") : mapX(plot, area, curve.x()[i]);
+        for (std::size_t i = 0; i < n; ++i) {
+            const double y = curve.y()[i];
+            if (!std::isfinite(xs[i]) || !std::isfinite(y))
+                continue;
+            double half = area.width / 20.0;
+            if (i > 0 && std::isfinite(xs[i - 1]))
+                half = std::min(half, (xs[i] - xs[i - 1]) / 2.0);
+            if (i + 1 < n && std::isfinite(xs[i + 1]))
+                half = std::min(half, (xs[i + 1] - xs[i]) / 2.0);
+            const double slot = half * 2.0 * 0.8 / static_cast<double>(count);
+            const double left = xs[i] - half * 0.8 + slot * static_cast<double>(c);
+            const double top = std::max(mapY(plot, area, y), area.y - 1.0);
+            if (top < area.bottom())
+                bars.push_back({{left, top, slot, area.bottom() - top}, c});
+        }
+    }
+    return bars;
+}
+
+// Whether the segment from a to b passes through the rectangle (Liang and Barsky's clipping).
+bool crosses(VELTPoint a, VELTPoint b, const VELTRect& r) {
+    const double dx = b.x - a.x, dy = b.y - a.y;
+    const double p[] = {-dx, dx, -dy, dy};
+    const double q[] = {a.x - r.x, r.right() - a.x, a.y - r.y, r.bottom() - a.y};
+    double enter = 0.0, leave = 1.0;
+    for (int i = 0; i < 4; ++i) {
+        if (p[i] == 0.0) {
+            if (q[i] < 0.0)
+                return false;
+            continue;
+        }
+        const double t = q[i] / p[i];
+        if (p[i] < 0.0)
+            enter = std::max(enter, t);
+        else
+            leave = std::min(leave, t);
+        if (enter > leave)
+            return false;
+    }
+    return true;
+}
+
+// The legend's rows, with names at most nameWidth wide and as many rows as a box at most
+// maximumHeight high holds (the last saying how many curves are left out); its width and height, or
+// nothing when the graph has no legend (no curves, or a single one without a name).
+std::optional<std::pair<double, double>> legendRows(VELTGraphLayout& layout, VELTPainter& painter,
+                                                    const VELTGraphPlot& plot, double nameWidth,
+                                                    double maximumHeight) {
+    const VELTGraphAppearance& a = plot.appearance;
+    std::vector<std::string> names;
+    bool anyName = false;
+    for (const auto& curve : plot.curves) {
+        anyName = anyName || !curve->name().empty();
+        names.push_back(curve->name().empty() ? "Untitled" : curve->name());
+    }
+    if (names.empty() || (!anyName && names.size() == 1))
+        return std::nullopt;
+    const double line = painter.lineHeight(a.legendFont);
+    const std::size_t rows =
+        static_cast<std::size_t>(std::max(std::floor((maximumHeight - kLegendInset * 2.0) / line), 1.0));
+    layout.legendCurves = names.size();
+    if (names.size() > rows) {
+        layout.legendCurves = rows - 1;
+        names.resize(layout.legendCurves);
+        names.push_back(fmt::format("{} more", plot.curves.size() - layout.legendCurves));
+    }
+    double textWidth = 0.0;
+    for (std::string& name : names) {
+        name = ellipsized(painter, name, a.legendFont, std::max(nameWidth, 0.0));
+        textWidth = std::max(textWidth, painter.textWidth(name, a.legendFont));
+    }
+    layout.legendNames = std::move(names);
+    return std::pair{kLegendInset * 3.0 + kLegendSwatch + textWidth,
+                     kLegendInset * 2.0 + line * static_cast<double>(layout.legendNames.size())};
+}
+
+// Places the legend in the corner of the plot area where it crosses the fewest pieces of curves
+// (top right first when several are clear); when every corner would cover some, beside the plot
+// area, which gives up the room on its right, as long as it keeps three fifths of its width.
+void placeLegend(VELTGraphLayout& layout, VELTPainter& painter, const VELTGraphPlot& plot, bool drawable) {
+    const VELTGraphAppearance& a = plot.appearance;
+    const VELTRect area = layout.plotArea;
+    const double insideNames =
+        std::min(a.legendMaximumWidth, area.width - 2.0 * kLegendMargin - kLegendInset * 3.0 - kLegendSwatch);
+    const auto size = legendRows(layout, painter, plot, insideNames, area.height - 2.0 * kLegendMargin);
+    if (!size)
+        return;
+    const auto [width, height] = *size;
+    const double left = area.x + kLegendMargin, right = area.right() - width - kLegendMargin;
+    const double top = area.y + kLegendMargin, bottom = area.bottom() - height - kLegendMargin;
+    const std::array<VELTRect, 4> corners{
+        VELTRect{right, top, width, height}, VELTRect{left, top, width, height},
+        VELTRect{right, bottom, width, height}, VELTRect{left, bottom, width, height}};
+    layout.legend = corners[0];
+    if (!drawable)
+        return;
+    std::array<std::size_t, 4> covered{};
+    if (plot.bars) {
+        for (const Bar& bar : barsOf(plot, area))
+            for (std::size_t c = 0; c < corners.size(); ++c)
+                covered[c] += bar.rect.x < corners[c].right() && bar.rect.right() > corners[c].x &&
+                              bar.rect.y < corners[c].bottom();
+    } else {
+        // Columns of two points are fine enough to tell where curves pass.
+        for (const auto& curve : plot.curves)
+            for (const auto& run : plottedPoints(*curve, plot, area, 2.0))
+                for (std::size_t i = 1; i < run.size(); ++i)
+                    for (std::size_t c = 0; c < corners.size(); ++c)
+                        covered[c] += crosses(run[i - 1], run[i], corners[c]);
+    }
+    const std::size_t best =
+        static_cast<std::size_t>(std::min_element(covered.begin(), covered.end()) - covered.begin());
+    layout.legend = corners[best];
+    if (covered[best] == 0)
+        return;
+    VELTGraphLayout beside = layout;
+    const auto besideSize = legendRows(
+        beside, painter, plot, std::min(a.legendMaximumWidth, layout.bounds.width / 4.0), area.height);
+    // The gap leaves room for half the last X label, which may sit on the plot area's right edge.
+    const double gap = painter.textWidth("20k", a.tickLabelFont) / 2.0 + kLegendMargin;
+    const double besideRight = layout.bounds.right() - a.padding - besideSize->first - gap;
+    if (besideRight - area.x < area.width * 0.6)
+        return;
+    layout.legendNames = std::move(beside.legendNames);
+    layout.legendCurves = beside.legendCurves;
+    layout.plotArea.width = besideRight - area.x;
+    layout.legend = {besideRight + gap, area.y, besideSize->first, besideSize->second};
+}
+
+} // namespace
+
 VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds) {
     const VELTGraphAppearance& a = plot.appearance;
     const Frame frame = frameOf(painter, plot);
@@ -210,6 +362,9 @@ VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, con
     const double right = bounds.right() - a.padding - painter.textWidth("20k", a.tickLabelFont) / 2.0;
     layout.plotArea = {left, bounds.y + a.padding + frame.titleHeight, std::max(right - left, 1.0),
                        plotHeight};
+    const bool drawable = plot.extents.xMax > plot.extents.xMin && plot.extents.yMax > plot.extents.yMin &&
+                          (!plot.logarithmicX || plot.extents.xMin > 0.0);
+    placeLegend(layout, painter, plot, drawable);
     auto xWidth = [&](std::string_view text) { return painter.textWidth(text, a.tickLabelFont); };
     const TickLabelText xText = tickLabelText(plot.xTickLabels, plot.xQuantity);
     layout.xTicks =
@@ -355,84 +510,32 @@ VELTColor barFill(const VELTGraphPlot& plot, const std::vector<VELTLineStyle>& s
     return fill;
 }
 
-void drawLegend(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& area,
+void drawBars(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& area,
+              const std::vector<VELTLineStyle>& styles) {
+    for (const auto& [rect, curve] : barsOf(plot, area))
+        painter.fillRect(rect, barFill(plot, styles, curve));
+}
+
+void drawLegend(VELTPainter& painter, const VELTGraphPlot& plot, const VELTGraphLayout& layout,
                 const std::vector<VELTLineStyle>& styles) {
     const VELTGraphAppearance& a = plot.appearance;
-    std::vector<std::string> names;
-    bool anyName = false;
-    for (const auto& curve : plot.curves) {
-        anyName = anyName || !curve->name().empty();
-        names.push_back(curve->name().empty() ? "Untitled" : curve->name());
-    }
-    if (names.empty() || (!anyName && names.size() == 1))
+    if (layout.legendNames.empty())
         return;
     const double line = painter.lineHeight(a.legendFont);
-    const double swatch = 18.0, inset = 5.0;
-    // Names are cut short so that the legend stays inside the plot area, however small it is.
-    const double margin = 6.0;
-    const double nameWidth =
-        std::max(std::min(a.legendMaximumWidth, area.width - 2.0 * margin - inset * 3.0 - swatch), 0.0);
-    // As many rows as the plot area holds; when the curves are more, the last row says how many are
-    // left out.
-    const std::size_t rows = static_cast<std::size_t>(
-        std::max(std::floor((area.height - 2.0 * margin - inset * 2.0) / line), 1.0));
-    std::size_t shown = names.size();
-    if (names.size() > rows) {
-        shown = rows - 1;
-        names.resize(shown);
-        names.push_back(fmt::format("{} more", plot.curves.size() - shown));
-    }
-    double textWidth = 0.0;
-    for (std::string& name : names) {
-        name = ellipsized(painter, name, a.legendFont, nameWidth);
-        textWidth = std::max(textWidth, painter.textWidth(name, a.legendFont));
-    }
-    const double width = inset * 3.0 + swatch + textWidth;
-    const double height = inset * 2.0 + line * static_cast<double>(names.size());
-    const VELTRect box{area.right() - width - margin, area.y + margin, width, height};
+    const VELTRect& box = layout.legend;
     VELTColor ground = a.background;
     ground.alpha = 0.85;
     painter.fillRect(box, ground);
     painter.strokeRect(box, a.majorGrid);
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        const double y = box.y + inset + line * (static_cast<double>(i) + 0.5);
-        if (i < shown && plot.bars)
-            painter.fillRect({box.x + inset, y - line * 0.3, swatch, line * 0.6}, barFill(plot, styles, i));
-        else if (i < shown)
-            painter.drawLine({box.x + inset, y}, {box.x + inset + swatch, y}, styles[i]);
-        painter.drawText(names[i], {box.x + inset * 2.0 + swatch, y}, a.legendFont, a.text,
-                         VELTHorizontalAlignment::Left, VELTVerticalAlignment::Middle);
-    }
-}
-
-// Bars of every curve's points: each X gets the room up to halfway to its neighbours (on the axis's
-// scale), four fifths of it filled by the curves' bars side by side, in the curves' colours.
-void drawBars(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& area,
-              const std::vector<VELTLineStyle>& styles) {
-    const std::size_t count = plot.curves.size();
-    for (std::size_t c = 0; c < count; ++c) {
-        const VELTGraphData& curve = *plot.curves[c];
-        const std::size_t n = std::min(curve.x().length(), curve.y().length());
-        std::vector<double> xs(n);
-        for (std::size_t i = 0; i < n; ++i)
-            xs[i] =
-                plot.logarithmicX && !(curve.x()[i] > 0.0f) ? std::nan("") : mapX(plot, area, curve.x()[i]);
-        for (std::size_t i = 0; i < n; ++i) {
-            const double y = curve.y()[i];
-            if (!std::isfinite(xs[i]) || !std::isfinite(y))
-                continue;
-            double half = area.width / 20.0;
-            if (i > 0 && std::isfinite(xs[i - 1]))
-                half = std::min(half, (xs[i] - xs[i - 1]) / 2.0);
-            if (i + 1 < n && std::isfinite(xs[i + 1]))
-                half = std::min(half, (xs[i + 1] - xs[i]) / 2.0);
-            const double slot = half * 2.0 * 0.8 / static_cast<double>(count);
-            const double left = xs[i] - half * 0.8 + slot * static_cast<double>(c);
-            const double top = std::max(mapY(plot, area, y), area.y - 1.0);
-            if (top >= area.bottom())
-                continue;
-            painter.fillRect({left, top, slot, area.bottom() - top}, barFill(plot, styles, c));
-        }
+    for (std::size_t i = 0; i < layout.legendNames.size(); ++i) {
+        const double y = box.y + kLegendInset + line * (static_cast<double>(i) + 0.5);
+        const double left = box.x + kLegendInset;
+        if (i < layout.legendCurves && plot.bars)
+            painter.fillRect({left, y - line * 0.3, kLegendSwatch, line * 0.6}, barFill(plot, styles, i));
+        else if (i < layout.legendCurves)
+            painter.drawLine({left, y}, {left + kLegendSwatch, y}, styles[i]);
+        painter.drawText(layout.legendNames[i], {left + kLegendInset + kLegendSwatch, y}, a.legendFont,
+                         a.text, VELTHorizontalAlignment::Left, VELTVerticalAlignment::Middle);
     }
 }
 
@@ -550,7 +653,7 @@ VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const
     painter.drawText(yTitle, {bounds.x + a.padding, area.y + area.height / 2.0}, a.axisTitleFont, a.text,
                      VELTHorizontalAlignment::Center, VELTVerticalAlignment::Top, true);
 
-    drawLegend(painter, plot, area, styles);
+    drawLegend(painter, plot, layout, styles);
     return layout;
 }
 

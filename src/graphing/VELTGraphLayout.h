@@ -105,6 +105,12 @@ struct VELTGraphLayout {
     std::vector<TickMark> xTicks;
     std::vector<TickMark> yTicks;
     double yTickLabelWidth = 0.0;
+    // The legend's box: in the corner of the plot area where it covers the fewest curves, or beside
+    // the plot area on its right when every corner would cover some; empty when there is no legend.
+    VELTRect legend;
+    // Its rows: the curves' names cut to fit, the last one perhaps saying how many are left out.
+    std::vector<std::string> legendNames;
+    std::size_t legendCurves = 0; // of the rows, those naming a curve
 };
 
 VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds);

@@ -142,6 +142,39 @@ TEST(GraphLayout, LegendNamesAreEllipsized) {
     EXPECT_EQ(ellipsized(painter, "Woofer", font, 1), "\u2026");
 }
 
+TEST(GraphLayout, LegendGoesWhereItCoversNoCurve) {
+    std::vector<float> x, wave;
+    for (int i = 0; i <= 400; ++i) {
+        x.push_back(static_cast<float>(i) / 40.0f);
+        wave.push_back(5.0f + 5.0f * static_cast<float>(std::sin(i * 0.3)));
+    }
+    enum Place { TopLeft, BottomRight, Beside };
+    struct Case {
+        const char* what;
+        std::vector<float> x, y;
+        Place place;
+    };
+    const Case cases[] = {
+        {"a rising line leaves the top left clear", {0, 10}, {0, 10}, TopLeft},
+        {"a line along the top", {0, 10}, {9.5f, 9.5f}, BottomRight},
+        {"curves everywhere: beside the plot area", x, wave, Beside},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        VELTGraphPlot plot;
+        plot.extents = {0, 10, 0, 10};
+        plot.curves = {curve(c.x, c.y, kMagenta, "A"), curve(c.x, c.y, kMagenta, "B")};
+        MeasuringPainter painter;
+        const VELTGraphLayout layout = layoutGraph(painter, plot, {0, 0, 400, 300});
+        const VELTRect &legend = layout.legend, &area = layout.plotArea;
+        EXPECT_EQ(layout.legendNames, (std::vector<std::string>{"A", "B"}));
+        EXPECT_EQ(legend.x < area.x + area.width / 2, c.place == TopLeft);
+        EXPECT_EQ(legend.y > area.y + area.height / 2, c.place == BottomRight);
+        EXPECT_EQ(legend.x > area.right(), c.place == Beside);
+        EXPECT_LE(legend.right(), 400);
+    }
+}
+
 TEST(GraphLayout, CurveColoursByThemeAndRecord) {
     const VELTColor red{1, 0, 0, 1}, green{0, 0.6, 0, 1}, black = VELTColor::blackColor();
     const auto& palette = VELTGraphAppearance::palette();
@@ -367,9 +400,11 @@ TEST(GraphPicture, PNGAndSVGOfTheAskedSizeWithTheCurveInsideThePlotArea) {
                 const int red = (pixel >> 16) & 0xFF, green = (pixel >> 8) & 0xFF, blue = pixel & 0xFF;
                 if (red < 200 || blue < 200 || green > 60)
                     continue;
-                // The legend's swatch is magenta too; it lies inside the plot area as well.
-                ++curvePixels;
+                // The legend's swatch is magenta too.
                 const double px = (column + 0.5) / scale, py = (row + 0.5) / scale;
+                if (layout.legend.contains({px, py}))
+                    continue;
+                ++curvePixels;
                 if (px < area.x - 1.0 / scale || px > area.right() + 1.0 / scale ||
                     py < area.y - 1.0 / scale || py > area.bottom() + 1.0 / scale)
                     ++outside;
