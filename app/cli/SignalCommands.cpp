@@ -94,16 +94,17 @@ deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
     const std::size_t workers =
         std::min<std::size_t>(channels.size(), std::max(1u, std::thread::hardware_concurrency()));
     SweptSineDeconvolver deconvolver(stimulus.samples.span());
-    // The helpers make the other outputs (fresh memory, whose first touch costs as much as a
-    // transform) while this thread plans and forms the quotient; all start dividing together.
+    // The helpers make the outputs (fresh memory, whose first touch costs about as much as a
+    // transform) while this thread plans and forms the quotient, which it then helps with; all start
+    // dividing together.
     std::vector<std::optional<SweptSineDeconvolver>> sharing(workers - 1);
     std::latch started(static_cast<std::ptrdiff_t>(workers));
+    std::atomic<std::size_t> nextToMake{1};
     std::atomic<std::size_t> next{0};
     // own is null for a helper, which uses sharing[helper] once it is made.
     auto work = [&](SweptSineDeconvolver* own, std::size_t helper) {
-        if (!own)
-            for (std::size_t index = 1 + helper; index < channels.size(); index += workers - 1)
-                impulses[index] = VELTRealVector(transformLength);
+        for (std::size_t index = nextToMake++; index < channels.size(); index = nextToMake++)
+            impulses[index] = VELTRealVector(transformLength);
         started.arrive_and_wait();
         if (!own && !sharing[helper])
             return; // the quotient could not be made
@@ -113,8 +114,6 @@ deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
             // The first output serves as the quotient's scratch when there are helpers.
             const bool isZero = index != 0 || workers == 1;
             VELTRealVector& impulse = impulses[index];
-            if (impulse.length() == 0) // no helper made it
-                impulse = VELTRealVector(transformLength);
             std::span<const float> samples = response.channels[channels[index]].span();
             if (channels.size() == 1)
                 own->deconvolveOnly(samples, impulse.mutableSpan(), isZero);
