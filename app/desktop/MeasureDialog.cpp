@@ -117,6 +117,8 @@ MeasureDialog::MeasureDialog(RecordTableModel& document, QWidget* parent)
     auto* form = new QFormLayout;
     form->addRow(tr("Device:"), device_);
     form->addRow(tr("Inputs:"), inputs_);
+    inputLevels_ = new InputLevelPanel;
+    form->addRow(tr("Input level:"), inputLevels_);
     form->addRow(tr("Output:"), output_);
     form->addRow(tr("Sweep:"), preset_);
     form->addRow(tr("From:"), start_);
@@ -151,6 +153,8 @@ MeasureDialog::MeasureDialog(RecordTableModel& document, QWidget* parent)
     deviceTimer_.start(kDeviceLookMilliseconds);
     connect(device_, &QComboBox::currentIndexChanged, this, &MeasureDialog::fillChannels);
     fillChannels();
+    connect(inputs_, &QListWidget::itemChanged, this, &MeasureDialog::watchInputs);
+    watchInputs();
     connect(&progressTimer_, &QTimer::timeout, this, &MeasureDialog::updateProgress);
 }
 
@@ -235,6 +239,16 @@ void MeasureDialog::fillChannels() {
         item->setCheckState(channel == 0 ? Qt::Checked : Qt::Unchecked);
     }
     output_->setRange(0, std::max(0, device_->currentData(kOutputCountRole).toInt() - 1));
+    watchInputs();
+}
+
+void MeasureDialog::watchInputs() {
+    std::vector<std::int64_t> channels;
+    for (int row = 0; row < inputs_->count(); ++row)
+        if (inputs_->item(row)->checkState() == Qt::Checked)
+            channels.push_back(row);
+    inputLevels_->watch(device_->currentData().toString().toStdString(), channels,
+                        device_->currentData(kSampleRateRole).toDouble());
 }
 
 void MeasureDialog::setRunning(bool running) {
@@ -242,10 +256,12 @@ void MeasureDialog::setRunning(bool running) {
          std::initializer_list<QWidget*>{device_, inputs_, output_, preset_, start_, end_, level_, averages_,
                                          name_, fast_, keepQuiet_, measureButton_})
         widget->setEnabled(!running);
-    if (running)
+    if (running) {
         progressTimer_.start(50);
-    else
+    } else {
         progressTimer_.stop();
+        watchInputs();
+    }
 }
 
 void MeasureDialog::start() {
@@ -317,7 +333,11 @@ void MeasureDialog::start() {
     progress_->setValue(0);
     status_->setText(tr("Measuring…"));
     setRunning(true);
-    starting_ = std::async(std::launch::async, [controller = controller_] { controller->measure(); });
+    // The meter gives the device up first; the worker waits for that, not the interface.
+    starting_ = std::async(std::launch::async, [controller = controller_, closed = inputLevels_->stop()] {
+        closed.wait();
+        controller->measure();
+    });
 }
 
 void MeasureDialog::cancel() {

@@ -4,6 +4,7 @@
 // engine runs on its own threads and reports on its main queue, which the window drains between
 // events, so the interface never waits for audio or processing.
 
+#include "InputLevelMeter.h"
 #include "RecordTableModel.h"
 #include "engine/VELTRZMeasurementController.h"
 
@@ -40,6 +41,7 @@ public:
     QPushButton& measureButton() noexcept { return *measureButton_; }
     QPushButton& cancelButton() noexcept { return *cancelButton_; }
     QLabel& status() noexcept { return *status_; }
+    InputLevelPanel& inputLevels() noexcept { return *inputLevels_; }
 
 public slots:
     void start();
@@ -71,6 +73,8 @@ private:
     void updateProgress();
     void measurementEnded(bool aborted);
     void setRunning(bool running);
+    // The meter shows the inputs ticked on the device chosen.
+    void watchInputs();
 
     RecordTableModel& document_;
     QComboBox* device_;
@@ -86,6 +90,7 @@ private:
     QCheckBox* keepQuiet_;
     QProgressBar* progress_;
     QLabel* status_;
+    InputLevelPanel* inputLevels_;
     QPushButton* measureButton_;
     QPushButton* cancelButton_;
     QTimer progressTimer_;

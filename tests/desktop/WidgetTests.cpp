@@ -313,11 +313,22 @@ TEST(MeasureDialog, MeasurementOnTheSimulatedDeviceBecomesARecordAndACancelledOn
     // A device that comes and goes while the dialog is open joins and leaves its list.
     SimulatedDeviceConfiguration watched;
     watched.name = "watched";
+    watched.noiseLevel = 1.0;
+    // Before a sweep the meter shows the input ticked: clipping on that device's noise at full scale,
+    // and the quiet noise of sim:default's microphone.
+    const InputLevelPanel& meter = dialog.inputLevels();
     for (bool present : {true, false}) {
         present ? VELTAudioHardware::registerSimulatedDevice(watched)
                 : VELTAudioHardware::removeSimulatedDevice(watched.name);
         EXPECT_TRUE(QTest::qWaitFor([&] { return (dialog.device().findData("sim:watched") >= 0) == present; },
                                     10000));
+        if (!present)
+            continue;
+        dialog.device().setCurrentIndex(dialog.device().findData("sim:watched"));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return meter.clipped(0); }, 5000)) << meter.problem().toStdString();
+        dialog.device().setCurrentIndex(device);
+        EXPECT_TRUE(QTest::qWaitFor([&] { return !meter.clipped(0) && meter.levels()[0] > -100; }, 5000));
+        EXPECT_LT(meter.levels()[0], -60.0);
     }
 
     // From the click through the sweep, its processing and the new curve's calculation, the
