@@ -6,10 +6,10 @@ glsweep writes beside the sweep).
 
 Each channel of the recording is the sweep through a system of its own (a delay and a gain) with a
 little noise. glsweep's sweep is band-limited, so ours divides with regularisation (--lambda),
-as lsconv's inverse sweep is limited to the swept band too. Both sides start from files on disk and write every impulse response to disk; each
-is timed by wall clock as the best of a few runs, and the ratio of ours to lsconv's total printed,
-with the processor time of each side and the load average, since on a shared machine the wall
-clock follows the load.
+as lsconv's inverse sweep is limited to the swept band too. Both sides start from files on disk and
+write every impulse response to disk; each is timed by wall clock as the best of a few runs, the two
+sides taking turns, and the ratio of ours to lsconv's total printed, with the processor time of each
+side and the load average, since on a shared machine the wall clock follows the load.
 
 Argument: the tavolar program (default: tavolar on the PATH). Needs glsweep and lsconv (Debian's
 drc package) and sox.
@@ -41,17 +41,24 @@ def cpu_seconds():
     return used.ru_utime + used.ru_stime
 
 
-def best_time(commands, folder):
-    """The fastest of RUNS runs of the commands one after the other: seconds of wall clock, and
-    the processor seconds they used (which depend far less on what else the machine runs)."""
-    best, best_cpu = float("inf"), float("inf")
+def timed(commands, folder):
+    """Seconds of wall clock and processor seconds of one run of the commands one after the other
+    (processor time depends far less on what else the machine runs)."""
+    began, began_cpu = time.perf_counter(), cpu_seconds()
+    for command in commands:
+        run(command, folder)
+    return time.perf_counter() - began, cpu_seconds() - began_cpu
+
+
+def best_times(sides, folder):
+    """The fastest of RUNS runs of each side's commands, as (wall, processor) seconds. The sides take
+    turns, so that a change in the machine's load weighs on both alike."""
+    best = [(float("inf"), float("inf"))] * len(sides)
     for _ in range(RUNS):
-        began, began_cpu = time.perf_counter(), cpu_seconds()
-        for command in commands:
-            run(command, folder)
-        best = min(best, time.perf_counter() - began)
-        best_cpu = min(best_cpu, cpu_seconds() - began_cpu)
-    return best, best_cpu
+        for index, commands in enumerate(sides):
+            wall, cpu = timed(commands, folder)
+            best[index] = (min(best[index][0], wall), min(best[index][1], cpu))
+    return best
 
 
 def main():
@@ -82,10 +89,10 @@ def main():
             folder)
 
         load_before = os.getloadavg()
-        ours, ours_cpu = best_time([[tavolar, "deconvolve", "sweep.wav", "response.wav", "--lambda", "1e-6",
-                                "-o", "ir.wav"]], folder)
-        theirs, theirs_cpu = best_time([["lsconv", f"response{channel}.pcm", "inverse.pcm", f"ir{channel}.pcm"]
-                            for channel in range(CHANNELS)], folder)
+        (ours, ours_cpu), (theirs, theirs_cpu) = best_times(
+            [[[tavolar, "deconvolve", "sweep.wav", "response.wav", "--lambda", "1e-6", "-o", "ir.wav"]],
+             [["lsconv", f"response{channel}.pcm", "inverse.pcm", f"ir{channel}.pcm"]
+              for channel in range(CHANNELS)]], folder)
 
     print(f"channels {CHANNELS}, sweep {SECONDS} s at {RATE} Hz, best of {RUNS} runs")
     print(f"tavolar_deconvolve_seconds {ours:.3f}")
