@@ -9,8 +9,10 @@
 #include <QFileInfo>
 #include <QFormLayout>
 #include <QHBoxLayout>
+#include <QIcon>
 #include <QLabel>
 #include <QLineEdit>
+#include <QPixmap>
 #include <QPushButton>
 #include <QSignalBlocker>
 
@@ -168,11 +170,15 @@ void RecordInspector::showRecord() {
                                        QSignalBlocker(splReference_)};
     name_->setText(QString::fromStdString(record.comment().value_or("")));
     notes_->setText(QString::fromStdString(record.notes().value_or("")));
+    // Long texts are shown from their beginning.
+    name_->setCursorPosition(0);
+    notes_->setCursorPosition(0);
     colour_->setText(document_.index(at, RecordTableModel::Colour).data().toString());
     const QColor colour =
         document_.index(at, RecordTableModel::Colour).data(Qt::DecorationRole).value<QColor>();
-    colour_->setStyleSheet(colour.isValid() ? QString("border-left: 14px solid %1;").arg(colour.name())
-                                            : QString());
+    QPixmap swatch(12, 12);
+    swatch.fill(colour.isValid() ? colour : Qt::transparent);
+    colour_->setIcon(colour.isValid() ? QIcon(swatch) : QIcon());
 
     const auto calibration =
         record.useMicrophoneCalibrationRecord() ? record.microphoneCalibrationRecord() : nullptr;
