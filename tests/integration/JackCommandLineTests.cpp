@@ -23,16 +23,21 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// What the program printed on standard output; an empty text when it failed. The arguments are
-// passed through the shell unquoted.
-std::string runTavolar(const std::string& arguments) {
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(
-        popen((TAVOLAR_CLI_PATH " " + arguments + " 2>/dev/null").c_str(), "r"), pclose);
+// Runs a shell command; answers what it printed and its exit status.
+std::pair<std::string, int> runShell(const std::string& command) {
+    std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
     std::string output;
     char buffer[4096];
     for (std::size_t count; pipe && (count = fread(buffer, 1, sizeof buffer, pipe.get())) > 0;)
         output.append(buffer, count);
-    return pipe && pclose(pipe.release()) == 0 ? output : std::string();
+    return {output, pipe ? pclose(pipe.release()) : -1};
+}
+
+// What the program printed on standard output; an empty text when it failed. The arguments are
+// passed through the shell unquoted.
+std::string runTavolar(const std::string& arguments) {
+    auto [output, status] = runShell(TAVOLAR_CLI_PATH " " + arguments + " 2>/dev/null");
+    return status == 0 ? output : std::string();
 }
 
 std::string readText(const std::string& path) {
@@ -96,16 +101,8 @@ TEST_F(JackCommandLine, AServerStoppedBeforeTheMeasurementIsReported) {
     const std::filesystem::path document =
         std::filesystem::temp_directory_path() / (deviceUID().substr(5) + "-stopped.tavolar");
     const auto started = std::chrono::steady_clock::now();
-    std::unique_ptr<FILE, int (*)(FILE*)> pipe(
-        popen(
-            fmt::format("{} measure {} -d {} 2>&1", TAVOLAR_CLI_PATH, document.string(), deviceUID()).c_str(),
-            "r"),
-        pclose);
-    std::string output;
-    char buffer[4096];
-    for (std::size_t count; pipe && (count = fread(buffer, 1, sizeof buffer, pipe.get())) > 0;)
-        output.append(buffer, count);
-    const int status = pipe ? pclose(pipe.release()) : -1;
+    const auto [output, status] =
+        runShell(fmt::format("{} measure {} -d {} 2>&1", TAVOLAR_CLI_PATH, document.string(), deviceUID()));
     signalServer(SIGCONT);
     EXPECT_LT(std::chrono::steady_clock::now() - started, 7s) << "a stopped server is not waited for";
     EXPECT_NE(status, 0);

