@@ -1,7 +1,14 @@
+// The pass over the whole surface is a maths kernel, vectorised with a remainder loop as the math
+// layer's are.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC optimize("vect-cost-model=dynamic")
+#endif
+
 #include "graphcalc/WaterfallMeasurementProcessingOperation.h"
 
 #include "graphcalc/WaterfallSliceOperation.h"
 #include "platform/Assertions.h"
+#include "platform/DispatchQueue.h"
 
 #include <algorithm>
 #include <atomic>
@@ -140,6 +147,7 @@ void WaterfallMeasurementProcessingOperation::main() {
         std::lock_guard lock(mutex_);
         slices_ = slices;
     }
+    VELTRealVector frequencies;
     if (!isCancelled()) {
         // Each slice counts itself done, run or cancelled, and the last one wakes this thread: waiting
         // on the queue instead would wake it at every slice.
@@ -152,6 +160,9 @@ void WaterfallMeasurementProcessingOperation::main() {
             operations.back()->setCompletionBlock([sliced] { sliced->countDown(); });
         }
         slices->addOperations(operations, false);
+        // The frequency axis is worked out while the slices run.
+        frequencies = VELTRealVector::realVectorWithFrequencyTable(
+            static_cast<std::uint64_t>(record()->sampleRate()), fftLength);
         sliced->wait();
     }
     output->waitUntilAllOperationsAreFinished();
@@ -163,13 +174,19 @@ void WaterfallMeasurementProcessingOperation::main() {
         return;
 
     // One normalisation for the whole surface, as normalizeDecibels does it: the loudest bin of all
-    // slices becomes 0 dB.
-    if (const float peak = buffers->loudest(); std::isfinite(peak))
-        matrix->mutableVector().addScalar(-peak);
+    // slices becomes 0 dB. In as many parts as slices ran at once: one pass over the surface costs
+    // as much as several of its slices.
+    if (const float peak = buffers->loudest(); std::isfinite(peak)) {
+        const std::size_t parts = std::min(static_cast<std::size_t>(width_), rows);
+        float* values = matrix->mutableVector().mutableComponents();
+        DispatchQueue::concurrentPerform(parts, [&](std::size_t part) {
+            for (std::size_t i = part * rows / parts * columns, end = (part + 1) * rows / parts * columns;
+                 i < end; ++i)
+                values[i] -= peak;
+        });
+    }
     auto surface = std::make_shared<GraphData3D>(std::move(matrix->mutableVector()), rows, columns);
-    surface->setXZ(VELTRealVector::realVectorWithFrequencyTable(
-                       static_cast<std::uint64_t>(record()->sampleRate()), fftLength),
-                   std::move(plan.times));
+    surface->setXZ(std::move(frequencies), std::move(plan.times));
     surface->setInfoDictionary({{kGraphDataSampleRateKey, record()->sampleRate()}});
     surface->setName(record()->comment().value_or(""));
     surface->setQuantities({"Frequency", "Hz"}, {"Time", "ms"}, {"Level", "dB"});
