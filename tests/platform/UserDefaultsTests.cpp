@@ -86,16 +86,8 @@ TEST_F(UserDefaultsTest, MissingKeysAndValuesOfOtherTypesConvertAsThePlatformDoe
     EXPECT_EQ(defaults.integerForKey("missing"), 0);
     EXPECT_FALSE(defaults.stringForKey("missing"));
 
-    defaults.registerDefaults({{"yes", "YES"},
-                               {"true", "true"},
-                               {"no", "NO"},
-                               {"zeros", "000"},
-                               {"seven", " 7.9 apples"},
-                               {"negative", -2.7},
-                               {"huge", 1e300},
-                               {"flag", true},
-                               {"list", json::array({1})},
-                               {"int", 12}});
+    defaults.registerDefaults(json::parse(R"({"yes": "YES", "true": "true", "no": "NO", "zeros": "000",
+        "seven": " 7.9 apples", "negative": -2.7, "huge": 1e300, "flag": true, "list": [1], "int": 12})"));
     EXPECT_TRUE(defaults.boolForKey("yes"));
     EXPECT_TRUE(defaults.boolForKey("true"));
     EXPECT_FALSE(defaults.boolForKey("no"));
