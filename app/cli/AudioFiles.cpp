@@ -25,7 +25,8 @@ constexpr sf_count_t kSamplesPerRead = sf_count_t{1} << 18;
 
 } // namespace
 
-Expected<SoundSignal> readSoundFile(const std::filesystem::path& path, std::string_view role) {
+Expected<SoundSignal> readSoundFile(const std::filesystem::path& path, std::string_view role,
+                                    std::size_t roomPerChannel) {
     const std::string name = path.string();
     std::error_code status;
     if (!std::filesystem::exists(path, status))
@@ -66,7 +67,7 @@ Expected<SoundSignal> readSoundFile(const std::filesystem::path& path, std::stri
     const std::size_t room =
         status ? 0 : static_cast<std::size_t>(std::min<std::uintmax_t>(frames, fileBytes / channels));
     for (VELTRealVector& channel : signal.channels)
-        channel.reserve(room);
+        channel.reserve(std::max(room, roomPerChannel));
     const sf_count_t framesPerRead = std::max<sf_count_t>(1, kSamplesPerRead / info.channels);
     std::vector<float> interleaved(static_cast<std::size_t>(framesPerRead) * channels);
     std::vector<float> channelChunk(static_cast<std::size_t>(framesPerRead));

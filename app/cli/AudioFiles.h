@@ -30,7 +30,10 @@ struct SoundSignal {
 // Reads a sound file of any number of channels. role names the file in messages ("stimulus",
 // "response"). A missing file, a file that is not sound, no samples at all, samples that are not
 // finite or a sample rate outside the supported ones give an error that says what to do.
-Expected<SoundSignal> readSoundFile(const std::filesystem::path& path, std::string_view role);
+// roomPerChannel asks for channels that can grow to that length without moving (work done in place
+// on them, such as a deconvolution's transform); it is for lengths taken from announcedFrames.
+Expected<SoundSignal> readSoundFile(const std::filesystem::path& path, std::string_view role,
+                                    std::size_t roomPerChannel = 0);
 
 // The frames per channel a sound file's header announces, when the file's size on disk can hold
 // them at a byte a sample or more, as reading makes room for them; nullopt for a file that cannot be

@@ -55,12 +55,13 @@ struct Peak {
 // Deconvolves the picked channels of a recorded response by its stimulus (and a loop-back
 // reference recorded with it), as the measurement engine does after a sweep, refusing a silent
 // recording or an unusable result. The division by the stimulus is prepared once, and the channels
-// are shared among the cores. peaks, if given, receives each impulse response's peak.
+// are shared among the cores. A picked channel (but the first, the quotient's scratch) that has room
+// for the transform becomes its own impulse response, deconvolved in place, and is left empty.
+// peaks, if given, receives each impulse response's peak.
 Expected<std::vector<VELTRealVector>>
-deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
-                  const std::vector<std::size_t>& channels, const std::optional<MonoSignal>& reference,
-                  std::optional<double> lambda, const std::filesystem::path& responsePath,
-                  std::vector<Peak>* peaks = nullptr) {
+deconvolveSignals(const MonoSignal& stimulus, SoundSignal& response, const std::vector<std::size_t>& channels,
+                  const std::optional<MonoSignal>& reference, std::optional<double> lambda,
+                  const std::filesystem::path& responsePath, std::vector<Peak>* peaks = nullptr) {
     if (stimulus.samples.isAllZeroes())
         return failure("The stimulus is silent: every sample is zero.", "Give the file that was played.");
     for (std::size_t channel : channels)
@@ -101,10 +102,15 @@ deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
     std::latch started(static_cast<std::ptrdiff_t>(workers));
     std::atomic<std::size_t> nextToMake{1};
     std::atomic<std::size_t> next{0};
+    std::unique_ptr<bool[]> inPlace(new bool[channels.size()]());
     // own is null for a helper, which uses sharing[helper] once it is made.
     auto work = [&](SweptSineDeconvolver* own, std::size_t helper) {
-        for (std::size_t index = nextToMake++; index < channels.size(); index = nextToMake++)
-            impulses[index] = VELTRealVector(transformLength);
+        for (std::size_t index = nextToMake++; index < channels.size(); index = nextToMake++) {
+            VELTRealVector& channel = response.channels[channels[index]];
+            inPlace[index] = channel.capacity() >= transformLength;
+            impulses[index] = inPlace[index] ? std::move(channel) : VELTRealVector(transformLength);
+            impulses[index].setLength(transformLength);
+        }
         started.arrive_and_wait();
         if (!own && !sharing[helper])
             return; // the quotient could not be made
@@ -114,7 +120,8 @@ deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
             // The first output serves as the quotient's scratch when there are helpers.
             const bool isZero = index != 0 || workers == 1;
             VELTRealVector& impulse = impulses[index];
-            std::span<const float> samples = response.channels[channels[index]].span();
+            std::span<const float> samples = inPlace[index] ? impulse.span().first(responseLength)
+                                                            : response.channels[channels[index]].span();
             if (channels.size() == 1)
                 own->deconvolveOnly(samples, impulse.mutableSpan(), isZero);
             else
@@ -152,17 +159,15 @@ deconvolveSignals(const MonoSignal& stimulus, const SoundSignal& response,
     return impulses;
 }
 
-// Plans the transform of a deconvolution of the response by the stimulus on a thread of its own, from
-// the lengths their headers announce, so that planning (a large share of a long deconvolution's
-// time) overlaps reading them. Nothing is planned for headers that cannot be trusted that far; a
-// header that proves wrong only wastes a plan.
-std::jthread planWhileReading(const std::filesystem::path& stimulus, const std::filesystem::path& response) {
+// The transform length a deconvolution of the response by the stimulus will need, from the lengths
+// their headers announce; 0 for headers that cannot be trusted that far before the files are read.
+std::size_t announcedTransformLength(const std::filesystem::path& stimulus,
+                                     const std::filesystem::path& response) {
     const std::optional<std::size_t> stimulusLength = announcedFrames(stimulus);
     const std::optional<std::size_t> responseLength = announcedFrames(response);
     if (!stimulusLength || !responseLength || *stimulusLength + *responseLength > (std::size_t{1} << 31))
-        return {};
-    const std::size_t transformLength = deconvolutionTransformLength(*responseLength, *stimulusLength);
-    return std::jthread([transformLength] { VELTFFTInterleavedSetup::FFTSetupWithLength(transformLength); });
+        return 0;
+    return deconvolutionTransformLength(*responseLength, *stimulusLength);
 }
 
 Expected<void> checkLambda(const std::optional<double>& lambda) {
@@ -238,11 +243,18 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
         {command, [options]() -> Expected<void> {
              if (auto checked = checkLambda(options->lambda); !checked)
                  return checked;
-             std::jthread planner = planWhileReading(options->stimulus, options->response);
+             // The transform is planned (a large share of a long deconvolution's time) while the files
+             // are read, and each channel is read with room to become its impulse response; a header
+             // that proves wrong only wastes a plan and some room.
+             const std::size_t announced = announcedTransformLength(options->stimulus, options->response);
+             std::jthread planner;
+             if (announced != 0)
+                 planner =
+                     std::jthread([announced] { VELTFFTInterleavedSetup::FFTSetupWithLength(announced); });
              auto stimulus = readMonoSoundFile(options->stimulus, "stimulus");
              if (!stimulus)
                  return std::unexpected(stimulus.error());
-             auto response = readSoundFile(options->response, "response");
+             auto response = readSoundFile(options->response, "response", announced);
              if (!response)
                  return std::unexpected(response.error());
              if (planner.joinable())

@@ -334,7 +334,8 @@ void SweptSineDeconvolver::deconvolveInto(std::span<const float> response, std::
     TAVOLAR_PARAMETER_ASSERT(impulseResponse.size() >= transformLength_);
     TAVOLAR_PARAMETER_ASSERT(response.data() + response.size() <= impulseResponse.data() ||
                              impulseResponse.data() + impulseResponse.size() <= response.data() ||
-                             response.empty());
+                             response.empty() ||
+                             (response.data() == impulseResponse.data() && !quotientPending_));
     const std::span<float> padded = impulseResponse.first(transformLength_);
     std::size_t zeroFrom = impulseResponseIsZero ? 0 : transformLength_;
     const std::size_t bins = transformLength_ / 2 + 1;

@@ -102,8 +102,11 @@ public:
 
     // Deconvolves response (cut to the transform length if longer) into the first L samples of
     // impulseResponse, which must hold at least L and must not overlap response (parameter
-    // assertions, as is a call before prepare). impulseResponseIsZero promises that its first L
-    // samples are all zero (a new vector), which spares clearing them for the zero padding.
+    // assertions, as is a call before prepare). Once the quotient is formed (by an earlier
+    // deconvolve, or for a deconvolver made by sharingQuotient), response may instead be the first
+    // samples of impulseResponse itself: the deconvolution is then made in place, copying nothing.
+    // impulseResponseIsZero promises that its first L samples are all zero (a new vector), or all
+    // zero after the response, which spares clearing them for the zero padding.
     void deconvolve(std::span<const float> response, std::span<float> impulseResponse,
                     bool impulseResponseIsZero = false);
 

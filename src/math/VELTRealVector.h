@@ -69,6 +69,7 @@ public:
     // Makes room for this many components, so that appending up to there moves nothing; the length
     // is unchanged.
     void reserve(std::size_t capacity) { data_.reserve(capacity); }
+    std::size_t capacity() const noexcept { return data_.capacity(); }
     const float* components() const noexcept { return data_.data(); }
     float* mutableComponents() noexcept { return data_.data(); }
     std::span<const float> span() const noexcept { return {data_.data(), data_.size()}; }

@@ -251,7 +251,7 @@ TEST(SweptSineDeconvolution, UserDefaultsChooseTheVariantAndLambda) {
 }
 
 // Deconvolvers sharing one quotient give the bits of one that forms its own, and a new reference
-// prepared for one of them leaves the other's quotient alone.
+// prepared for one of them leaves the other's quotient alone; in place, too.
 TEST(SweptSineDeconvolution, DeconvolversSharingAQuotientGiveTheBitsOfOneOnItsOwn) {
     std::mt19937 random(7);
     std::normal_distribution<float> noise;
@@ -272,6 +272,11 @@ TEST(SweptSineDeconvolution, DeconvolversSharingAQuotientGiveTheBitsOfOneOnItsOw
         EXPECT_EQ(output,
                   realVectorByDeconvolvingResponseWithRegularization(response, stimulus, correction, 1e-3));
     }
+    // In place, once the quotient is formed: the response as the first samples of the output.
+    VELTRealVector inPlace = response;
+    inPlace.setLength(length);
+    first.deconvolve(inPlace.span().first(400), inPlace.mutableSpan(), true);
+    EXPECT_EQ(inPlace, output);
 }
 
 } // namespace
