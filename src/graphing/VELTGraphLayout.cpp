@@ -102,10 +102,25 @@ struct Frame {
     double xLabelsHeight = 0.0;
     double xTitleHeight = 0.0;
     double yTitleWidth = 0.0;
+    // The note's own line under the X axis title, when it does not fit beside the title.
+    double noteHeight = 0.0;
     double gap = 4.0;
 };
 
-Frame frameOf(VELTPainter& painter, const VELTGraphPlot& plot) {
+double plotHeightOf(const Frame& frame, const VELTGraphPlot& plot, const VELTRect& bounds);
+double yTickLabelWidthOf(VELTPainter& painter, const VELTGraphPlot& plot, double height);
+
+// The left and right edges of the plot area, before a legend beside it takes its room.
+std::pair<double, double> plotEdgesOf(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds,
+                                      const Frame& frame) {
+    const VELTGraphAppearance& a = plot.appearance;
+    const double yLabels = yTickLabelWidthOf(painter, plot, plotHeightOf(frame, plot, bounds));
+    // Room on the right for half the widest X label, which may sit on the plot area's edge.
+    return {bounds.x + a.padding + frame.yTitleWidth + yLabels + a.tickLength + frame.gap,
+            bounds.right() - a.padding - painter.textWidth("20k", a.tickLabelFont) / 2.0};
+}
+
+Frame frameOf(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds) {
     const VELTGraphAppearance& a = plot.appearance;
     Frame frame;
     if (!plot.title.empty() || !plot.titleModifier.empty())
@@ -113,6 +128,17 @@ Frame frameOf(VELTPainter& painter, const VELTGraphPlot& plot) {
     frame.xLabelsHeight = a.tickLength + painter.lineHeight(a.tickLabelFont) + frame.gap / 2.0;
     frame.xTitleHeight = painter.lineHeight(a.axisTitleFont) + frame.gap;
     frame.yTitleWidth = painter.lineHeight(a.axisTitleFont) + frame.gap;
+    if (!plot.note.empty()) {
+        // The note goes right of the X axis title, which is centred under the plot area, where there
+        // is room for it; otherwise on a line of its own.
+        const auto [left, right] = plotEdgesOf(painter, plot, bounds, frame);
+        const double titleRight =
+            (left + right) / 2.0 +
+            painter.textWidth(axisTitle(plot.xQuantity.name, plot.xQuantity.unit), a.axisTitleFont) / 2.0;
+        if (bounds.right() - a.padding - painter.textWidth(plot.note, a.legendFont) <=
+            titleRight + frame.gap * 2.0)
+            frame.noteHeight = painter.lineHeight(a.legendFont);
+    }
     return frame;
 }
 
@@ -133,8 +159,16 @@ std::vector<TickMark> yTicksOf(VELTPainter& painter, const VELTGraphPlot& plot, 
 
 double plotHeightOf(const Frame& frame, const VELTGraphPlot& plot, const VELTRect& bounds) {
     return std::max(bounds.height - 2.0 * plot.appearance.padding - frame.titleHeight - frame.xLabelsHeight -
-                        frame.xTitleHeight,
+                        frame.xTitleHeight - frame.noteHeight,
                     1.0);
+}
+
+double yTickLabelWidthOf(VELTPainter& painter, const VELTGraphPlot& plot, double height) {
+    double width = 0.0;
+    for (const TickMark& tick : yTicksOf(painter, plot, height))
+        if (tick.major)
+            width = std::max(width, painter.textWidth(tick.label, plot.appearance.tickLabelFont));
+    return width;
 }
 
 double mapX(const VELTGraphPlot& plot, const VELTRect& area, double x) {
@@ -154,7 +188,7 @@ double mapY(const VELTGraphPlot& plot, const VELTRect& area, double y) {
 
 VELTGraphExtents roundedGraphExtents(VELTPainter& painter, const VELTGraphPlot& plot,
                                      const VELTRect& bounds) {
-    const Frame frame = frameOf(painter, plot);
+    const Frame frame = frameOf(painter, plot, bounds);
     auto width = [&](std::string_view) { return painter.lineHeight(plot.appearance.tickLabelFont); };
     const double height = plotHeightOf(frame, plot, bounds);
     auto stepOf = [&](double minimum, double maximum) {
@@ -347,7 +381,7 @@ void placeLegend(VELTGraphLayout& layout, VELTPainter& painter, const VELTGraphP
 
 VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds) {
     const VELTGraphAppearance& a = plot.appearance;
-    const Frame frame = frameOf(painter, plot);
+    const Frame frame = frameOf(painter, plot, bounds);
     VELTGraphLayout layout;
     layout.bounds = bounds;
     const double plotHeight = plotHeightOf(frame, plot, bounds);
@@ -442,6 +476,15 @@ std::vector<std::vector<VELTPoint>> plottedPoints(const VELTGraphData& curve, co
     }
     breakRun();
     return runs;
+}
+
+std::pair<std::string, VELTFont> fittedText(VELTPainter& painter, const std::string& text, VELTFont font,
+                                            double maximumWidth) {
+    const double width = painter.textWidth(text, font);
+    if (width > maximumWidth && width > 0.0)
+        // A little under the exact ratio: text widths do not scale quite linearly with the size.
+        font.size = std::max(font.size * maximumWidth / width * 0.97, std::min(font.size, 6.0));
+    return {ellipsized(painter, text, font, maximumWidth), font};
 }
 
 std::string ellipsized(VELTPainter& painter, const std::string& text, const VELTFont& font,
@@ -545,7 +588,7 @@ VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const
     const VELTGraphAppearance& a = plot.appearance;
     const VELTGraphLayout layout = layoutGraph(painter, plot, bounds);
     const VELTRect& area = layout.plotArea;
-    const Frame frame = frameOf(painter, plot);
+    const Frame frame = frameOf(painter, plot, bounds);
     painter.fillRect(bounds, a.background);
 
     // Title and its modifier, centred over the plot area; a title wider than the picture is set
@@ -639,16 +682,14 @@ VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const
     // Axis titles.
     const std::string xTitle = axisTitle(plot.xQuantity.name, plot.xQuantity.unit);
     const std::string yTitle = axisTitle(plot.yQuantity.name, plot.yQuantity.unit);
-    painter.drawText(xTitle, {area.x + area.width / 2.0, bounds.bottom() - a.padding}, a.axisTitleFont,
-                     a.text, VELTHorizontalAlignment::Center, VELTVerticalAlignment::Bottom);
+    painter.drawText(xTitle, {area.x + area.width / 2.0, bounds.bottom() - a.padding - frame.noteHeight},
+                     a.axisTitleFont, a.text, VELTHorizontalAlignment::Center, VELTVerticalAlignment::Bottom);
     if (!plot.note.empty()) {
-        const double titleRight =
-            area.x + area.width / 2.0 + painter.textWidth(xTitle, a.axisTitleFont) / 2.0;
-        const double noteWidth = painter.textWidth(plot.note, a.legendFont);
-        if (bounds.right() - a.padding - noteWidth > titleRight + frame.gap * 2.0)
-            painter.drawText(plot.note, {bounds.right() - a.padding, bounds.bottom() - a.padding},
-                             a.legendFont, a.secondaryText, VELTHorizontalAlignment::Right,
-                             VELTVerticalAlignment::Bottom);
+        // On its own line the note takes the whole width, set smaller or cut short if need be.
+        const auto [note, font] =
+            fittedText(painter, plot.note, a.legendFont, bounds.width - 2.0 * a.padding);
+        painter.drawText(note, {bounds.right() - a.padding, bounds.bottom() - a.padding}, font,
+                         a.secondaryText, VELTHorizontalAlignment::Right, VELTVerticalAlignment::Bottom);
     }
     painter.drawText(yTitle, {bounds.x + a.padding, area.y + area.height / 2.0}, a.axisTitleFont, a.text,
                      VELTHorizontalAlignment::Center, VELTVerticalAlignment::Top, true);

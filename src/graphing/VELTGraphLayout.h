@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tavolar {
@@ -65,7 +66,7 @@ struct VELTGraphPlot {
     std::string title;
     std::string titleModifier; // after the title, in the lighter face: "(1/12 Octave Smoothing)"
     // What shaped the data ("48 kHz · 1/12 octave smoothing"), in small type in the bottom right
-    // corner, where it is left out when the axis title leaves no room for it.
+    // corner: beside the X axis title where there is room, otherwise on a line of its own under it.
     std::string note;
     GraphQuantity xQuantity;
     GraphQuantity yQuantity;
@@ -133,6 +134,11 @@ VELTGraphExtents extentsWithDecibelsPerDecade(VELTPainter& painter, const VELTGr
 // the jumps of a wrapped Y (see VELTGraphPlot::yWrap): each inner vector is one unbroken run.
 std::vector<std::vector<VELTPoint>> plottedPoints(const VELTGraphData& curve, const VELTGraphPlot& plot,
                                                   const VELTRect& plotArea, double columnWidth = 0.5);
+
+// The text in the font, or when it is wider than maximumWidth in a smaller size (down to 6 points),
+// cut short with an ellipsis if it is still too wide: notes are made to fit rather than left out.
+std::pair<std::string, VELTFont> fittedText(VELTPainter& painter, const std::string& text, VELTFont font,
+                                            double maximumWidth);
 
 // The text cut at the end with an ellipsis so that it is at most maximumWidth wide.
 std::string ellipsized(VELTPainter& painter, const std::string& text, const VELTFont& font,

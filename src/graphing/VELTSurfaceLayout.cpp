@@ -73,9 +73,11 @@ void drawNote(VELTPainter& painter, const VELTSurfacePlot& plot, const VELTRect&
     const VELTGraphAppearance& a = plot.appearance;
     if (plot.note.empty())
         return;
-    if (bounds.right() - a.padding - painter.textWidth(plot.note, a.legendFont) > leftLimit + kGap * 2.0)
-        painter.drawText(plot.note, {bounds.right() - a.padding, bounds.bottom() - a.padding}, a.legendFont,
-                         a.secondaryText, VELTHorizontalAlignment::Right, VELTVerticalAlignment::Bottom);
+    // Beside the axis title, set smaller or cut short where the room is narrow.
+    const auto [note, font] =
+        fittedText(painter, plot.note, a.legendFont, bounds.right() - a.padding - leftLimit - kGap * 2.0);
+    painter.drawText(note, {bounds.right() - a.padding, bounds.bottom() - a.padding}, font, a.secondaryText,
+                     VELTHorizontalAlignment::Right, VELTVerticalAlignment::Bottom);
 }
 
 } // namespace

@@ -20,6 +20,7 @@
 #include <gtest/gtest.h>
 #include <limits>
 #include <sstream>
+#include <tuple>
 #include <unistd.h>
 
 namespace tavolar {
@@ -298,16 +299,20 @@ TEST(GraphLayout, TitlesFitThePicture) {
                                              painter.texts.begin() + static_cast<long>(c.title.size()));
         EXPECT_EQ(title, c.title) << c.width;
     }
-    // The note in the corner, where the axis title leaves room for it.
-    for (double width : {400.0, 150.0}) {
+    // The note is never left out: beside the axis title where there is room, else on a line of its
+    // own (the plot area gives up its height), set smaller and cut short when narrower still.
+    const std::tuple<double, bool, std::string> notes[] = {
+        {400, false, "48 kHz"}, {150, true, "48 kHz"}, {30, true, "48 \u2026"}};
+    for (const auto& [width, ownLine, drawn] : notes) {
         VELTGraphPlot plot;
         plot.xQuantity = {"Frequency", "Hz"};
-        plot.note = "48 kHz";
         plot.extents = {0, 10, 0, 10};
         MeasuringPainter painter;
+        const double without = layoutGraph(painter, plot, {0, 0, width, 200}).plotArea.height;
+        plot.note = "48 kHz";
+        EXPECT_EQ(layoutGraph(painter, plot, {0, 0, width, 200}).plotArea.height < without, ownLine) << width;
         drawGraph(painter, plot, {0, 0, width, 200});
-        EXPECT_EQ(std::count(painter.texts.begin(), painter.texts.end(), "48 kHz"), width > 200 ? 1 : 0)
-            << width;
+        EXPECT_EQ(std::count(painter.texts.begin(), painter.texts.end(), drawn), 1) << width;
     }
 }
 
