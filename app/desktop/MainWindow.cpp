@@ -506,8 +506,12 @@ void MainWindow::updateInspector() {
         return;
     const VELTMeasurementRecord& record = *document_->records()[static_cast<std::size_t>(row)];
     const QSignalBlocker blockBegin(windowBegin_), blockEnd(windowEnd_), blockType(windowType_);
-    windowBegin_->setValue(record.windowBeginInMilliseconds());
-    windowEnd_->setValue(record.windowEndInMilliseconds());
+    // From the samples themselves: an end at the response's midpoint (the latest it may be) would
+    // read as the earliest time, negative, as a time of the response.
+    const double msPerSample =
+        record.sampleRate() > 0 ? 1000.0 / static_cast<double>(record.sampleRate()) : 0.0;
+    windowBegin_->setValue(static_cast<double>(record.windowBegin()) * msPerSample);
+    windowEnd_->setValue(static_cast<double>(record.windowEnd()) * msPerSample);
     windowType_->setCurrentIndex(static_cast<int>(record.impulseResponseWindow().type()));
     inspectorStatus_->clear();
 }

@@ -209,6 +209,12 @@ TEST(RecordInspector, FieldsEditTheCurrentRecordAndShowTheCommandLinesRefusal) {
               "Record 2 has no microphone calibration to give a sensitivity to.");
     EXPECT_EQ(microphone->text(), "");
     EXPECT_EQ(open.undo().count(), 1);
+    // The window's end at the response's midpoint reads as a time after its peak, so that a new
+    // begin keeps it.
+    EXPECT_NEAR(open.window->windowEndField().value(), 85.333, 1e-3);
+    open.window->windowBeginField().setValue(0.5);
+    emit open.window->windowBeginField().editingFinished();
+    EXPECT_EQ(open.undo().undoText(), "Set Window");
 }
 
 TEST(MainWindow, DocumentsOpenedAreRecentMostRecentFirst) {
