@@ -327,7 +327,12 @@ std::optional<std::pair<double, double>> legendRows(VELTGraphLayout& layout, VEL
 // Places the legend in the corner of the plot area where it crosses the fewest pieces of curves
 // (top right first when several are clear); when every corner would cover some, beside the plot
 // area, which gives up the room on its right, as long as it keeps three fifths of its width.
-void placeLegend(VELTGraphLayout& layout, VELTPainter& painter, const VELTGraphPlot& plot, bool drawable) {
+using CurveRuns = std::vector<std::vector<std::vector<VELTPoint>>>;
+
+// Places the legend; runs receives the curves' plotted points in the plot area when they were needed
+// to place it and the plot area kept its size, so that drawing does not work them out again.
+void placeLegend(VELTGraphLayout& layout, VELTPainter& painter, const VELTGraphPlot& plot, bool drawable,
+                 CurveRuns& runs) {
     const VELTGraphAppearance& a = plot.appearance;
     const VELTRect area = layout.plotArea;
     const double insideNames =
@@ -351,12 +356,13 @@ void placeLegend(VELTGraphLayout& layout, VELTPainter& painter, const VELTGraphP
                 covered[c] += bar.rect.x < corners[c].right() && bar.rect.right() > corners[c].x &&
                               bar.rect.y < corners[c].bottom();
     } else {
-        // Columns of two points are fine enough to tell where curves pass.
-        for (const auto& curve : plot.curves)
-            for (const auto& run : plottedPoints(*curve, plot, area, 2.0))
+        for (const auto& curve : plot.curves) {
+            runs.push_back(plottedPoints(*curve, plot, area));
+            for (const auto& run : runs.back())
                 for (std::size_t i = 1; i < run.size(); ++i)
                     for (std::size_t c = 0; c < corners.size(); ++c)
                         covered[c] += crosses(run[i - 1], run[i], corners[c]);
+        }
     }
     const std::size_t best =
         static_cast<std::size_t>(std::min_element(covered.begin(), covered.end()) - covered.begin());
@@ -371,15 +377,15 @@ void placeLegend(VELTGraphLayout& layout, VELTPainter& painter, const VELTGraphP
     const double besideRight = layout.bounds.right() - a.padding - besideSize->first - gap;
     if (besideRight - area.x < area.width * 0.6)
         return;
+    runs.clear();
     layout.legendNames = std::move(beside.legendNames);
     layout.legendCurves = beside.legendCurves;
     layout.plotArea.width = besideRight - area.x;
     layout.legend = {besideRight + gap, area.y, besideSize->first, besideSize->second};
 }
 
-} // namespace
-
-VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds) {
+VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds,
+                            CurveRuns& runs) {
     const VELTGraphAppearance& a = plot.appearance;
     const Frame frame = frameOf(painter, plot, bounds);
     VELTGraphLayout layout;
@@ -398,7 +404,7 @@ VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, con
                        plotHeight};
     const bool drawable = plot.extents.xMax > plot.extents.xMin && plot.extents.yMax > plot.extents.yMin &&
                           (!plot.logarithmicX || plot.extents.xMin > 0.0);
-    placeLegend(layout, painter, plot, drawable);
+    placeLegend(layout, painter, plot, drawable, runs);
     auto xWidth = [&](std::string_view text) { return painter.textWidth(text, a.tickLabelFont); };
     const TickLabelText xText = tickLabelText(plot.xTickLabels, plot.xQuantity);
     layout.xTicks =
@@ -407,6 +413,13 @@ VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, con
             ? logarithmicTickMarks(plot.extents.xMin, plot.extents.xMax, layout.plotArea.width, xWidth, xText)
             : linearTickMarks(plot.extents.xMin, plot.extents.xMax, layout.plotArea.width, xWidth, xText);
     return layout;
+}
+
+} // namespace
+
+VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds) {
+    CurveRuns runs;
+    return layoutGraph(painter, plot, bounds, runs);
 }
 
 std::vector<std::vector<VELTPoint>> plottedPoints(const VELTGraphData& curve, const VELTGraphPlot& plot,
@@ -586,7 +599,8 @@ void drawLegend(VELTPainter& painter, const VELTGraphPlot& plot, const VELTGraph
 
 VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds) {
     const VELTGraphAppearance& a = plot.appearance;
-    const VELTGraphLayout layout = layoutGraph(painter, plot, bounds);
+    CurveRuns runs;
+    const VELTGraphLayout layout = layoutGraph(painter, plot, bounds, runs);
     const VELTRect& area = layout.plotArea;
     const Frame frame = frameOf(painter, plot, bounds);
     painter.fillRect(bounds, a.background);
@@ -651,9 +665,12 @@ VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const
         if (plot.bars)
             drawBars(painter, plot, area, styles);
         else
-            for (std::size_t i = 0; i < plot.curves.size(); ++i)
-                for (const auto& run : plottedPoints(*plot.curves[i], plot, area))
+            for (std::size_t i = 0; i < plot.curves.size(); ++i) {
+                if (i >= runs.size())
+                    runs.push_back(plottedPoints(*plot.curves[i], plot, area));
+                for (const auto& run : runs[i])
                     painter.drawPolyline(run, styles[i]);
+            }
         painter.popClip();
     }
     painter.strokeRect(area, a.frame);
