@@ -439,7 +439,7 @@ void RecordTableModel::applyOrder(const std::vector<std::string>& uuids) {
 Expected<void> RecordTableModel::copyRecordsFrom(const RecordTableModel& source, std::vector<int> rows) {
     std::sort(rows.begin(), rows.end());
     rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
-    // The source's records by their places in its document, which its list numbers them by.
+    // The source's records by their places in its document's listing.
     std::vector<std::size_t> indices;
     for (int row : rows) {
         if (row < 0 || row >= source.rowCount())
@@ -457,6 +457,10 @@ Expected<void> RecordTableModel::copyRecordsFrom(const RecordTableModel& source,
     auto copies = source.store_.storedCopies(indices);
     if (!copies)
         return std::unexpected(copies.error());
+    // Messages name each record by its row in the source's window, which the document's listing
+    // may not have caught up with after a deletion.
+    for (std::size_t at = 0; at < copies->size(); ++at)
+        (*copies)[at].number = static_cast<std::size_t>(rows[at]) + 1;
     if (auto written = store_.putCopies(*copies); !written)
         return written;
     // The copies are read back as this document holds them, with its own impulse cache.
