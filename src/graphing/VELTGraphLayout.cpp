@@ -267,6 +267,28 @@ std::vector<Bar> barsOf(const VELTGraphPlot& plot, const VELTRect& area) {
     return bars;
 }
 
+// The text with characters taken out of its middle, in place of an ellipsis, so that it is at most
+// maximumWidth wide; never half a character.
+std::string middleEllipsized(VELTPainter& painter, const std::string& text, const VELTFont& font,
+                             double maximumWidth) {
+    if (painter.textWidth(text, font) <= maximumWidth)
+        return text;
+    std::vector<std::size_t> starts; // where each character begins
+    for (std::size_t i = 0; i < text.size(); ++i)
+        if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80)
+            starts.push_back(i);
+    starts.push_back(text.size());
+    const std::size_t characters = starts.size() - 1;
+    for (std::size_t kept = characters - 1; kept > 0; --kept) {
+        const std::size_t head = (kept + 1) / 2, tail = kept - head;
+        std::string shortened =
+            text.substr(0, starts[head]) + "\u2026" + text.substr(starts[characters - tail]);
+        if (painter.textWidth(shortened, font) <= maximumWidth)
+            return shortened;
+    }
+    return "\u2026";
+}
+
 // Whether the segment from a to b passes through the rectangle (Liang and Barsky's clipping).
 bool crosses(VELTPoint a, VELTPoint b, const VELTRect& r) {
     const double dx = b.x - a.x, dy = b.y - a.y;
@@ -314,11 +336,23 @@ std::optional<std::pair<double, double>> legendRows(VELTGraphLayout& layout, VEL
         names.resize(layout.legendCurves);
         names.push_back(fmt::format("{} more", plot.curves.size() - layout.legendCurves));
     }
+    // Names cut at the end; when that makes different names alike ("Left speaker near fi…" twice),
+    // every name is cut in its middle instead, keeping the ends that tell them apart.
+    std::vector<std::string> cut;
+    for (const std::string& name : names)
+        cut.push_back(ellipsized(painter, name, a.legendFont, std::max(nameWidth, 0.0)));
+    for (std::size_t i = 0; i < names.size(); ++i)
+        for (std::size_t j = 0; j < i; ++j)
+            if (cut[i] == cut[j] && names[i] != names[j]) {
+                for (std::size_t k = 0; k < names.size(); ++k)
+                    cut[k] = middleEllipsized(painter, names[k], a.legendFont, std::max(nameWidth, 0.0));
+                i = j = names.size();
+                break;
+            }
+    names = std::move(cut);
     double textWidth = 0.0;
-    for (std::string& name : names) {
-        name = ellipsized(painter, name, a.legendFont, std::max(nameWidth, 0.0));
+    for (const std::string& name : names)
         textWidth = std::max(textWidth, painter.textWidth(name, a.legendFont));
-    }
     layout.legendNames = std::move(names);
     return std::pair{kLegendInset * 3.0 + kLegendSwatch + textWidth,
                      kLegendInset * 2.0 + line * static_cast<double>(layout.legendNames.size())};

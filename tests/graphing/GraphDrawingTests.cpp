@@ -174,6 +174,18 @@ TEST(GraphLayout, LegendGoesWhereItCoversNoCurve) {
         EXPECT_EQ(legend.x > area.right(), c.place == Beside);
         EXPECT_LE(legend.right(), 400);
     }
+    // Long names alike but for their ends are cut in the middle, so that the rows still differ.
+    VELTGraphPlot plot;
+    plot.extents = {0, 10, 0, 10};
+    const std::string common(60, 'x');
+    plot.curves = {curve({0, 10}, {0, 10}, kMagenta, common + " left"),
+                   curve({0, 10}, {0, 10}, kMagenta, common + " right")};
+    MeasuringPainter painter;
+    const auto names = layoutGraph(painter, plot, {0, 0, 400, 300}).legendNames;
+    ASSERT_EQ(names.size(), 2u);
+    for (const auto& [name, end] : {std::pair{names[0], "x left"}, std::pair{names[1], "x right"}})
+        EXPECT_TRUE(name.starts_with("xx") && name.ends_with(end) && name.find("\u2026") != std::string::npos)
+            << name;
 }
 
 TEST(GraphLayout, CurveColoursByThemeAndRecord) {
