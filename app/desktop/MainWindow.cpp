@@ -114,6 +114,8 @@ MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString
     table_->setModel(document_.get());
     table_->setSelectionBehavior(QAbstractItemView::SelectRows);
     table_->setEditTriggers(QAbstractItemView::DoubleClicked | QAbstractItemView::EditKeyPressed);
+    table_->setDragDropMode(QAbstractItemView::InternalMove);
+    table_->setDragDropOverwriteMode(false);
     table_->horizontalHeader()->setStretchLastSection(true);
     table_->verticalHeader()->setVisible(false);
     table_->setColumnWidth(RecordTableModel::Name, 220);

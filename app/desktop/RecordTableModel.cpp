@@ -4,7 +4,10 @@
 #include "platform/DispatchQueue.h"
 #include "platform/KeyedArchiver.h"
 
+#include <QDataStream>
 #include <QDateTime>
+#include <QIODevice>
+#include <QMimeData>
 #include <QUndoCommand>
 #include <algorithm>
 #include <chrono>
@@ -222,7 +225,10 @@ QVariant RecordTableModel::headerData(int section, Qt::Orientation orientation, 
 }
 
 Qt::ItemFlags RecordTableModel::flags(const QModelIndex& index) const {
-    Qt::ItemFlags flags = QAbstractTableModel::flags(index);
+    // Rows are dragged whole, and dropped between rows.
+    if (!index.isValid())
+        return Qt::ItemIsDropEnabled;
+    Qt::ItemFlags flags = QAbstractTableModel::flags(index) | Qt::ItemIsDragEnabled;
     switch (index.column()) {
     case Name:
     case Notes:
@@ -414,6 +420,45 @@ void RecordTableModel::moveRecords(std::vector<int> rows, int by) {
         return;
     const QString text = rows.size() == 1 ? tr("Move Record") : tr("Move Records");
     undoStack_.push(new OrderCommand(*this, order(), std::move(after), text));
+}
+
+void RecordTableModel::moveRecordsTo(std::vector<int> rows, int destination) {
+    std::sort(rows.begin(), rows.end());
+    rows.erase(std::unique(rows.begin(), rows.end()), rows.end());
+    std::erase_if(rows, [this](int row) { return row < 0 || row >= rowCount(); });
+    const std::vector<std::string> before = order();
+    std::vector<std::string> moved, after;
+    for (int row = 0; row < rowCount(); ++row)
+        (std::binary_search(rows.begin(), rows.end(), row) ? moved : after)
+            .push_back(before[static_cast<std::size_t>(row)]);
+    // The place among the rows that stay: after those that were above the destination.
+    const auto above = std::count_if(rows.begin(), rows.end(), [&](int row) { return row < destination; });
+    after.insert(after.begin() + (std::clamp(destination, 0, rowCount()) - above), moved.begin(),
+                 moved.end());
+    if (after == before)
+        return;
+    const QString text = rows.size() == 1 ? tr("Move Record") : tr("Move Records");
+    undoStack_.push(new OrderCommand(*this, before, std::move(after), text));
+}
+
+bool RecordTableModel::dropMimeData(const QMimeData* data, Qt::DropAction action, int row, int,
+                                    const QModelIndex& parent) {
+    const QString format = mimeTypes().constFirst();
+    if (action != Qt::MoveAction || !data || !data->hasFormat(format))
+        return false;
+    // The item models' own format: row, column and the item's roles, for each item dragged.
+    QByteArray encoded = data->data(format);
+    QDataStream stream(&encoded, QIODevice::ReadOnly);
+    std::vector<int> rows;
+    while (!stream.atEnd()) {
+        int dragged = 0, column = 0;
+        QMap<int, QVariant> roles;
+        stream >> dragged >> column >> roles;
+        rows.push_back(dragged);
+    }
+    // A drop on a row puts the records before it; below the last row, at the end.
+    moveRecordsTo(rows, row >= 0 ? row : parent.isValid() ? parent.row() : rowCount());
+    return false;
 }
 
 void RecordTableModel::applyOrder(const std::vector<std::string>& uuids) {

@@ -66,6 +66,14 @@ public:
     // Moves the rows one place up (by -1) or down (by 1) as one undoable step; a row at the edge
     // stays, and the rows next to it with it.
     void moveRecords(std::vector<int> rows, int by);
+    // Moves the rows to just before the row destination (rowCount: to the end), as one undoable
+    // step.
+    void moveRecordsTo(std::vector<int> rows, int destination);
+    // Rows dragged within the table are moved by moveRecordsTo; false tells the view that there is
+    // nothing left for it to remove.
+    Qt::DropActions supportedDropActions() const override { return Qt::MoveAction; }
+    bool dropMimeData(const QMimeData* data, Qt::DropAction action, int row, int column,
+                      const QModelIndex& parent) override;
     // What the undo command calls: puts the records in the order of the UUIDs.
     void applyOrder(const std::vector<std::string>& uuids);
     // Copies the rows of another document into this one as tavolar copy does (the stored bytes, so

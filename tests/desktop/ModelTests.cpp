@@ -8,6 +8,7 @@
 
 #include <QColor>
 #include <QFile>
+#include <QMimeData>
 #include <QTemporaryDir>
 #include <cmath>
 #include <functional>
@@ -201,6 +202,12 @@ TEST(RecordTableModel, RecordsMoveAndCopyToAnotherDocumentAsStepsKeptInTheDocume
     EXPECT_EQ(model->undoStack().count(), 1);
     model->undoStack().undo();
     EXPECT_EQ(names(path), "Record 1;Record 2;Record 3;");
+    // Rows dragged in the table (every column of each) and dropped on the first row.
+    std::unique_ptr<QMimeData> dragged(
+        model->mimeData({model->index(2, 0), model->index(2, 1), model->index(1, 0)}));
+    model->dropMimeData(dragged.get(), Qt::MoveAction, -1, -1, model->index(0, 3));
+    EXPECT_EQ(names(path), "Record 2;Record 3;Record 1;");
+    model->undoStack().undo();
 
     ASSERT_TRUE(other->copyRecordsFrom(*model, {2, 0}));
     EXPECT_EQ(other->undoStack().undoText(), "Copy Records");
