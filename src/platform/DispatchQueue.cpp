@@ -2,6 +2,7 @@
 
 #include "platform/Assertions.h"
 #include "platform/Logging.h"
+#include "platform/ThreadCache.h"
 #include "platform/RunLoop.h"
 
 #include <algorithm>
@@ -180,7 +181,7 @@ void enqueue(const std::shared_ptr<Impl>& queue, Pending item) {
             queue->wake.notify_one();
         } else {
             queue->workerRunning = true;
-            std::thread(serialWorker, queue).detach();
+            runDetached([queue] { serialWorker(queue); });
         }
         return;
     }

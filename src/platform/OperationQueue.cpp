@@ -2,6 +2,7 @@
 
 #include "platform/Assertions.h"
 #include "platform/Logging.h"
+#include "platform/ThreadCache.h"
 
 #include <algorithm>
 #include <deque>
@@ -36,7 +37,7 @@ struct OperationQueue::State : std::enable_shared_from_this<OperationQueue::Stat
             return;
         std::size_t wanted = std::min(width(), running.size() + pending.size());
         while (workers < wanted && idleWorkers < pending.size()) {
-            std::thread([self = shared_from_this()] { self->work(); }).detach();
+            runDetached([self = shared_from_this()] { self->work(); });
             ++workers;
             ++idleWorkers; // counted idle until it takes an operation
         }
