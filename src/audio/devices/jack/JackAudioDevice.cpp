@@ -449,14 +449,22 @@ public:
         return true;
     }
     // Whether the server may be asked something now: a request to a server that runs no cycles
-    // would never return. Waits for a cycle to begin: while the device streams, until the server
+    // would never return. Waits for two cycles to begin: while the device streams, until the server
     // counts as stalled; otherwise up to two seconds, since a server may pause for as long as it
-    // waits on a slow client (its client timeout, half a second by default).
+    // waits on a slow client (its client timeout, half a second by default). One cycle is not
+    // enough: a server stopped just before the question may already have woken this client for
+    // one more cycle, whose callback can run late on a busy machine.
     bool answersRequests() const noexcept {
         const std::int64_t asked = now();
+        std::int64_t after = asked;
+        int begun = 0;
         while (isAlive() && !hasStalled()) {
-            if (lastCycle_.load(std::memory_order_acquire) >= asked)
-                return true;
+            if (const std::int64_t cycle = lastCycle_.load(std::memory_order_acquire); cycle >= after) {
+                if (++begun == 2)
+                    return true;
+                after = cycle + 1;
+                continue;
+            }
             if (now() - asked > kLongestWait)
                 return false;
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
