@@ -184,6 +184,7 @@ void GraphModel::setExtents(const VELTGraphExtents& extents) {
 }
 
 void GraphModel::setRecords(RecordArray records) {
+    keepExtents_ = picture_ && !extentsAutomatic_ && records == graph_->measurementRecords();
     graph_->setMeasurementRecords(std::move(records));
     reload();
 }
@@ -234,12 +235,13 @@ void GraphModel::reloadSynchronously() {
 
 void GraphModel::receive(Expected<GraphPicture> picture) {
     reloading_ = false;
+    const bool keep = std::exchange(keepExtents_, false);
     if (picture) {
         picture_ = std::move(*picture);
         problem_.clear();
         // New data brings the extents that fit it, unless the user locked them; this is no undoable
         // step.
-        if (!extentsLocked())
+        if (!extentsLocked() && !keep)
             if (auto fitted = fittedExtents()) {
                 graph_->setExtents(*fitted);
                 extentsAutomatic_ = true;
