@@ -6,6 +6,7 @@
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QTimer>
 #include <QWheelEvent>
 #include <cmath>
 
@@ -32,6 +33,22 @@ GraphWidget::GraphWidget(GraphModel& graph, QUndoStack& undoStack, QWidget* pare
         rendered_.reset();
         update();
     });
+    // Once a gesture has ended, its last draft is drawn again in full.
+    finish_ = new QTimer(this);
+    finish_->setSingleShot(true);
+    finish_->setInterval(kDraftMilliseconds);
+    connect(finish_, &QTimer::timeout, this, [this] {
+        if (inGesture()) {
+            finish_->start();
+        } else if (rendered_ && rendered_->draft) {
+            rendered_.reset();
+            update();
+        }
+    });
+}
+
+bool GraphWidget::inGesture() const {
+    return dragFrom_ || windowDrag_ || (lastWheel_.isValid() && lastWheel_.elapsed() < kDraftMilliseconds);
 }
 
 void GraphWidget::setAppearance(const VELTGraphAppearance& appearance) {
@@ -47,7 +64,10 @@ void GraphWidget::ensureRendered() const {
     if (!picture)
         return;
     picture->plot.appearance = appearance_;
-    rendered_ = renderPicture(*picture, size(), devicePixelRatioF());
+    const bool draft = inGesture();
+    rendered_ = renderPicture(*picture, size(), devicePixelRatioF(), draft);
+    if (draft)
+        finish_->start();
 }
 
 QRectF GraphWidget::plotArea() const {
@@ -199,7 +219,7 @@ void GraphWidget::drawCrosshair(QPainter& painter, const QRectF& area) const {
     if (at.x() + box.width() > area.right())
         at.setX(cursor->x() - 12 - box.width());
     if (at.y() + box.height() > area.bottom())
-        at.setY(cursor->y() - 12 - box.height());
+        at.setY(std::max(cursor->y() - 12 - box.height(), 0.0)); // a long reading from the top
     box.moveTopLeft(at);
     QColor ground = qColor(appearance_.background);
     ground.setAlphaF(0.9f);

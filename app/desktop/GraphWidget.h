@@ -12,6 +12,7 @@
 
 #include <QElapsedTimer>
 #include <QPointer>
+#include <QTimer>
 #include <QUndoStack>
 #include <QWidget>
 #include <optional>
@@ -76,6 +77,10 @@ protected:
     void leaveEvent(QEvent* event) override;
 
 private:
+    // The frames of a drag or of wheel steps this close together are drafts (drawn faster); the
+    // last is drawn in full once the gesture ends.
+    static constexpr int kDraftMilliseconds = 150;
+    bool inGesture() const;
     // Draws the graph again when something changed, so that the layout matches the extents.
     void ensureRendered() const;
     void drawMarkers(QPainter& painter, const QRectF& area) const;
@@ -100,6 +105,7 @@ private:
     int gesture_ = 0;
     int nextMarker_ = 0;
     QElapsedTimer lastWheel_;
+    QTimer* finish_ = nullptr;
 };
 
 } // namespace tavolar::desktop
