@@ -48,7 +48,14 @@ GraphWidget::GraphWidget(GraphModel& graph, QUndoStack& undoStack, QWidget* pare
 }
 
 bool GraphWidget::inGesture() const {
-    return dragFrom_ || windowDrag_ || (lastWheel_.isValid() && lastWheel_.elapsed() < kDraftMilliseconds);
+    auto recent = [](const QElapsedTimer& timer) {
+        return timer.isValid() && timer.elapsed() < kDraftMilliseconds;
+    };
+    return dragFrom_ || windowDrag_ || recent(lastWheel_) || recent(lastFollowed_);
+}
+
+void GraphWidget::followGesture() {
+    lastFollowed_.start();
 }
 
 void GraphWidget::setAppearance(const VELTGraphAppearance& appearance) {
@@ -58,6 +65,9 @@ void GraphWidget::setAppearance(const VELTGraphAppearance& appearance) {
 }
 
 void GraphWidget::ensureRendered() const {
+    // A window moved to a screen of another scale is drawn again at its pixels.
+    if (rendered_ && rendered_->image.devicePixelRatio() != devicePixelRatioF())
+        rendered_.reset();
     if (rendered_)
         return;
     auto picture = graph_.picture();

@@ -53,6 +53,10 @@ public:
     // begin or 1 for its end.
     std::optional<std::pair<int, int>> windowEdgeAt(QPointF position) const;
 
+    // The frames drawn in the next moments are drafts, as in a gesture of this graph's own: for a
+    // graph that follows another's.
+    void followGesture();
+
 public slots:
     // Shows the cursor of a linked graph at its X value; nothing hides it.
     void showLinkedCursor(std::optional<double> x);
@@ -105,6 +109,7 @@ private:
     int gesture_ = 0;
     int nextMarker_ = 0;
     QElapsedTimer lastWheel_;
+    QElapsedTimer lastFollowed_;
     QTimer* finish_ = nullptr;
 };
 

@@ -12,15 +12,19 @@ bool shareAxis(const GraphModel& one, const GraphModel& other) {
            one.xUnit() == other.xUnit();
 }
 
-// The horizontal range of one graph given to the other; it is no step to undo of its own, as the
-// change of the first graph is one already.
-void follow(const GraphModel& leader, GraphModel& follower) {
-    if (!shareAxis(leader, follower))
+// The horizontal range of one graph given to the other, drawn as drafts while the range moves; it is
+// no step to undo of its own, as the change of the first graph is one already.
+void follow(const GraphModel& leader, GraphWidget& follower) {
+    GraphModel& model = follower.graph();
+    if (!shareAxis(leader, model))
         return;
-    VELTGraphExtents extents = follower.extents();
+    VELTGraphExtents extents = model.extents();
     extents.xMin = leader.extents().xMin;
     extents.xMax = leader.extents().xMax;
-    follower.setExtents(extents);
+    if (extents == model.extents())
+        return;
+    follower.followGesture();
+    model.setExtents(extents);
 }
 
 } // namespace
@@ -91,13 +95,14 @@ void LinkedGraphPane::link() {
         return;
     GraphModel& top = above->graph();
     GraphModel& bottom = *model_;
-    links_.push_back(connect(&top, &GraphModel::changed, this, [&top, &bottom] { follow(top, bottom); }));
-    links_.push_back(connect(&bottom, &GraphModel::changed, this, [this, &top, &bottom] {
+    GraphWidget& below = *widget_;
+    links_.push_back(connect(&top, &GraphModel::changed, this, [&top, &below] { follow(top, below); }));
+    links_.push_back(connect(&bottom, &GraphModel::changed, this, [this, &top, &bottom, above, &below] {
         // New curves of the pane's graph take the axis of the graph above, rather than giving it theirs.
         if (std::exchange(following_, following_ && !bottom.isInteractive()))
-            follow(top, bottom);
+            follow(top, below);
         else
-            follow(bottom, top);
+            follow(bottom, *above);
     }));
     auto cursor = [](GraphWidget& to, const GraphModel& from) {
         return [&to, &from](std::optional<double> x) {
@@ -106,7 +111,7 @@ void LinkedGraphPane::link() {
     };
     links_.push_back(connect(above, &GraphWidget::cursorMoved, widget_, cursor(*widget_, top)));
     links_.push_back(connect(widget_, &GraphWidget::cursorMoved, above, cursor(*above, bottom)));
-    follow(top, bottom);
+    follow(top, below);
 }
 
 void LinkedGraphPane::reload() {

@@ -363,7 +363,8 @@ TEST(MeasureDialog, MeasurementOnTheSimulatedDeviceBecomesARecordAndACancelledOn
         ++rows;
         const qint64 stored = probe.clock.elapsed();
         GraphModel& graph = open.graph().graph();
-        QTest::qWaitFor([&] { return !graph.isReloading() && graph.curves().size() == std::size_t(rows); });
+        EXPECT_TRUE(QTest::qWaitFor(
+            [&] { return !graph.isReloading() && graph.curves().size() == std::size_t(rows); }));
         open.graph().repaint();
         std::cout << "stored to curve on screen: " << probe.clock.elapsed() - stored
                   << " ms; click to curve: " << probe.clock.elapsed()
