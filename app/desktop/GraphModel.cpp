@@ -208,6 +208,7 @@ PlotSettings GraphModel::plotSettings() const {
 
 void GraphModel::reload() {
     const std::uint64_t generation = ++generation_;
+    latest_->store(generation);
     reloading_ = true;
     const RecordArray& records = graph_->measurementRecords();
     if (records.empty()) {
@@ -215,19 +216,23 @@ void GraphModel::reload() {
         return;
     }
     // The picture is computed on the global queue and handed to the main queue; a model gone by then,
-    // or a later reload, leaves it unused.
+    // or a later reload, leaves it unused. A reload superseded before its turn comes (the steps of a
+    // drag of a window's edge) computes nothing.
     std::weak_ptr<bool> alive = alive_;
-    DispatchQueue::global().async([this, alive, generation, records, settings = plotSettings()] {
-        auto picture = std::make_shared<Expected<GraphPicture>>(plotRecords(records, settings));
-        DispatchQueue::main().async([this, alive, generation, picture] {
-            if (auto living = alive.lock(); living && *living && generation == generation_)
-                receive(std::move(*picture));
+    DispatchQueue::global().async(
+        [this, alive, latest = latest_, generation, records, settings = plotSettings()] {
+            if (latest->load() != generation)
+                return;
+            auto picture = std::make_shared<Expected<GraphPicture>>(plotRecords(records, settings));
+            DispatchQueue::main().async([this, alive, generation, picture] {
+                if (auto living = alive.lock(); living && *living && generation == generation_)
+                    receive(std::move(*picture));
+            });
         });
-    });
 }
 
 void GraphModel::reloadSynchronously() {
-    ++generation_;
+    latest_->store(++generation_);
     const RecordArray& records = graph_->measurementRecords();
     receive(records.empty() ? Expected<GraphPicture>(makeUnexpected("There are no records to show."))
                             : plotRecords(records, plotSettings()));

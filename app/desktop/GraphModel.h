@@ -13,6 +13,7 @@
 #include <QString>
 #include <QStringList>
 #include <array>
+#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -138,6 +139,8 @@ private:
     bool reloading_ = false;
     bool keepExtents_ = false; // the next picture keeps the extents the user chose
     std::uint64_t generation_ = 0;
+    // The generation of the latest reload, for the worker threads.
+    std::shared_ptr<std::atomic<std::uint64_t>> latest_ = std::make_shared<std::atomic<std::uint64_t>>(0);
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
