@@ -207,32 +207,41 @@ PlotSettings GraphModel::plotSettings() const {
 }
 
 void GraphModel::reload() {
-    const std::uint64_t generation = ++generation_;
-    latest_->store(generation);
+    ++generation_;
     reloading_ = true;
-    const RecordArray& records = graph_->measurementRecords();
-    if (records.empty()) {
+    if (graph_->measurementRecords().empty()) {
         receive(makeUnexpected("There are no records to show."));
         return;
     }
-    // The picture is computed on the global queue and handed to the main queue; a model gone by then,
-    // or a later reload, leaves it unused. A reload superseded before its turn comes (the steps of a
-    // drag of a window's edge) computes nothing.
+    // One computation at a time: reloads made while one runs (the steps of a drag of a window's edge)
+    // leave a single one to follow it, of the records and settings as they are by then.
+    if (!computing_)
+        compute();
+}
+
+void GraphModel::compute() {
+    // The picture is computed on the global queue and handed to the main queue; a model gone by then
+    // leaves it unused, and one reloaded since computes again rather than take it.
+    computing_ = true;
+    const std::uint64_t generation = generation_;
     std::weak_ptr<bool> alive = alive_;
     DispatchQueue::global().async(
-        [this, alive, latest = latest_, generation, records, settings = plotSettings()] {
-            if (latest->load() != generation)
-                return;
+        [this, alive, generation, records = graph_->measurementRecords(), settings = plotSettings()] {
             auto picture = std::make_shared<Expected<GraphPicture>>(plotRecords(records, settings));
             DispatchQueue::main().async([this, alive, generation, picture] {
-                if (auto living = alive.lock(); living && *living && generation == generation_)
+                if (auto living = alive.lock(); !living || !*living)
+                    return;
+                computing_ = false;
+                if (generation == generation_)
                     receive(std::move(*picture));
+                else if (reloading_)
+                    reload();
             });
         });
 }
 
 void GraphModel::reloadSynchronously() {
-    latest_->store(++generation_);
+    ++generation_;
     const RecordArray& records = graph_->measurementRecords();
     receive(records.empty() ? Expected<GraphPicture>(makeUnexpected("There are no records to show."))
                             : plotRecords(records, plotSettings()));

@@ -13,7 +13,6 @@
 #include <QString>
 #include <QStringList>
 #include <array>
-#include <atomic>
 #include <memory>
 #include <optional>
 #include <string>
@@ -126,6 +125,7 @@ signals:
 
 private:
     PlotSettings plotSettings() const;
+    void compute();
     void receive(Expected<GraphPicture> picture);
 
     std::string name_;
@@ -139,8 +139,7 @@ private:
     bool reloading_ = false;
     bool keepExtents_ = false; // the next picture keeps the extents the user chose
     std::uint64_t generation_ = 0;
-    // The generation of the latest reload, for the worker threads.
-    std::shared_ptr<std::atomic<std::uint64_t>> latest_ = std::make_shared<std::atomic<std::uint64_t>>(0);
+    bool computing_ = false; // a picture is being computed on a worker thread
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
