@@ -184,6 +184,7 @@ void GraphModel::setExtents(const VELTGraphExtents& extents) {
 }
 
 void GraphModel::setRecords(RecordArray records) {
+    keepExtents_ = picture_ && !extentsAutomatic_ && records == graph_->measurementRecords();
     graph_->setMeasurementRecords(std::move(records));
     reload();
 }
@@ -206,23 +207,37 @@ PlotSettings GraphModel::plotSettings() const {
 }
 
 void GraphModel::reload() {
-    const std::uint64_t generation = ++generation_;
+    ++generation_;
     reloading_ = true;
-    const RecordArray& records = graph_->measurementRecords();
-    if (records.empty()) {
+    if (graph_->measurementRecords().empty()) {
         receive(makeUnexpected("There are no records to show."));
         return;
     }
-    // The picture is computed on the global queue and handed to the main queue; a model gone by then,
-    // or a later reload, leaves it unused.
+    // One computation at a time: reloads made while one runs (the steps of a drag of a window's edge)
+    // leave a single one to follow it, of the records and settings as they are by then.
+    if (!computing_)
+        compute();
+}
+
+void GraphModel::compute() {
+    // The picture is computed on the global queue and handed to the main queue; a model gone by then
+    // leaves it unused, and one reloaded since computes again rather than take it.
+    computing_ = true;
+    const std::uint64_t generation = generation_;
     std::weak_ptr<bool> alive = alive_;
-    DispatchQueue::global().async([this, alive, generation, records, settings = plotSettings()] {
-        auto picture = std::make_shared<Expected<GraphPicture>>(plotRecords(records, settings));
-        DispatchQueue::main().async([this, alive, generation, picture] {
-            if (auto living = alive.lock(); living && *living && generation == generation_)
-                receive(std::move(*picture));
+    DispatchQueue::global().async(
+        [this, alive, generation, records = graph_->measurementRecords(), settings = plotSettings()] {
+            auto picture = std::make_shared<Expected<GraphPicture>>(plotRecords(records, settings));
+            DispatchQueue::main().async([this, alive, generation, picture] {
+                if (auto living = alive.lock(); !living || !*living)
+                    return;
+                computing_ = false;
+                if (generation == generation_)
+                    receive(std::move(*picture));
+                else if (reloading_)
+                    reload();
+            });
         });
-    });
 }
 
 void GraphModel::reloadSynchronously() {
@@ -234,12 +249,13 @@ void GraphModel::reloadSynchronously() {
 
 void GraphModel::receive(Expected<GraphPicture> picture) {
     reloading_ = false;
+    const bool keep = std::exchange(keepExtents_, false);
     if (picture) {
         picture_ = std::move(*picture);
         problem_.clear();
         // New data brings the extents that fit it, unless the user locked them; this is no undoable
         // step.
-        if (!extentsLocked())
+        if (!extentsLocked() && !keep)
             if (auto fitted = fittedExtents()) {
                 graph_->setExtents(*fitted);
                 extentsAutomatic_ = true;

@@ -59,8 +59,13 @@ public:
     // Sets the extents as they are; gestures keep to the limits through zoomed, panned and limited.
     void setExtents(const VELTGraphExtents& extents);
 
-    // The records to draw; the picture is computed again.
+    // The records to draw; the picture is computed again. The same records again (a window or colour
+    // changed) keep extents the user chose, so that the view stays where it was.
     void setRecords(RecordArray records);
+    // The records drawn, in the order of their curves.
+    const RecordArray& records() const { return graph_->measurementRecords(); }
+    // Whether the picture shows the records' analysis windows (the impulse response's does).
+    bool showsWindows() const { return name_ == "impulse" && isInteractive(); }
     // Computes the picture on a worker thread; it arrives on the main queue, which the window
     // drains. A later reload supersedes an earlier one that has not arrived.
     void reload();
@@ -76,6 +81,8 @@ public:
     // Whether the extents can be zoomed and panned (curves and bars, not surfaces).
     bool isInteractive() const;
     bool logarithmicX() const;
+    // The unit of the horizontal axis ("Hz", "ms"), empty before there is a picture.
+    std::string xUnit() const { return picture_ ? picture_->plot.xQuantity.unit : std::string(); }
     // Where the view draws (points); automatic extents round the Y axis out to its ticks there.
     // Extents still fitted automatically are fitted again to the new bounds.
     void setViewBounds(const VELTRect& bounds);
@@ -118,6 +125,7 @@ signals:
 
 private:
     PlotSettings plotSettings() const;
+    void compute();
     void receive(Expected<GraphPicture> picture);
 
     std::string name_;
@@ -129,7 +137,9 @@ private:
     std::array<std::optional<double>, 2> markers_;
     QString problem_;
     bool reloading_ = false;
+    bool keepExtents_ = false; // the next picture keeps the extents the user chose
     std::uint64_t generation_ = 0;
+    bool computing_ = false; // a picture is being computed on a worker thread
     std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 

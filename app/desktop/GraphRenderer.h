@@ -18,10 +18,13 @@ struct RenderedGraph {
     QImage image;
     // Where the layout placed everything (points), for pictures of curves and bars.
     std::optional<VELTGraphLayout> layout;
+    bool draft = false;
 };
 
-// Draws the picture into an image of the size in pixels (times devicePixelRatio).
-RenderedGraph renderPicture(const GraphPicture& picture, QSize pixels, double devicePixelRatio = 1.0);
+// Draws the picture into an image of the size in pixels (times devicePixelRatio). A draft, for the
+// frames of a gesture, draws the curves faster and their edges a little rougher.
+RenderedGraph renderPicture(const GraphPicture& picture, QSize pixels, double devicePixelRatio = 1.0,
+                            bool draft = false);
 
 // Calls measure with a painter that measures text as drawing would, but draws nowhere.
 void withMeasuringPainter(const std::function<void(VELTPainter&)>& measure);

@@ -6,6 +6,7 @@
 #include <QKeyEvent>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QTimer>
 #include <QWheelEvent>
 #include <cmath>
 
@@ -32,6 +33,29 @@ GraphWidget::GraphWidget(GraphModel& graph, QUndoStack& undoStack, QWidget* pare
         rendered_.reset();
         update();
     });
+    // Once a gesture has ended, its last draft is drawn again in full.
+    finish_ = new QTimer(this);
+    finish_->setSingleShot(true);
+    finish_->setInterval(kDraftMilliseconds);
+    connect(finish_, &QTimer::timeout, this, [this] {
+        if (inGesture()) {
+            finish_->start();
+        } else if (rendered_ && rendered_->draft) {
+            rendered_.reset();
+            update();
+        }
+    });
+}
+
+bool GraphWidget::inGesture() const {
+    auto recent = [](const QElapsedTimer& timer) {
+        return timer.isValid() && timer.elapsed() < kDraftMilliseconds;
+    };
+    return dragFrom_ || windowDrag_ || recent(lastWheel_) || recent(lastFollowed_);
+}
+
+void GraphWidget::followGesture() {
+    lastFollowed_.start();
 }
 
 void GraphWidget::setAppearance(const VELTGraphAppearance& appearance) {
@@ -41,13 +65,19 @@ void GraphWidget::setAppearance(const VELTGraphAppearance& appearance) {
 }
 
 void GraphWidget::ensureRendered() const {
+    // A window moved to a screen of another scale is drawn again at its pixels.
+    if (rendered_ && rendered_->image.devicePixelRatio() != devicePixelRatioF())
+        rendered_.reset();
     if (rendered_)
         return;
     auto picture = graph_.picture();
     if (!picture)
         return;
     picture->plot.appearance = appearance_;
-    rendered_ = renderPicture(*picture, size(), devicePixelRatioF());
+    const bool draft = inGesture();
+    rendered_ = renderPicture(*picture, size(), devicePixelRatioF(), draft);
+    if (draft)
+        finish_->start();
 }
 
 QRectF GraphWidget::plotArea() const {
@@ -122,21 +152,20 @@ std::optional<int> GraphWidget::legendRowAt(QPointF position) const {
 }
 
 QString GraphWidget::readoutText() const {
-    if (!cursor_)
-        return {};
-    auto data = dataAt(*cursor_);
-    if (!data)
-        return {};
+    std::optional<double> x = linkedX_;
+    if (cursor_) {
+        auto data = dataAt(*cursor_);
+        x = data ? std::optional(data->x()) : std::nullopt;
+    }
     auto picture = graph_.picture();
-    if (!picture)
+    if (!x || !picture)
         return {};
     const GraphQuantity& xQuantity = picture->plot.xQuantity;
-    QString text =
-        xQuantity.unit == "Hz"
-            ? QString::fromStdString(formatFrequencyWithUnit(data->x()))
-            : QString::fromStdString(formatShortNumber(data->x()) + " " + displayUnit(xQuantity.unit));
+    QString text = xQuantity.unit == "Hz"
+                       ? QString::fromStdString(formatFrequencyWithUnit(*x))
+                       : QString::fromStdString(formatShortNumber(*x) + " " + displayUnit(xQuantity.unit));
     const std::string unit = displayUnit(picture->plot.yQuantity.unit);
-    for (const auto& reading : graph_.readout(data->x()))
+    for (const auto& reading : graph_.readout(*x))
         text += QString("\n%1: %2")
                     .arg(reading.name, reading.value ? QString::number(*reading.value, 'f', 2) + " " +
                                                            QString::fromStdString(unit)
@@ -163,14 +192,32 @@ void GraphWidget::paintEvent(QPaintEvent*) {
         painter.setPen(QPen(qColor(appearance_.text), 1.0, Qt::DotLine));
         painter.drawRect(band_->normalized());
     }
-    if (!cursor_ || !area.contains(*cursor_))
+    if (windowDrag_)
+        if (auto at = positionOf(QPointF(windowDrag_->at, 0.0))) {
+            painter.setPen(QPen(qColor(appearance_.text), 1.5));
+            painter.drawLine(QPointF(at->x(), area.top()), QPointF(at->x(), area.bottom()));
+        }
+    drawCrosshair(painter, area);
+}
+
+void GraphWidget::drawCrosshair(QPainter& painter, const QRectF& area) const {
+    // The pointer's crosshair, or the line of a linked graph's cursor at its X value, with the reading
+    // in the graph's text colour over a box of its ground.
+    std::optional<QPointF> cursor;
+    if (cursor_ && area.contains(*cursor_))
+        cursor = *cursor_;
+    else if (linkedX_ && !cursor_)
+        if (auto at = positionOf(QPointF(*linkedX_, 0.0));
+            at && at->x() >= area.left() && at->x() <= area.right())
+            cursor = QPointF(at->x(), area.top() + 4.0);
+    if (!cursor)
         return;
-    // The crosshair and its reading, in the graph's text colour over a box of its ground.
     QColor line = qColor(appearance_.text);
     line.setAlphaF(0.5f);
     painter.setPen(QPen(line, 1.0, Qt::DashLine));
-    painter.drawLine(QPointF(cursor_->x(), area.top()), QPointF(cursor_->x(), area.bottom()));
-    painter.drawLine(QPointF(area.left(), cursor_->y()), QPointF(area.right(), cursor_->y()));
+    painter.drawLine(QPointF(cursor->x(), area.top()), QPointF(cursor->x(), area.bottom()));
+    if (cursor_)
+        painter.drawLine(QPointF(area.left(), cursor->y()), QPointF(area.right(), cursor->y()));
     const QString text = readoutText();
     QFont font = painter.font();
     font.setPointSizeF(8.5);
@@ -178,11 +225,11 @@ void GraphWidget::paintEvent(QPaintEvent*) {
     QRectF box = painter.boundingRect(QRectF(0, 0, 400, 400), Qt::AlignLeft | Qt::AlignTop, text);
     box.adjust(-6, -4, 6, 4);
     // Beside the cursor, on the side with room.
-    QPointF at = *cursor_ + QPointF(12, 12);
+    QPointF at = *cursor + QPointF(12, 12);
     if (at.x() + box.width() > area.right())
-        at.setX(cursor_->x() - 12 - box.width());
+        at.setX(cursor->x() - 12 - box.width());
     if (at.y() + box.height() > area.bottom())
-        at.setY(cursor_->y() - 12 - box.height());
+        at.setY(std::max(cursor->y() - 12 - box.height(), 0.0)); // a long reading from the top
     box.moveTopLeft(at);
     QColor ground = qColor(appearance_.background);
     ground.setAlphaF(0.9f);
@@ -265,6 +312,15 @@ void GraphWidget::mousePressEvent(QMouseEvent* event) {
         emit legendClicked(*row);
         return;
     }
+    if (auto edge = windowEdgeAt(event->position());
+        edge && event->button() == Qt::LeftButton && event->modifiers() == Qt::NoModifier) {
+        const auto& record = *graph_.records()[static_cast<std::size_t>(edge->first)];
+        windowDrag_ = WindowDrag{edge->first, edge->second,
+                                 edge->second == 0 ? record.windowBeginInMilliseconds()
+                                                   : record.windowEndInMilliseconds()};
+        ++gesture_;
+        return;
+    }
     const bool banding = event->button() == Qt::RightButton ||
                          (event->button() == Qt::LeftButton && (event->modifiers() & Qt::ControlModifier));
     if (banding && plotArea().contains(event->position())) {
@@ -278,8 +334,62 @@ void GraphWidget::mousePressEvent(QMouseEvent* event) {
     }
 }
 
+std::optional<std::pair<int, int>> GraphWidget::windowEdgeAt(QPointF position) const {
+    const QRectF area = plotArea();
+    if (!document_ || !graph_.showsWindows() || position.y() < area.top() || position.y() > area.bottom())
+        return std::nullopt;
+    std::optional<std::pair<int, int>> nearest;
+    double distance = kEdgeGrab;
+    const RecordArray& records = graph_.records();
+    for (std::size_t index = 0; index < records.size(); ++index)
+        for (int edge : {0, 1}) {
+            const double ms = edge == 0 ? records[index]->windowBeginInMilliseconds()
+                                        : records[index]->windowEndInMilliseconds();
+            auto at = positionOf(QPointF(ms, 0.0));
+            if (at && std::abs(at->x() - position.x()) < distance) {
+                distance = std::abs(at->x() - position.x());
+                nearest = std::pair(static_cast<int>(index), edge);
+            }
+        }
+    return nearest;
+}
+
+void GraphWidget::dragWindowEdge(QPointF position) {
+    auto data = dataAt(position);
+    const RecordArray& records = graph_.records();
+    if (!data || !document_ || windowDrag_->record >= static_cast<int>(records.size()))
+        return;
+    VELTMeasurementRecord& record = *records[static_cast<std::size_t>(windowDrag_->record)];
+    // A window that the command line would refuse (an end before the begin, beyond the response) is
+    // not set: the edge stays at the last place allowed.
+    auto command = DragWindowCommand::make(*document_, record, windowDrag_->edge, data->x(), gesture_);
+    if (!command)
+        return;
+    windowDrag_->at = data->x();
+    undoStack_.push(command->release());
+}
+
+void GraphWidget::showLinkedCursor(std::optional<double> x) {
+    if (x == linkedX_)
+        return;
+    linkedX_ = x;
+    update();
+}
+
 void GraphWidget::mouseMoveEvent(QMouseEvent* event) {
     cursor_ = event->position();
+    if (auto data = dataAt(event->position()); data && plotArea().contains(event->position()))
+        emit cursorMoved(data->x());
+    else
+        emit cursorMoved(std::nullopt);
+    if (windowDrag_ && (event->buttons() & Qt::LeftButton))
+        dragWindowEdge(event->position());
+    else if (!event->buttons()) {
+        if (windowEdgeAt(event->position()))
+            setCursor(Qt::SizeHorCursor);
+        else
+            unsetCursor();
+    }
     if (band_)
         band_->setBottomRight(event->position());
     if (dragFrom_ && (event->buttons() & Qt::LeftButton)) {
@@ -294,6 +404,8 @@ void GraphWidget::mouseMoveEvent(QMouseEvent* event) {
 
 void GraphWidget::mouseReleaseEvent(QMouseEvent*) {
     dragFrom_.reset();
+    if (std::exchange(windowDrag_, std::nullopt))
+        update();
     if (!band_)
         return;
     // The band's corners within the plot area become the extents; a band a few pixels across is a
@@ -326,6 +438,7 @@ void GraphWidget::keyPressEvent(QKeyEvent* event) {
 
 void GraphWidget::leaveEvent(QEvent*) {
     cursor_.reset();
+    emit cursorMoved(std::nullopt);
     update();
 }
 

@@ -4,18 +4,22 @@
 // draws, a double click fits the extents to the curves; a crosshair
 // follows the cursor and reads every curve at its frequency. Shift-clicks place two markers, whose
 // readings and differences show in a corner; Escape clears them. A click on the legend names the
-// curve clicked. Changes of the extents are undoable.
+// curve clicked. Changes of the extents are undoable. On the impulse graph the edges of the records'
+// analysis windows can be grabbed and dragged. A graph linked to another shows the other's cursor.
 
 #include "GraphModel.h"
 #include "GraphRenderer.h"
 
 #include <QElapsedTimer>
 #include <QPointer>
+#include <QTimer>
 #include <QUndoStack>
 #include <QWidget>
 #include <optional>
 
 namespace tavolar::desktop {
+
+class RecordTableModel;
 
 class GraphWidget : public QWidget {
     Q_OBJECT
@@ -36,14 +40,34 @@ public:
     QRectF plotArea() const;
     // The row of the legend at a position: the index of its curve, or nothing.
     std::optional<int> legendRowAt(QPointF position) const;
-    // The crosshair's reading: the frequency and each curve's value there.
+    // The crosshair's reading: the frequency and each curve's value there (at the linked cursor when
+    // the pointer is elsewhere).
     QString readoutText() const;
+
+    // How close to an edge of an analysis window a press grabs it, in pixels.
+    static constexpr double kEdgeGrab = 5.0;
+    // Lets the records' windows shaded on the graph be dragged by their edges, each drag one undoable
+    // step "Set Window" of the document's.
+    void setWindowDocument(RecordTableModel* document) { document_ = document; }
+    // The window edge near a position: the record's index among those drawn, and 0 for the window's
+    // begin or 1 for its end.
+    std::optional<std::pair<int, int>> windowEdgeAt(QPointF position) const;
+
+    // The frames drawn in the next moments are drafts, as in a gesture of this graph's own: for a
+    // graph that follows another's.
+    void followGesture();
+
+public slots:
+    // Shows the cursor of a linked graph at its X value; nothing hides it.
+    void showLinkedCursor(std::optional<double> x);
 
     QSize sizeHint() const override { return {720, 450}; }
 
 signals:
     // A click on the curve's row of the legend.
     void legendClicked(int curve);
+    // The pointer moved to the X value in the plot area, or left it.
+    void cursorMoved(std::optional<double> x);
 
 protected:
     void paintEvent(QPaintEvent* event) override;
@@ -57,10 +81,16 @@ protected:
     void leaveEvent(QEvent* event) override;
 
 private:
+    // The frames of a drag or of wheel steps this close together are drafts (drawn faster); the
+    // last is drawn in full once the gesture ends.
+    static constexpr int kDraftMilliseconds = 150;
+    bool inGesture() const;
     // Draws the graph again when something changed, so that the layout matches the extents.
     void ensureRendered() const;
     void drawMarkers(QPainter& painter, const QRectF& area) const;
     void pushExtents(const VELTGraphExtents& extents, const QString& text, int gesture);
+    void dragWindowEdge(QPointF position);
+    void drawCrosshair(QPainter& painter, const QRectF& area) const;
 
     GraphModel& graph_;
     QUndoStack& undoStack_;
@@ -69,9 +99,18 @@ private:
     std::optional<QPointF> cursor_;
     std::optional<QPointF> dragFrom_;
     std::optional<QRectF> band_; // the rubber band being drawn, in the widget's coordinates
+    std::optional<double> linkedX_;
+    RecordTableModel* document_ = nullptr;
+    struct WindowDrag {
+        int record, edge;
+        double at; // ms, where the edge is now
+    };
+    std::optional<WindowDrag> windowDrag_;
     int gesture_ = 0;
     int nextMarker_ = 0;
     QElapsedTimer lastWheel_;
+    QElapsedTimer lastFollowed_;
+    QTimer* finish_ = nullptr;
 };
 
 } // namespace tavolar::desktop

@@ -87,6 +87,7 @@ MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString
         auto* widget = new GraphWidget(*graph, document_->undoStack());
         widget->setAppearance(appearance);
         widget->setObjectName(QString::fromUtf8(name.data(), static_cast<qsizetype>(name.size())));
+        widget->setWindowDocument(document_.get());
         graphs_.push_back(graph);
         widgets_.push_back(widget);
         stale_.push_back(true);
@@ -130,9 +131,12 @@ MainWindow::MainWindow(std::unique_ptr<RecordTableModel> document, const QString
 
     auto* splitter = new QSplitter(Qt::Vertical);
     splitter->addWidget(tabs_);
+    below_ = new LinkedGraphPane(*document_, *tabs_, appearance);
+    splitter->addWidget(below_);
     splitter->addWidget(table_);
     splitter->setStretchFactor(0, 3);
-    splitter->setStretchFactor(1, 1);
+    splitter->setStretchFactor(1, 3);
+    splitter->setStretchFactor(2, 1);
     setCentralWidget(splitter);
     resize(1100, 780);
 
@@ -314,6 +318,9 @@ void MainWindow::buildMenus() {
             fit(true, false));
     addView(tr("Fit Vertically"), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_Y), tr("Fit to Data"),
             fit(false, true));
+
+    view->addSeparator();
+    below_->addMenu(*view);
 
     QMenu* records = menuBar()->addMenu(tr("&Records"));
     auto step = [this](int by) {

@@ -6,6 +6,7 @@
 
 #include "GraphModel.h"
 #include "GraphWidget.h"
+#include "LinkedGraphPane.h"
 #include "RecordTableModel.h"
 
 #include <QActionGroup>
@@ -47,6 +48,8 @@ public:
     GraphWidget& currentGraphWidget();
     GraphWidget* graphWidget(const QString& name);
     bool showGraph(const QString& name);
+    // The second graph under the tabs (View > Graph Below), linked to the one shown above.
+    LinkedGraphPane& graphBelow() noexcept { return *below_; }
     // Sets a graph setting of the current graph through the undo stack.
     void setGraphValue(const std::string& keyPath, double value);
     // The fields of the current graph's extents: X minimum, X maximum, Y minimum, Y maximum.
@@ -85,6 +88,7 @@ private:
     std::unique_ptr<RecordTableModel> document_;
     QString theme_;
     QTabWidget* tabs_ = nullptr;
+    LinkedGraphPane* below_ = nullptr;
     QTableView* table_ = nullptr;
     std::vector<GraphModel*> graphs_;
     std::vector<GraphWidget*> widgets_;

@@ -5,11 +5,13 @@
 #include "GraphCommands.h"
 #include "GraphModel.h"
 #include "RecordDescription.h"
+#include "platform/RunLoop.h"
 
 #include <QColor>
 #include <QFile>
 #include <QMimeData>
 #include <QTemporaryDir>
+#include <QTest>
 #include <cmath>
 #include <functional>
 #include <gtest/gtest.h>
@@ -299,6 +301,15 @@ TEST(GraphModel, StepsOfOneGestureMergeIntoOneUndo) {
     stack.undo();
     stack.undo();
     EXPECT_EQ(graph.extents(), start);
+}
+
+TEST(GraphModel, ReloadsWhileOneComputesEndInThePictureOfTheLastSettings) {
+    LoadedGraph loaded;
+    GraphModel& graph = loaded.graph;
+    for (int smoothing : {3, 6, 24})
+        graph.setValue("smoothingFraction", smoothing);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return RunLoop::runOnce(), !graph.isReloading(); }, 10000));
+    EXPECT_NE(graph.picture()->plot.titleModifier.find("1/24 Octave"), std::string::npos);
 }
 
 TEST(GraphModel, ZoomIsReversibleAndPanAndZoomKeepToTheLimits) {

@@ -55,6 +55,18 @@ void wheel(QWidget& widget, QPointF at, int steps) {
     QApplication::sendEvent(&widget, &event);
 }
 
+// A left-button drag in steps, each move sent as the mouse sends it.
+void drag(QWidget& widget, QPoint from, QPoint to, int steps = 5) {
+    QTest::mousePress(&widget, Qt::LeftButton, Qt::NoModifier, from);
+    for (int step = 1; step <= steps; ++step) {
+        const QPointF at = from + QPointF(to - from) * step / steps;
+        QMouseEvent move(QEvent::MouseMove, at, widget.mapToGlobal(at), Qt::NoButton, Qt::LeftButton,
+                         Qt::NoModifier);
+        QApplication::sendEvent(&widget, &move);
+    }
+    QTest::mouseRelease(&widget, Qt::LeftButton, Qt::NoModifier, to);
+}
+
 TEST(GraphWidget, WheelZoomThenTheReverseZoomGivesTheSameExtents) {
     OpenWindow open;
     GraphWidget& view = open.graph();
@@ -92,14 +104,7 @@ TEST(GraphWidget, DragPansAsOneUndoStepBandZoomsAndDoubleClickFits) {
     const QRectF area = view.plotArea();
     const VELTGraphExtents start = view.graph().extents();
     const QPoint from = area.center().toPoint();
-    QTest::mousePress(&view, Qt::LeftButton, Qt::NoModifier, from);
-    for (int step = 1; step <= 5; ++step) {
-        QMouseEvent move(QEvent::MouseMove, QPointF(from + QPoint(-20 * step, 10 * step)),
-                         view.mapToGlobal(QPointF(from + QPoint(-20 * step, 10 * step))), Qt::NoButton,
-                         Qt::LeftButton, Qt::NoModifier);
-        QApplication::sendEvent(&view, &move);
-    }
-    QTest::mouseRelease(&view, Qt::LeftButton, Qt::NoModifier, from + QPoint(-100, 50));
+    drag(view, from, from + QPoint(-100, 50));
     EXPECT_GT(view.graph().extents().xMin, start.xMin); // dragged left: higher frequencies come in
     EXPECT_GT(view.graph().extents().yMin, start.yMin); // dragged down: lower levels go out
     EXPECT_EQ(open.undo().count(), 1);
@@ -120,6 +125,61 @@ TEST(GraphWidget, DragPansAsOneUndoStepBandZoomsAndDoubleClickFits) {
     open.undo().undo();
     open.undo().undo();
     EXPECT_EQ(view.graph().extents(), start);
+}
+
+TEST(GraphWidget, DraggingAWindowEdgeOnTheImpulseGraphIsOneSetWindowStep) {
+    OpenWindow open("impulse");
+    GraphWidget& view = open.graph();
+    const float begin = -0.5f, end = 5.0f;
+    ASSERT_TRUE(open.window->document().setWindow(0, begin, end, "hanning").has_value());
+    view.repaint();
+    const VELTMeasurementRecord& record = *open.window->document().records()[0];
+    const QPoint edge(static_cast<int>(std::lround(view.positionOf(QPointF(begin, 0.0))->x())),
+                      static_cast<int>(view.plotArea().center().y()));
+    ASSERT_EQ(view.windowEdgeAt(edge), std::pair(0, 0));
+    const double to = view.dataAt(edge + QPoint(30, 0))->x();
+    drag(view, edge, edge + QPoint(30, 0));
+    EXPECT_NEAR(record.windowBeginInMilliseconds(), to, 1000.0 / 48000.0);
+    EXPECT_EQ(record.windowEndInMilliseconds(), end);
+    EXPECT_EQ(open.undo().count(), 2);
+    EXPECT_EQ(open.undo().undoText(), "Set Window");
+    open.undo().undo();
+    EXPECT_EQ(record.windowBeginInMilliseconds(), begin);
+    // Past the other edge the window would end before it begins: the edge stops where it was allowed.
+    drag(view, edge, QPoint(static_cast<int>(view.plotArea().right()) - 1, edge.y()));
+    EXPECT_LT(record.windowBeginInMilliseconds(), end);
+}
+
+TEST(LinkedGraphPane, MagnitudeOverPhaseShareTheFrequencyAxisAndTheCursor) {
+    OpenWindow open;
+    open.window->graphBelow().showGraph("phase");
+    GraphWidget& top = open.graph();
+    GraphWidget& phase = *open.window->graphBelow().graphWidget();
+    QApplication::processEvents();
+    phase.graph().reloadSynchronously();
+    top.repaint();
+    phase.repaint();
+    auto sameAxis = [&] {
+        return top.graph().extents().xMin == phase.graph().extents().xMin &&
+               top.graph().extents().xMax == phase.graph().extents().xMax;
+    };
+    EXPECT_TRUE(sameAxis());
+    const VELTGraphExtents start = top.graph().extents(), phaseStart = phase.graph().extents();
+    wheel(top, top.plotArea().center(), 2);
+    EXPECT_TRUE(sameAxis());
+    EXPECT_EQ(phase.graph().extents().yMin, phaseStart.yMin);
+    drag(phase, phase.plotArea().center().toPoint(), phase.plotArea().center().toPoint() + QPoint(40, 0));
+    EXPECT_TRUE(sameAxis());
+    open.undo().undo();
+    open.undo().undo();
+    EXPECT_EQ(top.graph().extents(), start);
+    EXPECT_TRUE(sameAxis());
+    // The pointer over the magnitude reads the phase at the same frequency.
+    QEvent leave(QEvent::Leave);
+    QApplication::sendEvent(&phase, &leave);
+    QTest::mouseMove(&top, top.plotArea().center().toPoint());
+    EXPECT_EQ(phase.readoutText().section('\n', 0, 0), top.readoutText().section('\n', 0, 0));
+    EXPECT_TRUE(phase.readoutText().contains("Record 2"));
 }
 
 TEST(GraphWidget, AClickOnTheLegendHidesThatCurvesRecord) {
@@ -349,7 +409,8 @@ TEST(MeasureDialog, MeasurementOnTheSimulatedDeviceBecomesARecordAndACancelledOn
         ++rows;
         const qint64 stored = probe.clock.elapsed();
         GraphModel& graph = open.graph().graph();
-        QTest::qWaitFor([&] { return !graph.isReloading() && graph.curves().size() == std::size_t(rows); });
+        EXPECT_TRUE(QTest::qWaitFor(
+            [&] { return !graph.isReloading() && graph.curves().size() == std::size_t(rows); }));
         open.graph().repaint();
         std::cout << "stored to curve on screen: " << probe.clock.elapsed() - stored
                   << " ms; click to curve: " << probe.clock.elapsed()
