@@ -57,11 +57,13 @@ struct Peak {
 // recording or an unusable result. The division by the stimulus is prepared once, and the channels
 // are shared among the cores. A picked channel (but the first, the quotient's scratch) that has room
 // for the transform becomes its own impulse response, deconvolved in place, and is left empty.
-// peaks, if given, receives each impulse response's peak.
+// peaks, if given, receives each impulse response's peak; planner, if given, is a thread planning
+// the transform, waited for only when the transform is needed.
 Expected<std::vector<VELTRealVector>>
 deconvolveSignals(const MonoSignal& stimulus, SoundSignal& response, const std::vector<std::size_t>& channels,
                   const std::optional<MonoSignal>& reference, std::optional<double> lambda,
-                  const std::filesystem::path& responsePath, std::vector<Peak>* peaks = nullptr) {
+                  const std::filesystem::path& responsePath, std::vector<Peak>* peaks = nullptr,
+                  std::jthread* planner = nullptr) {
     if (stimulus.samples.isAllZeroes())
         return failure("The stimulus is silent: every sample is zero.", "Give the file that was played.");
     for (std::size_t channel : channels)
@@ -136,6 +138,8 @@ deconvolveSignals(const MonoSignal& stimulus, SoundSignal& response, const std::
         for (std::size_t helper = 0; helper + 1 < workers; ++helper)
             helpers.emplace_back(work, nullptr, helper);
         try {
+            if (planner && planner->joinable())
+                planner->join();
             deconvolver.prepare(transformLength, correction, lambda);
             impulses[0] = VELTRealVector(transformLength);
             // The stimulus spectrum and the quotient are made once, here, and shared by every worker.
@@ -257,8 +261,6 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
              auto response = readSoundFile(options->response, "response", announced);
              if (!response)
                  return std::unexpected(response.error());
-             if (planner.joinable())
-                 planner.join();
              auto channels = pickChannels(*response, options->channel, options->response);
              if (!channels)
                  return std::unexpected(channels.error());
@@ -279,7 +281,7 @@ void addDeconvolveCommand(CLI::App& app, CommandList& commands) {
              }
              std::vector<Peak> peaks;
              auto impulses = deconvolveSignals(*stimulus, *response, *channels, reference, options->lambda,
-                                               options->response, &peaks);
+                                               options->response, &peaks, &planner);
              if (!impulses)
                  return std::unexpected(impulses.error());
              std::vector<std::span<const float>> spans;
