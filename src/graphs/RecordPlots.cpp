@@ -26,6 +26,17 @@ namespace tavolar {
 
 namespace {
 
+// The window's edges in milliseconds from time zero. They are signed sample offsets with an
+// exclusive end, so an end at the response's midpoint (the default of a short response) is its
+// last positive time, not the first negative one that the record's circular time axis reads there.
+std::pair<double, double> windowInMilliseconds(const VELTMeasurementRecord& record) {
+    const double rate = static_cast<double>(record.sampleRate());
+    if (!(rate > 0.0))
+        return {std::nan(""), std::nan("")};
+    return {1000.0 * static_cast<double>(record.windowBegin()) / rate,
+            1000.0 * static_cast<double>(record.windowEnd()) / rate};
+}
+
 constexpr int kLargestSmoothingDenominator = 48;
 constexpr int kLargestHarmonicOrder = 9;
 
@@ -172,7 +183,8 @@ std::string dataNote(const RecordArray& records, const PlotSettings& s, bool win
     };
     for (const auto& record : records) {
         add(rates, formatFrequencyWithUnit(static_cast<double>(record->sampleRate())));
-        const double length = record->windowEndInMilliseconds() - record->windowBeginInMilliseconds();
+        const auto [begin, end] = windowInMilliseconds(*record);
+        const double length = end - begin;
         if (windowed && std::isfinite(length) && length > 0.0)
             add(windows, formatMilliseconds(length, length < 10.0 ? 1 : 0));
         if (record->synchronousAverages() > 1)
@@ -206,8 +218,7 @@ Expected<GraphPicture> timePicture(const RecordArray& records, const PlotSetting
     for (const auto& record : records) {
         if (!impulse)
             break;
-        const double begin = record->windowBeginInMilliseconds();
-        const double end = record->windowEndInMilliseconds();
+        const auto [begin, end] = windowInMilliseconds(*record);
         if (std::isfinite(begin) && std::isfinite(end) && end > begin)
             picture.windows.emplace_back(begin, end);
     }

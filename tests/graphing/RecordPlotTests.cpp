@@ -185,6 +185,10 @@ TEST(RecordPlots, RangesAndTitlesFollowTheSettings) {
 TEST(RecordPlots, NotesSayWhatShapedTheData) {
     auto averaged = simulatedRecord("Averaged");
     averaged->setSynchronousAverages(4);
+    // A window to the response's midpoint, as short responses get by default: 32768 samples.
+    auto toMidpoint = simulatedRecord("Short");
+    toMidpoint->setWindowBegin(0);
+    toMidpoint->setWindowEnd(32768);
     struct Case {
         std::string graph;
         std::optional<int> smoothing;
@@ -194,6 +198,7 @@ TEST(RecordPlots, NotesSayWhatShapedTheData) {
     const Case cases[] = {
         {"phase", {}, records(), "48 kHz \u00B7 200 ms window"},
         {"impulse", {}, records(), "48 kHz"}, // the window is drawn
+        {"group-delay", {}, {toMidpoint}, "48 kHz \u00B7 683 ms window"},
         {"magnitude",
          12,
          {averaged},
@@ -205,6 +210,10 @@ TEST(RecordPlots, NotesSayWhatShapedTheData) {
         settings.smoothing = c.smoothing;
         EXPECT_EQ(plotRecords(c.records, settings)->plot.note, c.note);
     }
+    PlotSettings impulse;
+    impulse.graph = "impulse";
+    EXPECT_EQ(plotRecords({toMidpoint}, impulse)->windows,
+              (std::vector<std::pair<double, double>>{{0.0, 32768 / 48.0}}));
 }
 
 TEST(RecordPlots, RefusesWhatAGraphDoesNotTake) {
