@@ -134,6 +134,7 @@ TEST(Observing, ObserversHearTheirKeyAndEveryKeyThatDependsOnIt) {
     auto start = observe("startFreq");
     observe("label");
     observe("calibration.sensitivity");
+    observe("calibrationFile"); // begins with a changed key's name but is not a path through it
     observe("unrelated");
 
     settings.setFullRangeSweep(true);
