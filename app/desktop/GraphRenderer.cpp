@@ -40,9 +40,7 @@ RenderedGraph renderPicture(const GraphPicture& picture, QSize pixels, double de
         VELTCairoPainter painter(cairo.context);
         const VELTRect bounds{0.0, 0.0, width / scale, height / scale};
         painter.fillRect(bounds, picture.plot.appearance.background);
-        drawPicture(painter, picture, bounds);
-        if (picture.style == PictureStyle::Curves || picture.style == PictureStyle::Bars)
-            rendered.layout = layoutGraph(painter, picture.plot, bounds);
+        rendered.layout = drawPicture(painter, picture, bounds);
         cairo_surface_flush(cairo.surface);
     }
     image.setDevicePixelRatio(devicePixelRatio);

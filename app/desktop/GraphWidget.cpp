@@ -114,41 +114,13 @@ std::optional<QPointF> GraphWidget::positionOf(QPointF data) const {
 }
 
 std::optional<int> GraphWidget::legendRowAt(QPointF position) const {
-    const QRectF area = plotArea();
     auto picture = graph_.picture();
-    if (area.isEmpty() || !picture || picture->plot.curves.size() < 2)
+    if (!rendered_ || !rendered_->layout || !picture || picture->plot.curves.size() < 2)
         return std::nullopt;
-    // The legend's box as the layout places it: in the plot area's top right corner, a row per curve
-    // (while there is room), as wide as the longest name shown.
-    const VELTGraphAppearance& a = appearance_;
-    const double swatch = 18.0, inset = 5.0, margin = 6.0;
-    const VELTRect plot{area.x() / kPixelsPerPoint, area.y() / kPixelsPerPoint,
-                        area.width() / kPixelsPerPoint, area.height() / kPixelsPerPoint};
-    double line = 0.0, textWidth = 0.0;
-    const std::size_t curves = picture->plot.curves.size();
-    std::size_t rows = 0;
-    withMeasuringPainter([&](VELTPainter& painter) {
-        line = painter.lineHeight(a.legendFont);
-        rows = static_cast<std::size_t>(
-            std::max(std::floor((plot.height - 2.0 * margin - inset * 2.0) / line), 1.0));
-        const double nameWidth =
-            std::max(std::min(a.legendMaximumWidth, plot.width - 2.0 * margin - inset * 3.0 - swatch), 0.0);
-        for (std::size_t index = 0; index < std::min(curves, rows); ++index) {
-            const std::string& name = picture->plot.curves[index]->name();
-            textWidth =
-                std::max(textWidth, painter.textWidth(ellipsized(painter, name.empty() ? "Untitled" : name,
-                                                                 a.legendFont, nameWidth),
-                                                      a.legendFont));
-        }
-    });
-    const std::size_t shown = curves > rows ? rows - 1 : curves;
-    const double width = inset * 3.0 + swatch + textWidth;
-    const double x = (position.x() / kPixelsPerPoint) - (plot.right() - width - margin);
-    const double y = (position.y() / kPixelsPerPoint) - (plot.y + margin + inset);
-    if (x < 0.0 || x > width || y < 0.0)
-        return std::nullopt;
-    const auto row = static_cast<std::size_t>(y / line);
-    return row < shown ? std::optional<int>(static_cast<int>(row)) : std::nullopt;
+    // The legend as the picture on screen was laid out: in a corner of the plot area or beside it.
+    auto curve =
+        legendCurveAt(*rendered_->layout, {position.x() / kPixelsPerPoint, position.y() / kPixelsPerPoint});
+    return curve ? std::optional<int>(static_cast<int>(*curve)) : std::nullopt;
 }
 
 QString GraphWidget::readoutText() const {

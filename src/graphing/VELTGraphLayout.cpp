@@ -749,4 +749,17 @@ VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const
     return layout;
 }
 
+std::optional<std::size_t> legendCurveAt(const VELTGraphLayout& layout, VELTPoint point) {
+    const VELTRect& box = layout.legend;
+    if (layout.legendNames.empty() || !box.contains(point))
+        return std::nullopt;
+    // The rows share the box's height inside its insets, as drawLegend sets them.
+    const double line = (box.height - 2.0 * kLegendInset) / static_cast<double>(layout.legendNames.size());
+    const double down = point.y - box.y - kLegendInset;
+    if (down < 0.0 || !(line > 0.0))
+        return std::nullopt;
+    const auto row = static_cast<std::size_t>(down / line);
+    return row < layout.legendCurves ? std::optional(row) : std::nullopt;
+}
+
 } // namespace tavolar

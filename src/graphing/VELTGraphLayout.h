@@ -115,6 +115,9 @@ struct VELTGraphLayout {
 };
 
 VELTGraphLayout layoutGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds);
+// The curve whose legend row holds the point (in the layout's points), if any: for views that hide a
+// curve when its legend entry is clicked.
+std::optional<std::size_t> legendCurveAt(const VELTGraphLayout& layout, VELTPoint point);
 // Lays out and draws the graph.
 VELTGraphLayout drawGraph(VELTPainter& painter, const VELTGraphPlot& plot, const VELTRect& bounds);
 

@@ -381,14 +381,15 @@ Expected<GraphPicture> plotRecords(const RecordArray& records, const PlotSetting
     return picture;
 }
 
-void drawPicture(VELTPainter& painter, const GraphPicture& picture, const VELTRect& bounds) {
+std::optional<VELTGraphLayout> drawPicture(VELTPainter& painter, const GraphPicture& picture,
+                                           const VELTRect& bounds) {
     switch (picture.style) {
     case PictureStyle::Waterfall:
         drawWaterfall(painter, picture, bounds);
-        return;
+        return std::nullopt;
     case PictureStyle::HeatMap:
         drawHeatMap(painter, picture, bounds);
-        return;
+        return std::nullopt;
     case PictureStyle::Bars:
     case PictureStyle::Curves:
         break;
@@ -401,7 +402,7 @@ void drawPicture(VELTPainter& painter, const GraphPicture& picture, const VELTRe
     const VELTColor shade{0.5, 0.5, 0.5, 0.1};
     for (const auto& [begin, end] : picture.windows)
         plot.xSpans.push_back({begin, end, shade});
-    drawGraph(painter, plot, bounds);
+    return drawGraph(painter, plot, bounds);
 }
 
 namespace {

@@ -89,7 +89,9 @@ const std::vector<std::string_view>& plotGraphNames();
 Expected<GraphPicture> plotRecords(const RecordArray& records, const PlotSettings& settings);
 
 // Draws the picture into bounds (points) through the painter: a view's paint method or a file.
-void drawPicture(VELTPainter& painter, const GraphPicture& picture, const VELTRect& bounds);
+// Answers the layout of pictures of curves and bars, as drawn.
+std::optional<VELTGraphLayout> drawPicture(VELTPainter& painter, const GraphPicture& picture,
+                                           const VELTRect& bounds);
 
 // Writes the picture to a file whose extension says the format: .png, .svg, .pdf or .tif(f) (drawn at
 // the size) or .csv (the data as columns, X then Y of each curve; the size is not used). The metadata

@@ -187,11 +187,13 @@ TEST(GraphWidget, AClickOnTheLegendHidesThatCurvesRecord) {
     GraphWidget& view = open.graph();
     view.repaint();
     const QRectF area = view.plotArea();
-    // The legend sits in the plot area's top right corner, a row per record: find the second row.
+    // The legend sits where the layout put it (a corner, or beside the plot), a row per record:
+    // find the middle of the second row.
     std::optional<QPoint> second;
-    for (int y = static_cast<int>(area.top()); y < area.top() + 60 && !second; ++y)
-        if (view.legendRowAt(QPointF(area.right() - 20, y)) == 1)
-            second = QPoint(static_cast<int>(area.right()) - 20, y + 2);
+    for (int y = 0; y < view.height() && !second; y += 2)
+        for (int x = 0; x < view.width() && !second; x += 8)
+            if (view.legendRowAt(QPointF(x, y)) == 1 && view.legendRowAt(QPointF(x, y + 4)) == 1)
+                second = QPoint(x, y + 2);
     ASSERT_TRUE(second);
     EXPECT_FALSE(view.legendRowAt(area.center()).has_value());
     const std::string uuid = open.window->document().records()[1]->impulseUUID();
