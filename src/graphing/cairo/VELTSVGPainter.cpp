@@ -1,6 +1,7 @@
 #include "graphing/cairo/VELTSVGPainter.h"
 
 #include "graphing/VELTPNGEncoder.h"
+#include "platform/Base64.h"
 
 #include <algorithm>
 #include <cairo.h>
@@ -50,25 +51,6 @@ std::string pathData(std::span<const VELTPoint> points, bool closed) {
     if (closed)
         data += " Z";
     return data;
-}
-
-std::string base64(std::string_view bytes) {
-    static constexpr char digits[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string text;
-    text.reserve((bytes.size() + 2) / 3 * 4);
-    for (std::size_t i = 0; i < bytes.size(); i += 3) {
-        const std::size_t left = bytes.size() - i;
-        std::uint32_t group = static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[i])) << 16;
-        if (left > 1)
-            group |= static_cast<std::uint32_t>(static_cast<unsigned char>(bytes[i + 1])) << 8;
-        if (left > 2)
-            group |= static_cast<unsigned char>(bytes[i + 2]);
-        text += digits[(group >> 18) & 63];
-        text += digits[(group >> 12) & 63];
-        text += left > 1 ? digits[(group >> 6) & 63] : '=';
-        text += left > 2 ? digits[group & 63] : '=';
-    }
-    return text;
 }
 
 } // namespace
@@ -197,7 +179,7 @@ void VELTSVGPainter::drawImage(const VELTRect& rect, int width, int height,
                          "image-rendering=\"optimizeSpeed\" style=\"image-rendering:pixelated\" "
                          "xlink:href=\"data:image/png;base64,",
                          number(rect.x), number(rect.y), number(rect.width), number(rect.height));
-    body_ += base64(png);
+    body_ += base64Encode({reinterpret_cast<const std::uint8_t*>(png.data()), png.size()});
     body_ += "\"/>\n";
 }
 
